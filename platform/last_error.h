@@ -1,0 +1,38 @@
+// The one seam between the portable half of the program and the platform: the calling thread's last error.
+//
+// On Windows it is the Win32 last-error value; elsewhere (tests with sanitizers, fuzzers) it is errno, so that
+// std::system_category() gives a text for the number on both. Portable code includes this and no platform header.
+// Both functions act on the calling thread only and never fail.
+#pragma once
+
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <cerrno>
+#endif
+
+namespace corvo {
+
+#ifdef _WIN32
+inline constexpr unsigned int error_not_enough_memory = ERROR_NOT_ENOUGH_MEMORY;
+
+inline unsigned int last_error() noexcept {
+    return ::GetLastError();
+}
+
+inline void set_last_error(unsigned int number) noexcept {
+    ::SetLastError(number);
+}
+#else
+inline constexpr unsigned int error_not_enough_memory = ENOMEM;
+
+inline unsigned int last_error() noexcept {
+    return static_cast<unsigned int>(errno);
+}
+
+inline void set_last_error(unsigned int number) noexcept {
+    errno = static_cast<int>(number);
+}
+#endif
+
+} // namespace corvo

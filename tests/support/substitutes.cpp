@@ -1,0 +1,31 @@
+#include "tests/support/substitutes.h"
+
+namespace support {
+
+#define LUMARIS_DEFINE(library, name) constinit substitute<decltype(::name)> name{library, #name};
+LUMARIS_SUBSTITUTES(LUMARIS_DEFINE)
+#undef LUMARIS_DEFINE
+
+namespace {
+
+// The dispatcher has the platform's signature and finds its substitute at compile time.
+template <auto* Target, class F> struct dispatcher;
+
+template <auto* Target, class R, class... A> struct dispatcher<Target, R(A...)> {
+    static R call(A... arguments) {
+        return Target->call(arguments...);
+    }
+};
+
+} // namespace
+} // namespace support
+
+// The names must be those of the import library, reserved or not: they are what the linker looks up.
+#pragma clang diagnostic ignored "-Wreserved-identifier"
+extern "C" {
+#define LUMARIS_IMPORT(library, name)                                                                                  \
+    extern decltype(&::name) const __imp_##name;                                                                       \
+    decltype(&::name) const __imp_##name = &support::dispatcher<&support::name, decltype(::name)>::call;
+LUMARIS_SUBSTITUTES(LUMARIS_IMPORT)
+#undef LUMARIS_IMPORT
+}

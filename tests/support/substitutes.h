@@ -1,0 +1,48 @@
+// The imported functions that unit tests may replace, one substitute each; see substitute.h.
+#pragma once
+
+#include "tests/support/substitute.h"
+
+#define SECURITY_WIN32
+#include <objbase.h>
+#include <security.h>
+#include <shellapi.h>
+#include <shlobj.h>
+#include <winhttp.h>
+
+extern "C" __declspec(dllimport) void NTAPI RtlGetNtVersionNumbers(ULONG* major, ULONG* minor, ULONG* build);
+
+// clang-format off
+#define LUMARIS_SUBSTITUTES(X)                                                                                          \
+    X("kernel32.dll", CreateFileW)          X("kernel32.dll", ReadFile)            X("kernel32.dll", WriteFile)         \
+    X("kernel32.dll", CloseHandle)          X("kernel32.dll", SetFilePointer)      X("kernel32.dll", GetFileSize)       \
+    X("kernel32.dll", FlushFileBuffers)     X("kernel32.dll", LockFile)            X("kernel32.dll", UnlockFile)        \
+    X("kernel32.dll", SetEndOfFile)         X("kernel32.dll", GetFileTime)         X("kernel32.dll", SetFileTime)       \
+    X("kernel32.dll", GetTempPathW)         X("kernel32.dll", CreateDirectoryW)    X("kernel32.dll", FindClose)         \
+    X("kernel32.dll", FormatMessageW)       X("kernel32.dll", LoadLibraryW)        X("kernel32.dll", FreeLibrary)       \
+    X("kernel32.dll", LocalFree)            X("kernel32.dll", WideCharToMultiByte) X("kernel32.dll", MultiByteToWideChar) \
+    X("kernel32.dll", ExpandEnvironmentStringsW) X("kernel32.dll", GetModuleFileNameW) X("kernel32.dll", GetACP)        \
+    X("kernel32.dll", WaitForSingleObject)  X("kernel32.dll", ReleaseMutex)        X("kernel32.dll", CreateEventW)      \
+    X("kernel32.dll", SetEvent)             X("kernel32.dll", GetCommandLineW)     X("kernel32.dll", GetProcAddress)    \
+    X("advapi32.dll", RegOpenKeyExW)        X("advapi32.dll", RegQueryValueExW)    X("advapi32.dll", RegCloseKey)       \
+    X("advapi32.dll", RegisterEventSourceW) X("advapi32.dll", ReportEventW)        X("advapi32.dll", DeregisterEventSource) \
+    X("advapi32.dll", OpenProcessToken)     X("advapi32.dll", GetTokenInformation)                                      \
+    X("advapi32.dll", AllocateAndInitializeSid) X("advapi32.dll", EqualSid)        X("advapi32.dll", FreeSid)           \
+    X("ole32.dll", CoInitialize)            X("ole32.dll", CoUninitialize)         X("ole32.dll", CoCreateInstance)     \
+    X("ole32.dll", CoTaskMemFree)           X("shell32.dll", ShellExecuteW)        X("shell32.dll", SHGetKnownFolderPath) \
+    X("shell32.dll", CommandLineToArgvW)    X("user32.dll", GetProcessWindowStation)                                    \
+    X("user32.dll", GetUserObjectInformationW) X("secur32.dll", GetUserNameExW)    X("ntdll.dll", RtlGetNtVersionNumbers) \
+    X("winhttp.dll", WinHttpOpen)           X("winhttp.dll", WinHttpSetTimeouts)   X("winhttp.dll", WinHttpConnect)     \
+    X("winhttp.dll", WinHttpOpenRequest)    X("winhttp.dll", WinHttpCloseHandle)   X("winhttp.dll", WinHttpSetOption)   \
+    X("winhttp.dll", WinHttpSetStatusCallback) X("winhttp.dll", WinHttpAddRequestHeaders)                               \
+    X("winhttp.dll", WinHttpSendRequest)    X("winhttp.dll", WinHttpReceiveResponse) X("winhttp.dll", WinHttpQueryHeaders) \
+    X("winhttp.dll", WinHttpReadData)       X("winhttp.dll", WinHttpWriteData)     X("winhttp.dll", WinHttpQueryDataAvailable)
+// clang-format on
+
+namespace support {
+
+#define LUMARIS_DECLARE(library, name) extern substitute<decltype(::name)> name;
+LUMARIS_SUBSTITUTES(LUMARIS_DECLARE)
+#undef LUMARIS_DECLARE
+
+} // namespace support
