@@ -1,0 +1,84 @@
+// Composites over a list of parts. `parser_collection` holds the list; `basic_branch` matches the first of its
+// alternatives that matches, in the order given, and keeps its index; `basic_string_branch` is the branch over
+// literal strings. The references are stored in the object itself, so their number is part of the type.
+// `Part` may be a final matcher class, which then is called directly, or `basic_parser<T>` for mixed parts.
+// No reference is null.
+#pragma once
+
+#include "http/parser/basic_parser.h"
+#include "http/parser/basic_string.h"
+
+#include <array>
+#include <cstddef>
+#include <memory>
+#include <utility>
+
+namespace corvo::parser {
+
+template <class T, class Part, std::size_t Count> class parser_collection : public basic_parser<T> {
+public:
+    using part_list = std::array<std::shared_ptr<Part>, Count>;
+
+    void invalidate() noexcept override {
+        for (const std::shared_ptr<Part> &part : m_parts) {
+            part->invalidate();
+        }
+        basic_parser<T>::invalidate();
+    }
+
+protected:
+    explicit parser_collection(part_list parts, locale_ref loc) noexcept
+        : basic_parser<T>(loc), m_parts(std::move(parts)) {}
+
+    part_list m_parts;
+};
+
+template <class T, class Part, std::size_t Count>
+class basic_branch final : public parser_collection<T, Part, Count> {
+    using base = parser_collection<T, Part, Count>;
+
+public:
+    explicit basic_branch(typename base::part_list alternatives, locale_ref loc = {}) noexcept
+        : base(std::move(alternatives), loc) {}
+
+    void invalidate() noexcept override {
+        m_index = npos;
+        base::invalidate();
+    }
+
+    bool do_match(const T *text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
+        const std::size_t former = m_index;
+        for (std::size_t index = 0; index < Count; ++index) {
+            if (this->match_part(*this->m_parts[index], text, start, end, flags)) {
+                // Alternatives before this one have just failed; of those behind it only the former match
+                // can still hold an interval.
+                if (former != npos && former > index) {
+                    this->m_parts[former]->invalidate();
+                }
+                m_index = index;
+                return this->succeed(start, this->m_parts[index]->hit().end);
+            }
+        }
+        m_index = npos;
+        return this->fail();
+    }
+
+    // Index of the alternative that matched; `npos` when there is no match.
+    std::size_t index() const noexcept { return m_index; }
+
+private:
+    std::size_t m_index = npos;
+};
+
+template <class T, std::size_t Count> using basic_string_branch = basic_branch<T, basic_string<T>, Count>;
+
+// Unowned references to the first `Count` matchers of an array.
+template <std::size_t Count, class Part, std::size_t Size>
+std::array<std::shared_ptr<Part>, Count> unowned_list(std::array<Part, Size> &parts) noexcept {
+    static_assert(Count <= Size);
+    return [&parts]<std::size_t... Index>(std::index_sequence<Index...>) {
+        return std::array<std::shared_ptr<Part>, Count>{unowned(parts[Index])...};
+    }(std::make_index_sequence<Count>());
+}
+
+} // namespace corvo::parser
