@@ -1,0 +1,16 @@
+# libsodium, as the target Sodium::Sodium.
+find_path(Sodium_INCLUDE_DIR sodium.h)
+find_library(Sodium_LIBRARY NAMES libsodium.a sodium)
+include(FindPackageHandleStandardArgs)
+find_package_handle_standard_args(Sodium REQUIRED_VARS Sodium_LIBRARY Sodium_INCLUDE_DIR)
+mark_as_advanced(Sodium_INCLUDE_DIR Sodium_LIBRARY)
+if(Sodium_FOUND AND NOT TARGET Sodium::Sodium)
+    add_library(Sodium::Sodium UNKNOWN IMPORTED)
+    set_target_properties(Sodium::Sodium PROPERTIES IMPORTED_LOCATION ${Sodium_LIBRARY})
+    target_include_directories(Sodium::Sodium SYSTEM INTERFACE ${Sodium_INCLUDE_DIR})
+    if(WIN32)
+        # Linked statically: without it the header declares everything as imported.
+        target_compile_definitions(Sodium::Sodium INTERFACE SODIUM_STATIC)
+        target_link_libraries(Sodium::Sodium INTERFACE advapi32)
+    endif()
+endif()

@@ -1,0 +1,15 @@
+# lumaris_harden(TARGET): links a Windows program or library the way the product is linked. High-entropy
+# address layout and data execution prevention, libraries from System32 only, no time stamps, a PDB beside it, no symbols inside.
+function(lumaris_harden target)
+    target_link_options(${target} PRIVATE
+        -Wl,--dynamicbase -Wl,--high-entropy-va -Wl,--nxcompat -Wl,--no-insert-timestamp
+        -Wl,-Xlink=-dependentloadflag:0x800 -Wl,-Xlink=-pdbaltpath:%_PDB%
+        -Wl,--pdb=$<TARGET_FILE_DIR:${target}>/$<TARGET_FILE_BASE_NAME:${target}>.pdb -Wl,-s)
+endfunction()
+
+# lumaris_gui_program(TARGET): a program of the GUI subsystem that starts at wWinMain.
+function(lumaris_gui_program target)
+    target_compile_options(${target} PRIVATE -municode)
+    target_link_options(${target} PRIVATE -municode -mwindows)
+    lumaris_harden(${target})
+endfunction()

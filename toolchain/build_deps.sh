@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Builds the libraries of the program and of its tests for a Windows target, inside the room: zlib, libsodium, GoogleTest.
+#
+#   build_deps.sh aarch64|x86_64 SOURCES OUT WORK
+set -euo pipefail
+arch=$1 sources=$2 out=$3 work=$4
+target=$arch-w64-mingw32
+sysroot=/opt/lumaris/toolchain-$arch
+jobs=-j$(nproc)
+mkdir -p "$work"
+cd "$work"
+common="-O2 -ffunction-sections -fdata-sections -mguard=cf -ffile-prefix-map=$work=/deps"
+export CC="clang-19 --target=$target --sysroot=$sysroot -resource-dir=$sysroot/resource"
+export AR=llvm-ar-19 RANLIB=llvm-ranlib-19
+
+echo "## zlib"
+tar -xf "$sources"/zlib_*.tar.* --strip-components=1 --one-top-level=zlib
+(cd zlib && CFLAGS="$common" CHOST=$target ./configure --static --prefix="$out" && make "$jobs" libz.a &&
+    install -D -m 644 -t "$out/lib" libz.a && install -D -m 644 -t "$out/include" zlib.h zconf.h)
+
+echo "## libsodium"
+tar -xf "$sources"/libsodium_*.tar.* --strip-components=1 --one-top-level=libsodium
+(cd libsodium && CFLAGS="$common" LDFLAGS="-fuse-ld=lld-19 -rtlib=compiler-rt" ./configure --host="$target" --prefix="$out" \
+    --disable-shared --enable-static --disable-dependency-tracking --disable-ssp --disable-pie && make "$jobs" -C src && make -C src install)
+
+echo "## GoogleTest"
+tar -xf "$sources"/googletest_*.tar.* --strip-components=1 --one-top-level=googletest
+cmake -G Ninja -S googletest -B googletest-build -DCMAKE_TOOLCHAIN_FILE="$(dirname "$0")/windows-$arch.cmake" \
+    -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$out" -DBUILD_GMOCK=ON -Dgtest_disable_pthreads=ON \
+    "-DCMAKE_CXX_FLAGS=-ffile-prefix-map=$work=/deps"
+ninja -C googletest-build install
+rm -rf "$out/share" "$out/lib/pkgconfig" "$out/lib"/*.la

@@ -1,0 +1,93 @@
+# shellcheck shell=bash
+# What the machine itself must give: root rights, two packages, a package mirror, namespaces and binfmt_misc.
+
+need_root() {
+    ((EUID == 0)) || die "the set-up needs root rights: it installs packages and makes root folders of another Debian" \
+        "Run: sudo $0 ${word:-}"
+}
+
+# The mirror of the machine's own apt configuration: the first binary source with a component main that is neither
+# an update archive of its own (security) nor some vendor's. LUMARIS_MIRROR overrides it.
+find_mirror() {
+    if [[ -n ${LUMARIS_MIRROR:-} ]]; then
+        mirror=$LUMARIS_MIRROR
+        return
+    fi
+    local codename
+    codename=$(. /etc/os-release && printf '%s' "${VERSION_CODENAME:-}")
+    # shellcheck disable=SC2016 # the $(...) are apt's own fields
+    mirror=$(apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' 'Created-By: Packages' 2>/dev/null |
+        awk -v want="$codename" '$2 == want && $3 == "main" { print $1; exit }')
+    mirror=${mirror%/}
+    [[ -n $mirror ]] || die "no package mirror found in the machine's apt configuration" \
+        "Set LUMARIS_MIRROR to the address of a mirror that has Debian 13 (trixie)."
+}
+
+# apt options of the machine that a mirror may need (proxies, a clock that is off).
+apt_options() {
+    apt-config dump 2>/dev/null | grep -E '^Acquire::(https?::|ftp::)?(Proxy|Check-Date|Check-Valid-Until|http::[^ ]*Proxy)' | grep -v '""' || true
+    printf '%s\n' 'Acquire::Retries "3";' 'Acquire::http::Timeout "20";' 'Acquire::https::Timeout "20";' \
+        'APT::Install-Recommends "false";' 'Acquire::Languages "none";'
+}
+
+prepare_host() {
+    local missing=() package
+    command -v mmdebstrap >/dev/null || missing+=(mmdebstrap)
+    command -v bwrap >/dev/null || missing+=(bubblewrap)
+    command -v apt-get >/dev/null || die "this machine has no apt-get: a Debian or a system made from it is needed"
+    if ((${#missing[@]})); then
+        say "Installing on this machine: ${missing[*]} (log: $logs/host.log)"
+        if ! { apt-get update && DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}"; } \
+            >"$logs/host.log" 2>&1 </dev/null; then
+            tail -n 8 "$logs/host.log" | sed 's/^/    /' >&2
+            mirror=
+            die "cannot install ${missing[*]}: $(explain_failure "$logs/host.log")" "log: $logs/host.log"
+        fi
+    fi
+    for package in /usr/share/keyrings/debian-archive-keyring.gpg; do
+        [[ -r $package ]] || die "$package is missing: install the package debian-archive-keyring"
+    done
+    find_mirror
+}
+
+# Sets namespaces_fault to the reason when jobs cannot be put into namespaces of their own.
+check_namespaces() {
+    namespaces_fault=
+    if ! command -v bwrap >/dev/null; then
+        namespaces_fault='bubblewrap is not installed'
+        return
+    fi
+    local text
+    text=$(bwrap --bind / / --unshare-net --unshare-pid --proc /proc --dev /dev true 2>&1) ||
+        namespaces_fault="this machine forbids namespaces ($(head -n 1 <<<"$text"))"
+}
+
+# Sets arm64_fault to the reason when ARM64 programs cannot be run. Registers the room's own static qemu with the
+# kernel where nothing handles ARM64 programs yet; flag F makes the kernel hold the interpreter open, so that it works
+# inside every room.
+check_arm64() {
+    local room=$1 interpreter=$2 text
+    arm64_fault=
+    runs_arm64 "$room" && return
+    local control=/proc/sys/fs/binfmt_misc
+    if [[ ! -e $control/register ]]; then
+        text=$(mount -t binfmt_misc binfmt_misc "$control" 2>&1) || {
+            arm64_fault="binfmt_misc cannot be mounted ($(head -n 1 <<<"$text"))"
+            return
+        }
+    fi
+    if [[ ! -w $control/register ]]; then
+        arm64_fault='binfmt_misc cannot be written to'
+        return
+    fi
+    [[ ! -e $control/lumaris-aarch64 ]] || echo -1 >"$control/lumaris-aarch64" 2>/dev/null
+    local magic='\x7fELF\x02\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\xb7\x00'
+    local mask='\xff\xff\xff\xff\xff\xff\xff\x00\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff\xff'
+    if ! text=$( { printf '%s' ":lumaris-aarch64:M::$magic:$mask:$interpreter:POF" >"$control/register"; } 2>&1); then
+        arm64_fault="binfmt_misc refuses the registration ($(sed 's/.*: //' <<<"$text"))"
+        return
+    fi
+    runs_arm64 "$room" || arm64_fault='ARM64 programs do not start although binfmt_misc took the registration'
+}
+
+runs_arm64() { chroot "$1" /usr/bin/true >/dev/null 2>&1; }
