@@ -46,7 +46,7 @@ memory_file::memory_file(std::size_t reserved) {
     }
 }
 
-memory_file::~memory_file() noexcept {
+memory_file::~memory_file() {
     if (m_manage) {
         std::free(m_data);
     }

@@ -16,7 +16,7 @@ public:
     // Starts with a block of `reserved` bytes and no contents; throws std::bad_alloc.
     explicit memory_file(std::size_t reserved);
 
-    ~memory_file() noexcept override;
+    ~memory_file() override;
 
     std::size_t read(void* data, std::size_t length) override;
 
