@@ -1,9 +1,9 @@
 // Progress indicators: how a long operation tells its advance and asks whether to stop.
 //
-// Operations take one as a nullable pointer that they do not own; null means that no progress is wanted and that nothing
-// cancels. An indicator is called on whichever thread does the work (for transfers the HTTP service's callback thread),
-// so one that drives a user interface marshals the calls itself. The operation decides what an exception thrown by an
-// indicator does to it; the classes here throw none.
+// Operations take one as a nullable pointer that they do not own; null means that no progress is wanted and
+// that nothing cancels. An indicator is called on whichever thread does the work (for transfers the HTTP
+// service's callback thread), so one that drives a user interface marshals the calls itself. The operation
+// decides what an exception thrown by an indicator does to it; the classes here throw none.
 #pragma once
 
 #include <limits>
@@ -31,12 +31,11 @@ public:
     virtual void show(bool /*visible*/) {}
 
     // True when the user asked to stop.
-    virtual bool cancel() {
-        return false;
-    }
+    virtual bool cancel() { return false; }
 };
 
-// Maps the range of a part of the work onto a slice of another indicator's range. The host may be null and is not owned.
+// Maps the range of a part of the work onto a slice of another indicator's range. The host may be null and is
+// not owned.
 template <class T> class global_progress : public progress<T> {
     static_assert(std::is_unsigned_v<T>);
 
@@ -63,7 +62,8 @@ public:
         }
         // In floating point, because the product of two large widths does not fit the positions' type.
         const double share = distance(m_start, position) / static_cast<double>(local);
-        m_host->set(add(m_target_start, truncate(share * static_cast<double>(width(m_target_start, m_target_end)))));
+        m_host->set(
+            add(m_target_start, truncate(share * static_cast<double>(width(m_target_start, m_target_end)))));
     }
 
     void show(bool visible) override {
@@ -72,21 +72,17 @@ public:
         }
     }
 
-    bool cancel() override {
-        return m_host != nullptr && m_host->cancel();
-    }
+    bool cancel() override { return m_host != nullptr && m_host->cancel(); }
 
 private:
-    static T width(T start, T end) noexcept {
-        return end > start ? static_cast<T>(end - start) : T{0};
-    }
+    static T width(T start, T end) noexcept { return end > start ? static_cast<T>(end - start) : T{0}; }
 
     static double distance(T from, T to) noexcept {
         return to < from ? -static_cast<double>(from - to) : static_cast<double>(to - from);
     }
 
-    // A position outside its own range may map to one that T cannot hold, where the conversion would be undefined: it
-    // stays at the nearest that T can.
+    // A position outside its own range may map to one that T cannot hold, where the conversion would be
+    // undefined: it stays at the nearest that T can.
     static T truncate(double value) noexcept {
         if (value <= 0) {
             return 0;
@@ -96,7 +92,8 @@ private:
     }
 
     static T add(T left, T right) noexcept {
-        return right > std::numeric_limits<T>::max() - left ? std::numeric_limits<T>::max() : static_cast<T>(left + right);
+        return right > std::numeric_limits<T>::max() - left ? std::numeric_limits<T>::max()
+                                                            : static_cast<T>(left + right);
     }
 
     progress<T>* m_host;

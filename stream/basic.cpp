@@ -37,9 +37,9 @@ void basic::close() {
     m_state = state_t::ok;
 }
 
-// The three ways are meant to differ: a short skip is a parser stepping over a few bytes that must be there, so it
-// throws like read_byte; a long one is a transfer, whose outcome is in the state; none at all touches nothing, not even
-// a state that an earlier operation left.
+// The three ways are meant to differ: a short skip is a parser stepping over a few bytes that must be there,
+// so it throws like read_byte; a long one is a transfer, whose outcome is in the state; none at all touches
+// nothing, not even a state that an earlier operation left.
 void basic::skip(fsize amount) {
     if (amount < shortest_block_skip) {
         for (; amount > 0; --amount) {

@@ -1,9 +1,10 @@
 // The abstract byte stream and the value types that every stream shares.
 //
-// A stream is used by one thread at a time and holds no lock. An ordinary input or output failure does not throw: each
-// operation leaves its outcome in the state, which the caller tests. Only the conveniences that have no other way to
-// report (read_byte, a short skip) throw std::system_error with the thread's last error.
-// Streams are neither copied nor moved; each owns what it reads from or writes to, unless its own header says otherwise.
+// A stream is used by one thread at a time and holds no lock. An ordinary input or output failure does not
+// throw: each operation leaves its outcome in the state, which the caller tests. Only the conveniences that
+// have no other way to report (read_byte, a short skip) throw std::system_error with the thread's last error.
+// Streams are neither copied nor moved; each owns what it reads from or writes to, unless its own header says
+// otherwise.
 #pragma once
 
 #include <cstddef>
@@ -19,8 +20,8 @@ inline constexpr fpos fpos_max = std::numeric_limits<fpos>::max();
 using foff = std::int64_t;
 using fsize = std::uint64_t;
 
-// The numbers are those of FILE_BEGIN, FILE_CURRENT and FILE_END. Any other number may be carried, since the streams
-// themselves refuse unknown origins.
+// The numbers are those of FILE_BEGIN, FILE_CURRENT and FILE_END. Any other number may be carried, since the
+// streams themselves refuse unknown origins.
 enum seek_t : unsigned int { seek_beg = 0, seek_cur = 1, seek_end = 2 };
 
 // Ticks of 100 ns since 1970-01-01 00:00 UTC; time_point_none means that no time is available.
@@ -40,8 +41,8 @@ public:
     basic(const basic&) = delete;
     basic& operator=(const basic&) = delete;
 
-    // May throw, because the destructor of a stream over a system handle does (see sys_object.h) and an overriding
-    // destructor must not promise less than this one.
+    // May throw, because the destructor of a stream over a system handle does (see sys_object.h) and an
+    // overriding destructor must not promise less than this one.
     virtual ~basic() noexcept(false);
 
     // Reads up to `length` bytes and returns how many were read. Here: nothing can be read, state fail.
@@ -53,17 +54,13 @@ public:
     virtual void flush();
     virtual void close();
 
-    // Advances over `amount` bytes of input; fewer, if the input ends or fails before. See the source for how failures
-    // differ with the amount.
+    // Advances over `amount` bytes of input; fewer, if the input ends or fails before. See the source for how
+    // failures differ with the amount.
     virtual void skip(fsize amount);
 
-    [[nodiscard]] state_t state() const noexcept {
-        return m_state;
-    }
+    [[nodiscard]] state_t state() const noexcept { return m_state; }
 
-    [[nodiscard]] bool ok() const noexcept {
-        return m_state == state_t::ok;
-    }
+    [[nodiscard]] bool ok() const noexcept { return m_state == state_t::ok; }
 
     // Returns the next byte; throws std::system_error "failed to read" where there is none.
     std::uint8_t read_byte();

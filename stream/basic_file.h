@@ -1,8 +1,8 @@
-// The abstract random-access file: a stream with a position, a size and, where the kind of file has them, locks and
-// times.
+// The abstract random-access file: a stream with a position, a size and, where the kind of file has them,
+// locks and times.
 //
-// Threads and state are those of corvo::stream::basic. What a kind of file does not have throws std::domain_error "not
-// implemented" (locks, setting a time) or gives time_point_none (reading a time).
+// Threads and state are those of corvo::stream::basic. What a kind of file does not have throws
+// std::domain_error "not implemented" (locks, setting a time) or gives time_point_none (reading a time).
 #pragma once
 
 #include "stream/basic.h"
@@ -12,8 +12,8 @@ namespace corvo::stream {
 // The virtual functions stand in a fixed slot order, behind those of basic.
 class basic_file : virtual public basic {
 public:
-    // Seeks forward from the current position, so it may pass the end. An amount above 0x7FFFFFFFFFFFFFFF does not fit
-    // a seek: std::invalid_argument "file offset too big".
+    // Seeks forward from the current position, so it may pass the end. An amount above 0x7FFFFFFFFFFFFFFF
+    // does not fit a seek: std::invalid_argument "file offset too big".
     void skip(fsize amount) override;
 
     // Returns the new position, or fpos_max with state fail.

@@ -6,8 +6,8 @@ namespace corvo::stream {
 
 namespace {
 
-// Some drivers and redirectors refuse a single transfer beyond some 32 MB, and with little memory left even that is too
-// much to lock: then 64 KiB is tried.
+// Some drivers and redirectors refuse a single transfer beyond some 32 MB, and with little memory left even
+// that is too much to lock: then 64 KiB is tried.
 constexpr DWORD longest_piece = 0x1F80000;
 constexpr DWORD frugal_piece = 0x10000;
 
@@ -15,9 +15,9 @@ DWORD piece_of(std::size_t rest, DWORD limit) noexcept {
     return static_cast<DWORD>(std::min<std::size_t>(rest, limit));
 }
 
-// A bad buffer or a mapped file whose medium has gone makes the system call itself fault, and a transfer that faults is a
-// transfer that failed. The function that holds __try has nothing to destroy, and what it guards is a call: a fault of
-// its own instructions would not be caught.
+// A bad buffer or a mapped file whose medium has gone makes the system call itself fault, and a transfer that
+// faults is a transfer that failed. The function that holds __try has nothing to destroy, and what it guards
+// is a call: a fault of its own instructions would not be caught.
 BOOL guarded_read(HANDLE handle, void* data, DWORD length, DWORD* done) {
     __try {
         return ::ReadFile(handle, data, length, done, nullptr);
@@ -72,7 +72,8 @@ std::size_t basic_sys::write(const void* data, std::size_t length) {
     std::size_t total = 0;
     while (total < length) {
         DWORD done = 0;
-        const BOOL succeeded = guarded_write(m_handle, bytes + total, piece_of(length - total, longest_piece), &done);
+        const BOOL succeeded =
+            guarded_write(m_handle, bytes + total, piece_of(length - total, longest_piece), &done);
         total += done;
         // A pipe that does not wait may succeed with nothing taken; asking again without end would hang.
         if (succeeded == FALSE || done == 0) {
@@ -94,7 +95,8 @@ void basic_sys::close() {
     }
     if (!sys_object_traits::close(m_handle)) {
         const unsigned int number = last_error();
-        throw std::system_error(static_cast<int>(number), std::system_category(), sys_object_traits::close_failed);
+        throw std::system_error(static_cast<int>(number), std::system_category(),
+                                sys_object_traits::close_failed);
     }
     m_handle = sys_object_traits::invalid();
     m_state = state_t::ok;

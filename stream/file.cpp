@@ -103,8 +103,8 @@ void file::open(const wchar_t* filename, int mode) {
     static_assert(sizeof security == 24);
     security.nLength = sizeof security;
     security.bInheritHandle = (mode & inherit_handle) != 0 ? TRUE : FALSE;
-    m_handle =
-        ::CreateFileW(filename, access_of(mode), sharing_of(mode), &security, disposition, flags_of(mode), nullptr);
+    m_handle = ::CreateFileW(filename, access_of(mode), sharing_of(mode), &security, disposition,
+                             flags_of(mode), nullptr);
     if (!valid()) {
         m_state = state_t::fail;
         return;
@@ -138,7 +138,8 @@ void file::unlock(fpos offset, fsize length) {
 }
 
 fsize file::size() {
-    // A size whose low half is all ones differs from a failure by the last error only, which a success does not clear.
+    // A size whose low half is all ones differs from a failure by the last error only, which a success does
+    // not clear.
     set_last_error(NO_ERROR);
     DWORD high = 0;
     const DWORD low = ::GetFileSize(m_handle, &high);
@@ -183,12 +184,12 @@ void file::set_mtime(time_point time) {
 }
 
 fpos file::set_pointer(foff offset, seek_t how) noexcept {
-    // A position whose low half is all ones differs from a failure by the last error only, which a success does not
-    // clear.
+    // A position whose low half is all ones differs from a failure by the last error only, which a success
+    // does not clear.
     set_last_error(NO_ERROR);
     LONG high = static_cast<LONG>(offset >> 32);
-    const DWORD low =
-        ::SetFilePointer(m_handle, static_cast<LONG>(low_half(static_cast<std::uint64_t>(offset))), &high, how);
+    const DWORD low = ::SetFilePointer(
+        m_handle, static_cast<LONG>(low_half(static_cast<std::uint64_t>(offset))), &high, how);
     if (low == INVALID_SET_FILE_POINTER && last_error() != NO_ERROR) {
         return fpos_max;
     }

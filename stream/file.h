@@ -1,8 +1,9 @@
 // A file on disk (Windows only).
 //
-// Owns its handle, which other processes may share as the open mode allows. One thread at a time. A file that cannot be
-// opened, read, written, sought, locked or cut is told by the state and the thread's last error; an open mode that makes
-// no sense throws std::invalid_argument, a failed closing or setting of a time std::system_error.
+// Owns its handle, which other processes may share as the open mode allows. One thread at a time. A file that
+// cannot be opened, read, written, sought, locked or cut is told by the state and the thread's last error; an
+// open mode that makes no sense throws std::invalid_argument, a failed closing or setting of a time
+// std::system_error.
 #pragma once
 
 #include "stream/basic_file.h"
@@ -10,8 +11,8 @@
 
 namespace corvo::stream {
 
-// How a file is opened: one of the five dispositions (the field 0x38), and any of the others. Every value says what it
-// passes to CreateFileW.
+// How a file is opened: one of the five dispositions (the field 0x38), and any of the others. Every value
+// says what it passes to CreateFileW.
 enum open_mode : int {
     mode_for_reading = 0x1, // GENERIC_READ
     mode_for_writing = 0x2, // GENERIC_WRITE
@@ -42,14 +43,14 @@ public:
     // A closed file, state ok.
     file() = default;
 
-    // Takes over a handle that was opened elsewhere; INVALID_HANDLE_VALUE gives a closed file with state fail.
+    // Takes over a handle that was opened elsewhere; INVALID_HANDLE_VALUE gives a closed file, state fail.
     explicit file(HANDLE handle) noexcept;
 
     // Opens as `open` does.
     file(const wchar_t* filename, int mode);
 
-    // `mode` is a sum of open_mode flags. An open file is closed first. The state tells whether the file was opened;
-    // throws std::invalid_argument "invalid mode" for a disposition that does not exist.
+    // `mode` is a sum of open_mode flags. An open file is closed first. The state tells whether the file was
+    // opened; throws std::invalid_argument "invalid mode" for a disposition that does not exist.
     void open(const wchar_t* filename, int mode);
 
     // `how` is passed on as it stands; what the system does not know fails.

@@ -1,4 +1,5 @@
-// Conversion between time_point and the platform's FILETIME, which counts the same ticks from 1601-01-01 (Windows only).
+// Conversion between time_point and the platform's FILETIME, which counts the same ticks from 1601-01-01
+// (Windows only).
 //
 // Pure functions, never fail: what lies outside the range of the target wraps around.
 #pragma once
@@ -14,7 +15,8 @@ inline constexpr std::uint64_t file_time_epoch = 116444736000000000;
 
 inline FILETIME to_file_time(time_point time) noexcept {
     const std::uint64_t ticks = static_cast<std::uint64_t>(time) + file_time_epoch;
-    return {.dwLowDateTime = static_cast<DWORD>(ticks & 0xFFFFFFFFU), .dwHighDateTime = static_cast<DWORD>(ticks >> 32U)};
+    return {.dwLowDateTime = static_cast<DWORD>(ticks & 0xFFFFFFFFU),
+            .dwHighDateTime = static_cast<DWORD>(ticks >> 32U)};
 }
 
 inline time_point from_file_time(const FILETIME& time) noexcept {

@@ -1,7 +1,8 @@
 // The owner of one operating-system handle under a stream (Windows only).
 //
-// Not copyable; the handle is released exactly once. Releasing keeps the thread's last error. Unlike the other owners of
-// platform handles this one reports a failed release: a file whose closing fails may not hold what was written to it.
+// Not copyable; the handle is released exactly once. Releasing keeps the thread's last error. Unlike the
+// other owners of platform handles this one reports a failed release: a file whose closing fails may not hold
+// what was written to it.
 #pragma once
 
 #include "platform/last_error.h"
@@ -18,13 +19,9 @@ struct sys_object_traits {
     static constexpr unsigned int already_closed = ERROR_INVALID_HANDLE;
     static constexpr const char* close_failed = "CloseHandle failed";
 
-    static HANDLE invalid() noexcept {
-        return INVALID_HANDLE_VALUE;
-    }
+    static HANDLE invalid() noexcept { return INVALID_HANDLE_VALUE; }
 
-    static bool close(HANDLE handle) noexcept {
-        return ::CloseHandle(handle) != FALSE;
-    }
+    static bool close(HANDLE handle) noexcept { return ::CloseHandle(handle) != FALSE; }
 };
 
 template <class T, class Traits> class basic_sys_object {
@@ -35,14 +32,12 @@ public:
     basic_sys_object& operator=(const basic_sys_object&) = delete;
 
     // Throws where free does. That is meant: losing written data in silence is worse. A failure while another
-    // exception is under way ends the program, as a throwing destructor does; code that can do something about a
-    // failed closing calls the stream's close first.
-    virtual ~basic_sys_object() noexcept(false) {
-        basic_sys_object::free();
-    }
+    // exception is under way ends the program, as a throwing destructor does; code that can do something
+    // about a failed closing calls the stream's close first.
+    virtual ~basic_sys_object() noexcept(false) { basic_sys_object::free(); }
 
-    // Closes the handle if there is one. A handle that was closed behind our back is no failure; any other failure
-    // throws std::system_error. The handle is given up either way, so that it is never closed twice.
+    // Closes the handle if there is one. A handle that was closed behind our back is no failure; any other
+    // failure throws std::system_error. The handle is given up either way, so that it is never closed twice.
     virtual void free() {
         if (m_handle == Traits::invalid()) {
             return;
@@ -51,15 +46,14 @@ public:
         if (!Traits::close(std::exchange(m_handle, Traits::invalid()))) {
             const unsigned int number = last_error();
             if (number != Traits::already_closed) {
-                throw std::system_error(static_cast<int>(number), std::system_category(), Traits::close_failed);
+                throw std::system_error(static_cast<int>(number), std::system_category(),
+                                        Traits::close_failed);
             }
         }
         set_last_error(kept);
     }
 
-    [[nodiscard]] bool valid() const noexcept {
-        return m_handle != Traits::invalid();
-    }
+    [[nodiscard]] bool valid() const noexcept { return m_handle != Traits::invalid(); }
 
 protected:
     T m_handle;

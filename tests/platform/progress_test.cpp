@@ -15,21 +15,13 @@ using global_progress = corvo::global_progress<std::uint64_t>;
 // Writes down what it was told.
 class recorder : public progress {
 public:
-    void text(const wchar_t* message) override {
-        texts.emplace_back(message);
-    }
+    void text(const wchar_t* message) override { texts.emplace_back(message); }
 
-    void set_range(std::uint64_t start, std::uint64_t end) override {
-        ranges.emplace_back(start, end);
-    }
+    void set_range(std::uint64_t start, std::uint64_t end) override { ranges.emplace_back(start, end); }
 
-    void set(std::uint64_t position) override {
-        positions.push_back(position);
-    }
+    void set(std::uint64_t position) override { positions.push_back(position); }
 
-    void show(bool visible) override {
-        shown.push_back(visible);
-    }
+    void show(bool visible) override { shown.push_back(visible); }
 
     bool cancel() override {
         ++asked;

@@ -26,23 +26,15 @@ public:
         return 0;
     }
 
-    fpos tell() override {
-        return 0;
-    }
+    fpos tell() override { return 0; }
 
-    fsize size() override {
-        return 0;
-    }
+    fsize size() override { return 0; }
 
     void truncate() override {}
 
-    void put(state_t state) {
-        m_state = state;
-    }
+    void put(state_t state) { m_state = state; }
 
-    [[nodiscard]] const std::vector<std::pair<foff, seek_t>>& sought() const {
-        return m_sought;
-    }
+    [[nodiscard]] const std::vector<std::pair<foff, seek_t>>& sought() const { return m_sought; }
 
 private:
     std::vector<std::pair<foff, seek_t>> m_sought;

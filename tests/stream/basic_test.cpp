@@ -37,9 +37,7 @@ namespace {
 
 class plain : public corvo::stream::basic {
 public:
-    void put(state_t state) {
-        m_state = state;
-    }
+    void put(state_t state) { m_state = state; }
 };
 
 // Answers each read from a list; beyond its end, every read fails.
@@ -61,9 +59,7 @@ public:
         return now.length;
     }
 
-    [[nodiscard]] const std::vector<std::size_t>& asked() const {
-        return m_asked;
-    }
+    [[nodiscard]] const std::vector<std::size_t>& asked() const { return m_asked; }
 
 private:
     std::vector<answer> m_answers;

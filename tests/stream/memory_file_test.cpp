@@ -27,8 +27,8 @@ using corvo::stream::state_t;
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
-// An allocation that cannot be met is to fail as it does in the product, not to end the test program. The name is the
-// sanitizer's.
+// An allocation that cannot be met is to fail as it does in the product, not to end the test program. The
+// name is the sanitizer's.
 #pragma clang diagnostic ignored "-Wreserved-identifier"
 #pragma clang diagnostic ignored "-Wmissing-prototypes"
 extern "C" const char* __asan_default_options() {
@@ -52,17 +52,11 @@ class memory_file : public corvo::stream::memory_file {
 public:
     using corvo::stream::memory_file::memory_file;
 
-    [[nodiscard]] fsize capacity() const {
-        return m_reserved;
-    }
+    [[nodiscard]] fsize capacity() const { return m_reserved; }
 
-    [[nodiscard]] bool managed() const {
-        return m_manage;
-    }
+    [[nodiscard]] bool managed() const { return m_manage; }
 
-    void put(state_t state) {
-        m_state = state;
-    }
+    void put(state_t state) { m_state = state; }
 
     // Works on a block that stays the caller's.
     void lend(unsigned char* data, fsize size, fsize capacity) {
@@ -315,8 +309,10 @@ TEST(memory_file_seek, refuses_minus_1_from_the_beginning) {
 
 TEST(memory_file_seek, refuses_the_unknown_origin_3) {
     memory_file file;
-    test::expect_throw<std::invalid_argument>("unknown seek origin", [&] { file.seek(0, static_cast<seek_t>(3)); });
-    test::expect_throw<std::invalid_argument>("unknown seek origin", [&] { file.seek(-1, static_cast<seek_t>(3)); });
+    test::expect_throw<std::invalid_argument>("unknown seek origin",
+                                              [&] { file.seek(0, static_cast<seek_t>(3)); });
+    test::expect_throw<std::invalid_argument>("unknown seek origin",
+                                              [&] { file.seek(-1, static_cast<seek_t>(3)); });
 }
 
 TEST(memory_file_seek, to_100_in_an_empty_file_leaves_the_size_until_a_byte_is_written) {
@@ -476,9 +472,12 @@ TEST(memory_file_reserve, refuses_what_overflows) {
     memory_file file;
     put_text(file, "abc");
     // With a quarter more: beyond 64 bits, and 0xFFFFFFFFFFFF0001, which cannot be rounded up.
-    test::expect_throw<std::invalid_argument>("add overflow", [&] { file.reserve(0xFFFFFFFFFFFFFFFF, false); });
-    test::expect_throw<std::invalid_argument>("add overflow", [&] { file.reserve(0xCCCCCCCCCCCCCCCD, false); });
-    test::expect_throw<std::invalid_argument>("add overflow", [&] { file.reserve(0xCCCCCCCCCCCC0001, false); });
+    test::expect_throw<std::invalid_argument>("add overflow",
+                                              [&] { file.reserve(0xFFFFFFFFFFFFFFFF, false); });
+    test::expect_throw<std::invalid_argument>("add overflow",
+                                              [&] { file.reserve(0xCCCCCCCCCCCCCCCD, false); });
+    test::expect_throw<std::invalid_argument>("add overflow",
+                                              [&] { file.reserve(0xCCCCCCCCCCCC0001, false); });
     EXPECT_EQ("abc", contents(file));
     EXPECT_EQ(0x10000U, file.capacity());
 }
@@ -654,13 +653,12 @@ public:
         state = state_t::ok;
     }
 
-    void close() {
-        *this = model();
-    }
+    void close() { *this = model(); }
 };
 
 // True where the bytes are the model's, or not known to it.
-bool agree(const std::vector<int>& expected, std::size_t from, const unsigned char* actual, std::size_t length) {
+bool agree(const std::vector<int>& expected, std::size_t from, const unsigned char* actual,
+           std::size_t length) {
     return std::equal(actual, actual + length, expected.begin() + static_cast<std::ptrdiff_t>(from),
                       [](unsigned char left, int right) { return right == model::unknown || left == right; });
 }
@@ -700,19 +698,13 @@ public:
         ASSERT_EQ(m_model.state, m_file.state());
     }
 
-    void compare_all() {
-        ASSERT_TRUE(agree(m_model.bytes, 0, m_file.data(), m_model.bytes.size()));
-    }
+    void compare_all() { ASSERT_TRUE(agree(m_model.bytes, 0, m_file.data(), m_model.bytes.size())); }
 
 private:
-    std::size_t below(std::size_t limit) {
-        return m_random() % limit;
-    }
+    std::size_t below(std::size_t limit) { return m_random() % limit; }
 
     // Mostly small, so that steps meet each other, and now and then large enough to grow.
-    std::size_t length() {
-        return below(8) == 0 ? below(60000) : below(40);
-    }
+    std::size_t length() { return below(8) == 0 ? below(60000) : below(40); }
 
     void write() {
         std::vector<unsigned char> data(length());
@@ -741,8 +733,11 @@ private:
     void seek() {
         const auto how = static_cast<seek_t>(below(3));
         const auto size = static_cast<foff>(m_model.bytes.size());
-        const foff offset = static_cast<foff>(below(static_cast<std::size_t>(size) + 100)) - (how == seek_beg ? 10 : size);
-        const foff origin = how == seek_beg ? 0 : how == seek_cur ? static_cast<foff>(m_model.position) : size;
+        const foff offset =
+            static_cast<foff>(below(static_cast<std::size_t>(size) + 100)) - (how == seek_beg ? 10 : size);
+        const foff origin = how == seek_beg   ? 0
+                            : how == seek_cur ? static_cast<foff>(m_model.position)
+                                              : size;
         if (origin + offset < 0) {
             ASSERT_THROW(m_file.seek(offset, how), std::invalid_argument);
             return;

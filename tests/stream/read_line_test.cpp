@@ -90,7 +90,8 @@ TEST(read_line, discards_an_unterminated_last_line) {
 
 TEST(read_line, keeps_every_other_byte) {
     using namespace std::string_view_literals;
-    EXPECT_EQ(texts({std::string("\0 a\t\v\f\xEF\xBB\xBF\xFF"sv)}), lines_of("\0 a\t\v\f\xEF\xBB\xBF\xFF\n"sv));
+    EXPECT_EQ(texts({std::string("\0 a\t\v\f\xEF\xBB\xBF\xFF"sv)}),
+              lines_of("\0 a\t\v\f\xEF\xBB\xBF\xFF\n"sv));
 }
 
 TEST(read_line, starts_at_the_current_position) {

@@ -1,7 +1,7 @@
 // The place of a virtual function in its class's table, read from the pointer to the member function.
 //
-// The compilers of all targets follow the Itanium C++ ABI: such a pointer holds the offset in the table, to which one is
-// added on x86-64 (on ARM64 the mark is in the second word). The destructor takes two places.
+// The compilers of all targets follow the Itanium C++ ABI: such a pointer holds the offset in the table, to
+// which one is added on x86-64 (on ARM64 the mark is in the second word). The destructor takes two places.
 #pragma once
 
 #include <array>
