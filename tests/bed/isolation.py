@@ -1,0 +1,149 @@
+"""A network and mount namespace of our own, with the names that the program knows and a test certificate authority.
+
+`enter` moves the calling process there for good: its children (servers, Wine) live in the same network, in which
+nothing but its own loopback and one virtual pair exists, so ports 80 and 443 are free and nothing can leave. The
+files of the two rooms that must differ for a run (/etc/hosts, the certificate bundle) are bound over, not changed.
+"""
+
+from __future__ import annotations
+
+import ctypes
+import os
+import shutil
+import subprocess
+import tempfile
+from dataclasses import dataclass
+from pathlib import Path
+
+from .errors import BedError
+
+UPDATE_HOST = "updates.tavrin.example"
+REPORT_HOST = "reports.tavrin.example"
+PACKAGE_HOST = "packages.tavrin.example"
+PROXY_HOST = "proxy.tavrin.example"
+
+ARM64_ROOM = Path("/rooms/arm64")
+
+# The address that the program sees as the machine's own network card. It belongs to a pair whose other end is in the
+# same namespace: the default route makes the list manager say "connected", and still leads nowhere.
+CARD_ADDRESS = "10.77.0.1"
+GATEWAY_ADDRESS = "10.77.0.2"
+
+_CLONE_NEWNS = 0x00020000
+_CLONE_NEWNET = 0x40000000
+_MS_BIND = 0x1000
+_MS_REC = 0x4000
+_MS_PRIVATE = 1 << 18
+_MNT_DETACH = 2
+
+# The room has no mount program.
+_LIBC = ctypes.CDLL(None, use_errno=True)
+
+
+@dataclass(frozen=True)
+class PrivateNetwork:
+    """Where the run's own files are, and the switch between connected and not connected."""
+
+    work: Path
+    rooms: tuple[Path, ...]
+
+    def connect(self) -> None:
+        """Gives the machine a default route: from now on it counts as connected to the internet."""
+        _command("ip", "route", "replace", "default", "via", GATEWAY_ADDRESS, "dev", "card0")
+
+    def disconnect(self) -> None:
+        """Takes the default route away."""
+        subprocess.run(["ip", "route", "del", "default"], check=False, capture_output=True, timeout=10)
+
+    def trust(self, certificate: Path) -> None:
+        """Makes the rooms' programs trust this certificate authority; call it before Wine's server starts."""
+        for room in self.rooms:
+            bundle = room / "etc/ssl/certs/ca-certificates.crt"
+            text = bundle.read_text(encoding="ascii") if bundle.exists() else ""
+            _bind_text(self.work, bundle, text + "\n" + certificate.read_text(encoding="ascii"))
+
+
+def enter() -> PrivateNetwork:
+    """Enters the private namespaces and returns their handle."""
+    if os.geteuid() != 0:
+        raise BedError("the test bed needs root rights")
+    if not os.environ.get("LUMARIS_IN_ROOM"):
+        raise BedError("the test bed runs inside the room; use ./dev run, ./dev test or ./dev shell")
+    if _LIBC.unshare(_CLONE_NEWNS | _CLONE_NEWNET) != 0:
+        raise BedError(f"this machine forbids network or mount namespaces: {os.strerror(ctypes.get_errno())}")
+    _mount("none", Path("/"), flags=_MS_REC | _MS_PRIVATE)
+    work = Path(tempfile.mkdtemp(prefix="lumaris-bed.", dir=os.environ.get("LUMARIS_BED_FOLDER", "/tmp")))
+    rooms = [Path("/")]
+    if (ARM64_ROOM / "usr/lib/wine/wine64").exists():
+        rooms.append(ARM64_ROOM)
+        _prepare_room(ARM64_ROOM, work)
+    network = PrivateNetwork(work, tuple(rooms))
+    hosts = f"127.0.0.1 localhost {UPDATE_HOST} {REPORT_HOST} {PACKAGE_HOST} {PROXY_HOST}\n"
+    for room in rooms:
+        _bind_text(work, room / "etc/hosts", hosts)
+        # No name server: a name outside the list above fails at once, without a packet and without a wait.
+        _bind_text(work, room / "etc/resolv.conf", "nameserver 127.0.0.1\noptions timeout:1 attempts:1\n")
+        _bind_text(work, room / "etc/nsswitch.conf", "hosts: files\n")
+    _command("ip", "link", "set", "lo", "up")
+    _command("ip", "link", "add", "card0", "type", "veth", "peer", "name", "card1")
+    _command("ip", "address", "add", f"{CARD_ADDRESS}/24", "dev", "card0")
+    _command("ip", "link", "set", "card0", "up")
+    _command("ip", "link", "set", "card1", "up")
+    network.connect()
+    return network
+
+
+def leave(network: PrivateNetwork) -> None:
+    """Removes the working folder. The namespaces end with the process."""
+    for room in network.rooms[1:]:
+        _LIBC.umount2(os.fsencode(str(room) + str(network.work)), _MNT_DETACH)
+    shutil.rmtree(network.work, ignore_errors=True)
+
+
+def _command(*arguments: str) -> None:
+    done = subprocess.run(arguments, check=False, capture_output=True, text=True, timeout=30)
+    if done.returncode != 0:
+        raise BedError(f"{' '.join(arguments)}: {done.stderr.strip()}")
+
+
+def _mount(source: str, target: Path, *, kind: str = "none", flags: int = 0) -> None:
+    if _LIBC.mount(os.fsencode(source), os.fsencode(target), kind.encode(), ctypes.c_ulong(flags), None) != 0:
+        raise BedError(f"cannot mount {source} on {target}: {os.strerror(ctypes.get_errno())}")
+
+
+def _prepare_room(room: Path, work: Path) -> None:
+    """Gives a foreign room what its programs need: processes, devices and the working folder at the same path."""
+    if not (room / "proc/self").exists():
+        _mount("/proc", room / "proc", flags=_MS_BIND | _MS_REC)
+    if not (room / "dev/null").exists():
+        _mount("/dev", room / "dev", flags=_MS_BIND | _MS_REC)
+    inside = Path(str(room) + str(work))
+    if not inside.exists():
+        _writable_parent(room, work)
+        inside.mkdir(parents=True, exist_ok=True)
+    if not inside.samefile(work):
+        _mount(str(work), inside, flags=_MS_BIND)
+
+
+def _writable_parent(room: Path, work: Path) -> None:
+    top = room / work.parts[1]
+    if not os.access(top, os.W_OK):
+        _mount("tmpfs", top, kind="tmpfs")
+
+
+def _bind_text(work: Path, target: Path, text: str) -> None:
+    """Makes `target` read as `text` in this mount namespace only."""
+    replacement = work / "bound" / str(target).strip("/").replace("/", "_")
+    replacement.parent.mkdir(exist_ok=True)
+    bound_before = replacement.exists()
+    replacement.write_text(text, encoding="ascii")
+    if bound_before:
+        return
+    if not target.exists():
+        try:
+            target.parent.mkdir(parents=True, exist_ok=True)
+            target.touch()
+        except OSError:
+            # A read-only room without the file: what the file would have said is the default there.
+            return
+    _mount(str(replacement), target, flags=_MS_BIND)

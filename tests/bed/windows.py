@@ -1,0 +1,277 @@
+"""One Windows of the bed: a Wine prefix, its server, and the agent through which the bed acts in it."""
+
+from __future__ import annotations
+
+import os
+import selectors
+import shutil
+import struct
+import subprocess
+import time
+from dataclasses import dataclass, field
+from pathlib import Path, PureWindowsPath
+
+from . import event_log
+from .errors import BedError
+from .isolation import ARM64_ROOM, PrivateNetwork
+
+ARCHITECTURES = ("x64", "arm64")
+
+_WINE = "/usr/lib/wine/wine64"
+_WINE_SERVER = "/usr/lib/wine/wineserver"
+
+# Prefixes made once and copied for each run, where the machine has them.
+_PREPARED = {"x64": Path("/opt/lumaris/prefix-x86_64"), "arm64": Path("/opt/lumaris/prefix-aarch64")}
+
+# What the shipped programs may need on top of a bare prefix is nothing: no .NET, no HTML engine, no menus.
+_OVERRIDES = "mscoree=;mshtml=;winemenubuilder.exe=;winedbg.exe=d"
+_TRACES = "-all,+timestamp,+eventlog,fixme+advapi"
+
+REG_SZ = 1
+REG_EXPAND_SZ = 2
+REG_BINARY = 3
+REG_DWORD = 4
+REG_MULTI_SZ = 7
+
+
+@dataclass(frozen=True)
+class LeftProcess:
+    """A process that the program had started, and that went on after it."""
+
+    pid: int
+    exit_code: int
+    begin: float
+    end: float
+    command_line: str
+
+
+@dataclass(frozen=True)
+class FinishedRun:
+    """What a program run left to see."""
+
+    exit_code: int | None
+    """The full 32 bits, or None when the program had to be ended at its time limit."""
+    begin: float
+    end: float
+    events: tuple[event_log.Event, ...]
+    left: tuple[LeftProcess, ...]
+    trace: str = field(repr=False, default="")
+
+
+def available(architecture: str) -> str | None:
+    """None when programs of this architecture run here, else the reason why they do not."""
+    if architecture == "x64":
+        return None if Path(_WINE).exists() else f"no Wine here ({_WINE})"
+    if not Path(str(ARM64_ROOM) + _WINE).exists():
+        return f"no ARM64 Wine here ({ARM64_ROOM}{_WINE})"
+    try:
+        done = subprocess.run(["chroot", str(ARM64_ROOM), _WINE, "--version"], env=_environment(architecture),
+                              capture_output=True, text=True, timeout=60, check=False)
+    except OSError as error:
+        return f"ARM64 programs do not run here: {error}"
+    if done.returncode != 0:
+        return f"ARM64 programs do not run here (binfmt_misc): {done.stderr.strip() or done.returncode}"
+    return None
+
+
+class Windows:
+    """Start it inside the private network; use it as a context manager."""
+
+    def __init__(self, architecture: str, network: PrivateNetwork, agent: Path) -> None:
+        self.architecture = architecture
+        self.network = network
+        self.folder = network.work / f"windows-{architecture}"
+        self.prefix = self.folder / "prefix"
+        self._agent_program = agent
+        self._enter = ["chroot", str(ARM64_ROOM)] if architecture == "arm64" else []
+        self._environment = _environment(architecture) | {"WINEPREFIX": str(self.prefix)}
+        self._trace_path = self.folder / "trace.txt"
+        self._agent: subprocess.Popen[bytes] | None = None
+        self._server: subprocess.Popen[bytes] | None = None
+        self._pending = b""
+
+    # Life
+
+    def __enter__(self) -> Windows:
+        self.folder.mkdir()
+        self._make_prefix()
+        self.install(self._agent_program, "agent.exe")
+        self.start()
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.stop()
+
+    def start(self) -> None:
+        """Starts the Wine server and the agent in it."""
+        self._server = subprocess.Popen([*self._enter, _WINE_SERVER, "-f", "-p"], env=self._environment,
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                        stderr=subprocess.DEVNULL, cwd="/")
+        # The first program hands its standard output to the services it starts, so it is one without a reader.
+        self._wine("wineboot", limit=180)
+        trace = self._trace_path.open("ab")
+        self._agent = subprocess.Popen(
+            [*self._enter, _WINE, str(self.folder / "agent.exe")], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+            stderr=trace, env=self._environment | {"WINEDEBUG": _TRACES}, cwd="/")
+        trace.close()
+
+    def stop(self) -> None:
+        """Ends the agent and the server of this prefix; what was still running in it ends with them."""
+        if self._agent is not None:
+            assert self._agent.stdin is not None and self._agent.stdout is not None
+            self._agent.stdin.close()
+            _end(self._agent)
+            self._agent.stdout.close()
+            self._agent = None
+            self._pending = b""
+        if self._server is not None:
+            subprocess.run([*self._enter, _WINE_SERVER, "-k"], env=self._environment, check=False, timeout=60,
+                           capture_output=True, cwd="/")
+            _end(self._server)
+            self._server = None
+
+    def _make_prefix(self) -> None:
+        prepared = _PREPARED[self.architecture]
+        if (prepared / "system.reg").exists():
+            shutil.copytree(prepared, self.prefix, symlinks=True)
+            return
+        self.prefix.mkdir()
+        server = subprocess.Popen([*self._enter, _WINE_SERVER, "-f", "-p"], env=self._environment, cwd="/",
+                                  stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        try:
+            self._wine("wineboot", "-i", limit=300)
+            subprocess.run([*self._enter, _WINE_SERVER, "-k"], env=self._environment, check=False, timeout=60, cwd="/")
+        finally:
+            _end(server)
+
+    def _wine(self, *arguments: str, limit: float) -> None:
+        subprocess.run([*self._enter, _WINE, *arguments], env=self._environment, stdin=subprocess.DEVNULL,
+                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=limit, check=True, cwd="/")
+
+    # Files
+
+    def install(self, program: Path, name: str) -> str:
+        """Copies a program beside the prefix and returns its Windows path."""
+        shutil.copyfile(program, self.folder / name)
+        return windows_path(self.folder / name)
+
+    def unix_path(self, path: str) -> Path:
+        """The file behind a Windows path such as C:\\windows."""
+        drive, *rest = PureWindowsPath(path).parts
+        return (self.prefix / "dosdevices" / drive[:2].lower()).joinpath(*rest)
+
+    # Programs
+
+    def run(self, command_line: str, *, limit: float = 60, settle: float = 0) -> FinishedRun:
+        """Runs a program to its end, then waits up to `settle` seconds for what it left running."""
+        offset = self._trace_path.stat().st_size
+        how, _, code, begin, end = self.ask("run", str(int(limit * 1000)), command_line, limit=limit + 30)
+        left = []
+        state, *fields = self.ask("settle", str(int(settle * 1000)), limit=settle + 30)
+        for at in range(0, len(fields), 5):
+            pid, ended_with, began, ended, line = fields[at:at + 5]
+            left.append(LeftProcess(int(pid, 16), int(ended_with, 16), _seconds(began), _seconds(ended), line))
+        if settle and state != "settled":
+            raise BedError(f"{command_line}: still running after {settle} s: {left}")
+        with self._trace_path.open("rb") as trace:
+            trace.seek(offset)
+            text = trace.read().decode("utf-8", "replace")
+        return FinishedRun(int(code, 16) if how == "exited" else None, _seconds(begin), _seconds(end),
+                            tuple(event_log.read(text)), tuple(left), text)
+
+    def ask(self, *fields: str, limit: float = 30) -> list[str]:
+        """Sends the agent one command and returns the fields of its answer."""
+        answer = self._exchange(fields, limit)
+        if answer[0] != "ok":
+            raise BedError(f"{fields}: Windows error {answer[1]}")
+        return answer[1:]
+
+    def _exchange(self, fields: tuple[str, ...], limit: float) -> list[str]:
+        if self._agent is None:
+            raise BedError("this Windows has not been started")
+        assert self._agent.stdin is not None and self._agent.stdout is not None
+        line = "\t".join(field.replace("\\", "\\\\").replace("\t", "\\t").replace("\n", "\\n") for field in fields)
+        self._agent.stdin.write(line.encode() + b"\n")
+        self._agent.stdin.flush()
+        until = time.monotonic() + limit
+        with selectors.DefaultSelector() as selector:
+            selector.register(self._agent.stdout, selectors.EVENT_READ)
+            while b"\n" not in self._pending:
+                if not selector.select(max(0.0, until - time.monotonic())):
+                    raise BedError(f"the agent did not answer within {limit} s: {fields}")
+                received = os.read(self._agent.stdout.fileno(), 65536)
+                if not received:
+                    raise BedError(f"the agent has ended; it was asked {fields}")
+                self._pending += received
+        answer, self._pending = self._pending.split(b"\n", 1)
+        return [_unescape(part) for part in answer.decode().split("\t")]
+
+    # Registry
+
+    def set_value(self, key: str, name: str, value: str | int | bytes, kind: int | None = None) -> None:
+        """Writes a registry value (64-bit view), making the key if need be. `key` begins with HKLM or HKCU."""
+        if isinstance(value, int):
+            kind, data = kind or REG_DWORD, struct.pack("<I", value)
+        elif isinstance(value, str):
+            kind, data = kind or REG_SZ, (value + "\0").encode("utf-16-le")
+        else:
+            kind, data = kind or REG_BINARY, value
+        self.ask("set", key, name, str(kind), data.hex())
+
+    def value(self, key: str, name: str) -> str | int | bytes | None:
+        """Reads a registry value, or None where there is none."""
+        answer = self._exchange(("get", key, name), 30)
+        if answer[0] != "ok":
+            return None
+        kind, data = int(answer[1]), bytes.fromhex(answer[2])
+        if kind in (REG_SZ, REG_EXPAND_SZ):
+            return data.decode("utf-16-le").rstrip("\0")
+        return struct.unpack("<I", data)[0] if kind == REG_DWORD else data
+
+    def delete_value(self, key: str, name: str) -> None:
+        """Removes a registry value; one that is not there is no error."""
+        self._exchange(("delete-value", key, name), 30)
+
+    def delete_key(self, key: str) -> None:
+        """Removes a registry key with everything below it; one that is not there is no error."""
+        self._exchange(("delete-key", key), 30)
+
+    def expand(self, text: str) -> str:
+        """Replaces the environment variables in a text."""
+        return self.ask("expand", text)[0]
+
+    def message(self, module: str, entry: event_log.Event, language: int = 1033) -> str:
+        """The text that the event viewer would show, from the program's own message table."""
+        return self.ask("message", module, f"{entry.id:x}", str(language), *entry.strings)[0]
+
+
+def windows_path(path: Path) -> str:
+    """The path under which a Windows program sees a file of the room."""
+    return "Z:" + str(path).replace("/", "\\")
+
+
+def _seconds(ticks: str) -> float:
+    """Windows file time (100 ns since 1601) to seconds since 1970."""
+    return int(ticks) / 1e7 - 11644473600
+
+
+def _environment(architecture: str) -> dict[str, str]:
+    environment = {"HOME": "/root", "USER": "root", "LANG": "C.UTF-8", "PATH": "/usr/sbin:/usr/bin:/sbin:/bin",
+                   "WINEDLLOVERRIDES": _OVERRIDES, "WINEDEBUG": "-all"}
+    if architecture == "arm64":
+        # The emulator's default processor checks branch targets, which stops Wine.
+        environment["QEMU_CPU"] = "cortex-a72"
+    return environment
+
+
+def _unescape(text: str) -> str:
+    parts = text.split("\\\\")
+    return "\\".join(part.replace("\\t", "\t").replace("\\n", "\n") for part in parts)
+
+
+def _end(process: subprocess.Popen[bytes], limit: float = 20) -> None:
+    try:
+        process.wait(limit)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        process.wait(limit)

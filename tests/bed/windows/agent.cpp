@@ -1,0 +1,470 @@
+// The test bed's hand inside Windows: a console program that reads commands from standard input, one a line, and
+// answers each with one line on standard output. It starts programs and tells their full 32-bit exit code (a shell
+// sees eight bits of it), the processes that they left behind, and edits the registry without a process start for
+// each change.
+//
+// A line is a list of fields, separated by tabs; in a field, backslash, tab and line feed are written \\, \t and \n.
+// Texts are UTF-8, byte strings are hexadecimal. An answer begins with "ok" or with "error" and a number.
+//
+//   run MILLISECONDS COMMANDLINE       ok exited|timeout PID CODE BEGIN END
+//   settle MILLISECONDS                ok settled|timeout {PID CODE BEGIN END COMMANDLINE}...
+//                                      (what the last run left running; ends what is still there)
+//   get KEY NAME                       ok TYPE BYTES
+//   set KEY NAME TYPE BYTES            ok
+//   delete-value KEY NAME              ok
+//   delete-key KEY                     ok
+//   expand TEXT                        ok TEXT
+//   message MODULE ID LANGUAGE {INSERT}...   ok TEXT
+//   quit
+//
+// Process ids and exit codes are hexadecimal; BEGIN and END are decimal counts of 100 ns since 1601.
+
+#include <windows.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <iterator>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <winternl.h>
+
+namespace {
+
+using fields = std::vector<std::string>;
+
+std::wstring to_wide(std::string_view text) {
+    const int length = static_cast<int>(text.size());
+    std::wstring wide(text.size(), L'\0');
+    wide.resize(static_cast<std::size_t>(
+        MultiByteToWideChar(CP_UTF8, 0, text.data(), length, wide.data(), static_cast<int>(wide.size()))));
+    return wide;
+}
+
+std::string to_utf8(std::wstring_view text) {
+    std::string narrow(text.size() * 3, '\0');
+    narrow.resize(static_cast<std::size_t>(WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
+                                                               narrow.data(), static_cast<int>(narrow.size()),
+                                                               nullptr, nullptr)));
+    return narrow;
+}
+
+std::string hexadecimal(const std::vector<unsigned char>& bytes) {
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    for (const unsigned char byte : bytes) {
+        text += digits[byte >> 4];
+        text += digits[byte & 15];
+    }
+    return text;
+}
+
+std::vector<unsigned char> from_hexadecimal(const std::string& text) {
+    std::vector<unsigned char> bytes;
+    for (std::size_t at = 0; at + 1 < text.size(); at += 2) {
+        bytes.push_back(static_cast<unsigned char>(std::strtoul(text.substr(at, 2).c_str(), nullptr, 16)));
+    }
+    return bytes;
+}
+
+std::string number(std::uint32_t value) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%08lx", static_cast<unsigned long>(value));
+    return text;
+}
+
+// Exit code, begin and end of a process. The end is 0 while it runs.
+fields facts(HANDLE process) {
+    DWORD code = 0;
+    FILETIME begin = {};
+    FILETIME end = {};
+    FILETIME kernel = {};
+    FILETIME user = {};
+    GetExitCodeProcess(process, &code);
+    GetProcessTimes(process, &begin, &end, &kernel, &user);
+    const auto ticks = [](const FILETIME& time) {
+        return std::to_string((static_cast<std::uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime);
+    };
+    return {number(code), ticks(begin), ticks(end)};
+}
+
+fields split(const std::string& line) {
+    fields parts(1);
+    for (std::size_t at = 0; at < line.size(); ++at) {
+        if (line[at] == '\t') {
+            parts.emplace_back();
+        } else if (line[at] == '\\' && at + 1 < line.size()) {
+            const char escaped = line[++at];
+            parts.back() += escaped == 't' ? '\t' : escaped == 'n' ? '\n' : escaped;
+        } else {
+            parts.back() += line[at];
+        }
+    }
+    return parts;
+}
+
+std::string join(const fields& parts) {
+    std::string line;
+    for (std::size_t index = 0; index < parts.size(); ++index) {
+        if (index != 0) {
+            line += '\t';
+        }
+        for (const char byte : parts[index]) {
+            if (byte == '\\') {
+                line += "\\\\";
+            } else if (byte == '\t') {
+                line += "\\t";
+            } else if (byte == '\n') {
+                line += "\\n";
+            } else {
+                line += byte;
+            }
+        }
+    }
+    return line;
+}
+
+fields error(std::uint32_t code) {
+    return {"error", std::to_string(code)};
+}
+
+std::string command_line_of(HANDLE process) {
+    // Wine does not answer ProcessCommandLineInformation, so read where it would come from.
+    PROCESS_BASIC_INFORMATION basic = {};
+    PEB peb = {};
+    RTL_USER_PROCESS_PARAMETERS parameters = {};
+    SIZE_T length = 0;
+    if (NtQueryInformationProcess(process, ProcessBasicInformation, &basic, sizeof basic, nullptr) < 0 ||
+        ReadProcessMemory(process, basic.PebBaseAddress, &peb, sizeof peb, &length) == 0 ||
+        ReadProcessMemory(process, peb.ProcessParameters, &parameters, sizeof parameters, &length) == 0) {
+        return {};
+    }
+    std::wstring text(parameters.CommandLine.Length / sizeof(wchar_t), L'\0');
+    if (ReadProcessMemory(process, parameters.CommandLine.Buffer, text.data(), parameters.CommandLine.Length,
+                          &length) == 0) {
+        return {};
+    }
+    return to_utf8(text);
+}
+
+// One started program with everything that it starts in turn, held together by a job.
+class process_tree {
+  public:
+    process_tree() = default;
+    process_tree(const process_tree&) = delete;
+    process_tree& operator=(const process_tree&) = delete;
+    ~process_tree() { end(); }
+
+    fields run(DWORD limit, const std::string& command_line);
+    fields settle(DWORD limit);
+
+  private:
+    struct member {
+        HANDLE process = nullptr;
+        std::string command_line;
+    };
+
+    void end();
+    void note(DWORD id);
+    bool read_command_lines();
+    bool wait(ULONGLONG until, HANDLE main_process);
+
+    HANDLE m_job = nullptr;
+    HANDLE m_port = nullptr;
+    DWORD m_main = 0;
+    bool m_empty = true;
+    std::map<DWORD, member> m_members;
+};
+
+void process_tree::end() {
+    if (m_job != nullptr) {
+        TerminateJobObject(m_job, 0xDEAD);
+        CloseHandle(m_job);
+        CloseHandle(m_port);
+        m_job = nullptr;
+    }
+    for (auto& entry : m_members) {
+        CloseHandle(entry.second.process);
+    }
+    m_members.clear();
+    m_empty = true;
+}
+
+void process_tree::note(DWORD id) {
+    if (m_members.count(id) != 0) {
+        return;
+    }
+    const HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ | SYNCHRONIZE, FALSE, id);
+    if (process != nullptr) {
+        m_members[id] = {process, {}};
+    }
+}
+
+// A process has no command line to read until it has been set up, a moment after it was announced. Returns whether
+// one is still to come.
+bool process_tree::read_command_lines() {
+    bool missing = false;
+    for (auto& [id, member] : m_members) {
+        if (member.command_line.empty() && WaitForSingleObject(member.process, 0) == WAIT_TIMEOUT) {
+            member.command_line = command_line_of(member.process);
+            missing |= member.command_line.empty();
+        }
+    }
+    return missing;
+}
+
+// Follows the job's messages until the main process has ended (or, without one, until no process is left).
+bool process_tree::wait(ULONGLONG until, HANDLE main_process) {
+    for (;;) {
+        if (main_process != nullptr ? WaitForSingleObject(main_process, 0) == WAIT_OBJECT_0 : m_empty) {
+            return true;
+        }
+        const ULONGLONG now = GetTickCount64();
+        if (now >= until) {
+            return false;
+        }
+        DWORD message = 0;
+        ULONG_PTR key = 0;
+        OVERLAPPED* value = nullptr;
+        const ULONGLONG left = until - now;
+        const auto pause = static_cast<DWORD>(read_command_lines() && left > 1 ? 1 : left);
+        if (GetQueuedCompletionStatus(m_port, &message, &key, &value, pause) == 0) {
+            continue;
+        }
+        const auto id = static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(value));
+        if (message == JOB_OBJECT_MSG_NEW_PROCESS) {
+            note(id);
+        } else if (message == JOB_OBJECT_MSG_ACTIVE_PROCESS_ZERO) {
+            m_empty = true;
+        } else if (id == m_main && main_process != nullptr) {
+            // The exit message may come a moment before the process object is signalled.
+            WaitForSingleObject(main_process, static_cast<DWORD>(until - now));
+        }
+    }
+}
+
+fields process_tree::run(DWORD limit, const std::string& command_line) {
+    end();
+    const ULONGLONG until = GetTickCount64() + limit;
+    m_job = CreateJobObjectW(nullptr, nullptr);
+    m_port = CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 1);
+    JOBOBJECT_ASSOCIATE_COMPLETION_PORT association = {m_job, m_port};
+    if (m_job == nullptr || m_port == nullptr ||
+        SetInformationJobObject(m_job, JobObjectAssociateCompletionPortInformation, &association,
+                                sizeof association) == 0) {
+        return error(GetLastError());
+    }
+    SECURITY_ATTRIBUTES inherited = {sizeof inherited, nullptr, TRUE};
+    const HANDLE nothing = CreateFileW(L"NUL", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                       &inherited, OPEN_EXISTING, 0, nullptr);
+    STARTUPINFOW start = {};
+    start.cb = sizeof start;
+    start.dwFlags = STARTF_USESTDHANDLES;
+    start.hStdInput = start.hStdOutput = start.hStdError = nothing;
+    PROCESS_INFORMATION started = {};
+    std::wstring wide = to_wide(command_line);
+    const BOOL created = CreateProcessW(nullptr, wide.data(), nullptr, nullptr, TRUE, CREATE_SUSPENDED, nullptr,
+                                        nullptr, &start, &started);
+    const DWORD code = GetLastError();
+    CloseHandle(nothing);
+    if (created == 0) {
+        return error(code);
+    }
+    m_main = started.dwProcessId;
+    m_members[m_main] = {started.hProcess, command_line};
+    m_empty = false;
+    AssignProcessToJobObject(m_job, started.hProcess);
+    ResumeThread(started.hThread);
+    CloseHandle(started.hThread);
+    if (!wait(until, started.hProcess)) {
+        TerminateJobObject(m_job, 0xDEAD);
+        return {"ok", "timeout", number(m_main), number(0), "0", "0"};
+    }
+    fields answer = {"ok", "exited", number(m_main)};
+    const fields ended = facts(started.hProcess);
+    answer.insert(answer.end(), ended.begin(), ended.end());
+    return answer;
+}
+
+fields process_tree::settle(DWORD limit) {
+    const bool settled = wait(GetTickCount64() + limit, nullptr);
+    fields answer = {"ok", settled ? "settled" : "timeout"};
+    for (const auto& [id, process] : m_members) {
+        if (id != m_main) {
+            const fields ended = facts(process.process);
+            answer.push_back(number(id));
+            answer.insert(answer.end(), ended.begin(), ended.end());
+            answer.push_back(process.command_line);
+        }
+    }
+    end();
+    return answer;
+}
+
+HKEY root_of(std::wstring& path) {
+    const std::size_t end = path.find(L'\\');
+    const std::wstring root = path.substr(0, end);
+    path.erase(0, end == std::wstring::npos ? path.size() : end + 1);
+    return root == L"HKLM" ? HKEY_LOCAL_MACHINE : root == L"HKCU" ? HKEY_CURRENT_USER : nullptr;
+}
+
+fields registry_get(const fields& command) {
+    std::wstring path = to_wide(command[1]);
+    const HKEY root = root_of(path);
+    HKEY key = nullptr;
+    LSTATUS status = RegOpenKeyExW(root, path.c_str(), 0, KEY_READ | KEY_WOW64_64KEY, &key);
+    if (status != ERROR_SUCCESS) {
+        return error(static_cast<std::uint32_t>(status));
+    }
+    std::vector<unsigned char> data(65536);
+    auto length = static_cast<DWORD>(data.size());
+    DWORD type = 0;
+    status = RegQueryValueExW(key, to_wide(command[2]).c_str(), nullptr, &type, data.data(), &length);
+    RegCloseKey(key);
+    if (status != ERROR_SUCCESS) {
+        return error(static_cast<std::uint32_t>(status));
+    }
+    data.resize(length);
+    return {"ok", std::to_string(type), hexadecimal(data)};
+}
+
+fields registry_set(const fields& command) {
+    std::wstring path = to_wide(command[1]);
+    const HKEY root = root_of(path);
+    HKEY key = nullptr;
+    LSTATUS status = RegCreateKeyExW(root, path.c_str(), 0, nullptr, 0, KEY_WRITE | KEY_WOW64_64KEY, nullptr, &key,
+                                     nullptr);
+    if (status == ERROR_SUCCESS) {
+        const std::vector<unsigned char> data = from_hexadecimal(command[4]);
+        status = RegSetValueExW(key, to_wide(command[2]).c_str(), 0,
+                                static_cast<DWORD>(std::strtoul(command[3].c_str(), nullptr, 10)), data.data(),
+                                static_cast<DWORD>(data.size()));
+        RegCloseKey(key);
+    }
+    return status == ERROR_SUCCESS ? fields{"ok"} : error(static_cast<std::uint32_t>(status));
+}
+
+fields registry_delete_value(const fields& command) {
+    std::wstring path = to_wide(command[1]);
+    const HKEY root = root_of(path);
+    HKEY key = nullptr;
+    LSTATUS status = RegOpenKeyExW(root, path.c_str(), 0, KEY_WRITE | KEY_WOW64_64KEY, &key);
+    if (status == ERROR_SUCCESS) {
+        status = RegDeleteValueW(key, to_wide(command[2]).c_str());
+        RegCloseKey(key);
+    }
+    return status == ERROR_SUCCESS ? fields{"ok"} : error(static_cast<std::uint32_t>(status));
+}
+
+fields registry_delete_key(const fields& command) {
+    std::wstring path = to_wide(command[1]);
+    const HKEY root = root_of(path);
+    const LSTATUS status = RegDeleteTreeW(root, path.c_str());
+    return status == ERROR_SUCCESS ? fields{"ok"} : error(static_cast<std::uint32_t>(status));
+}
+
+fields expand(const fields& command) {
+    wchar_t text[4096];
+    const DWORD length =
+        ExpandEnvironmentStringsW(to_wide(command[1]).c_str(), text, static_cast<DWORD>(std::size(text)));
+    return length == 0 || length > std::size(text) ? error(GetLastError()) : fields{"ok", to_utf8({text, length - 1})};
+}
+
+fields message(const fields& command) {
+    const HMODULE module =
+        LoadLibraryExW(to_wide(command[1]).c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE);
+    if (module == nullptr) {
+        return error(GetLastError());
+    }
+    std::vector<std::wstring> inserts;
+    for (std::size_t index = 4; index < command.size(); ++index) {
+        inserts.push_back(to_wide(command[index]));
+    }
+    std::vector<DWORD_PTR> arguments;
+    for (const std::wstring& insert : inserts) {
+        arguments.push_back(reinterpret_cast<DWORD_PTR>(insert.c_str()));
+    }
+    wchar_t text[8192];
+    const DWORD length =
+        FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY, module,
+                       static_cast<DWORD>(std::strtoul(command[2].c_str(), nullptr, 16)),
+                       static_cast<DWORD>(std::strtoul(command[3].c_str(), nullptr, 10)), text,
+                       static_cast<DWORD>(std::size(text)), reinterpret_cast<va_list*>(arguments.data()));
+    const DWORD code = GetLastError();
+    FreeLibrary(module);
+    return length == 0 ? error(code) : fields{"ok", to_utf8({text, length})};
+}
+
+bool read_line(std::string& line) {
+    line.clear();
+    const HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
+    for (;;) {
+        char byte = 0;
+        DWORD length = 0;
+        if (ReadFile(input, &byte, 1, &length, nullptr) == 0 || length == 0) {
+            return false;
+        }
+        if (byte == '\n') {
+            return true;
+        }
+        line += byte;
+    }
+}
+
+void write_line(const std::string& line) {
+    const std::string text = line + '\n';
+    DWORD length = 0;
+    WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), text.data(), static_cast<DWORD>(text.size()), &length, nullptr);
+}
+
+fields execute(process_tree& tree, const fields& command) {
+    const std::string& word = command[0];
+    const std::size_t count = command.size();
+    const auto limit = [&] { return static_cast<DWORD>(std::strtoul(command[1].c_str(), nullptr, 10)); };
+    if (word == "run" && count == 3) {
+        return tree.run(limit(), command[2]);
+    }
+    if (word == "settle" && count == 2) {
+        return tree.settle(limit());
+    }
+    if (word == "get" && count == 3) {
+        return registry_get(command);
+    }
+    if (word == "set" && count == 5) {
+        return registry_set(command);
+    }
+    if (word == "delete-value" && count == 3) {
+        return registry_delete_value(command);
+    }
+    if (word == "delete-key" && count == 2) {
+        return registry_delete_key(command);
+    }
+    if (word == "expand" && count == 2) {
+        return expand(command);
+    }
+    if (word == "message" && count >= 4) {
+        return message(command);
+    }
+    return error(ERROR_INVALID_FUNCTION);
+}
+
+} // namespace
+
+int main() {
+    // Brings up the desktop process once, for as long as the agent lives. Otherwise each program with a hidden window
+    // starts one of its own, which outlives it by a second.
+    GetDesktopWindow();
+    process_tree tree;
+    std::string line;
+    while (read_line(line)) {
+        const fields command = split(line);
+        if (command[0] == "quit") {
+            break;
+        }
+        write_line(join(execute(tree, command)));
+    }
+    return 0;
+}

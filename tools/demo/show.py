@@ -1,0 +1,264 @@
+"""The demonstration itself: publishes an update, runs the program, and compares what happened with what should."""
+
+from __future__ import annotations
+
+import re
+import time
+from contextlib import ExitStack
+from pathlib import Path
+
+from bed import event_log, isolation, package, settings, update_server, windows
+from bed.errors import BedError
+from bed.services import AuthenticatingProxy, Nginx
+from bed.signing import KeyPair
+from bed.windows import FinishedRun, Windows
+from outcome import COSTS, Circumstances, Outcome, expected
+from timeline import Timeline
+
+_OWN_VERSION = "3040000"
+_OFFERED_VERSION = "3040100"
+_PROXY_USER = "lumaris"
+_PROXY_PASSWORD = "Geslo-za-posrednika"
+_LIMIT = 120.0
+
+
+class Show:
+    """One demonstration."""
+
+    def __init__(self, tree: Path, given: Circumstances) -> None:
+        self._given = given
+        self._key = KeyPair(tree / "build/demo-key/demo.pub", tree / "build/demo-key/demo.key")
+        self._build = tree / f"build/{given.architecture}-demo"
+        self._timeline = Timeline()
+        self._faults: list[str] = []
+        # Wine stamps its trace with the raw monotonic clock.
+        self._clock = time.time() - time.clock_gettime(time.CLOCK_MONOTONIC_RAW)
+
+    def run(self) -> bool:
+        """Runs it all; true when every link of the chain was there."""
+        for needed in (self._key.public, self._key.secret, self._program_file("lumaris.exe")):
+            if not needed.exists():
+                raise BedError(f"{needed} is missing; ./dev run makes it")
+        if reason := windows.available(self._given.architecture):
+            raise BedError(reason)
+        network = isolation.enter()
+        try:
+            self._perform(network)
+        finally:
+            isolation.leave(network)
+        return self._verdict()
+
+    def _perform(self, network: isolation.PrivateNetwork) -> None:
+        given = self._given
+        files = network.work / "published"
+        self._publish(network.work, files)
+        with ExitStack() as stack:
+            self._server = Nginx(network.work / "nginx", files)
+            stack.enter_context(self._server)
+            self._say(f"nginx publishes it as http://{isolation.UPDATE_HOST}/ (port 80 of an isolated network)")
+            self._timeline.show()
+            machine = stack.enter_context(Windows(given.architecture, network, self._program_file("agent.exe")))
+            self._program = machine.install(self._program_file("lumaris.exe"), "lumaris.exe")
+            self._say(f"{_processor(given.architecture)} Windows (Wine) is up, with the {_processor(given.architecture)} "
+                      f"lumaris.exe ({self._program_file('lumaris.exe').stat().st_size:,} bytes) that trusts this key")
+            self._arrange(machine, stack, network)
+            self._timeline.show()
+            self._one_run(machine, expected(given))
+            if expected(given).installs:
+                print()
+                self._say("second run in the same Windows: the package is there already")
+                self._one_run(machine, expected(given, again=True))
+
+    # Before the run
+
+    def _publish(self, work: Path, files: Path) -> None:
+        given = self._given
+        published = update_server.Publication(files, self._key)
+        self._package = package.InstallerPackage.build(work, given.architecture)
+        self._say(f"minisign key pair {self._key.public.name}: {self._key.line}")
+        self._say(f"wixl built Halvoro {self._package.version}: {self._package.path.stat().st_size:,} bytes, "
+                  "a file and a registry value")
+        package_file = published.file(given.package, self._package.path.read_bytes())
+        version = _OWN_VERSION if given.old else _OFFERED_VERSION
+        description = published.description(given.description, version,
+                                            f"Halvoro {'3.4.0' if given.old else self._package.version}")
+        self._say(f"minisign signed {given.package} and {given.description}, which offers version {version}")
+        if given.tamper == "description":
+            description.write_bytes(description.read_bytes().replace(b"Halvoro 3", b"Halvoro 9"))
+            self._say(f"and somebody changed {description.name} afterwards")
+        elif given.tamper == "package":
+            content = bytearray(package_file.read_bytes())
+            content[len(content) // 2] ^= 1
+            package_file.write_bytes(content)
+            self._say(f"and somebody changed one bit of {package_file.name} afterwards")
+        elif given.tamper == "signature":
+            signature = description.with_name(description.name + ".minisig")
+            comment, line, *rest = signature.read_text(encoding="ascii").splitlines()
+            changed = line[:60] + ("A" if line[60] != "A" else "B") + line[61:]
+            signature.write_text("\n".join([comment, changed, *rest]) + "\n", encoding="ascii")
+            self._say(f"and somebody changed one character of {signature.name} afterwards")
+
+    def _arrange(self, machine: Windows, stack: ExitStack, network: isolation.PrivateNetwork) -> None:
+        given = self._given
+        if given.offline:
+            network.disconnect()
+            self._say("the machine has no default route: it is offline")
+        if given.cost:
+            settings.ListManager(machine, self._program_file("list_manager.dll")).answer(Cost=COSTS[given.cost])
+            self._say(f"the network list manager says: cost 0x{COSTS[given.cost]:x} ({given.cost})")
+        if given.channel is not None:
+            machine.set_value(settings.UPDATER_KEY, "Channel", given.channel)
+            self._say(f"registry: Channel = \"{given.channel}\"")
+        self._proxy: AuthenticatingProxy | None = None
+        if given.proxy:
+            self._proxy = AuthenticatingProxy(network.work / "proxy", _PROXY_USER, _PROXY_PASSWORD)
+            stack.enter_context(self._proxy)
+            settings.set_proxy(machine, f"{isolation.PROXY_HOST}:8118")
+            machine.set_value(settings.PRODUCT_KEY, "ProxyUporabnik", _PROXY_USER)
+            machine.set_value(settings.PRODUCT_KEY, "ProxyGeslo", _PROXY_PASSWORD)
+            self._say(f"the machine's proxy is {isolation.PROXY_HOST}:8118, which asks for user name and password; the "
+                      "registry has ProxyUporabnik and ProxyGeslo")
+
+    # The run
+
+    def _one_run(self, machine: Windows, outcome: Outcome) -> None:
+        log_size = _size(self._server.access_log)
+        proxy_size = _size(self._proxy.log) if self._proxy else 0
+        folder = machine.unix_path(machine.expand("%CommonProgramFiles%") + "\\Tavrin\\Lumaris")
+        log = folder / update_server.package_name(self._given.effective_variant).replace(".msi", ".log")
+        log.unlink(missing_ok=True)
+        line = f'"{self._program}"' + (f" {self._given.variant}" if self._given.variant else "")
+        self._say(f"should happen: {outcome.why} (exit code {_code(outcome.exit_code)})")
+        run = machine.run(line, limit=_LIMIT, settle=_LIMIT)
+        self._timeline.add("windows", f"{line} starts", run.begin)
+        requests = self._show_requests(log_size, len(outcome.requests))
+        if self._proxy:
+            self._show_proxy(self._proxy, proxy_size)
+        for event in run.events:
+            self._show_event(machine, event)
+        self._timeline.add("windows", "lumaris.exe ends with exit code "
+                           + (_code(run.exit_code) if run.exit_code is not None else "(none: stopped at its time limit)"),
+                           run.end)
+        self._expect("the exit code", _code(outcome.exit_code), _code(run.exit_code))
+        self._expect("the requests", list(outcome.requests), requests)
+        self._expect_event(outcome, run)
+        self._show_installation(machine, outcome, run, folder, log)
+        self._timeline.show()
+
+    def _show_requests(self, offset: int, count: int) -> list[str]:
+        # nginx writes its line when a reply is finished, which may be after the program has read all of it.
+        until = time.monotonic() + 5
+        while True:
+            lines = _text_from(self._server.access_log, offset).splitlines()
+            if len(lines) >= count or time.monotonic() > until:
+                break
+            time.sleep(0.01)
+        targets = []
+        for line in lines:
+            moment, _, rest = line.partition(" ")
+            self._timeline.add("server", rest, float(moment))
+            found = re.search(r'"GET (\S+) HTTP/1\.1" 200 ', rest)
+            targets.append(found[1] if found else rest)
+        return targets
+
+    def _show_proxy(self, proxy: AuthenticatingProxy, offset: int) -> None:
+        passed = 0
+        for line in _text_from(proxy.log, offset).splitlines():
+            found = re.match(r"\S+\s+(\w+ \d+ [\d:]+)(\.\d+) \[\d+\]: (.*)", line)
+            if found and re.match(r"Request|Established|.*[Aa]uth", found[3]):
+                moment = time.mktime(time.strptime(f"{time.localtime().tm_year} {found[1]}", "%Y %b %d %H:%M:%S"))
+                self._timeline.add("proxy", found[3], moment + float(found[2]))
+                passed += "Established connection" in found[3]
+        if expected(self._given).requests and not passed:
+            self._faults.append("nothing went through the proxy")
+
+    def _show_event(self, machine: Windows, event: event_log.Event) -> None:
+        kind = {event_log.INFORMATION: "information", event_log.WARNING: "warning", event_log.ERROR: "error"}
+        text = machine.message(self._program, event).strip()
+        self._timeline.add("event log", f"{kind.get(event.kind, str(event.kind))} {_code(event.id)}: {text}",
+                           event.time + self._clock)
+
+    def _show_installation(self, machine: Windows, outcome: Outcome, run: FinishedRun, folder: Path, log: Path) -> None:
+        installers = [each for each in run.left if "msiexec" in each.command_line.lower()]
+        for installer in installers:
+            self._timeline.add("windows", f"{installer.command_line}", installer.begin)
+            self._timeline.add("windows", f"msiexec.exe ends with exit code {installer.exit_code}", installer.end)
+            self._expect("the installer's exit code", 0, installer.exit_code)
+        self._expect("the number of installers started", 1 if outcome.installs else 0, len(installers))
+        if not outcome.installs:
+            self._expect("anything installed", False, machine.unix_path(package.INSTALLED_FILE).exists())
+            return
+        steps = _installer_steps(log)
+        # The log has whole seconds of local time; what matters is their order, before the installer's end.
+        moment = max((each.end for each in installers), default=time.time())
+        self._timeline.add("installer", f"{log.name}, {_size(log):,} bytes:\n" + "\n".join(steps), moment)
+        if "INSTALL: return value 1" not in steps:
+            self._faults.append(f"the installer's log {log} does not say that the installation succeeded")
+        stored = folder / log.name.replace(".log", ".msi")
+        same = stored.exists() and stored.read_bytes() == self._package.path.read_bytes()
+        self._timeline.add("disk", f"{stored.name} in C:\\Program Files\\Common Files\\Tavrin\\Lumaris is "
+                           + ("the package that was signed" if same else "NOT the package that was signed"))
+        self._expect("the stored package to be the signed one", True, same)
+        installed = machine.unix_path(package.INSTALLED_FILE)
+        text = installed.read_text(encoding="ascii") if installed.exists() else None
+        value = machine.value(package.REGISTRY_KEY, package.REGISTRY_VALUE)
+        self._timeline.add("disk", f"{package.INSTALLED_FILE}: {text.strip() if text else 'missing'}")
+        self._timeline.add("disk", f"{package.REGISTRY_KEY}, {package.REGISTRY_VALUE}: {value}")
+        self._expect("the installed file", self._package.file_text, text)
+        self._expect("the installed registry value", self._package.version, value)
+
+    # The judgement
+
+    def _expect_event(self, outcome: Outcome, run: FinishedRun) -> None:
+        self._expect("the events", [] if outcome.event is None else [outcome.event], [each.id for each in run.events])
+        if outcome.message and run.events:
+            self._expect("the error event's message", outcome.message, run.events[0].strings[-1])
+
+    def _expect(self, what: str, wanted: object, got: object) -> None:
+        if wanted != got:
+            self._faults.append(f"{what}: should be {wanted}, is {got}")
+
+    def _verdict(self) -> bool:
+        print()
+        for fault in self._faults:
+            print(f"  missing: {fault}")
+        why = expected(self._given).why
+        print(f"VERDICT: it did NOT happen as it should ({why})" if self._faults
+              else f"VERDICT: everything happened as it should: {why}")
+        return not self._faults
+
+    def _say(self, text: str) -> None:
+        self._timeline.add("demo", text)
+
+    def _program_file(self, name: str) -> Path:
+        folder = "updater" if name == "lumaris.exe" else "tests/bed/windows"
+        return self._build / folder / name
+
+
+def _installer_steps(log: Path) -> list[str]:
+    """How the installer's actions ended. Wine's log is 8-bit text where Windows writes UTF-16."""
+    data = log.read_bytes() if log.exists() else b""
+    text = data.decode("utf-16" if data.startswith(b"\xff\xfe") else "utf-8", "replace")
+    shown = ("InstallFiles", "WriteRegistryValues", "RegisterProduct", "InstallFinalize", "INSTALL")
+    ends = re.findall(r"Action ended [^:]*:\d+:\d+: (\w+)\. Return value (\d+)", text)
+    return [f"{name}: return value {value}" for name, value in ends if name in shown]
+
+
+def _processor(architecture: str) -> str:
+    return {"arm64": "ARM64", "x64": "x86-64"}[architecture]
+
+
+def _code(value: int | None) -> str:
+    return "none" if value is None else str(value) if value < 0x10000 else f"0x{value:08X}"
+
+
+def _size(file: Path) -> int:
+    return file.stat().st_size if file.exists() else 0
+
+
+def _text_from(file: Path, offset: int) -> str:
+    if not file.exists():
+        return ""
+    with file.open("rb") as stream:
+        stream.seek(offset)
+        return stream.read().decode("utf-8", "replace")
