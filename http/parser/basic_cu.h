@@ -14,7 +14,7 @@ template <class T> class basic_cu final : public basic_parser<T> {
 public:
     explicit basic_cu(T chr, locale_ref loc = {}) noexcept : basic_parser<T>(loc), m_chr(chr) {}
 
-    bool do_match(const T *text, std::size_t start, std::size_t end, unsigned) noexcept override {
+    bool do_match(const T* text, std::size_t start, std::size_t end, unsigned) noexcept override {
         if (this->readable(text, start, end) && text[start] == m_chr) {
             return this->succeed(start, start + 1);
         }
@@ -48,7 +48,7 @@ public:
     explicit basic_cu_set(std::basic_string_view<T> set, locale_ref loc = {}) noexcept
         : basic_set<T>(loc), m_set(set) {}
 
-    bool do_match(const T *text, std::size_t start, std::size_t end, unsigned) noexcept override {
+    bool do_match(const T* text, std::size_t start, std::size_t end, unsigned) noexcept override {
         if (this->readable(text, start, end)) {
             for (std::size_t offset = 0; offset < m_set.size(); ++offset) {
                 if (m_set[offset] == text[start]) {

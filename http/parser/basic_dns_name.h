@@ -26,7 +26,7 @@ public:
         basic_parser<T>::invalidate();
     }
 
-    bool do_match(const T *text, std::size_t start, std::size_t end, unsigned) noexcept override {
+    bool do_match(const T* text, std::size_t start, std::size_t end, unsigned) noexcept override {
         m_allow_on_edge = false;
         if (!this->readable(text, start, end)) {
             return this->fail();
@@ -64,7 +64,7 @@ public:
         basic_parser<T>::invalidate();
     }
 
-    bool do_match(const T *text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
+    bool do_match(const T* text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
         std::size_t name_end = start;
         std::size_t label_start = start;
         for (std::size_t labels = 0; labels < max_labels; ++labels) {
@@ -88,8 +88,8 @@ public:
 private:
     // Returns the position behind the label's last character that may stand at its edge; `start` when no
     // label begins there.
-    std::size_t match_label(const T *text, std::size_t start, std::size_t end, unsigned flags) noexcept {
-        basic_dns_domain_char<T> &domain_char = *m_domain_char;
+    std::size_t match_label(const T* text, std::size_t start, std::size_t end, unsigned flags) noexcept {
+        basic_dns_domain_char<T>& domain_char = *m_domain_char;
         std::size_t label_end = start;
         for (std::size_t at = start; domain_char.do_match(text, at, end, flags); ++at) {
             if (domain_char.allow_on_edge()) {

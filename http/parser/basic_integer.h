@@ -1,7 +1,7 @@
-// Matchers for unsigned numbers: `basic_integer` keeps the value, `basic_integer10` reads decimal digits, each
-// matched by one of ten digit parts whose index is the digit. All digits that follow are taken, leading zeros
-// included. The value is accumulated as value * 10 + digit and stays at the greatest 64-bit number once it
-// would go beyond it, so a hostile row of digits can neither overflow nor come back as a small number.
+// Matchers for unsigned numbers: `basic_integer` keeps the value, `basic_integer10` reads decimal digits,
+// each matched by one of ten digit parts whose index is the digit. All digits that follow are taken, leading
+// zeros included. The value is accumulated as value * 10 + digit and stays at the greatest 64-bit number once
+// it would go beyond it, so a hostile row of digits can neither overflow nor come back as a small number.
 #pragma once
 
 #include "http/parser/basic_cu.h"
@@ -46,7 +46,7 @@ public:
         basic_integer<T>::invalidate();
     }
 
-    bool do_match(const T *text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
+    bool do_match(const T* text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
         constexpr std::uint64_t greatest = std::numeric_limits<std::uint64_t>::max();
         std::uint64_t value = 0;
         std::size_t at = start;

@@ -22,8 +22,8 @@ template <class T> class basic_ipv4_address final : public basic_parser<T> {
 public:
     static constexpr std::size_t component_count = 4;
 
-    basic_ipv4_address(std::shared_ptr<basic_decimal_digit<T>> digit, std::shared_ptr<basic_parser<T>> separator,
-                       locale_ref loc = {}) noexcept
+    basic_ipv4_address(std::shared_ptr<basic_decimal_digit<T>> digit,
+                       std::shared_ptr<basic_parser<T>> separator, locale_ref loc = {}) noexcept
         : basic_parser<T>(loc), m_digit(std::move(digit)), m_separator(std::move(separator)) {}
 
     void invalidate() noexcept override {
@@ -32,7 +32,7 @@ public:
         reset();
     }
 
-    bool do_match(const T *text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
+    bool do_match(const T* text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
         reset();
         std::size_t at = start;
         std::uint32_t value = 0;
@@ -66,7 +66,7 @@ public:
     std::uint32_t value() const noexcept { return m_value; }
 
     // What the component with this index (0 to 3) covers.
-    const interval &component(std::size_t index) const noexcept { return m_components[index]; }
+    const interval& component(std::size_t index) const noexcept { return m_components[index]; }
 
 private:
     void reset() noexcept {

@@ -25,7 +25,8 @@ public:
     static constexpr std::size_t group_count = 8;
 
     basic_ipv6_address(std::shared_ptr<basic_hexadecimal_digit<T>> digit,
-                       std::shared_ptr<basic_parser<T>> separator, std::shared_ptr<basic_parser<T>> scope_separator,
+                       std::shared_ptr<basic_parser<T>> separator,
+                       std::shared_ptr<basic_parser<T>> scope_separator,
                        std::shared_ptr<basic_parser<T>> scope_id, locale_ref loc = {}) noexcept
         : basic_parser<T>(loc), m_digit(std::move(digit)), m_separator(std::move(separator)),
           m_scope_separator(std::move(scope_separator)), m_scope_id(std::move(scope_id)) {}
@@ -38,12 +39,11 @@ public:
         reset();
     }
 
-    bool do_match(const T *text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
+    bool do_match(const T* text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
         reset();
         const std::size_t groups_end = match_groups(text, start, end, flags);
         if (groups_end == start) {
-            m_scope_id->invalidate();
-            reset();
+            invalidate();
             return false;
         }
         if (m_scope_separator->match(text, groups_end, end, flags) &&
@@ -58,11 +58,11 @@ public:
     std::uint16_t group(std::size_t index) const noexcept { return m_values[index]; }
 
     // What that group covers. A group that "::" stands for covers nothing, at the position of the "::".
-    const interval &group_hit(std::size_t index) const noexcept { return m_hits[index]; }
+    const interval& group_hit(std::size_t index) const noexcept { return m_hits[index]; }
 
 private:
     // Returns the position behind the groups; `start` when there is no address.
-    std::size_t match_groups(const T *text, std::size_t start, std::size_t end, unsigned flags) noexcept {
+    std::size_t match_groups(const T* text, std::size_t start, std::size_t end, unsigned flags) noexcept {
         std::size_t count = 0;
         std::size_t compression = npos; // number of groups before "::"
         std::size_t compression_at = 0; // position of "::"
@@ -98,12 +98,13 @@ private:
         return groups_end;
     }
 
-    bool match_separator_pair(const T *text, std::size_t at, std::size_t end, unsigned flags) noexcept {
+    bool match_separator_pair(const T* text, std::size_t at, std::size_t end, unsigned flags) noexcept {
         return m_separator->match(text, at, end, flags) &&
                m_separator->match(text, m_separator->hit().end, end, flags);
     }
 
-    bool match_group(const T *text, std::size_t start, std::size_t end, unsigned flags, std::size_t index) noexcept {
+    bool match_group(const T* text, std::size_t start, std::size_t end, unsigned flags,
+                     std::size_t index) noexcept {
         std::size_t at = start;
         std::uint32_t value = 0;
         while (m_digit->do_match(text, at, end, flags)) {

@@ -24,8 +24,8 @@ public:
         basic_parser<T>::invalidate();
     }
 
-    bool do_match(const T *text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
-        Part &part = *m_part;
+    bool do_match(const T* text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
+        Part& part = *m_part;
         std::size_t at = start;
         for (std::size_t count = 0; count < m_maximum; ++count) {
             if (!this->match_part(part, text, at, end, flags)) {

@@ -30,7 +30,7 @@ struct interval {
     constexpr std::size_t size() const noexcept { return valid() ? end - start : 0; }
     constexpr void invalidate() noexcept { *this = interval(); }
 
-    friend constexpr bool operator==(const interval &, const interval &) noexcept = default;
+    friend constexpr bool operator==(const interval&, const interval&) noexcept = default;
 };
 
 template <class T> class basic_parser {
@@ -45,33 +45,34 @@ protected:
     // Matches at `start`, reading `text` only before `end` and never beyond its zero code unit. Returns
     // whether it matched and sets the hit interval to what was covered, or to "no match".
     // Final classes make it public, for `match_part`.
-    virtual bool do_match(const T *text, std::size_t start, std::size_t end, unsigned flags) noexcept = 0;
+    virtual bool do_match(const T* text, std::size_t start, std::size_t end, unsigned flags) noexcept = 0;
 
 public:
-    basic_parser(const basic_parser &) = delete;
-    basic_parser &operator=(const basic_parser &) = delete;
+    basic_parser(const basic_parser&) = delete;
+    basic_parser& operator=(const basic_parser&) = delete;
 
     // `text` is not null; it holds `end` code units or a zero code unit before that.
-    bool match(const T *text, std::size_t start = 0, std::size_t end = npos,
+    bool match(const T* text, std::size_t start = 0, std::size_t end = npos,
                unsigned flags = match_default) noexcept {
         return do_match(text, start, end, flags);
     }
 
-    const interval &hit() const noexcept { return m_hit; }
-    const locale &get_locale() const noexcept { return m_locale.get(); }
+    const interval& hit() const noexcept { return m_hit; }
+    const locale& get_locale() const noexcept { return m_locale.get(); }
 
 protected:
     explicit basic_parser(locale_ref loc) noexcept : m_locale(loc) {}
 
     // Whether there is a code unit to read at `position`.
-    static constexpr bool readable(const T *text, std::size_t position, std::size_t end) noexcept {
+    static constexpr bool readable(const T* text, std::size_t position, std::size_t end) noexcept {
         return position < end && text[position] != T();
     }
 
     // Matches a part. A part of a final class is called directly, without a look-up in its virtual table;
     // that lets the compiler inline the character classes into the loops that run over every byte.
     template <class Part>
-    static bool match_part(Part &part, const T *text, std::size_t start, std::size_t end, unsigned flags) noexcept {
+    static bool match_part(Part& part, const T* text, std::size_t start, std::size_t end,
+                           unsigned flags) noexcept {
         if constexpr (std::is_final_v<Part>) {
             return part.do_match(text, start, end, flags);
         } else {
@@ -96,7 +97,7 @@ private:
 
 // A shared reference that never frees its target: for graphs whose matchers are local objects of one
 // function. It has no control block, so making and copying it neither allocates nor counts.
-template <class Part> std::shared_ptr<Part> unowned(Part &part) noexcept {
+template <class Part> std::shared_ptr<Part> unowned(Part& part) noexcept {
     return std::shared_ptr<Part>(std::shared_ptr<void>(), &part);
 }
 

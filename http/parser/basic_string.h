@@ -15,15 +15,16 @@ public:
     explicit basic_string(std::basic_string_view<T> literal, locale_ref loc = {}) noexcept
         : basic_parser<T>(loc), m_literal(literal) {}
 
-    bool do_match(const T *text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
+    bool do_match(const T* text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
         const bool any_case = (flags & match_case_insensitive) != 0;
-        const locale &loc = this->get_locale();
+        const locale& loc = this->get_locale();
         std::size_t at = start;
         for (const T expected : m_literal) {
             if (!this->readable(text, at, end)) {
                 return this->fail();
             }
-            const bool same = any_case ? loc.to_lower(text[at]) == loc.to_lower(expected) : text[at] == expected;
+            const bool same =
+                any_case ? loc.to_lower(text[at]) == loc.to_lower(expected) : text[at] == expected;
             if (!same) {
                 return this->fail();
             }

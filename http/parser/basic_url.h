@@ -23,7 +23,7 @@
 namespace corvo::parser {
 
 // The matchers that a URL is made of; none is null. Separators may be shared with other matchers.
-template <class T> struct basic_url_parts {
+template <class T> struct basic_url_components {
     using part = std::shared_ptr<basic_parser<T>>;
 
     part http_scheme; // the HTTP family
@@ -46,21 +46,22 @@ template <class T> struct basic_url_parts {
 
 template <class T> class basic_url final : public basic_parser<T> {
 public:
-    explicit basic_url(basic_url_parts<T> parts, locale_ref loc = {}) noexcept
-        : basic_parser<T>(loc), m_parts(std::move(parts)) {}
+    explicit basic_url(basic_url_components<T> components, locale_ref loc = {}) noexcept
+        : basic_parser<T>(loc), m_components(std::move(components)) {}
 
     void invalidate() noexcept override {
-        for (const auto *part :
-             {&m_parts.http_scheme, &m_parts.ftp_scheme, &m_parts.mailto_scheme, &m_parts.file_scheme,
-              &m_parts.colon, &m_parts.slash, &m_parts.user_name, &m_parts.password, &m_parts.at_sign,
-              &m_parts.left_bracket, &m_parts.right_bracket, &m_parts.ipv4_host, &m_parts.ipv6_host,
-              &m_parts.dns_host, &m_parts.port, &m_parts.path}) {
+        for (const auto* part :
+             {&m_components.http_scheme, &m_components.ftp_scheme, &m_components.mailto_scheme,
+              &m_components.file_scheme, &m_components.colon, &m_components.slash, &m_components.user_name,
+              &m_components.password, &m_components.at_sign, &m_components.left_bracket,
+              &m_components.right_bracket, &m_components.ipv4_host, &m_components.ipv6_host,
+              &m_components.dns_host, &m_components.port, &m_components.path}) {
             (*part)->invalidate();
         }
         basic_parser<T>::invalidate();
     }
 
-    bool do_match(const T *text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
+    bool do_match(const T* text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
         cursor at{text, start, end, flags};
         bool matched = false;
         switch (match_scheme(at)) {
@@ -76,8 +77,8 @@ public:
             matched = match_http_like(at);
             break;
         case scheme_kind::none:
-            m_parts.user_name->invalidate();
-            m_parts.password->invalidate();
+            m_components.user_name->invalidate();
+            m_components.password->invalidate();
             matched = match_http_like(at);
             break;
         }
@@ -93,12 +94,12 @@ private:
 
     // The way through the text: each part that matches moves the position behind itself.
     struct cursor {
-        const T *text;
+        const T* text;
         std::size_t position;
         std::size_t end;
         unsigned flags;
 
-        bool take(basic_parser<T> &part) noexcept {
+        bool take(basic_parser<T>& part) noexcept {
             if (!part.match(text, position, end, flags)) {
                 return false;
             }
@@ -107,13 +108,14 @@ private:
         }
     };
 
-    scheme_kind match_scheme(cursor &at) noexcept {
+    scheme_kind match_scheme(cursor& at) noexcept {
         scheme_kind found = scheme_kind::none;
-        const auto attempt = [&](basic_parser<T> &scheme, scheme_kind kind) {
+        const auto attempt = [&](basic_parser<T>& scheme, scheme_kind kind) {
             if (found == scheme_kind::none) {
                 cursor ahead = at;
-                if (ahead.take(scheme) && ahead.take(*m_parts.colon) &&
-                    (kind == scheme_kind::mailto || (ahead.take(*m_parts.slash) && ahead.take(*m_parts.slash)))) {
+                if (ahead.take(scheme) && ahead.take(*m_components.colon) &&
+                    (kind == scheme_kind::mailto ||
+                     (ahead.take(*m_components.slash) && ahead.take(*m_components.slash)))) {
                     at = ahead;
                     found = kind;
                     return;
@@ -121,82 +123,84 @@ private:
             }
             scheme.invalidate();
         };
-        attempt(*m_parts.http_scheme, scheme_kind::http);
-        attempt(*m_parts.ftp_scheme, scheme_kind::ftp);
-        attempt(*m_parts.mailto_scheme, scheme_kind::mailto);
-        attempt(*m_parts.file_scheme, scheme_kind::file);
+        attempt(*m_components.http_scheme, scheme_kind::http);
+        attempt(*m_components.ftp_scheme, scheme_kind::ftp);
+        attempt(*m_components.mailto_scheme, scheme_kind::mailto);
+        attempt(*m_components.file_scheme, scheme_kind::file);
         return found;
     }
 
-    bool match_mailto(cursor &at) noexcept {
-        m_parts.password->invalidate();
-        m_parts.port->invalidate();
-        m_parts.path->invalidate();
-        return at.take(*m_parts.user_name) && at.take(*m_parts.at_sign) &&
-               match_host(at, match_bracketed(at, *m_parts.ipv4_host));
+    bool match_mailto(cursor& at) noexcept {
+        m_components.password->invalidate();
+        m_components.port->invalidate();
+        m_components.path->invalidate();
+        return at.take(*m_components.user_name) && at.take(*m_components.at_sign) &&
+               match_host(at, match_bracketed(at, *m_components.ipv4_host));
     }
 
-    bool match_file(cursor &at) noexcept {
-        m_parts.user_name->invalidate();
-        m_parts.password->invalidate();
-        m_parts.ipv4_host->invalidate();
-        m_parts.ipv6_host->invalidate();
-        m_parts.dns_host->invalidate();
-        m_parts.port->invalidate();
-        at.take(*m_parts.path);
+    bool match_file(cursor& at) noexcept {
+        m_components.user_name->invalidate();
+        m_components.password->invalidate();
+        m_components.ipv4_host->invalidate();
+        m_components.ipv6_host->invalidate();
+        m_components.dns_host->invalidate();
+        m_components.port->invalidate();
+        at.take(*m_components.path);
         return true;
     }
 
-    bool match_http_like(cursor &at) noexcept {
-        if (!match_host(at, at.take(*m_parts.ipv4_host))) {
+    bool match_http_like(cursor& at) noexcept {
+        if (!match_host(at, at.take(*m_components.ipv4_host))) {
             return false;
         }
         cursor ahead = at;
-        if (ahead.take(*m_parts.colon) && ahead.take(*m_parts.port)) {
+        if (ahead.take(*m_components.colon) && ahead.take(*m_components.port)) {
             at = ahead;
         } else {
             // A ":" without a number is not consumed: it begins the path.
-            m_parts.port->invalidate();
+            m_components.port->invalidate();
         }
-        at.take(*m_parts.path);
+        at.take(*m_components.path);
         return true;
     }
 
-    void match_user_info(cursor &at) noexcept {
+    void match_user_info(cursor& at) noexcept {
         cursor name_end = at;
-        if (name_end.take(*m_parts.user_name)) {
+        if (name_end.take(*m_components.user_name)) {
             cursor ahead = name_end;
-            if (ahead.take(*m_parts.colon) && ahead.take(*m_parts.password) && ahead.take(*m_parts.at_sign)) {
+            if (ahead.take(*m_components.colon) && ahead.take(*m_components.password) &&
+                ahead.take(*m_components.at_sign)) {
                 at = ahead;
                 return;
             }
-            m_parts.password->invalidate();
-            if (name_end.take(*m_parts.at_sign)) {
+            m_components.password->invalidate();
+            if (name_end.take(*m_components.at_sign)) {
                 at = name_end;
                 return;
             }
         }
-        m_parts.user_name->invalidate();
-        m_parts.password->invalidate();
+        m_components.user_name->invalidate();
+        m_components.password->invalidate();
     }
 
     // The hosts after IPv4, whose brackets depend on the scheme.
-    bool match_host(cursor &at, bool ipv4_matched) noexcept {
+    bool match_host(cursor& at, bool ipv4_matched) noexcept {
         if (ipv4_matched) {
-            m_parts.ipv6_host->invalidate();
-            m_parts.dns_host->invalidate();
+            m_components.ipv6_host->invalidate();
+            m_components.dns_host->invalidate();
             return true;
         }
-        if (match_bracketed(at, *m_parts.ipv6_host)) {
-            m_parts.dns_host->invalidate();
+        if (match_bracketed(at, *m_components.ipv6_host)) {
+            m_components.dns_host->invalidate();
             return true;
         }
-        return at.take(*m_parts.dns_host);
+        return at.take(*m_components.dns_host);
     }
 
-    bool match_bracketed(cursor &at, basic_parser<T> &host) noexcept {
+    bool match_bracketed(cursor& at, basic_parser<T>& host) noexcept {
         cursor ahead = at;
-        if (ahead.take(*m_parts.left_bracket) && ahead.take(host) && ahead.take(*m_parts.right_bracket)) {
+        if (ahead.take(*m_components.left_bracket) && ahead.take(host) &&
+            ahead.take(*m_components.right_bracket)) {
             at = ahead;
             return true;
         }
@@ -204,7 +208,7 @@ private:
         return false;
     }
 
-    basic_url_parts<T> m_parts;
+    basic_url_components<T> m_components;
 };
 
 } // namespace corvo::parser

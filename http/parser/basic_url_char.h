@@ -41,9 +41,10 @@ inline constexpr punctuation_table url_path_punctuation("!#$%&'()*+,-./:;=?@_~")
 
 } // namespace detail
 
-template <class T, const detail::punctuation_table &Punctuation> class basic_url_char : public basic_parser<T> {
+template <class T, const detail::punctuation_table& Punctuation>
+class basic_url_char : public basic_parser<T> {
 public:
-    bool do_match(const T *text, std::size_t start, std::size_t end, unsigned) noexcept override {
+    bool do_match(const T* text, std::size_t start, std::size_t end, unsigned) noexcept override {
         if (this->readable(text, start, end) &&
             (this->get_locale().is_letter_or_digit(text[start]) || Punctuation.contains(text[start]))) {
             return this->succeed(start, start + 1);

@@ -30,7 +30,7 @@ public:
         basic_parser<T>::invalidate();
     }
 
-    bool do_match(const T *text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
+    bool do_match(const T* text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
         m_query.invalidate();
         m_fragment.invalidate();
 
@@ -53,17 +53,17 @@ public:
         return this->succeed(start, at);
     }
 
-    const interval &path() const noexcept { return m_path; }
-    const interval &query() const noexcept { return m_query; }
-    const interval &fragment() const noexcept { return m_fragment; }
+    const interval& path() const noexcept { return m_path; }
+    const interval& query() const noexcept { return m_query; }
+    const interval& fragment() const noexcept { return m_fragment; }
 
 private:
-    static bool is_at(const T *text, std::size_t at, std::size_t end, T chr) noexcept {
+    static bool is_at(const T* text, std::size_t at, std::size_t end, T chr) noexcept {
         return at < end && text[at] == chr;
     }
 
     // Takes one path character, moving `at` behind it.
-    bool take(const T *text, std::size_t &at, std::size_t end, unsigned flags) noexcept {
+    bool take(const T* text, std::size_t& at, std::size_t end, unsigned flags) noexcept {
         if (!m_path_char->do_match(text, at, end, flags)) {
             return false;
         }

@@ -25,11 +25,11 @@ public:
     using class_table = std::array<std::uint8_t, 256>;
     using lower_table = std::array<std::uint8_t, 256>;
 
-    constexpr locale(const class_table &classes, const lower_table &lower_case) noexcept
+    constexpr locale(const class_table& classes, const lower_table& lower_case) noexcept
         : m_classes(classes), m_lower(lower_case) {}
 
     // ASCII letters and digits; every code unit above 127 is in no class.
-    static constexpr const locale &classic() noexcept;
+    static constexpr const locale& classic() noexcept;
 
     // Whether `chr` has at least one of the class bits of `mask`.
     template <class T> constexpr bool is(std::uint8_t mask, T chr) const noexcept {
@@ -74,20 +74,22 @@ inline constexpr locale classic_locale = make_classic_locale();
 
 } // namespace detail
 
-constexpr const locale &locale::classic() noexcept { return detail::classic_locale; }
+constexpr const locale& locale::classic() noexcept {
+    return detail::classic_locale;
+}
 
 // The way a matcher takes its locale: by reference, never a temporary, since the matcher keeps the address.
 class locale_ref {
 public:
     constexpr locale_ref() noexcept : m_locale(&locale::classic()) {}
     // Not explicit: a locale is passed where a matcher asks for one.
-    constexpr locale_ref(const locale &loc) noexcept : m_locale(&loc) {}
-    locale_ref(const locale &&) = delete;
+    constexpr locale_ref(const locale& loc) noexcept : m_locale(&loc) {}
+    locale_ref(const locale&&) = delete;
 
-    constexpr const locale &get() const noexcept { return *m_locale; }
+    constexpr const locale& get() const noexcept { return *m_locale; }
 
 private:
-    const locale *m_locale;
+    const locale* m_locale;
 };
 
 } // namespace corvo::parser

@@ -1,6 +1,6 @@
-// Composites over a list of parts. `parser_collection` holds the list; `basic_branch` matches the first of its
-// alternatives that matches, in the order given, and keeps its index; `basic_string_branch` is the branch over
-// literal strings. The references are stored in the object itself, so their number is part of the type.
+// Composites over a list of parts. `parser_collection` holds the list; `basic_branch` matches the first of
+// its alternatives that matches, in the order given, and keeps its index; `basic_string_branch` is the branch
+// over literal strings. The references are stored in the object itself, so their number is part of the type.
 // `Part` may be a final matcher class, which then is called directly, or `basic_parser<T>` for mixed parts.
 // No reference is null.
 #pragma once
@@ -20,7 +20,7 @@ public:
     using part_list = std::array<std::shared_ptr<Part>, Count>;
 
     void invalidate() noexcept override {
-        for (const std::shared_ptr<Part> &part : m_parts) {
+        for (const std::shared_ptr<Part>& part : m_parts) {
             part->invalidate();
         }
         basic_parser<T>::invalidate();
@@ -30,7 +30,19 @@ protected:
     explicit parser_collection(part_list parts, locale_ref loc) noexcept
         : basic_parser<T>(loc), m_parts(std::move(parts)) {}
 
+    // Refers to the first `Count` matchers of an array without owning them; they outlive the collection.
+    template <std::size_t Size>
+    parser_collection(std::array<Part, Size>& parts, locale_ref loc) noexcept
+        : parser_collection(parts, loc, std::make_index_sequence<Count>()) {
+        static_assert(Count <= Size);
+    }
+
     part_list m_parts;
+
+private:
+    template <std::size_t Size, std::size_t... Index>
+    parser_collection(std::array<Part, Size>& parts, locale_ref loc, std::index_sequence<Index...>) noexcept
+        : basic_parser<T>(loc), m_parts{unowned(parts[Index])...} {}
 };
 
 template <class T, class Part, std::size_t Count>
@@ -41,12 +53,17 @@ public:
     explicit basic_branch(typename base::part_list alternatives, locale_ref loc = {}) noexcept
         : base(std::move(alternatives), loc) {}
 
+    // The alternatives are the first `Count` matchers of an array, which outlives the branch.
+    template <std::size_t Size>
+    explicit basic_branch(std::array<Part, Size>& alternatives, locale_ref loc = {}) noexcept
+        : base(alternatives, loc) {}
+
     void invalidate() noexcept override {
         m_index = npos;
         base::invalidate();
     }
 
-    bool do_match(const T *text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
+    bool do_match(const T* text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
         const std::size_t former = m_index;
         for (std::size_t index = 0; index < Count; ++index) {
             if (this->match_part(*this->m_parts[index], text, start, end, flags)) {
@@ -71,14 +88,5 @@ private:
 };
 
 template <class T, std::size_t Count> using basic_string_branch = basic_branch<T, basic_string<T>, Count>;
-
-// Unowned references to the first `Count` matchers of an array.
-template <std::size_t Count, class Part, std::size_t Size>
-std::array<std::shared_ptr<Part>, Count> unowned_list(std::array<Part, Size> &parts) noexcept {
-    static_assert(Count <= Size);
-    return [&parts]<std::size_t... Index>(std::index_sequence<Index...>) {
-        return std::array<std::shared_ptr<Part>, Count>{unowned(parts[Index])...};
-    }(std::make_index_sequence<Count>());
-}
 
 } // namespace corvo::parser

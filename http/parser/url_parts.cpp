@@ -23,12 +23,11 @@ namespace {
 namespace parser = corvo::parser;
 
 // Unreserved characters of RFC 3986, which are the ZoneID of RFC 6874 without its percent-encoded ones.
-constexpr const char *scope_characters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-._~";
+constexpr const char* scope_characters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-._~";
 
-void assign(std::string &field, const char *text, const parser::interval &hit) {
-    if (hit.valid()) {
-        field.assign(text + hit.start, hit.size());
-    }
+// The text of an interval; empty when there was no match.
+std::string text_of(const char* text, const parser::interval& hit) {
+    return hit.valid() ? std::string(text + hit.start, hit.size()) : std::string();
 }
 
 } // namespace
@@ -46,7 +45,7 @@ scheme_properties http_family_scheme(std::size_t alternative) {
     return table[alternative];
 }
 
-url_parts parse_url(const char *text) {
+url_parts parse_url(const char* text) {
     using parser::unowned;
     using cu = parser::basic_cu<char>;
     using cu_set = parser::basic_cu_set<char>;
@@ -62,23 +61,25 @@ url_parts parse_url(const char *text) {
     cu percent('%');
 
     std::array<string, 4> http_names{string("https"), string("http"), string("wss"), string("ws")};
-    parser::basic_string_branch<char, 4> http_scheme(parser::unowned_list<4>(http_names));
+    parser::basic_string_branch<char, 4> http_scheme(http_names);
     string ftp_scheme("ftp");
     string mailto_scheme("mailto");
     string file_scheme("file");
 
     parser::basic_url_username_char<char> user_name_char;
-    parser::basic_iterations<char, parser::basic_url_username_char<char>> user_name(unowned(user_name_char), 1, parser::npos);
+    parser::basic_iterations<char, parser::basic_url_username_char<char>> user_name(unowned(user_name_char),
+                                                                                    1, parser::npos);
     // "user:@host" has an empty password, which is none.
     parser::basic_url_password_char<char> password_char;
-    parser::basic_iterations<char, parser::basic_url_password_char<char>> password(unowned(password_char), 0, parser::npos);
+    parser::basic_iterations<char, parser::basic_url_password_char<char>> password(unowned(password_char), 0,
+                                                                                   parser::npos);
 
     std::array<cu_set, 16> digits{cu_set("0"),  cu_set("1"),  cu_set("2"),  cu_set("3"),
                                   cu_set("4"),  cu_set("5"),  cu_set("6"),  cu_set("7"),
                                   cu_set("8"),  cu_set("9"),  cu_set("aA"), cu_set("bB"),
                                   cu_set("cC"), cu_set("dD"), cu_set("eE"), cu_set("fF")};
-    parser::basic_decimal_digit<char> decimal_digit(parser::unowned_list<10>(digits));
-    parser::basic_hexadecimal_digit<char> hexadecimal_digit(parser::unowned_list<16>(digits));
+    parser::basic_decimal_digit<char> decimal_digit(digits);
+    parser::basic_hexadecimal_digit<char> hexadecimal_digit(digits);
 
     parser::basic_ipv4_address<char> ipv4_host(unowned(decimal_digit), unowned(dot));
     cu_set scope_char(scope_characters);
@@ -117,17 +118,16 @@ url_parts parse_url(const char *text) {
     }
 
     const scheme_properties properties = http_family_scheme(http_scheme.index());
-    url_parts result;
-    result.scheme = properties.scheme;
-    result.port = port.hit().valid() && port.value() < 65536 ? static_cast<std::uint16_t>(port.value())
-                                                              : properties.default_port;
-    assign(result.host, text, ipv4_host.hit());
-    assign(result.host, text, ipv6_host.hit());
-    assign(result.host, text, dns_host.hit());
-    assign(result.user_name, text, user_name.hit());
-    assign(result.password, text, password.hit());
-    assign(result.path, text, path.hit());
-    return result;
+    const bool own_port = port.hit().valid() && port.value() < 65536;
+    const parser::interval& host = ipv4_host.hit().valid()   ? ipv4_host.hit()
+                                   : ipv6_host.hit().valid() ? ipv6_host.hit()
+                                                             : dns_host.hit();
+    return {.scheme = properties.scheme,
+            .port = own_port ? static_cast<std::uint16_t>(port.value()) : properties.default_port,
+            .host = text_of(text, host),
+            .user_name = text_of(text, user_name.hit()),
+            .password = text_of(text, password.hit()),
+            .path = text_of(text, path.hit())};
 }
 
 } // namespace webio

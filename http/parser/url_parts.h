@@ -1,9 +1,9 @@
 // The URL record of the request classes, and the conversion of a text into it.
 // A record owns its strings. `parse_url` keeps no state and may be called by any thread.
 //
-// The longest beginning of the text that is a URL is what counts: an unmatched rest (a blank, a bracket, a byte
-// that is not ASCII, a control character and what follows) is not an error and is in no field. The grammar
-// stands with `corvo::parser::basic_url` and its parts. Nothing is percent-decoded.
+// The longest beginning of the text that is a URL is what counts: an unmatched rest (a blank, a bracket, a
+// byte that is not ASCII, a control character and what follows) is not an error and is in no field. The
+// grammar stands with `corvo::parser::basic_url` and its parts. Nothing is percent-decoded.
 #pragma once
 
 #include <cstddef>
@@ -41,9 +41,11 @@ scheme_properties http_family_scheme(std::size_t alternative);
 // Matches `text` from its beginning, the scheme in any case. Throws std::runtime_error "Failed to parse URL"
 // when it is no URL, and std::invalid_argument "Unrecognized scheme" when it is one without a scheme of the
 // HTTP family ("ftp", "mailto", "file" or none). `text` is zero-terminated and not null.
-url_parts parse_url(const char *text);
+url_parts parse_url(const char* text);
 
 // The same; a zero byte inside `text` ends it.
-inline url_parts parse_url(const std::string &text) { return parse_url(text.c_str()); }
+inline url_parts parse_url(const std::string& text) {
+    return parse_url(text.c_str());
+}
 
 } // namespace webio
