@@ -14,8 +14,11 @@ patches=$(dirname "$0")/patches
 mkdir -p "$work" "$resource"
 cd "$work"
 
+# unpack ARCHIVE FOLDER: without the archive's own top folder.
+unpack() { mkdir "$2" && tar -xf "$1" -C "$2" --strip-components=1; }
+
 echo "## unpacking the sources"
-tar -xf "$sources"/mingw-w64_*.tar.* --strip-components=1 --one-top-level=mingw
+unpack "$sources"/mingw-w64_*.tar.* mingw
 cp -a "$sources"/llvm llvm
 for patch in "$patches"/libcxx-*.patch; do patch -d llvm -p1 -i "$patch"; done
 

@@ -25,20 +25,40 @@ remove_run_folder() {
     [[ -z ${run_folder:-} ]] || rm -rf --one-file-system "$run_folder"
 }
 
+# The variables of a job, in the array `variables`.
+room_variables() {
+    local name
+    variables=(PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root USER=root LANG=C.UTF-8 LC_ALL=C.UTF-8
+        "TERM=${TERM:-dumb}" CCACHE_DIR=/var/cache/ccache CCACHE_BASEDIR=/src CCACHE_NOHASHDIR=1 CCACHE_MAXSIZE=2G
+        QEMU_CPU=cortex-a72 LUMARIS_IN_ROOM=1 "LUMARIS_ARM64_FAULT=${arm64_fault:-}"
+        # What a build was made with: another toolchain starts it afresh.
+        "LUMARIS_INPUTS_NATIVE=${product_hash[room-amd64]}"
+        "LUMARIS_INPUTS_X64=${product_hash[room-amd64]} ${product_hash[deps-x86_64]}"
+        "LUMARIS_INPUTS_ARM64=${product_hash[room-amd64]} ${product_hash[deps-aarch64]}")
+    for name in CI LUMARIS_PUBLIC_KEY LUMARIS_UPDATE_HOST LUMARIS_REPORT_HOST; do
+        [[ -z ${!name+set} ]] || variables+=("$name=${!name}")
+    done
+}
+
 # in_room [--bind FROM TO]... COMMAND...
 in_room() {
-    local extra=() room name
+    [[ -n ${isolation:-} ]] || check_namespaces
+    make_run_folder
+    if [[ $isolation == none ]]; then
+        in_plain_room "$@"
+        return
+    fi
+    local extra=() room name variables
     while [[ ${1:-} == --bind ]]; do
         extra+=(--bind "$2" "$3")
         shift 3
     done
-    make_run_folder
     room=$(product_path room-amd64)
     local options=(--ro-bind "$room" / --proc /proc --dev /dev --ro-bind /sys /sys
         --bind "$run_folder/tmp" /tmp --tmpfs /run --tmpfs /var/log --tmpfs /var/tmp --tmpfs /var/lib/nginx --tmpfs /root
         --bind "$run_folder/hosts" /etc/hosts --bind "$run_folder/ca-certificates.crt" /etc/ssl/certs/ca-certificates.crt
         --bind "$here" /src --bind "$cache/ccache" /var/cache/ccache)
-    for name in toolchain-x86_64 toolchain-aarch64 deps-x86_64 deps-aarch64 prefix-x86_64 prefix-aarch64; do
+    for name in "${room_products[@]}"; do
         [[ ! -d $(product_path "$name") ]] || options+=(--ro-bind "$(product_path "$name")" "/opt/lumaris/$name")
     done
     local arm64
@@ -53,15 +73,53 @@ in_room() {
             options+=(--ro-bind "$(product_path prefix-aarch64)" /rooms/arm64/opt/lumaris/prefix-aarch64)
     fi
     local capability
-    for capability in NET_ADMIN NET_RAW NET_BIND_SERVICE SYS_CHROOT SYS_PTRACE SETUID SETGID CHOWN DAC_OVERRIDE FOWNER FSETID KILL MKNOD; do
+    for capability in SYS_ADMIN NET_ADMIN NET_RAW NET_BIND_SERVICE SYS_CHROOT SYS_PTRACE SETUID SETGID CHOWN DAC_OVERRIDE FOWNER FSETID KILL MKNOD; do
         options+=(--cap-add "CAP_$capability")
     done
-    local variables=(PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root USER=root LANG=C.UTF-8 LC_ALL=C.UTF-8
-        "TERM=${TERM:-dumb}" CCACHE_DIR=/var/cache/ccache CCACHE_BASEDIR=/src CCACHE_NOHASHDIR=1 CCACHE_MAXSIZE=2G
-        QEMU_CPU=cortex-a72 LUMARIS_IN_ROOM=1 "LUMARIS_ARM64_FAULT=${arm64_fault:-}")
-    for name in CI LUMARIS_PUBLIC_KEY LUMARIS_UPDATE_HOST LUMARIS_REPORT_HOST; do
-        [[ -z ${!name+set} ]] || variables+=("$name=${!name}")
+    [[ $isolation != full ]] || options+=(--unshare-net --unshare-pid --unshare-ipc --unshare-uts --hostname lumaris-room)
+    room_variables
+    bwrap "${options[@]}" "${extra[@]}" --die-with-parent --chdir /src -- /usr/bin/env -i "${variables[@]}" "$@"
+}
+
+# The same without any namespace or mount: a copy of the room that holds copies of the checkout and the products, entered by chroot.
+# Good for building and for native programs; what the job wrote to build/ is copied back.
+in_plain_room() {
+    local plain=$cache/plain-room from to name variables status=0 binds=()
+    if [[ $(cat "$plain/.made-from" 2>/dev/null) != "${product_hash[room-amd64]}" ]]; then
+        rm -rf --one-file-system "$plain" && mkdir -p "$plain" &&
+            cp -al "$(product_path room-amd64)/." "$plain/" || die "cannot copy the room to $plain"
+        # Files that a job may write are no links to the room's own.
+        rm -f "$plain/etc/hosts" "$plain/.complete" "$plain/.manifest"
+        cp "$run_folder/hosts" "$plain/etc/hosts"
+        printf '%s' "${product_hash[room-amd64]}" >"$plain/.made-from"
+    fi
+    while [[ ${1:-} == --bind ]]; do
+        binds+=("$2" "$3")
+        shift 3
     done
-    bwrap "${options[@]}" "${extra[@]}" --unshare-net --unshare-pid --unshare-ipc --unshare-uts --hostname lumaris-room \
-        --die-with-parent --chdir /src -- /usr/bin/env -i "${variables[@]}" "$@"
+    for name in "${room_products[@]}"; do
+        from=$(product_path "$name")
+        to=$plain/opt/lumaris/$name
+        [[ -d $from && $(cat "$to/.made-from" 2>/dev/null) != "${product_hash[$name]}" ]] || continue
+        rm -rf --one-file-system "$to" && cp -al "$from" "$to" && printf '%s' "${product_hash[$name]}" >"$to/.made-from" ||
+            die "cannot copy $from to $to"
+    done
+    local i
+    for ((i = 0; i < ${#binds[@]}; i += 2)); do
+        rm -rf --one-file-system "$plain${binds[i + 1]}"
+        cp -al "${binds[i]}" "$plain${binds[i + 1]}" || die "cannot copy ${binds[i]}"
+    done
+    find "$plain/src" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} + &&
+        (cd "$here" && find . -mindepth 1 -maxdepth 1 ! -name build -exec cp -a {} "$plain/src/" \;) ||
+        die "cannot copy the checkout to $plain/src"
+    room_variables
+    chroot "$plain" /usr/bin/env -i "${variables[@]}" /bin/sh -c 'cd /src && exec "$@"' sh "$@" || status=$?
+    if [[ -d $plain/src/build ]]; then
+        mkdir -p "$here/build" && cp -au "$plain/src/build/." "$here/build/" || die "cannot copy the results to $here/build"
+    fi
+    for ((i = 0; i < ${#binds[@]}; i += 2)); do
+        cp -au "$plain${binds[i + 1]}/." "${binds[i]}/" || die "cannot copy the results to ${binds[i]}"
+        rm -rf --one-file-system "$plain${binds[i + 1]}"
+    done
+    return "$status"
 }

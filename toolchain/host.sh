@@ -50,23 +50,26 @@ prepare_host() {
     find_mirror
 }
 
-# Sets namespaces_fault to the reason when jobs cannot be put into namespaces of their own.
+# Sets isolation to what this machine allows: `full`; `mounts` (a room can be entered, but not with a network of its own);
+# `none` (only a plain chroot). namespaces_fault gets the reason when it is not full.
 check_namespaces() {
-    namespaces_fault=
-    if ! command -v bwrap >/dev/null; then
-        namespaces_fault='bubblewrap is not installed'
-        return
-    fi
     local text
-    text=$(bwrap --bind / / --unshare-net --unshare-pid --proc /proc --dev /dev true 2>&1) ||
-        namespaces_fault="this machine forbids namespaces ($(head -n 1 <<<"$text"))"
+    namespaces_fault=
+    isolation=full
+    text=$(bwrap --ro-bind / / --unshare-net --unshare-pid --unshare-ipc --unshare-uts --proc /proc --dev /dev true 2>&1) && return
+    namespaces_fault="this machine forbids namespaces ($(head -n 1 <<<"$text"))"
+    isolation=mounts
+    bwrap --ro-bind / / --proc /proc --dev /dev true 2>/dev/null && return
+    isolation=none
 }
 
 # Sets arm64_fault to the reason when ARM64 programs cannot be run. Registers the room's own static qemu with the
 # kernel where nothing handles ARM64 programs yet; flag F makes the kernel hold the interpreter open, so that it works
 # inside every room.
 check_arm64() {
-    local room=$1 interpreter=$2 text
+    local room interpreter text
+    room=$(product_path room-arm64)
+    interpreter=$(product_path room-amd64)/usr/bin/qemu-aarch64
     arm64_fault=
     runs_arm64 "$room" && return
     local control=/proc/sys/fs/binfmt_misc

@@ -79,9 +79,11 @@ make_cache() {
         die "cannot write to the cache folder $cache" "Set LUMARIS_CACHE to a folder on a disk with about 6 GB free."
 }
 
-# Makes what is missing or damaged of the named products, in the order of their definition.
+# Makes what is missing or damaged of the named products, in the order of their definition, and remembers them in
+# `needed`.
 need() {
-    local name fault missing=() megabytes=0
+    needed=("$@")
+    local name fault reason missing=() megabytes=0
     for name in "${product_order[@]}"; do
         [[ " $* " == *" $name "* ]] || continue
         fault=$(product_fault "$name")
@@ -101,6 +103,11 @@ need() {
         local number=0
         for name in "${missing[@]}"; do
             number=$((number + 1))
+            reason=$(product_hindrance "$name")
+            if [[ -n $reason ]]; then
+                say "[$number/${#missing[@]}] ${product_title[$name]}: left out, $reason"
+                continue
+            fi
             make_product "$name" "[$number/${#missing[@]}]"
         done
         remove_leftovers

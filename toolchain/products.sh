@@ -20,6 +20,9 @@ done
 product prefix-x86_64 'Wine prefix for x86_64' 400 make_prefix_x86_64 'system.reg user.reg drive_c/windows/system32' build_prefix.sh @room-amd64
 product prefix-aarch64 'Wine prefix for ARM64' 400 make_prefix_aarch64 'system.reg user.reg drive_c/windows/system32' build_prefix.sh @room-arm64
 
+# Those that stand below /opt/lumaris in the room.
+room_products=(toolchain-x86_64 toolchain-aarch64 deps-x86_64 deps-aarch64 prefix-x86_64 prefix-aarch64)
+
 products_native=(room-amd64)
 products_x64=(room-amd64 sources toolchain-x86_64 deps-x86_64)
 products_arm64=(room-amd64 sources toolchain-aarch64 deps-aarch64)
@@ -43,9 +46,22 @@ make_prefix_x86_64() {
     in_room --bind "$1" /opt/lumaris/prefix-x86_64 /src/toolchain/build_prefix.sh x86_64 /opt/lumaris/prefix-x86_64
 }
 make_prefix_aarch64() {
-    local arm64_fault
-    check_arm64 "$(product_path room-arm64)" "$(product_path room-amd64)/usr/bin/qemu-aarch64"
-    [[ -z $arm64_fault ]] || { echo "dev: $arm64_fault"; return 1; }
     in_room --bind "$1" /opt/lumaris/prefix-aarch64 --bind "$1" /rooms/arm64/opt/lumaris/prefix-aarch64 \
         /src/toolchain/build_prefix.sh aarch64 /opt/lumaris/prefix-aarch64
+}
+
+# Why this machine cannot make the product, or nothing. Jobs then do without it.
+product_hindrance() {
+    case $1 in
+    prefix-*)
+        check_namespaces
+        [[ $isolation == full ]] || { printf '%s' "$namespaces_fault"; return; }
+        ;;
+    esac
+    case $1 in
+    prefix-aarch64)
+        check_arm64
+        printf '%s' "$arm64_fault"
+        ;;
+    esac
 }

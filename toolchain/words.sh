@@ -90,7 +90,167 @@ word_build() {
     ((${#presets[@]})) || presets=(native-asan x64-test arm64-test)
     for preset in "${presets[@]}"; do want_preset "$preset"; done
     need "${wanted[@]}"
-    in_room python3 toolchain/job.py build "${arguments[@]}" "${presets[@]}"
+    job build "${arguments[@]}" "${presets[@]}"
+}
+
+# job ARGUMENTS: a job of toolchain/job.py. When it fails, the products that it used are checked against what was made, so
+# that damage is not taken for an error of the program.
+job() { check_after_failure in_room python3 toolchain/job.py "$@"; }
+
+check_after_failure() {
+    local status=0 name fault damaged=
+    "$@" || status=$?
+    ((status == 0 || status >= 128)) && return "$status"
+    for name in "${needed[@]}"; do
+        fault=$(product_deep_fault "$name")
+        [[ -n $fault ]] || continue
+        say "dev: the ${product_title[$name]} is damaged: $fault"
+        rm -f "$(product_path "$name")/.complete"
+        damaged=1
+    done
+    [[ -z $damaged ]] || say "dev: the next call makes what is damaged again"
+    return "$status"
+}
+
+test_help() {
+    cat <<'END'
+usage: ./dev test [options of tests/run.py]
+
+Builds everything and runs all tests: unit tests natively with sanitizers and under Wine for x86-64 and ARM64, whole runs
+of the program, a few seconds of each fuzz target. Closes with the counts.
+
+With CI=true, ARM64 programs and isolated networks must work: what is else left out with a line that says so is a failure then.
+
+examples:
+  ./dev test
+  ./dev test --only native
+  ./dev test --help-run          the options of the test runner
+END
+}
+
+# Says what this machine cannot do; with CI=true that is an error.
+say_hindrances() {
+    check_namespaces
+    [[ $isolation == full ]] || say "dev: $namespaces_fault: tests under Wine and whole runs are left out"
+    arm64_fault=
+    if [[ $isolation == full ]]; then
+        check_arm64
+        [[ -z $arm64_fault ]] || say "dev: ARM64 programs cannot run here: $arm64_fault; everything else is done"
+    fi
+    [[ ${CI:-} != true || ($isolation == full && -z $arm64_fault) ]] || die "with CI=true nothing may be left out"
+}
+
+word_test() {
+    case ${1:-} in
+    --help | -h) test_help; return ;;
+    --help-run) set -- --help ;;
+    esac
+    need "${product_order[@]}"
+    say_hindrances
+    if [[ $isolation != full ]]; then
+        job build native-asan x64-test arm64-test native-fuzz || return
+        check_after_failure in_room python3 tests/run.py --only native --only fuzz "$@"
+        return
+    fi
+    job build native-asan native-fuzz x64-test arm64-test || return
+    check_after_failure in_room python3 tests/run.py "$@"
+}
+
+# The demonstration has its own --help; without the set-up there is no Python to print it, so the essentials are here.
+run_help() {
+    cat <<'END'
+usage: ./dev run [--arch arm64|x64] [outcome]
+
+Shows a whole update with nothing faked: makes a key, builds the program with it, packs and signs a package, publishes it in
+an isolated network, runs the program under Wine and prints what everyone saw as one timeline, with a verdict.
+
+  --arch x64                       the quicker x86-64 build (default: arm64, the product)
+  --offline                        no network
+  --cost fixed|variable|overlimit|congested|roaming
+                                   a metered network
+  --channel NAME                   the release channel in the registry; '' is an empty one
+  --variant=TEXT                   the program's first argument, such as --variant=-sl
+  --tamper description|package|signature
+                                   changes what is published after it was signed
+  --old                            offers 3.4.0, which is installed already
+  --proxy                          through a proxy that asks for a password
+
+examples:
+  ./dev run
+  ./dev run --arch x64 --tamper package
+  ./dev run --variant=-sl
+END
+}
+
+word_run() {
+    local arch=arm64 argument next='' wanted=(room-amd64)
+    for argument in "$@"; do
+        [[ $argument != --help && $argument != -h ]] || { run_help; return; }
+        [[ $next != arch ]] || arch=$argument
+        next=
+        case $argument in
+        --arch) next=arch ;;
+        --arch=*) arch=${argument#--arch=} ;;
+        esac
+    done
+    case $arch in
+    arm64) wanted=("${products_arm64[@]}" "${products_run_arm64[@]}") ;;
+    x64) wanted=("${products_x64[@]}" "${products_run_x64[@]}") ;;
+    *) die "unknown architecture $arch" "--arch takes arm64 or x64." ;;
+    esac
+    need "${wanted[@]}"
+    check_namespaces
+    [[ $isolation == full ]] || die "$namespaces_fault" "The demonstration needs a network of its own. ./dev build works without."
+    arm64_fault=
+    if [[ $arch == arm64 ]]; then
+        check_arm64
+        [[ -z $arm64_fault ]] || die "ARM64 programs cannot run here: $arm64_fault" "./dev run --arch x64 works without."
+    fi
+    # The key of the demonstration is made once for each checkout.
+    if [[ ! -s $here/build/demo-key/demo.pub || ! -s $here/build/demo-key/demo.key ]]; then
+        mkdir -p "$here/build/demo-key" || die "cannot make $here/build/demo-key"
+        in_room minisign -G -f -W -p build/demo-key/demo.pub -s build/demo-key/demo.key >/dev/null || die "minisign made no key"
+    fi
+    LUMARIS_PUBLIC_KEY=$(grep -v '^untrusted comment:' "$here/build/demo-key/demo.pub")
+    export LUMARIS_PUBLIC_KEY
+    job build "$arch-demo" || return
+    check_after_failure in_room python3 tools/demo "$@"
+}
+
+word_bench() {
+    if [[ ${1:-} == --help || ${1:-} == -h ]]; then
+        printf '%s\n' 'usage: ./dev bench [options of bench/run.py]' '' \
+            'Builds native-release and x64-test, measures, and says which numbers are reached.' '' 'example:' '  ./dev bench'
+        return
+    fi
+    need "${products_native[@]}" "${products_x64[@]}" "${products_arm64[@]}" "${products_run_x64[@]}"
+    check_namespaces
+    [[ $isolation == full ]] || die "$namespaces_fault" "The measurements need a network of their own."
+    job build native-release x64-test arm64-test || return
+    check_after_failure in_room python3 bench/run.py "$@"
+}
+
+word_fuzz() {
+    if [[ ${1:-} == --help || ${1:-} == -h ]]; then
+        printf '%s\n' 'usage: ./dev fuzz [TARGET]... [--seconds N]' '' \
+            'Builds the fuzz targets (preset native-fuzz) and runs each named one, or all, for N seconds (default 60). What they find' \
+            'is kept in build/fuzz/TARGET.' '' 'examples:' '  ./dev fuzz' '  ./dev fuzz url_parts_fuzz --seconds 600'
+        return
+    fi
+    need "${products_native[@]}"
+    job build native-fuzz || return
+    check_after_failure in_room python3 toolchain/job.py fuzz "$@"
+}
+
+word_lint() {
+    if [[ ${1:-} == --help || ${1:-} == -h ]]; then
+        printf '%s\n' 'usage: ./dev lint [--fix] [CHECK]...' '' \
+            '  CHECK   format, headers, shell, python, tidy (default: all)' \
+            '  --fix   lets clang-format change the files' '' 'examples:' '  ./dev lint' '  ./dev lint --fix format'
+        return
+    fi
+    need "${products_native[@]}" "${products_x64[@]}"
+    check_after_failure in_room python3 toolchain/job.py lint "$@"
 }
 
 word_shell() {
@@ -102,8 +262,7 @@ word_shell() {
         return
     fi
     need "${product_order[@]}"
-    check_arm64 "$(product_path room-arm64)" "$(product_path room-amd64)/usr/bin/qemu-aarch64"
-    [[ -z $arm64_fault ]] || say "dev: ARM64 programs cannot run here: $arm64_fault"
+    CI='' say_hindrances
     (($#)) || set -- bash -i
     in_room "$@"
 }
@@ -115,7 +274,7 @@ main() {
     trap 'exit 130' INT
     trap 'exit 143' TERM HUP
     case $word in
-    build | shell) "word_$word" "$@" ;;
+    run | test | build | bench | fuzz | lint | shell) "word_$word" "$@" ;;
     --help | -h | help) help_text ;;
     '') help_text >&2; exit 2 ;;
     *) die "unknown word: $word" "See ./dev --help." ;;

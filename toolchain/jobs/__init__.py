@@ -1,0 +1,1 @@
+"""The jobs of ./dev inside the room, one module each."""

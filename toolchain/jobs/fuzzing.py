@@ -1,0 +1,49 @@
+"""Running the fuzz targets of build/native-fuzz.
+
+A target is fuzz/NAME.cpp; its seeds are in fuzz/corpus/NAME and its dictionary is fuzz/NAME.dict. What is found is kept in
+build/fuzz/NAME and reused by the next run.
+"""
+
+import argparse
+import subprocess
+from pathlib import Path
+
+from jobs.common import JobError
+
+
+def add_parser(words: "argparse._SubParsersAction[argparse.ArgumentParser]") -> None:
+    parser = words.add_parser("fuzz", help="run fuzz targets")
+    parser.add_argument("targets", nargs="*", metavar="TARGET")
+    parser.add_argument("--seconds", type=int, default=60, help="time for each target (default 60)")
+    parser.set_defaults(run=run)
+
+
+def available() -> list[str]:
+    return sorted(path.name for path in Path("build/native-fuzz/fuzz").glob("*_fuzz") if path.is_file())
+
+
+def run(arguments: argparse.Namespace) -> None:
+    existing = available()
+    if not existing:
+        raise JobError("no fuzz target has been built")
+    for target in arguments.targets:
+        if target not in existing:
+            raise JobError(f"there is no fuzz target {target}; there are {', '.join(existing)}")
+    for target in arguments.targets or existing:
+        fuzz(target, arguments.seconds)
+
+
+def fuzz(target: str, seconds: int) -> None:
+    found = Path("build/fuzz") / target
+    found.mkdir(parents=True, exist_ok=True)
+    command = [f"build/native-fuzz/fuzz/{target}", f"-max_total_time={seconds}", "-timeout=10", "-print_final_stats=1",
+               f"-artifact_prefix={found}/crash-", str(found)]
+    seeds = Path("fuzz/corpus") / target
+    if seeds.is_dir():
+        command.append(str(seeds))
+    dictionary = Path("fuzz") / f"{target}.dict"
+    if dictionary.is_file():
+        command.insert(1, f"-dict={dictionary}")
+    print(f"dev: fuzzing {target} for {seconds} s", flush=True)
+    if subprocess.run(command, stdin=subprocess.DEVNULL, check=False).returncode:
+        raise JobError(f"{target} found something: the input is in {found}")

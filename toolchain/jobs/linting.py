@@ -1,0 +1,128 @@
+"""Checks of the source tree that need no run of the program."""
+
+import argparse
+import concurrent.futures
+import json
+import re
+import shlex
+import subprocess
+import sys
+from collections.abc import Callable, Iterable
+from pathlib import Path
+
+from jobs import building
+from jobs.common import JobError, cores
+
+SOURCE_FOLDERS = ("platform", "stream", "http", "minisign", "errorreport", "updater", "tests", "bench", "fuzz", "tools")
+PRODUCT_FOLDERS = ("platform", "stream", "http", "minisign", "errorreport", "updater")
+
+
+def add_parser(words: "argparse._SubParsersAction[argparse.ArgumentParser]") -> None:
+    parser = words.add_parser("lint", help="check the sources")
+    parser.add_argument("checks", nargs="*", metavar="CHECK", help=f"of {', '.join(CHECKS)} (default: all)")
+    parser.add_argument("--fix", action="store_true", help="let clang-format change the files")
+    parser.set_defaults(run=run)
+
+
+def run(arguments: argparse.Namespace) -> None:
+    for name in arguments.checks:
+        if name not in CHECKS:
+            raise JobError(f"there is no check {name}; there are {', '.join(CHECKS)}")
+    failed = []
+    for name in arguments.checks or CHECKS:
+        print(f"dev: lint: {name}", flush=True)
+        complaints = list(CHECKS[name](arguments.fix))
+        for complaint in complaints:
+            print(complaint, file=sys.stderr, flush=True)
+        if complaints:
+            failed.append(name)
+    if failed:
+        raise JobError(f"lint failed: {', '.join(failed)}")
+    print("dev: lint passed")
+
+
+def sources(*suffixes: str, folders: Iterable[str] = SOURCE_FOLDERS) -> list[Path]:
+    return sorted(path for folder in folders for path in Path(folder).rglob("*") if path.suffix in suffixes)
+
+
+def output_of(command: list[str]) -> tuple[int, str]:
+    result = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                            text=True, check=False)
+    return result.returncode, result.stdout.strip()
+
+
+def complaints_of(commands: Iterable[list[str]]) -> Iterable[str]:
+    """Runs the commands side by side; yields the output of those that fail."""
+    with concurrent.futures.ThreadPoolExecutor(cores()) as pool:
+        for status, text in pool.map(output_of, commands):
+            if status:
+                yield text or "failed without a message"
+
+
+def check_format(fix: bool) -> Iterable[str]:
+    files = [str(path) for path in sources(".h", ".cpp")]
+    command = ["clang-format-19", *(["-i"] if fix else ["--dry-run", "-Werror"]), *files]
+    return complaints_of([command]) if files else []
+
+
+def x64_flags() -> list[str]:
+    """Compiler and flags of a source of the x86-64 build, without the names of its files."""
+    building.build("x64-test", "build.ninja")
+    entries = json.loads(Path("build/x64-test/compile_commands.json").read_text(encoding="utf-8"))
+    entry = next((entry for entry in entries if entry["file"].startswith("/src/updater/")), entries[0])
+    words = shlex.split(entry["command"])
+    words = words[words.index("/usr/bin/clang++-19"):]
+    for option in ("-c", "-o", "-MF", "-MT"):
+        while option in words:
+            position = words.index(option)
+            del words[position:position + 2]
+    return [word for word in words if word != "-MD"]
+
+
+def check_headers(_fix: bool) -> Iterable[str]:
+    """Every header compiles alone, has `#pragma once`, and is the first thing that its own source includes."""
+    headers = sources(".h")
+    for header in headers:
+        text = header.read_text(encoding="utf-8")
+        if "#pragma once" not in text:
+            yield f"{header}: no #pragma once"
+        source = header.with_suffix(".cpp")
+        if source.exists():
+            first = re.search(r'^#include\s+["<]([^">]+)[">]', source.read_text(encoding="utf-8"), re.MULTILINE)
+            if first is None or first.group(1) != str(header):
+                yield f"{source}: does not include {header} first"
+    flags = x64_flags()
+    yield from complaints_of([*flags, "-fsyntax-only", "-Wno-pragma-once-outside-header", "-Wno-unused-const-variable",
+                              "-I/opt/lumaris/deps-x86_64/include", "-x", "c++", str(header)]
+                             for header in headers if not str(header).startswith("fuzz/"))
+
+
+def check_tidy(_fix: bool) -> Iterable[str]:
+    x64_flags()
+    entries = json.loads(Path("build/x64-test/compile_commands.json").read_text(encoding="utf-8"))
+    files = sorted({entry["file"] for entry in entries
+                    if entry["file"].startswith(tuple(f"/src/{folder}/" for folder in PRODUCT_FOLDERS))
+                    and entry["file"].endswith(".cpp")})
+    return complaints_of(["clang-tidy-19", "--quiet", "-p", "build/x64-test", file] for file in files)
+
+
+def check_shell(_fix: bool) -> Iterable[str]:
+    files = [str(path) for path in (Path("dev"), Path(".ci/run"), *sorted(Path("toolchain").glob("*.sh"))) if path.exists()]
+    return complaints_of([["shellcheck", "--severity=warning", "--external-sources", *files]])
+
+
+def check_python(_fix: bool) -> Iterable[str]:
+    for path in sorted(path for folder in ("toolchain", "tests", "bench", "tools", "fuzz") for path in Path(folder).rglob("*.py")):
+        try:
+            compile(path.read_text(encoding="utf-8"), str(path), "exec")
+        except SyntaxError as error:
+            yield f"{path}:{error.lineno}: {error.msg}"
+
+
+CHECKS: dict[str, Callable[[bool], Iterable[str]]] = {
+    "format": check_format,
+    "headers": check_headers,
+    "shell": check_shell,
+    "python": check_python,
+    "tidy": check_tidy,
+}
