@@ -72,6 +72,7 @@ in_room() {
         [[ ! -d $(product_path prefix-aarch64) ]] ||
             options+=(--ro-bind "$(product_path prefix-aarch64)" /rooms/arm64/opt/lumaris/prefix-aarch64)
     fi
+    # SYS_ADMIN and NET_ADMIN: tests make networks of their own, one for each run, inside the isolated one.
     local capability
     for capability in SYS_ADMIN NET_ADMIN NET_RAW NET_BIND_SERVICE SYS_CHROOT SYS_PTRACE SETUID SETGID CHOWN DAC_OVERRIDE FOWNER FSETID KILL MKNOD; do
         options+=(--cap-add "CAP_$capability")
