@@ -1,0 +1,209 @@
+// One HTTP exchange over WinHTTP's asynchronous interface that looks synchronous: the constructor of a request kind sends
+// it and returns when the exchange has ended, or rethrows what went wrong on the callback thread.
+//
+// A request owns its request handle, its completion event and its transfer buffer; connection, handlers, streams and
+// progress indicator belong to the caller and outlive it. The caller's thread sleeps while WinHTTP's callback thread runs
+// on_status(); handlers and indicator are called there. One object carries one exchange.
+//
+// The transport never judges the status code: every response's body is read in full and status() says what came.
+#pragma once
+
+#include "http/request/open_request.h"
+#include "http/request/response.h"
+#include "platform/progress.h"
+#include "platform/user_cancelled.h"
+#include "stream/basic.h"
+
+#include <array>
+#include <atomic>
+#include <exception>
+#include <system_error>
+
+namespace webio {
+
+// What a response is handed to, each owned by the caller:
+// - `HeaderLine`, called with (const char* line, std::size_t length) for each raw header line, status line first, with its
+//   CR LF where it has one (UTF-8);
+// - `ContentLength`, called with the content length (std::uint32_t), once, where the response has one;
+// - `Data`, a corvo::stream::basic that every piece of the body is written to.
+// `Progress` counts bytes of the body.
+template <class HeaderLine, class ContentLength, class Data, class Progress> class request {
+public:
+    request(const request&) = delete;
+    request& operator=(const request&) = delete;
+
+    // The HTTP status code; 0 until response headers have arrived.
+    std::uint16_t status() const noexcept {
+        return m_status;
+    }
+
+protected:
+    using progress_type = corvo::progress<Progress>;
+
+    request(const connection& server, HeaderLine& header_line, ContentLength& content_length, Data& data,
+            progress_type* progress) noexcept
+        : m_connection(server), m_header_line(header_line), m_content_length(content_length), m_data(data),
+          m_progress(progress) {}
+    ~request() = default;
+
+    // Handles one notification; an exception that leaves it ends the exchange. First in the table of virtual operations.
+    virtual void on_status(DWORD code, void* data, DWORD length) {
+        if (!m_error) {
+            check_cancelled();
+        }
+        switch (code) {
+        case WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE:
+            receive_response(m_request.get());
+            break;
+        case WINHTTP_CALLBACK_STATUS_HEADERS_AVAILABLE:
+            on_headers();
+            break;
+        case WINHTTP_CALLBACK_STATUS_READ_COMPLETE:
+            on_read(length);
+            break;
+        case WINHTTP_CALLBACK_STATUS_SECURE_FAILURE:
+            throw_secure_failure(*static_cast<const DWORD*>(data));
+        case WINHTTP_CALLBACK_STATUS_REQUEST_ERROR:
+            throw_request_error(*static_cast<const WINHTTP_ASYNC_RESULT*>(data));
+        case WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING:
+            leave();
+            break;
+        default:
+            break;
+        }
+    }
+
+    void open(const wchar_t* verb, const url_parts& url, const header_list& headers, const accept_types& accepted,
+              const proxy_credentials& proxy) {
+        open_request(m_request, m_done, m_connection, verb, url, headers, accepted, proxy, &request::status_callback);
+    }
+
+    // Sends the opened request, waits for the end of the exchange and rethrows its error, if any. Called by the constructor
+    // of the most derived class, so that notifications reach its on_status().
+    void send_and_wait() {
+        send_request(m_request, reinterpret_cast<DWORD_PTR>(this), 0);
+        ::WaitForSingleObject(m_done.get(), INFINITE);
+        if (m_error) {
+            std::rethrow_exception(m_error);
+        }
+    }
+
+    void check_cancelled() const {
+        if (m_progress != nullptr && m_progress->cancel()) {
+            throw corvo::user_cancelled("operation cancelled");
+        }
+    }
+
+    const pwrap::http& handle() const noexcept {
+        return m_request;
+    }
+    std::array<char, 8192>& buffer() noexcept {
+        return m_buffer;
+    }
+
+private:
+    static void CALLBACK status_callback(HINTERNET, DWORD_PTR context, DWORD code, void* data, DWORD length) noexcept {
+        if (context == 0) {
+            return;
+        }
+        auto& self = *reinterpret_cast<request*>(context);
+        self.enter();
+        try {
+            self.on_status(code, data, length);
+        } catch (...) {
+            if (!self.m_error) { // the first failure is the cause; what follows from it is not
+                self.m_error = std::current_exception();
+            }
+            if (code == WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING) {
+                self.leave();
+            } else {
+                self.m_request.free(); // the closing notification wakes the waiting thread
+            }
+        }
+        self.leave();
+    }
+
+    // The exchange and every notification being handled hold the object. It is given back to the waiting thread when the
+    // last of them leaves: that is the closing notification, unless a call that issued the next operation is still on its way
+    // out of an earlier one. Nothing touches the object after the last leave().
+    void enter() noexcept {
+        m_holders.fetch_add(1, std::memory_order_relaxed);
+    }
+    void leave() noexcept {
+        if (m_holders.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+            ::SetEvent(m_done.get());
+        }
+    }
+
+    void on_headers() {
+        m_status = query_status(m_request.get());
+        const std::string block = query_raw_headers(m_request.get());
+        for (std::size_t position = 0; position < block.size();) {
+            check_cancelled();
+            const std::string_view line = header_line_at(block, position);
+            m_header_line(line.data(), line.size());
+            position += line.size();
+        }
+        if (const auto length = query_content_length(m_request.get())) {
+            m_content_length(*length);
+            if (m_progress != nullptr) {
+                m_total = *length;
+                m_progress->set_range(0, m_total);
+            }
+        }
+        check_cancelled();
+        read_data(m_request.get(), m_buffer.data(), static_cast<DWORD>(m_buffer.size()));
+    }
+
+    void on_read(DWORD length) {
+        if (length == 0) {
+            m_request.free();
+            return;
+        }
+        m_data.write(m_buffer.data(), length);
+        if (m_data.state() == corvo::stream::state_t::fail) {
+            throw std::system_error(static_cast<int>(::GetLastError()), std::system_category());
+        }
+        check_cancelled();
+        // Once the next read is issued its notification may come at any time, so the count is brought up to date before.
+        const bool report = m_progress != nullptr && m_total != 0;
+        const Progress count = report ? m_count += length : m_count;
+        read_data(m_request.get(), m_buffer.data(), static_cast<DWORD>(m_buffer.size()));
+        if (report) { // with an unknown total there is nothing to compare a count with, so none is reported
+            m_progress->set(count);
+        }
+    }
+
+    std::uint16_t m_status = 0;
+    const connection& m_connection;
+    pwrap::http m_request;
+    std::array<char, 8192> m_buffer{}; // every read and every chunk of an upload goes through it, without a copy
+    std::exception_ptr m_error;
+    pwrap::win_handle<0> m_done;
+    HeaderLine& m_header_line;
+    ContentLength& m_content_length;
+    Data& m_data;
+    progress_type* m_progress;
+    Progress m_total = 0;
+    Progress m_count = 0;
+    std::atomic<int> m_holders{1};
+};
+
+// A GET request: the constructor makes the whole exchange.
+template <class HeaderLine, class ContentLength, class Data, class Progress>
+class get_request final : public request<HeaderLine, ContentLength, Data, Progress> {
+    using base = request<HeaderLine, ContentLength, Data, Progress>;
+
+public:
+    // Throws pwrap::http_error for a failed WinHTTP call or request, std::runtime_error for a TLS failure, std::system_error
+    // for a failing output stream, corvo::user_cancelled, and whatever the handlers throw.
+    get_request(const connection& server, const url_parts& url, const header_list& headers, const accept_types& accepted,
+                const proxy_credentials& proxy, HeaderLine& header_line, ContentLength& content_length, Data& data,
+                corvo::progress<Progress>* progress)
+        : base(server, header_line, content_length, data, progress) {
+        this->open(L"GET", url, headers, accepted, proxy);
+        this->send_and_wait();
+    }
+};
+
+} // namespace webio
