@@ -1,0 +1,16 @@
+// What a build is configured with (CMake cache variables): where updates come from and whose signature they must carry.
+#pragma once
+
+#include "minisign/trusted_key.h"
+
+#include <cstddef>
+
+namespace build_config {
+
+// Host name of the update server.
+extern const char update_host[];
+
+inline constexpr std::size_t trusted_key_count = 1;
+extern const corvo::minisign::trusted_key trusted_keys[trusted_key_count];
+
+} // namespace build_config

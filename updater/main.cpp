@@ -1,0 +1,16 @@
+// The program's entry: registers the event source before anything else and runs once.
+
+#include "updater/run.h"
+
+#include "platform/handle.h"
+
+namespace {
+
+// A null handle (registration failed) is legal: the program then does the same, silently.
+const pwrap::event_log events(::RegisterEventSourceW(nullptr, L"HalvoroUpdate"));
+
+} // namespace
+
+int WINAPI wWinMain(HINSTANCE, HINSTANCE, wchar_t*, int) {
+    return run(events.get());
+}
