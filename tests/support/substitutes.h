@@ -1,4 +1,5 @@
-// The imported functions that unit tests may replace, one substitute each; see substitute.h.
+// The imported functions that unit tests may replace, one substitute each; see substitute.h. GetProcAddress is not among
+// them: the substitutes find the real functions with it.
 #pragma once
 
 #include "tests/support/substitute.h"
@@ -23,7 +24,7 @@ extern "C" __declspec(dllimport) void NTAPI RtlGetNtVersionNumbers(ULONG* major,
     X("kernel32.dll", LocalFree)            X("kernel32.dll", WideCharToMultiByte) X("kernel32.dll", MultiByteToWideChar) \
     X("kernel32.dll", ExpandEnvironmentStringsW) X("kernel32.dll", GetModuleFileNameW) X("kernel32.dll", GetACP)        \
     X("kernel32.dll", WaitForSingleObject)  X("kernel32.dll", ReleaseMutex)        X("kernel32.dll", CreateEventW)      \
-    X("kernel32.dll", SetEvent)             X("kernel32.dll", GetCommandLineW)     X("kernel32.dll", GetProcAddress)    \
+    X("kernel32.dll", SetEvent)             X("kernel32.dll", GetCommandLineW)                                          \
     X("advapi32.dll", RegOpenKeyExW)        X("advapi32.dll", RegQueryValueExW)    X("advapi32.dll", RegCloseKey)       \
     X("advapi32.dll", RegisterEventSourceW) X("advapi32.dll", ReportEventW)        X("advapi32.dll", DeregisterEventSource) \
     X("advapi32.dll", OpenProcessToken)     X("advapi32.dll", GetTokenInformation)                                      \
