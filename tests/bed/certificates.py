@@ -26,7 +26,7 @@ def make_authority(folder: Path, name: str) -> Certificate:
     return made
 
 
-def make_server_Certificate(folder: Path, authority: Certificate, host: str, *, name: str) -> Certificate:
+def make_server_certificate(folder: Path, authority: Certificate, host: str, *, name: str) -> Certificate:
     """Makes a server certificate for one host name, signed by the authority."""
     made = Certificate(folder / f"{name}.pem", folder / f"{name}.key")
     _openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "30", "-subj", f"/CN={host}",

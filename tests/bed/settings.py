@@ -62,6 +62,6 @@ def set_version(windows: Windows, major: int, minor: int, build: int) -> None:
     """The Windows version that programs see from now on."""
     windows.set_value(_VERSION, "CurrentMajorVersionNumber", major)
     windows.set_value(_VERSION, "CurrentMinorVersionNumber", minor)
-    windows.set_value(_VERSION, "CurrentVersion", f"{major}.{minor}")
+    windows.set_value(_VERSION, "CurrentVersion", f"{major}.{minor}" if major < 10 else "6.3")
     windows.set_value(_VERSION, "CurrentBuild", str(build), REG_SZ)
     windows.set_value(_VERSION, "CurrentBuildNumber", str(build), REG_SZ)

@@ -11,7 +11,7 @@ import time
 from dataclasses import dataclass, field
 from pathlib import Path, PureWindowsPath
 
-from . import event_log
+from . import traces
 from .errors import BedError
 from .isolation import ARM64_ROOM, PrivateNetwork
 
@@ -25,7 +25,7 @@ _PREPARED = {"x64": Path("/opt/lumaris/prefix-x86_64"), "arm64": Path("/opt/luma
 
 # What the shipped programs may need on top of a bare prefix is nothing: no .NET, no HTML engine, no menus.
 _OVERRIDES = "mscoree=;mshtml=;winemenubuilder.exe=;winedbg.exe=d"
-_TRACES = "-all,+timestamp,+eventlog,fixme+advapi"
+_TRACES = "-all,+timestamp,+eventlog,fixme+advapi,trace+exec"
 
 REG_SZ = 1
 REG_EXPAND_SZ = 2
@@ -42,7 +42,7 @@ class LeftProcess:
     exit_code: int
     begin: float
     end: float
-    command_line: str
+    image: str
 
 
 @dataclass(frozen=True)
@@ -53,7 +53,8 @@ class FinishedRun:
     """The full 32 bits, or None when the program had to be ended at its time limit."""
     begin: float
     end: float
-    events: tuple[event_log.Event, ...]
+    events: tuple[traces.Event, ...]
+    commands: tuple[traces.ShellCommand, ...]
     left: tuple[LeftProcess, ...]
     trace: str = field(repr=False, default="")
 
@@ -169,15 +170,15 @@ class Windows:
         left = []
         state, *fields = self.ask("settle", str(int(settle * 1000)), limit=settle + 30)
         for at in range(0, len(fields), 5):
-            pid, ended_with, began, ended, line = fields[at:at + 5]
-            left.append(LeftProcess(int(pid, 16), int(ended_with, 16), _seconds(began), _seconds(ended), line))
+            pid, ended_with, began, ended, image = fields[at:at + 5]
+            left.append(LeftProcess(int(pid, 16), int(ended_with, 16), _seconds(began), _seconds(ended), image))
         if settle and state != "settled":
             raise BedError(f"{command_line}: still running after {settle} s: {left}")
         with self._trace_path.open("rb") as trace:
             trace.seek(offset)
             text = trace.read().decode("utf-8", "replace")
         return FinishedRun(int(code, 16) if how == "exited" else None, _seconds(begin), _seconds(end),
-                            tuple(event_log.read(text)), tuple(left), text)
+                            tuple(traces.events(text)), tuple(traces.commands(text)), tuple(left), text)
 
     def ask(self, *fields: str, limit: float = 30) -> list[str]:
         """Sends the agent one command and returns the fields of its answer."""
@@ -240,7 +241,7 @@ class Windows:
         """Replaces the environment variables in a text."""
         return self.ask("expand", text)[0]
 
-    def message(self, module: str, entry: event_log.Event, language: int = 1033) -> str:
+    def message(self, module: str, entry: traces.Event, language: int = 1033) -> str:
         """The text that the event viewer would show, from the program's own message table."""
         return self.ask("message", module, f"{entry.id:x}", str(language), *entry.strings)[0]
 

@@ -7,7 +7,7 @@ import time
 from contextlib import ExitStack
 from pathlib import Path
 
-from bed import event_log, isolation, package, settings, update_server, windows
+from bed import isolation, package, settings, traces, update_server, windows
 from bed.errors import BedError
 from bed.services import AuthenticatingProxy, Nginx
 from bed.signing import KeyPair
@@ -136,6 +136,9 @@ class Show:
             self._show_proxy(self._proxy, proxy_size)
         for event in run.events:
             self._show_event(machine, event)
+        if not run.events:
+            self._timeline.add("event log", "nothing reported", run.end)
+        self._expect("the event source", ["HalvoroUpdate", "closed"], traces.event_sources(run.trace))
         self._timeline.add("windows", "lumaris.exe ends with exit code "
                            + (_code(run.exit_code) if run.exit_code is not None else "(none: stopped at its time limit)"),
                            run.end)
@@ -172,17 +175,19 @@ class Show:
         if expected(self._given).requests and not passed:
             self._faults.append("nothing went through the proxy")
 
-    def _show_event(self, machine: Windows, event: event_log.Event) -> None:
-        kind = {event_log.INFORMATION: "information", event_log.WARNING: "warning", event_log.ERROR: "error"}
+    def _show_event(self, machine: Windows, event: traces.Event) -> None:
+        kind = {traces.INFORMATION: "information", traces.WARNING: "warning", traces.ERROR: "error"}
         text = machine.message(self._program, event).strip()
         self._timeline.add("event log", f"{kind.get(event.kind, str(event.kind))} {_code(event.id)}: {text}",
                            event.time + self._clock)
 
     def _show_installation(self, machine: Windows, outcome: Outcome, run: FinishedRun, folder: Path, log: Path) -> None:
-        installers = [each for each in run.left if "msiexec" in each.command_line.lower()]
+        for command in run.commands:
+            self._timeline.add("program", f"starts {command.file} {command.parameters}", command.time + self._clock)
+        installers = [each for each in run.left if each.image.lower().endswith("\\msiexec.exe")]
         for installer in installers:
-            self._timeline.add("windows", f"{installer.command_line}", installer.begin)
-            self._timeline.add("windows", f"msiexec.exe ends with exit code {installer.exit_code}", installer.end)
+            self._timeline.add("windows", f"{installer.image} starts", installer.begin)
+            self._timeline.add("windows", f"{installer.image} ends with exit code {installer.exit_code}", installer.end)
             self._expect("the installer's exit code", 0, installer.exit_code)
         self._expect("the number of installers started", 1 if outcome.installs else 0, len(installers))
         if not outcome.installs:
@@ -191,8 +196,9 @@ class Show:
         steps = _installer_steps(log)
         # The log has whole seconds of local time; what matters is their order, before the installer's end.
         moment = max((each.end for each in installers), default=time.time())
-        self._timeline.add("installer", f"{log.name}, {_size(log):,} bytes:\n" + "\n".join(steps), moment)
-        if "INSTALL: return value 1" not in steps:
+        self._timeline.add("installer", f"{log.name} ({_size(log):,} bytes): " + ", ".join(
+            f"{name} {'done' if value == '1' else 'returned ' + value}" for name, value in steps.items()), moment)
+        if steps.get("INSTALL") != "1":
             self._faults.append(f"the installer's log {log} does not say that the installation succeeded")
         stored = folder / log.name.replace(".log", ".msi")
         same = stored.exists() and stored.read_bytes() == self._package.path.read_bytes()
@@ -235,13 +241,13 @@ class Show:
         return self._build / folder / name
 
 
-def _installer_steps(log: Path) -> list[str]:
-    """How the installer's actions ended. Wine's log is 8-bit text where Windows writes UTF-16."""
+def _installer_steps(log: Path) -> dict[str, str]:
+    """What the installer's actions returned at last; 1 is success. Wine's log is 8-bit text, Windows writes UTF-16."""
     data = log.read_bytes() if log.exists() else b""
     text = data.decode("utf-16" if data.startswith(b"\xff\xfe") else "utf-8", "replace")
     shown = ("InstallFiles", "WriteRegistryValues", "RegisterProduct", "InstallFinalize", "INSTALL")
-    ends = re.findall(r"Action ended [^:]*:\d+:\d+: (\w+)\. Return value (\d+)", text)
-    return [f"{name}: return value {value}" for name, value in ends if name in shown]
+    ends = dict(re.findall(r"Action ended [^:]*:\d+:\d+: (\w+)\. Return value (\d+)", text))
+    return {name: ends[name] for name in shown if name in ends}
 
 
 def _processor(architecture: str) -> str:

@@ -6,8 +6,8 @@ import sys
 import time
 from dataclasses import dataclass
 
-_SOURCES = {"demo": "", "windows": "34", "server": "36", "proxy": "35", "event log": "33", "installer": "32",
-            "disk": "32"}
+_SOURCES = {"demo": "", "windows": "34", "program": "34", "server": "36", "proxy": "35", "event log": "33",
+            "installer": "32", "disk": "32"}
 _WIDTH = max(map(len, _SOURCES))
 
 
@@ -18,6 +18,11 @@ class Entry:
     moment: float
     source: str
     text: str
+
+    @property
+    def order(self) -> float:
+        """A server writes its line when it is done with a reply, just after its client is."""
+        return self.moment - (0.01 if self.source in ("server", "proxy") else 0)
 
 
 class Timeline:
@@ -33,7 +38,7 @@ class Timeline:
 
     def show(self) -> None:
         """Prints and forgets the entries."""
-        for entry in sorted(self._entries, key=lambda each: each.moment):
+        for entry in sorted(self._entries, key=lambda each: each.order):
             first, *more = entry.text.splitlines() or [""]
             print(f"{entry.moment - self._begin:8.3f}  {_painted(entry.source)}  {first}")
             for line in more:

@@ -7,7 +7,7 @@
 // Texts are UTF-8, byte strings are hexadecimal. An answer begins with "ok" or with "error" and a number.
 //
 //   run MILLISECONDS COMMANDLINE       ok exited|timeout PID CODE BEGIN END
-//   settle MILLISECONDS                ok settled|timeout {PID CODE BEGIN END COMMANDLINE}...
+//   settle MILLISECONDS                ok settled|timeout {PID CODE BEGIN END IMAGE}...
 //                                      (what the last run left running; ends what is still there)
 //   get KEY NAME                       ok TYPE BYTES
 //   set KEY NAME TYPE BYTES            ok
@@ -29,8 +29,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <winternl.h>
 
 namespace {
 
@@ -131,23 +129,10 @@ fields error(std::uint32_t code) {
     return {"error", std::to_string(code)};
 }
 
-std::string command_line_of(HANDLE process) {
-    // Wine does not answer ProcessCommandLineInformation, so read where it would come from.
-    PROCESS_BASIC_INFORMATION basic = {};
-    PEB peb = {};
-    RTL_USER_PROCESS_PARAMETERS parameters = {};
-    SIZE_T length = 0;
-    if (NtQueryInformationProcess(process, ProcessBasicInformation, &basic, sizeof basic, nullptr) < 0 ||
-        ReadProcessMemory(process, basic.PebBaseAddress, &peb, sizeof peb, &length) == 0 ||
-        ReadProcessMemory(process, peb.ProcessParameters, &parameters, sizeof parameters, &length) == 0) {
-        return {};
-    }
-    std::wstring text(parameters.CommandLine.Length / sizeof(wchar_t), L'\0');
-    if (ReadProcessMemory(process, parameters.CommandLine.Buffer, text.data(), parameters.CommandLine.Length,
-                          &length) == 0) {
-        return {};
-    }
-    return to_utf8(text);
+std::string image_of(HANDLE process) {
+    wchar_t path[1024];
+    auto length = static_cast<DWORD>(std::size(path));
+    return QueryFullProcessImageNameW(process, 0, path, &length) != 0 ? to_utf8({path, length}) : std::string();
 }
 
 // One started program with everything that it starts in turn, held together by a job.
@@ -162,21 +147,15 @@ class process_tree {
     fields settle(DWORD limit);
 
   private:
-    struct member {
-        HANDLE process = nullptr;
-        std::string command_line;
-    };
-
     void end();
     void note(DWORD id);
-    bool read_command_lines();
     bool wait(ULONGLONG until, HANDLE main_process);
 
     HANDLE m_job = nullptr;
     HANDLE m_port = nullptr;
     DWORD m_main = 0;
     bool m_empty = true;
-    std::map<DWORD, member> m_members;
+    std::map<DWORD, HANDLE> m_members;
 };
 
 void process_tree::end() {
@@ -186,8 +165,8 @@ void process_tree::end() {
         CloseHandle(m_port);
         m_job = nullptr;
     }
-    for (auto& entry : m_members) {
-        CloseHandle(entry.second.process);
+    for (const auto& entry : m_members) {
+        CloseHandle(entry.second);
     }
     m_members.clear();
     m_empty = true;
@@ -197,23 +176,10 @@ void process_tree::note(DWORD id) {
     if (m_members.count(id) != 0) {
         return;
     }
-    const HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ | SYNCHRONIZE, FALSE, id);
+    const HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION | SYNCHRONIZE, FALSE, id);
     if (process != nullptr) {
-        m_members[id] = {process, {}};
+        m_members[id] = process;
     }
-}
-
-// A process has no command line to read until it has been set up, a moment after it was announced. Returns whether
-// one is still to come.
-bool process_tree::read_command_lines() {
-    bool missing = false;
-    for (auto& [id, member] : m_members) {
-        if (member.command_line.empty() && WaitForSingleObject(member.process, 0) == WAIT_TIMEOUT) {
-            member.command_line = command_line_of(member.process);
-            missing |= member.command_line.empty();
-        }
-    }
-    return missing;
 }
 
 // Follows the job's messages until the main process has ended (or, without one, until no process is left).
@@ -229,9 +195,7 @@ bool process_tree::wait(ULONGLONG until, HANDLE main_process) {
         DWORD message = 0;
         ULONG_PTR key = 0;
         OVERLAPPED* value = nullptr;
-        const ULONGLONG left = until - now;
-        const auto pause = static_cast<DWORD>(read_command_lines() && left > 1 ? 1 : left);
-        if (GetQueuedCompletionStatus(m_port, &message, &key, &value, pause) == 0) {
+        if (GetQueuedCompletionStatus(m_port, &message, &key, &value, static_cast<DWORD>(until - now)) == 0) {
             continue;
         }
         const auto id = static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(value));
@@ -274,7 +238,7 @@ fields process_tree::run(DWORD limit, const std::string& command_line) {
         return error(code);
     }
     m_main = started.dwProcessId;
-    m_members[m_main] = {started.hProcess, command_line};
+    m_members[m_main] = started.hProcess;
     m_empty = false;
     AssignProcessToJobObject(m_job, started.hProcess);
     ResumeThread(started.hThread);
@@ -294,10 +258,10 @@ fields process_tree::settle(DWORD limit) {
     fields answer = {"ok", settled ? "settled" : "timeout"};
     for (const auto& [id, process] : m_members) {
         if (id != m_main) {
-            const fields ended = facts(process.process);
+            const fields ended = facts(process);
             answer.push_back(number(id));
             answer.insert(answer.end(), ended.begin(), ended.end());
-            answer.push_back(process.command_line);
+            answer.push_back(image_of(process));
         }
     }
     end();

@@ -1,4 +1,4 @@
-"""The events that a program reported, read from Wine's trace of the event-log functions.
+"""What a program asked of Windows, read from Wine's trace: the events that it reported, the commands that it started.
 
 Wine keeps no event log; its trace prints the handle, type, category, id and counts of each report on one line and
 then the insertion strings. A line end inside a string splits it over several lines, and a string longer than about
@@ -18,6 +18,9 @@ INFORMATION = 4
 _REPORT = re.compile(r"(\d+\.\d+):[0-9a-f]+:\S+ReportEventW \([0-9A-Fa-f]+,0x([0-9a-f]{4}),0x([0-9a-f]{4}),0x([0-9a-f]{8}),([0-9A-Fa-f]+),"
                      r"0x([0-9a-f]{4}),0x([0-9a-f]{8})")
 _STRING = re.compile(r':eventlog:ReportEventW (L".*)$')
+_SHELL = re.compile(r"(\d+\.\d+):[0-9a-f]+:trace:exec:SHELL_execute mask=\S+ hwnd=\S+ verb=(.*) file=(.*) parm=(.*) "
+                    r"dir=(.*) show=0x([0-9a-f]+) class=")
+_SOURCE = re.compile(r":advapi:(RegisterEventSourceW|DeregisterEventSource) \((?:\(null\),)?(\S+?)\)")
 _ESCAPE = re.compile(r"\\(n|r|t|\"|\\|[0-9a-f]{4})")
 
 
@@ -34,7 +37,34 @@ class Event:
     """Seconds on the machine's raw monotonic clock."""
 
 
-def read(trace: str) -> Iterator[Event]:
+@dataclass(frozen=True)
+class ShellCommand:
+    """A program that was started through the shell. What was not given is None."""
+
+    verb: str | None
+    file: str | None
+    parameters: str | None
+    folder: str | None
+    show: int
+    time: float = field(default=0, compare=False)
+
+
+def commands(trace: str) -> Iterator[ShellCommand]:
+    """The commands in a trace, in their order."""
+    for line in trace.splitlines():
+        if found := _SHELL.search(line):
+            time, *texts, show = found.groups()
+            yield ShellCommand(*(_text(text) if text.startswith('L"') else None for text in texts), int(show, 16),
+                               float(time))
+
+
+def event_sources(trace: str) -> list[str]:
+    """The names of the event sources that a trace opens, and "closed" where it closes one."""
+    return [_text(found[2]) if found[1] == "RegisterEventSourceW" else "closed"
+            for found in map(_SOURCE.search, trace.splitlines()) if found]
+
+
+def events(trace: str) -> Iterator[Event]:
     """The events in a trace, in their order."""
     report: re.Match[str] | None = None
     lines: list[str] = []

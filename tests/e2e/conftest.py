@@ -1,0 +1,91 @@
+"""One Windows, one network and one set of servers for all tests of a session; a clean state for each test."""
+
+from __future__ import annotations
+
+import shutil
+import signal
+import sys
+from collections.abc import Iterator
+from contextlib import ExitStack
+from pathlib import Path
+from types import FrameType
+
+import pytest
+
+TREE = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(TREE / "tests"))
+
+pytest.register_assert_rewrite("world")
+
+from bed import certificates, isolation, settings, windows  # noqa: E402  (the path to it is set above)
+from bed.http_server import ScriptedServer  # noqa: E402
+from bed.signing import KeyPair  # noqa: E402
+from world import Bed, World  # noqa: E402
+
+# A test that takes longer hangs. Emulated programs start ten times as slowly.
+TIME_LIMIT = {"x64": 60, "arm64": 180}
+
+
+def pytest_addoption(parser: pytest.Parser) -> None:
+    """The processor of the program under test; a session tests one."""
+    parser.addoption("--arch", choices=windows.ARCHITECTURES, default="x64", help="processor of the program under test")
+    parser.addoption("--build", metavar="FOLDER", help="build folder (default: build/ARCH-test)")
+    parser.addoption("--backwards", action="store_true", help="run the tests in the opposite order")
+
+
+def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
+    """Turns the order round where that is asked for."""
+    if config.getoption("--backwards"):
+        items.reverse()
+
+
+@pytest.hookimpl(wrapper=True)
+def pytest_runtest_protocol(item: pytest.Item) -> Iterator[None]:
+    """Gives every test its own time limit."""
+    limit = TIME_LIMIT[item.config.getoption("--arch")]
+
+    def expired(_signal: int, _frame: FrameType | None) -> None:
+        pytest.fail(f"{item.name} took longer than {limit} s")
+
+    before = signal.signal(signal.SIGALRM, expired)
+    signal.alarm(limit)
+    try:
+        return (yield)
+    finally:
+        signal.alarm(0)
+        signal.signal(signal.SIGALRM, before)
+
+
+@pytest.fixture(scope="session")
+def bed(request: pytest.FixtureRequest) -> Iterator[Bed]:
+    """Everything that is made once."""
+    architecture = request.config.getoption("--arch")
+    build = Path(request.config.getoption("--build") or TREE / f"build/{architecture}-test").resolve()
+    if reason := windows.available(architecture):
+        pytest.exit(reason, returncode=3)
+    network = isolation.enter()
+    with ExitStack() as stack:
+        stack.callback(isolation.leave, network)
+        authority = certificates.make_authority(network.work, "test-authority")
+        network.trust(authority.path)
+        server = stack.enter_context(ScriptedServer(80))
+        machine = stack.enter_context(
+            windows.Windows(architecture, network, build / "tests/bed/windows/agent.exe"))
+        program = build / "updater/lumaris.exe"
+        keys = network.work / "keys"
+        keys.mkdir()
+        for name in ("test.pub", "test.key"):
+            shutil.copy(TREE / "tests/keys" / name, keys / name)
+        yield Bed(network=network, machine=machine, server=server, authority=authority,
+                  list_manager=settings.ListManager(machine, build / "tests/bed/windows/list_manager.dll"),
+                  program=machine.install(program, "lumaris.exe"), program_file=program,
+                  key=KeyPair(keys / "test.pub", keys / "test.key"), other_key=KeyPair.make(keys, "other"))
+
+
+@pytest.fixture
+def world(bed: Bed) -> Iterator[World]:
+    """The bed in its first state: connected, no settings, nothing published, nothing stored."""
+    fresh = World(bed)
+    fresh.clean()
+    with fresh:
+        yield fresh

@@ -1,0 +1,139 @@
+"""What the network does to a run: statuses, redirections, connections cut in every phase, servers out of reach.
+
+The error numbers are the platform's. This one has no texts for them, so the message ends with the number alone.
+"""
+
+from __future__ import annotations
+
+import pytest
+
+from bed.http_server import Cut, Reply
+from bed.windows import FinishedRun
+from world import DESCRIPTION, PACKAGE, PACKAGE_CONTENT, World
+
+OLDER = b"3030000\nolder\nhttp://updates.tavrin.example/\n"
+PHASES = [DESCRIPTION + ".minisig", DESCRIPTION, PACKAGE + ".minisig", PACKAGE]
+
+
+def outer(path: str) -> str:
+    """What a failure of this request is called."""
+    return "Failed to load Minisign signature" if path.endswith(".minisig") else "Failed to load content"
+
+
+def failed_at(world: World, path: str, message: str) -> FinishedRun:
+    """The run fails at this request, the last one that is made."""
+    run = world.run()
+    world.assert_failed(run, message)
+    assert world.targets == PHASES[:PHASES.index(path) + 1]
+    return run
+
+
+@pytest.mark.parametrize("path", PHASES)
+@pytest.mark.parametrize("status", ["404 Not Found", "500 Internal Server Error"])
+def test_a_status_other_than_200_ends_the_run(world: World, path: str, status: str) -> None:
+    world.offer()
+    world.answer(path, Reply(b"an explanation\n", status))
+    failed_at(world, path, f"{outer(path)}: {status[:3]}")
+
+
+@pytest.mark.parametrize("status", ["201 Created", "203 Non-Authoritative Information", "204 No Content",
+                                    "206 Partial Content", "400 Bad Request", "403 Forbidden", "410 Gone",
+                                    "449 Retry With", "503 Service Unavailable", "599 Unknown"])
+def test_no_other_status_passes_for_200(world: World, status: str) -> None:
+    world.offer()
+    body = b"" if status.startswith("204") else OLDER
+    world.answer(DESCRIPTION, Reply(body, status))
+    failed_at(world, DESCRIPTION, f"Failed to load content: {status[:3]}")
+
+
+def test_the_body_of_another_status_is_not_taken_for_the_content(world: World) -> None:
+    world.offer()
+    world.answer(PACKAGE, Reply(PACKAGE_CONTENT, "404 Not Found"))
+    failed_at(world, PACKAGE, "Failed to load content: 404")
+
+
+@pytest.mark.parametrize("status", ["301 Moved Permanently", "302 Found", "307 Temporary Redirect"])
+def test_a_redirection_is_followed(world: World, status: str) -> None:
+    world.publish(DESCRIPTION, OLDER)
+    world.answer("/elsewhere", world.server.answers[DESCRIPTION])
+    world.answer(DESCRIPTION, Reply(b"", status, ("Location: /elsewhere",)))
+    world.assert_nothing_to_do(world.run())
+    assert world.targets == [DESCRIPTION + ".minisig", DESCRIPTION, "/elsewhere"]
+
+
+def test_redirected_content_needs_its_signature_all_the_same(world: World) -> None:
+    world.publish(DESCRIPTION, OLDER)
+    world.answer("/elsewhere", Reply(OLDER.replace(b"3030000", b"3040100")))
+    world.answer(DESCRIPTION, Reply(b"", "302 Found", ("Location: http://packages.tavrin.example/elsewhere",)))
+    world.assert_failed(world.run(), "Invalid Minisign signature")
+
+
+# What a cut connection is called: it is the platform that says when and with which number, and this one takes some
+# early ends for proper ones. What came is not signed then.
+NO_REPLY = ("WinHttpReceiveResponse failed: Error 12152", "WinHttpReceiveResponse failed: Error 12030",
+            "WinHttpReceiveResponse failed: Connection reset by peer.",
+            "WinHttpSendRequest failed: Connection reset by peer.")
+UNSIGNED = {path: f"{outer(path)}: Minisign signature is too short" if path.endswith(".minisig")
+            else "Invalid Minisign signature" for path in PHASES}
+
+
+@pytest.mark.parametrize("path", PHASES)
+@pytest.mark.parametrize("sent", [b"", b"HTTP/1.1 20", b"HTTP/1.1 200 OK\r\nContent-Ty"],
+                         ids=["before the reply", "in the status line", "in the headers"])
+@pytest.mark.parametrize("reset", [False, True], ids=["closed", "reset"])
+def test_a_connection_cut_before_the_body_ends_the_run(world: World, path: str, sent: bytes, reset: bool) -> None:
+    world.offer()
+    world.answer(path, Cut(sent, reset))
+    run = world.run()
+    message = run.events[0].strings[-1]
+    assert message in [f"{outer(path)}: {reason}" for reason in NO_REPLY] + [UNSIGNED[path]] * (b"Content" in sent)
+    world.assert_failed(run, message)
+    assert set(world.targets) == set(PHASES[:PHASES.index(path) + 1])
+
+
+@pytest.mark.parametrize("path", PHASES)
+@pytest.mark.parametrize("reset", [False, True], ids=["closed", "reset"])
+def test_a_connection_cut_in_the_body_ends_the_run(world: World, path: str, reset: bool) -> None:
+    world.offer()
+    answer = world.server.answers[path]
+    assert isinstance(answer, Reply)
+    head = answer.encode().removesuffix(answer.body)
+    # Far enough for a line, not for the whole of the signature or the content.
+    world.answer(path, Cut(head + answer.body[:60], reset))
+    run = world.run()
+    message = run.events[0].strings[-1]
+    assert message == UNSIGNED[path] or message.startswith(outer(path) + ": WinHttp")
+    world.assert_failed(run, message)
+    assert world.targets == PHASES[:PHASES.index(path) + 1]
+
+
+def test_after_a_cut_download_the_next_run_fetches_the_whole_package(world: World) -> None:
+    world.offer()
+    world.answer(PACKAGE, Cut(Reply(PACKAGE_CONTENT).encode()[:9000]))
+    assert world.run().exit_code == 0x80000001
+    world.offer()
+    world.assert_installs(world.run())
+    assert (world.store / "Halvoro.ARM64.msi").read_bytes() == PACKAGE_CONTENT
+
+
+def test_an_update_server_that_nobody_runs(world: World) -> None:
+    with world.server_stopped():
+        world.assert_failed(world.run(), "Failed to load Minisign signature: WinHttpSendRequest failed: Error 12029")
+
+
+def test_a_package_server_that_nobody_runs(world: World) -> None:
+    world.offer(url="http://packages.tavrin.example:8099/", package=None)
+    world.assert_failed(world.run(), "Failed to load Minisign signature: WinHttpSendRequest failed: Error 12029")
+
+
+def test_a_package_server_whose_name_is_unknown(world: World) -> None:
+    world.offer(url="http://unknown.tavrin.example/", package=None)
+    world.assert_failed(world.run(), "Failed to load Minisign signature: WinHttpSendRequest failed: Error 12007")
+
+
+def test_text_that_is_no_http_reply(world: World) -> None:
+    world.answer(DESCRIPTION + ".minisig", Cut(b"220 this is another protocol\r\n\r\n"))
+    run = world.run()
+    message = run.events[0].strings[1]
+    assert message.startswith("Failed to load Minisign signature: ")
+    world.assert_failed(run, message)
