@@ -40,7 +40,7 @@ fsize roomy_capacity(fsize required) {
 } // namespace
 
 memory_file::memory_file(std::size_t reserved) {
-    reallocate(reserved);
+    set_capacity(reserved);
     if (!ok()) {
         throw std::bad_alloc();
     }
@@ -160,7 +160,7 @@ void memory_file::reserve(fsize required, bool tight) {
     } else if (!tight) {
         grow(required);
     } else if (m_manage) {
-        reallocate(required);
+        set_capacity(required);
     } else {
         refuse();
     }
@@ -174,18 +174,26 @@ void memory_file::grow(fsize required) {
     }
 }
 
-void memory_file::reallocate(fsize capacity) {
-    unsigned char* block = nullptr;
-    if (capacity == 0) {
-        // realloc to nothing may or may not give a block back.
-        std::free(m_data);
-    } else {
-        block = static_cast<unsigned char*>(std::realloc(m_data, capacity));
-        if (block == nullptr) {
-            refuse();
-            return;
-        }
+// Reallocating to nothing may or may not give a block back, so it is not left to the C library.
+void memory_file::set_capacity(fsize capacity) {
+    if (capacity > 0) {
+        reallocate(capacity);
+        return;
     }
+    std::free(m_data);
+    take_block(nullptr, 0);
+}
+
+void memory_file::reallocate(fsize capacity) {
+    void* const block = std::realloc(m_data, capacity);
+    if (block == nullptr) {
+        refuse();
+        return;
+    }
+    take_block(static_cast<unsigned char*>(block), capacity);
+}
+
+void memory_file::take_block(unsigned char* block, fsize capacity) noexcept {
     m_data = block;
     m_reserved = capacity;
     if (m_size > capacity) {

@@ -59,7 +59,9 @@ protected:
 
 private:
     void grow(fsize required);
+    void set_capacity(fsize capacity);
     void reallocate(fsize capacity);
+    void take_block(unsigned char* block, fsize capacity) noexcept;
     void refuse() noexcept;
 };
 

@@ -5,8 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
+#include <bit>
 #include <memory>
 #include <type_traits>
 #include <vector>
@@ -17,15 +16,19 @@ using corvo::stream::state_t;
 namespace {
 
 // No system function sees this handle: the tests put scripts in the place of all that would.
-const HANDLE scripted_handle = reinterpret_cast<HANDLE>(ULONG_PTR{0x5554});
+void* const scripted_handle = std::bit_cast<void*>(ULONG_PTR{0x5554});
 
 using sizes = std::vector<DWORD>;
 
-// What a scripted transfer answers.
+// What a scripted transfer answers. The number is the last error or, from 0xC0000000 on, the code of a
+// structured exception that the transfer raises.
 struct answer {
+    constexpr answer(BOOL result, DWORD length, DWORD error)
+        : succeeds(result), done(length), number(error) {}
+
     BOOL succeeds;
     DWORD done;
-    DWORD number; // the last error, or 0xE0000000 and above: a structured exception of that code
+    DWORD number;
 };
 
 class stream : public basic_sys {
@@ -232,7 +235,7 @@ TEST_F(basic_sys_test, does_not_fall_back_for_other_failures) {
 TEST_F(basic_sys_test, takes_a_structured_exception_in_reading_for_a_failure) {
     // 0xC0000005 access violation, 0xC0000006 in-page error; whatever was counted before is not.
     for (const DWORD code : {0xC0000005, 0xC0000006}) {
-        m_answers.push_back({TRUE, 7, code});
+        m_answers.emplace_back(TRUE, 7, code);
         const std::size_t done = m_stream.read(m_start, 10);
         const DWORD number = ::GetLastError();
         EXPECT_EQ(0U, done);

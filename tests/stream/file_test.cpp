@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -18,7 +19,7 @@ using namespace corvo::stream;
 
 namespace {
 
-const HANDLE scripted_handle = reinterpret_cast<HANDLE>(ULONG_PTR{0x5554});
+void* const scripted_handle = std::bit_cast<void*>(ULONG_PTR{0x5554});
 
 // With a real file under it.
 class disk_file : public testing::Test {

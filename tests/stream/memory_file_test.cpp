@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <limits>
 #include <new>
 #include <random>
@@ -309,10 +310,9 @@ TEST(memory_file_seek, refuses_minus_1_from_the_beginning) {
 
 TEST(memory_file_seek, refuses_the_unknown_origin_3) {
     memory_file file;
-    test::expect_throw<std::invalid_argument>("unknown seek origin",
-                                              [&] { file.seek(0, static_cast<seek_t>(3)); });
-    test::expect_throw<std::invalid_argument>("unknown seek origin",
-                                              [&] { file.seek(-1, static_cast<seek_t>(3)); });
+    const auto unknown = std::bit_cast<seek_t>(3U);
+    test::expect_throw<std::invalid_argument>("unknown seek origin", [&] { file.seek(0, unknown); });
+    test::expect_throw<std::invalid_argument>("unknown seek origin", [&] { file.seek(-1, unknown); });
 }
 
 TEST(memory_file_seek, to_100_in_an_empty_file_leaves_the_size_until_a_byte_is_written) {

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <type_traits>
 #include <vector>
 
@@ -13,7 +14,7 @@ namespace {
 using sys_object = corvo::basic_sys_object<HANDLE, corvo::sys_object_traits>;
 
 HANDLE handle_of(ULONG_PTR number) {
-    return reinterpret_cast<HANDLE>(number);
+    return std::bit_cast<HANDLE>(number);
 }
 
 using handles = std::vector<HANDLE>;
