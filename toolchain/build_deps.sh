@@ -22,9 +22,12 @@ unpack "$sources"/zlib_*.tar.* zlib
     install -D -m 644 -t "$out/lib" libz.a && install -D -m 644 -t "$out/include" zlib.h zconf.h)
 
 echo "## libsodium"
+# Without it the configuration finds no _xgetbv(), and the library never sees that the processor has AVX2.
+sodium_flags=$common
+[[ $arch == x86_64 ]] && sodium_flags+=" -mxsave"
 unpack "$sources"/libsodium_*.tar.* libsodium
 (cd libsodium && autoreconf -fi)
-(cd libsodium && CFLAGS="$common" LDFLAGS="-fuse-ld=lld-19 -rtlib=compiler-rt -unwindlib=none" ./configure --host="$target" --prefix="$out" \
+(cd libsodium && CFLAGS="$sodium_flags" LDFLAGS="-fuse-ld=lld-19 -rtlib=compiler-rt -unwindlib=none" ./configure --host="$target" --prefix="$out" \
     --disable-shared --enable-static --disable-dependency-tracking --disable-ssp --disable-pie && make "$jobs" -C src && make -C src install)
 
 echo "## GoogleTest"
