@@ -62,9 +62,9 @@ TEST(windows_version, older_systems_have_no_name) {
 
 // The high half of the build number carries build flags.
 TEST(windows_version, compares_the_low_16_bits_of_the_build_number_only) {
-    EXPECT_STREQ("win10", windows_version_name(10, 0, 0xF0004A65)); // 19045
-    EXPECT_STREQ("win11", windows_version_name(10, 0, 0xF00055F0)); // 22000
-    EXPECT_STREQ("win10", windows_version_name(10, 0, 0x000155EF)); // 21999 below a one
-    EXPECT_STREQ("win7", windows_version_name(6, 1, 0xF0001DB0));   // 7600
+    EXPECT_STREQ("win10", windows_version_name(10, 0, 0xF0004A65));  // 19045
+    EXPECT_STREQ("win11", windows_version_name(10, 0, 0xF00055F0));  // 22000
+    EXPECT_STREQ("win10", windows_version_name(10, 0, 0x000155EF));  // 21999 below a one
+    EXPECT_STREQ("win7", windows_version_name(6, 1, 0xF0001DB0));    // 7600
     EXPECT_STREQ("win7sp1", windows_version_name(6, 1, 0xC0001DB1)); // 7601
 }

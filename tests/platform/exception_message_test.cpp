@@ -24,9 +24,7 @@ template <class F> std::string message_of(F action) {
 class silent : public std::exception {
 public:
     explicit silent(const char* text) : m_text(text) {}
-    const char* what() const noexcept override {
-        return m_text;
-    }
+    const char* what() const noexcept override { return m_text; }
 
 private:
     const char* m_text;

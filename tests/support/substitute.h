@@ -1,9 +1,9 @@
 // Link-time substitutes for imported platform functions, for failures that no test bed can produce.
 //
-// The unit-test program defines the import pointers (`__imp_NAME`) of the functions listed in substitutes.cpp itself; the
-// linker takes these before the ones of the import library. Each pointer leads to a dispatcher that calls the
-// real function, found in its library by name, unless a test has put a script in its place. The product is not
-// changed for this and knows nothing of it.
+// The unit-test program defines the import pointers (`__imp_NAME`) of the functions listed in substitutes.cpp
+// itself; the linker takes these before the ones of the import library. Each pointer leads to a dispatcher
+// that calls the real function, found in its library by name, unless a test has put a script in its place.
+// The product is not changed for this and knows nothing of it.
 //
 //     support::script read(support::ReadFile, [&](HANDLE file, auto... rest) -> BOOL { ...; return FALSE; });
 //
@@ -59,9 +59,7 @@ public:
         : m_target(target), m_action(std::move(action)), m_former(target.exchange(&m_action)) {}
     script(const script&) = delete;
     script& operator=(const script&) = delete;
-    ~script() {
-        m_target.exchange(m_former);
-    }
+    ~script() { m_target.exchange(m_former); }
 
 private:
     substitute<R(A...)>& m_target;

@@ -4,6 +4,7 @@ namespace support {
 
 #define LUMARIS_DEFINE(library, name) constinit substitute<decltype(::name)> name{library, #name};
 LUMARIS_SUBSTITUTES(LUMARIS_DEFINE)
+LUMARIS_RUNTIME_SUBSTITUTES(LUMARIS_DEFINE)
 #undef LUMARIS_DEFINE
 
 namespace {
@@ -12,9 +13,7 @@ namespace {
 template <auto* Target, class F> struct dispatcher;
 
 template <auto* Target, class R, class... A> struct dispatcher<Target, R(A...)> {
-    static R call(A... arguments) {
-        return Target->call(arguments...);
-    }
+    static R call(A... arguments) { return Target->call(arguments...); }
 };
 
 } // namespace
@@ -23,9 +22,18 @@ template <auto* Target, class R, class... A> struct dispatcher<Target, R(A...)> 
 // The names must be those of the import library, reserved or not: they are what the linker looks up.
 #pragma clang diagnostic ignored "-Wreserved-identifier"
 extern "C" {
-#define LUMARIS_IMPORT(library, name)                                                                                  \
-    extern decltype(&::name) const __imp_##name;                                                                       \
+#define LUMARIS_IMPORT(library, name)                                                                        \
+    extern decltype(&::name) const __imp_##name;                                                             \
     decltype(&::name) const __imp_##name = &support::dispatcher<&support::name, decltype(::name)>::call;
 LUMARIS_SUBSTITUTES(LUMARIS_IMPORT)
 #undef LUMARIS_IMPORT
+
+int __stdio_common_vsprintf(unsigned __int64 options, char* buffer, std::size_t size, const char* format,
+                            _locale_t locale, va_list arguments) {
+    return support::__stdio_common_vsprintf.call(options, buffer, size, format, locale, arguments);
+}
+int __stdio_common_vswprintf(unsigned __int64 options, wchar_t* buffer, std::size_t size,
+                             const wchar_t* format, _locale_t locale, va_list arguments) {
+    return support::__stdio_common_vswprintf.call(options, buffer, size, format, locale, arguments);
+}
 }

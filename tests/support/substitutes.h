@@ -1,5 +1,5 @@
-// The imported functions that unit tests may replace, one substitute each; see substitute.h. GetProcAddress is not among
-// them: the substitutes find the real functions with it.
+// The imported functions that unit tests may replace, one substitute each; see substitute.h. GetProcAddress
+// is not among them: the substitutes find the real functions with it.
 #pragma once
 
 #include "tests/support/substitute.h"
@@ -10,6 +10,9 @@
 #include <shellapi.h>
 #include <shlobj.h>
 #include <winhttp.h>
+
+#include <cstdio>
+#include <cwchar>
 
 extern "C" __declspec(dllimport) void NTAPI RtlGetNtVersionNumbers(ULONG* major, ULONG* minor, ULONG* build);
 
@@ -38,12 +41,17 @@ extern "C" __declspec(dllimport) void NTAPI RtlGetNtVersionNumbers(ULONG* major,
     X("winhttp.dll", WinHttpSetStatusCallback) X("winhttp.dll", WinHttpAddRequestHeaders)                               \
     X("winhttp.dll", WinHttpSendRequest)    X("winhttp.dll", WinHttpReceiveResponse) X("winhttp.dll", WinHttpQueryHeaders) \
     X("winhttp.dll", WinHttpReadData)       X("winhttp.dll", WinHttpWriteData)     X("winhttp.dll", WinHttpQueryDataAvailable)
+
+// Functions of the C runtime that everything calls without an import pointer; the unit-test program defines them itself.
+#define LUMARIS_RUNTIME_SUBSTITUTES(X)                                                                                  \
+    X("ucrtbase.dll", __stdio_common_vsprintf) X("ucrtbase.dll", __stdio_common_vswprintf)
 // clang-format on
 
 namespace support {
 
 #define LUMARIS_DECLARE(library, name) extern substitute<decltype(::name)> name;
 LUMARIS_SUBSTITUTES(LUMARIS_DECLARE)
+LUMARIS_RUNTIME_SUBSTITUTES(LUMARIS_DECLARE)
 #undef LUMARIS_DECLARE
 
 } // namespace support

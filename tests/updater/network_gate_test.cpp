@@ -51,7 +51,8 @@ TEST(network_gate, puts_metered_before_congestion_and_data_limits) {
         EXPECT_EQ(gate::metered, judge_cost(level | congested));
         EXPECT_EQ(gate::metered, judge_cost(level | over_data_limit));
         EXPECT_EQ(gate::metered, judge_cost(level | approaching_data_limit));
-        EXPECT_EQ(gate::metered, judge_cost(level | over_data_limit | approaching_data_limit | congested | roaming));
+        EXPECT_EQ(gate::metered,
+                  judge_cost(level | over_data_limit | approaching_data_limit | congested | roaming));
     }
 }
 
