@@ -4,7 +4,8 @@ function(lumaris_harden target)
     target_link_options(${target} PRIVATE
         -Wl,--dynamicbase -Wl,--high-entropy-va -Wl,--nxcompat -Wl,--no-insert-timestamp
         -Wl,-Xlink=-dependentloadflag:0x800 -Wl,-Xlink=-pdbaltpath:%_PDB%
-        -Wl,--pdb=$<TARGET_FILE_DIR:${target}>/$<TARGET_FILE_BASE_NAME:${target}>.pdb -Wl,-s)
+        -Wl,--pdb=$<TARGET_FILE_DIR:${target}>/$<TARGET_FILE_BASE_NAME:${target}>.pdb -Wl,-s
+        -Wl,-Map=$<TARGET_FILE_DIR:${target}>/$<TARGET_FILE_BASE_NAME:${target}>.map)
 endfunction()
 
 # lumaris_gui_program(TARGET): a program of the GUI subsystem that starts at wWinMain.

@@ -1,0 +1,235 @@
+"""Measures the numbers that we promise and says of each whether it is reached.
+
+Everything is compared side by side in one run: the product and what it is compared with take turns, and the median of the
+pairs' ratios is what counts, so that a busy machine slows both alike. Absolute times are printed for orientation only.
+"""
+
+from __future__ import annotations
+
+import argparse
+import json
+import re
+import statistics
+import subprocess
+import sys
+import time
+from collections.abc import Callable
+from contextlib import ExitStack
+from dataclasses import dataclass
+from pathlib import Path
+
+TREE = Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(TREE / "tests"))
+sys.path.insert(0, str(TREE / "tools"))
+
+from bed import isolation, update_server, windows  # noqa: E402  (the path to it is set above)
+from bed.services import Nginx  # noqa: E402
+from bed.signing import KeyPair  # noqa: E402
+
+import size_report  # noqa: E402
+
+MB = 1 << 20
+X64 = TREE / "build/x64-test"
+ARM64 = TREE / "build/arm64-test"
+NATIVE = TREE / "build/native-release"
+SIZE_LIMIT = 500 * 1024
+
+
+@dataclass
+class Verdict:
+    """One number, what it was to be, and whether it is."""
+
+    what: str
+    measured: str
+    to_reach: str
+    reached: bool
+
+
+class Bench:
+    """The bed with what is measured in it."""
+
+    def __init__(self, machine: windows.Windows, files: Path, key: KeyPair, runs: int) -> None:
+        self.machine = machine
+        self.files = files
+        self.key = key
+        self.runs = runs
+        self._programs: dict[str, str] = {}
+
+    def program(self, path: Path) -> str:
+        """The Windows path of a program, installed into the bed when it is first asked for."""
+        if path.name not in self._programs:
+            self._programs[path.name] = self.machine.install(path, path.name)
+        return self._programs[path.name]
+
+    def file(self, name: str, size: int) -> Path:
+        """A signed file of `size` bytes on the server; its content does not compress."""
+        file = self.files / name
+        if not file.exists():
+            with file.open("wb") as out, open("/dev/urandom", "rb") as random:
+                for _ in range(size // MB):
+                    out.write(random.read(MB))
+            self.key.sign(file)
+        return file
+
+    def measured(self, program: str, *arguments: str) -> dict[str, float]:
+        """Runs one of the measuring programs and returns what it measured."""
+        result = self.machine.folder / "result.json"
+        result.unlink(missing_ok=True)
+        line = " ".join(f'"{part}"' for part in
+                        (self.program(X64 / f"bench/bench_{program}.exe"), *arguments, windows.windows_path(result)))
+        run = self.machine.run(line, limit=300)
+        if run.exit_code != 0 or not result.exists():
+            raise SystemExit(f"{line}: exit code {run.exit_code}")
+        return json.loads(result.read_text(encoding="ascii"))
+
+    def pairs(self, first: Callable[[], float], second: Callable[[], float]) -> tuple[float, float, float]:
+        """Lets the two take turns; the medians of both and of the ratios first/second."""
+        first(), second()  # not counted: both start with warm caches
+        taken = [(first(), second()) for _ in range(self.runs)]
+        return (statistics.median(a for a, _ in taken), statistics.median(b for _, b in taken),
+                statistics.median(a / b for a, b in taken))
+
+
+def seconds_of(command: list[str]) -> float:
+    """How long a command takes."""
+    begin = time.perf_counter()
+    subprocess.run(command, check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, timeout=300)
+    return time.perf_counter() - begin
+
+
+def present_package(bench: Bench) -> list[Verdict]:
+    """The check of a package that is on disk already."""
+    size = 512
+    file = bench.file("package-512.bin", size * MB)
+    paths = [windows.windows_path(file), windows.windows_path(file.with_name(file.name + ".minisig"))]
+    ours, theirs, ratio = bench.pairs(
+        lambda: bench.measured("present_package", *paths)["seconds"],
+        lambda: seconds_of(["minisign", "-V", "-q", "-p", str(bench.key.public), "-m", str(file)]))
+    print(f"  product {size / ours:.0f} MB/s, minisign -V {size / theirs:.0f} MB/s")
+    return [Verdict("check of a package already there (512 MB): throughput over minisign -V's", f"{1 / ratio:.2f}",
+                    "at least 0.90", 1 / ratio >= 0.90)]
+
+
+def download(bench: Bench) -> list[Verdict]:
+    """A verified download over loopback."""
+    size = 512
+    file = bench.file("package-512.bin", size * MB)
+    target = bench.machine.folder / "download.bin"
+    target_path = windows.windows_path(target)
+
+    def fetch(how: str) -> float:
+        target.unlink(missing_ok=True)
+        return bench.measured("download", how, f"/{file.name}", target_path)["seconds"]
+
+    def fetch_native() -> float:
+        target.unlink(missing_ok=True)
+        url = f"http://{isolation.UPDATE_HOST}/{file.name}"
+        signature = target.with_name("download.bin.minisig")
+        return (seconds_of(["curl", "-sfo", str(signature), f"{url}.minisig"]) +
+                seconds_of(["curl", "-sfo", str(target), url]) +
+                seconds_of(["minisign", "-V", "-q", "-p", str(bench.key.public), "-m", str(target)]))
+
+    ours, bare, ratio = bench.pairs(lambda: fetch("product"), lambda: fetch("bare"))
+    _, native, native_ratio = bench.pairs(lambda: fetch("product"), fetch_native)
+    target.unlink(missing_ok=True)
+    print(f"  product {size / ours:.0f} MB/s, bare program {size / bare:.0f} MB/s, native curl and minisign -V "
+          f"{size / native:.0f} MB/s")
+    return [Verdict("verified download (512 MB): throughput over the bare program's", f"{1 / ratio:.2f}",
+                    "at least 0.95", 1 / ratio >= 0.95),
+            Verdict("verified download (512 MB): throughput over native curl and minisign -V", f"{1 / native_ratio:.2f}",
+                    "stated", True)]
+
+
+def memory(bench: Bench) -> list[Verdict]:
+    """Peak memory of a large download over that of a small one."""
+    target = bench.machine.folder / "download.bin"
+    peaks: dict[int, float] = {}
+    for size in (1, 1024):
+        file = bench.file(f"package-{size}.bin", size * MB)
+        taken = []
+        for _ in range(3):
+            target.unlink(missing_ok=True)
+            taken.append(bench.measured("download", "product", f"/{file.name}", windows.windows_path(target))["peak_bytes"])
+        peaks[size] = statistics.median(taken)
+        target.unlink(missing_ok=True)
+        file.unlink()
+    more = (peaks[1024] - peaks[1]) / MB
+    print(f"  peak working set {peaks[1] / MB:.1f} MB for 1 MB, {peaks[1024] / MB:.1f} MB for 1 GB")
+    return [Verdict("peak memory of a 1 GB download over that of a 1 MB one", f"{more:+.2f} MB", "under 1 MB more", more < 1)]
+
+
+def url_parse(_: Bench) -> list[Verdict]:
+    """Parsing URLs, native."""
+    done = subprocess.run([NATIVE / "bench/url_parse_bench"], capture_output=True, text=True, check=True, timeout=300)
+    found = re.search(r"url_parse: time over Boost.URL's ([0-9.]+)", done.stdout)
+    if found is None:
+        raise SystemExit("url_parse_bench printed no ratio")
+    print("".join(f"  {line}\n" for line in done.stdout.splitlines() if re.match(r" *[0-9.]+  \w+://", line)), end="")
+    ratio = float(found.group(1))
+    return [Verdict("URL parse into url_parts: time over Boost.URL's", f"{ratio:.2f}", "at most 1.00", ratio <= 1.0)]
+
+
+def idle_run(bench: Bench) -> list[Verdict]:
+    """A run with nothing to update, from start to exit."""
+    path = update_server.description_path("win10", "stable")
+    update_server.Publication(bench.files, bench.key).description(path, "3040000", "Halvoro 3.4.0")
+    product = bench.program(X64 / "updater/lumaris.exe")
+    bare = bench.program(X64 / "bench/bench_bare_check.exe")
+    empty = bench.program(X64 / "bench/bench_empty.exe")
+
+    def start(line: str) -> float:
+        run = bench.machine.run(line)
+        if run.exit_code != 0:
+            raise SystemExit(f"{line}: exit code {run.exit_code}, {run.events}")
+        return run.end - run.begin
+
+    several = Bench(bench.machine, bench.files, bench.key, bench.runs * 5)
+    ours, theirs, ratio = several.pairs(lambda: start(f'"{product}"'), lambda: start(f'"{bare}" {path}'))
+    _, nothing, empty_ratio = several.pairs(lambda: start(f'"{product}"'), lambda: start(f'"{empty}"'))
+    print(f"  product {ours * 1000:.0f} ms, bare program {theirs * 1000:.0f} ms, empty program {nothing * 1000:.0f} ms")
+    return [Verdict("run with nothing to update: time over the bare program's", f"{ratio:.2f}", "at most 1.15", ratio <= 1.15),
+            Verdict("run with nothing to update: time over an empty program's", f"{empty_ratio:.1f}", "stated", True)]
+
+
+def size(_: Bench) -> list[Verdict]:
+    """What the product for ARM64 weighs, and what takes the room."""
+    program = ARM64 / "updater/lumaris.exe"
+    print(size_report.table(program))
+    taken = program.stat().st_size
+    return [Verdict("lumaris.exe for ARM64, stripped", f"{taken / 1024:.0f} KB", "at most 500 KB", taken <= SIZE_LIMIT)]
+
+
+MEASUREMENTS = {"check": present_package, "download": download, "memory": memory, "url": url_parse, "idle": idle_run,
+                "size": size}
+
+
+def main() -> int:
+    """Returns 0 when every number is reached."""
+    parser = argparse.ArgumentParser(description=__doc__, epilog="example: ./dev bench --only download --runs 9",
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--only", choices=MEASUREMENTS, action="append", help="measure only this; may be given again")
+    parser.add_argument("--runs", type=int, default=5, help="pairs a comparison (default: %(default)s)")
+    options = parser.parse_args()
+    verdicts: list[Verdict] = []
+    with ExitStack() as stack:
+        network = isolation.enter()
+        stack.callback(isolation.leave, network)
+        files = network.work / "published"
+        files.mkdir()
+        stack.enter_context(Nginx(network.work / "nginx", files))
+        machine = stack.enter_context(windows.Windows("x64", network, X64 / "tests/bed/windows/agent.exe"))
+        key = KeyPair(TREE / "tests/keys/test.pub", TREE / "tests/keys/test.key")
+        bench = Bench(machine, files, key, options.runs)
+        for name in options.only or MEASUREMENTS:
+            print(f"{name}: {(MEASUREMENTS[name].__doc__ or '').rstrip('.')}", flush=True)
+            verdicts += MEASUREMENTS[name](bench)
+    width = max(len(verdict.what) for verdict in verdicts)
+    print()
+    for verdict in verdicts:
+        outcome = "" if verdict.to_reach == "stated" else "reached" if verdict.reached else "MISSED"
+        print(f"{verdict.what:{width}}  {verdict.measured:>9}  {verdict.to_reach:>16}  {outcome}".rstrip())
+    return 0 if all(verdict.reached for verdict in verdicts) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
