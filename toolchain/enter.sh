@@ -21,7 +21,12 @@ make_run_folder() {
         die "cannot write to $run_folder (is the disk full?)"
 }
 
+plain_proc_mounted=
 remove_run_folder() {
+    if [[ -n $plain_proc_mounted ]]; then
+        umount "$cache/plain-room/proc"
+        plain_proc_mounted=
+    fi
     [[ -z ${run_folder:-} ]] || rm -rf --one-file-system "$run_folder"
 }
 
@@ -43,6 +48,10 @@ room_variables() {
 # in_room [--bind FROM TO]... COMMAND...
 in_room() {
     [[ -n ${isolation:-} ]] || check_namespaces
+    if [[ $isolation != full && -z ${isolation_said:-} ]]; then
+        say "dev: $namespaces_fault; this job runs without a network and a process space of its own"
+        isolation_said=1
+    fi
     make_run_folder
     if [[ $isolation == none ]]; then
         in_plain_room "$@"
@@ -82,10 +91,20 @@ in_room() {
     bwrap "${options[@]}" "${extra[@]}" --die-with-parent --chdir /src -- /usr/bin/env -i "${variables[@]}" "$@"
 }
 
+# The sanitizers need /proc. True when the plain room has it.
+plain_proc() {
+    [[ ! -e $cache/plain-room/proc/self ]] || return 0
+    mkdir -p "$cache/plain-room/proc"
+    mount -t proc proc "$cache/plain-room/proc" 2>/dev/null || return 1
+    plain_proc_mounted=1
+}
+
 # The same without any namespace or mount: a copy of the room that holds copies of the checkout and the products, entered by chroot.
 # Good for building and for native programs; what the job wrote to build/ is copied back.
 in_plain_room() {
     local plain=$cache/plain-room from to name variables status=0 binds=()
+    # One job at a time: it is the one copy of the checkout.
+    [[ -n ${plain_lock:-} ]] || { exec {plain_lock}>>"$cache/locks/plain-room" && flock "$plain_lock"; }
     if [[ $(cat "$plain/.made-from" 2>/dev/null) != "${product_hash[room-amd64]}" ]]; then
         rm -rf --one-file-system "$plain" && mkdir -p "$plain" &&
             cp -al "$(product_path room-amd64)/." "$plain/" || die "cannot copy the room to $plain"
@@ -114,6 +133,11 @@ in_plain_room() {
         (cd "$here" && find . -mindepth 1 -maxdepth 1 ! -name build -exec cp -a {} "$plain/src/" \;) ||
         die "cannot copy the checkout to $plain/src"
     room_variables
+    if plain_proc; then
+        variables+=(LUMARIS_NO_SANITIZERS=)
+    else
+        variables+=(LUMARIS_NO_SANITIZERS=1)
+    fi
     chroot "$plain" /usr/bin/env -i "${variables[@]}" /bin/sh -c 'cd /src && exec "$@"' sh "$@" || status=$?
     if [[ -d $plain/src/build ]]; then
         mkdir -p "$here/build" && cp -au "$plain/src/build/." "$here/build/" || die "cannot copy the results to $here/build"

@@ -31,7 +31,7 @@ apt_options() {
 }
 
 prepare_host() {
-    local missing=() package
+    local missing=()
     command -v mmdebstrap >/dev/null || missing+=(mmdebstrap)
     command -v bwrap >/dev/null || missing+=(bubblewrap)
     command -v apt-get >/dev/null || die "this machine has no apt-get: a Debian or a system made from it is needed"
@@ -44,9 +44,8 @@ prepare_host() {
             die "cannot install ${missing[*]}: $(explain_failure "$logs/host.log")" "log: $logs/host.log"
         fi
     fi
-    for package in /usr/share/keyrings/debian-archive-keyring.gpg; do
-        [[ -r $package ]] || die "$package is missing: install the package debian-archive-keyring"
-    done
+    [[ -r /usr/share/keyrings/debian-archive-keyring.gpg ]] ||
+        die "the keys of Debian's archive are missing: install the package debian-archive-keyring"
     find_mirror
 }
 

@@ -8,7 +8,7 @@
 cache=${LUMARIS_CACHE:-${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/lumaris}
 logs=$cache/log
 
-declare -A product_title product_inputs product_probe product_maker product_megabytes product_hash
+declare -A product_title product_probe product_maker product_megabytes product_hash
 product_order=()
 
 say() { printf '%s\n' "$*" >&2; }
@@ -33,7 +33,6 @@ product() {
     product_maker[$name]=$4
     product_probe[$name]=$5
     shift 5
-    product_inputs[$name]=$*
     local input text=
     for input in "$@"; do
         case $input in
@@ -147,7 +146,7 @@ make_product() {
     ) >>"$log" 2>&1 </dev/null &
     maker_pid=$!
     set +m
-    local shown= next=20
+    local shown='' next=20
     while kill -0 "$maker_pid" 2>/dev/null; do
         sleep 0.2
         elapsed=$((SECONDS - started))
@@ -165,7 +164,7 @@ make_product() {
     wait "$maker_pid" || status=$?
     maker_pid=
     [[ ! -t 2 ]] || printf '\r\033[K' >&2
-    local complaint=
+    local complaint=''
     if ((status == 0)); then
         product_manifest "$partial" >"$partial/.manifest" && touch "$partial/.complete" || status=1
         local probe

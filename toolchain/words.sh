@@ -148,8 +148,8 @@ word_test() {
     need "${product_order[@]}"
     say_hindrances
     if [[ $isolation != full ]]; then
-        job build native-asan x64-test arm64-test native-fuzz || return
-        check_after_failure in_room python3 tests/run.py --only native --only fuzz "$@"
+        job build native-asan x64-test arm64-test || return
+        check_after_failure in_room python3 tests/run.py --only native "$@"
         return
     fi
     job build native-asan native-fuzz x64-test arm64-test || return
