@@ -164,7 +164,10 @@ class Windows:
     # Programs
 
     def run(self, command_line: str, *, limit: float = 60, settle: float = 0) -> FinishedRun:
-        """Runs a program to its end, then waits up to `settle` seconds for what it left running."""
+        """Runs a program to its end, then waits up to `settle` seconds for what it left running.
+
+        With `settle` 0 what it left running is ended at once.
+        """
         offset = self._trace_path.stat().st_size
         how, _, code, begin, end = self.ask("run", str(int(limit * 1000)), command_line, limit=limit + 30)
         left = []

@@ -63,6 +63,9 @@ def bed(request: pytest.FixtureRequest) -> Iterator[Bed]:
     build = Path(request.config.getoption("--build") or TREE / f"build/{architecture}-test").resolve()
     if reason := windows.available(architecture):
         pytest.exit(reason, returncode=3)
+    for name in ("updater/lumaris.exe", "tests/bed/windows/agent.exe", "tests/bed/windows/list_manager.dll"):
+        if not (build / name).exists():
+            pytest.exit(f"{build / name} is missing: it has not been built", returncode=3)
     network = isolation.enter()
     with ExitStack() as stack:
         stack.callback(isolation.leave, network)

@@ -19,7 +19,7 @@ def test_a_published_update_gets_installed(world: World) -> None:
 
     with world.server_stopped(), Nginx(work / "nginx", published.folder):
         for _ in range(2):
-            run = world.run()
+            run = world.run(installer_ends=True)
             world.assert_installs(run)
             assert [each.exit_code for each in run.left] == [0]
 

@@ -129,10 +129,10 @@ class World:
 
     # Running
 
-    def run(self, arguments: str = "", *, program: str | None = None) -> FinishedRun:
-        """Runs the program, and waits for the installer if it has started one."""
+    def run(self, arguments: str = "", *, program: str | None = None, installer_ends: bool = False) -> FinishedRun:
+        """Runs the program. An installer that it starts is ended at once, or may do its work to the end."""
         line = f'"{program or self.bed.program}"' + (f" {arguments}" if arguments else "")
-        return self.machine.run(line, limit=50, settle=50)
+        return self.machine.run(line, limit=50, settle=100 if installer_ends else 0)
 
     @property
     def requests(self) -> list[Request]:

@@ -27,8 +27,8 @@ class Circumstances:
 
     @property
     def effective_channel(self) -> str:
-        """The channel that the program takes: a text that could change the path's meaning is ignored."""
-        return self.channel if self.channel is not None and _is_plain(self.channel) else "stable"
+        """The channel that the program asks for, if it asks: a text that could change the path's meaning is ignored."""
+        return self.channel if self.channel and _is_plain(self.channel) else "stable"
 
     @property
     def effective_variant(self) -> str:

@@ -160,7 +160,7 @@ class Show:
         for line in lines:
             moment, _, rest = line.partition(" ")
             self._timeline.add("server", rest, float(moment))
-            found = re.search(r'"GET (\S+) HTTP/1\.1" 200 ', rest)
+            found = re.search(r'"GET (\S+) HTTP/1\.[01]" 200 ', rest)
             targets.append(found[1] if found else rest)
         return targets
 
@@ -178,7 +178,7 @@ class Show:
     def _show_event(self, machine: Windows, event: traces.Event) -> None:
         kind = {traces.INFORMATION: "information", traces.WARNING: "warning", traces.ERROR: "error"}
         text = machine.message(self._program, event).strip()
-        self._timeline.add("event log", f"{kind.get(event.kind, str(event.kind))} {_code(event.id)}: {text}",
+        self._timeline.add("event log", f"{kind.get(event.kind, str(event.kind))} event {_code(event.id)}: {text}",
                            event.time + self._clock)
 
     def _show_installation(self, machine: Windows, outcome: Outcome, run: FinishedRun, folder: Path, log: Path) -> None:
@@ -229,6 +229,8 @@ class Show:
         for fault in self._faults:
             print(f"  missing: {fault}")
         why = expected(self._given).why
+        if expected(self._given).installs:
+            why += "; the second run reuses the package"
         print(f"VERDICT: it did NOT happen as it should ({why})" if self._faults
               else f"VERDICT: everything happened as it should: {why}")
         return not self._faults
@@ -255,7 +257,7 @@ def _processor(architecture: str) -> str:
 
 
 def _code(value: int | None) -> str:
-    return "none" if value is None else str(value) if value < 0x10000 else f"0x{value:08X}"
+    return "none" if value is None else f"{value} (0x{value:08X})" if value < 0x10000 else f"0x{value:08X}"
 
 
 def _size(file: Path) -> int:

@@ -7,8 +7,8 @@
 // Texts are UTF-8, byte strings are hexadecimal. An answer begins with "ok" or with "error" and a number.
 //
 //   run MILLISECONDS COMMANDLINE       ok exited|timeout PID CODE BEGIN END
-//   settle MILLISECONDS                ok settled|timeout {PID CODE BEGIN END IMAGE}...
-//                                      (what the last run left running; ends what is still there)
+//   settle MILLISECONDS                ok settled|ended {PID CODE BEGIN END IMAGE}...
+//                                      (what the last run left running; what is still there then, is ended)
 //   get KEY NAME                       ok TYPE BYTES
 //   set KEY NAME TYPE BYTES            ok
 //   delete-value KEY NAME              ok
@@ -182,20 +182,20 @@ void process_tree::note(DWORD id) {
     }
 }
 
-// Follows the job's messages until the main process has ended (or, without one, until no process is left).
+// Follows the job's messages until the main process has ended (or, without one, until no process is left). What has
+// been announced by then has been noted.
 bool process_tree::wait(ULONGLONG until, HANDLE main_process) {
     for (;;) {
-        if (main_process != nullptr ? WaitForSingleObject(main_process, 0) == WAIT_OBJECT_0 : m_empty) {
-            return true;
-        }
-        const ULONGLONG now = GetTickCount64();
-        if (now >= until) {
-            return false;
-        }
         DWORD message = 0;
         ULONG_PTR key = 0;
         OVERLAPPED* value = nullptr;
-        if (GetQueuedCompletionStatus(m_port, &message, &key, &value, static_cast<DWORD>(until - now)) == 0) {
+        const bool ended = main_process != nullptr ? WaitForSingleObject(main_process, 0) == WAIT_OBJECT_0 : m_empty;
+        const ULONGLONG now = GetTickCount64();
+        const DWORD pause = ended || now >= until ? 0 : static_cast<DWORD>(until - now);
+        if (GetQueuedCompletionStatus(m_port, &message, &key, &value, pause) == 0) {
+            if (ended || pause == 0) {
+                return ended;
+            }
             continue;
         }
         const auto id = static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(value));
@@ -205,7 +205,7 @@ bool process_tree::wait(ULONGLONG until, HANDLE main_process) {
             m_empty = true;
         } else if (id == m_main && main_process != nullptr) {
             // The exit message may come a moment before the process object is signalled.
-            WaitForSingleObject(main_process, static_cast<DWORD>(until - now));
+            WaitForSingleObject(main_process, pause);
         }
     }
 }
@@ -255,7 +255,11 @@ fields process_tree::run(DWORD limit, const std::string& command_line) {
 
 fields process_tree::settle(DWORD limit) {
     const bool settled = wait(GetTickCount64() + limit, nullptr);
-    fields answer = {"ok", settled ? "settled" : "timeout"};
+    if (!settled) {
+        TerminateJobObject(m_job, 0xDEAD);
+        wait(GetTickCount64() + 10000, nullptr);
+    }
+    fields answer = {"ok", settled ? "settled" : "ended"};
     for (const auto& [id, process] : m_members) {
         if (id != m_main) {
             const fields ended = facts(process);
