@@ -55,7 +55,7 @@ public:
             if (at == component_start) {
                 return give_up();
             }
-            m_components[index] = {component_start, at};
+            m_components[index] = {.start = component_start, .end = at};
             value = value << 8 | component;
         }
         m_value = value;

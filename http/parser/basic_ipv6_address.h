@@ -119,7 +119,7 @@ private:
             return false;
         }
         m_values[index] = static_cast<std::uint16_t>(value);
-        m_hits[index] = {start, at};
+        m_hits[index] = {.start = start, .end = at};
         return true;
     }
 
@@ -132,7 +132,7 @@ private:
         }
         for (std::size_t index = compression; index < group_count - behind; ++index) {
             m_values[index] = 0;
-            m_hits[index] = {compression_at, compression_at};
+            m_hits[index] = {.start = compression_at, .end = compression_at};
         }
     }
 

@@ -81,7 +81,7 @@ protected:
     }
 
     bool succeed(std::size_t start, std::size_t end) noexcept {
-        m_hit = {start, end};
+        m_hit = {.start = start, .end = end};
         return true;
     }
 

@@ -11,7 +11,6 @@
 #include <array>
 #include <cstddef>
 #include <string_view>
-#include <type_traits>
 
 namespace corvo::parser {
 
@@ -22,13 +21,13 @@ class punctuation_table {
 public:
     explicit constexpr punctuation_table(std::string_view characters) noexcept {
         for (const char chr : characters) {
-            m_contains[static_cast<unsigned char>(chr)] = true;
+            m_contains[code_unit_value(chr)] = true;
         }
     }
 
     template <class T> constexpr bool contains(T chr) const noexcept {
-        const auto unit = static_cast<std::make_unsigned_t<T>>(chr);
-        return unit < 256 && m_contains[static_cast<std::size_t>(unit)];
+        const std::size_t unit = code_unit_value(chr);
+        return unit < 256 && m_contains[unit];
     }
 
 private:

@@ -37,18 +37,18 @@ public:
         std::size_t at = start;
         while (!is_at(text, at, end, T('?')) && !is_at(text, at, end, T('#')) && take(text, at, end, flags)) {
         }
-        m_path = {start, at};
+        m_path = {.start = start, .end = at};
         if (is_at(text, at, end, T('?'))) {
             const std::size_t query_start = ++at;
             while (!is_at(text, at, end, T('#')) && take(text, at, end, flags)) {
             }
-            m_query = {query_start, at};
+            m_query = {.start = query_start, .end = at};
         }
         if (is_at(text, at, end, T('#'))) {
             const std::size_t fragment_start = ++at;
             while (take(text, at, end, flags)) {
             }
-            m_fragment = {fragment_start, at};
+            m_fragment = {.start = fragment_start, .end = at};
         }
         return this->succeed(start, at);
     }

@@ -14,6 +14,11 @@
 
 namespace corvo::parser {
 
+// A code unit as an index into a table: never negative, whatever the sign of the character type.
+template <class T> constexpr std::size_t code_unit_value(T chr) noexcept {
+    return static_cast<std::make_unsigned_t<T>>(chr);
+}
+
 class locale {
 public:
     // Class bits; a code unit may have several.
@@ -33,8 +38,8 @@ public:
 
     // Whether `chr` has at least one of the class bits of `mask`.
     template <class T> constexpr bool is(std::uint8_t mask, T chr) const noexcept {
-        const auto unit = static_cast<std::make_unsigned_t<T>>(chr);
-        return unit < 256 && (m_classes[static_cast<std::size_t>(unit)] & mask) != 0;
+        const std::size_t unit = code_unit_value(chr);
+        return unit < 256 && (m_classes[unit] & mask) != 0;
     }
 
     template <class T> constexpr bool is_letter_or_digit(T chr) const noexcept {
@@ -42,8 +47,8 @@ public:
     }
 
     template <class T> constexpr T to_lower(T chr) const noexcept {
-        const auto unit = static_cast<std::make_unsigned_t<T>>(chr);
-        return unit < 256 ? static_cast<T>(m_lower[static_cast<std::size_t>(unit)]) : chr;
+        const std::size_t unit = code_unit_value(chr);
+        return unit < 256 ? static_cast<T>(m_lower[unit]) : chr;
     }
 
 private:

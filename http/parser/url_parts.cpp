@@ -34,10 +34,10 @@ std::string text_of(const char* text, const parser::interval& hit) {
 
 scheme_properties http_family_scheme(std::size_t alternative) {
     static constexpr std::array<scheme_properties, 4> table{{
-        {url_scheme::https, 443},
-        {url_scheme::http, 80},
-        {url_scheme::wss, 443},
-        {url_scheme::ws, 80},
+        {.scheme = url_scheme::https, .default_port = 443},
+        {.scheme = url_scheme::http, .default_port = 80},
+        {.scheme = url_scheme::wss, .default_port = 443},
+        {.scheme = url_scheme::ws, .default_port = 80},
     }};
     if (alternative >= table.size()) {
         throw std::invalid_argument("Unsupported scheme");
