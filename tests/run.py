@@ -181,13 +181,14 @@ def run_fuzz(suite: Suite, options: argparse.Namespace) -> Result:
     for target in targets:
         if options.k and options.k not in target.name:
             continue
+        # What it finds goes into the first folder; the seeds stay as they are.
         found = RESULTS / "fuzz" / target.name
-        found.mkdir(parents=True, exist_ok=True)
-        seeds = TREE / "fuzz/corpus" / target.name.removesuffix("_fuzz")
-        dictionary = TREE / "fuzz" / f"{target.name.removesuffix('_fuzz')}.dict"
+        (found / "corpus").mkdir(parents=True, exist_ok=True)
+        seeds = TREE / "fuzz/corpus" / target.name
+        dictionary = TREE / "fuzz" / f"{target.name}.dict"
         arguments = [str(target), f"-max_total_time={FUZZ_SECONDS}", "-print_final_stats=1", "-timeout=10",
                      f"-artifact_prefix={found}/", *([f"-dict={dictionary}"] if dictionary.exists() else []),
-                     *([str(seeds)] if seeds.exists() else [])]
+                     str(found / "corpus"), *([str(seeds)] if seeds.exists() else [])]
         status, output = command(suite, arguments, log_name=f"{suite.name}-{target.name}")
         if status == 0:
             result.passed += 1

@@ -90,6 +90,7 @@ class Windows:
         self._agent: subprocess.Popen[bytes] | None = None
         self._server: subprocess.Popen[bytes] | None = None
         self._pending = b""
+        self._owes_answer = False
 
     # Life
 
@@ -121,10 +122,11 @@ class Windows:
         if self._agent is not None:
             assert self._agent.stdin is not None and self._agent.stdout is not None
             self._agent.stdin.close()
-            _end(self._agent)
+            _end(self._agent, 0 if self._owes_answer else 20)
             self._agent.stdout.close()
             self._agent = None
             self._pending = b""
+            self._owes_answer = False
         if self._server is not None:
             subprocess.run([*self._enter, _WINE_SERVER, "-k"], env=self._environment, check=False, timeout=60,
                            capture_output=True, cwd="/")
@@ -191,10 +193,15 @@ class Windows:
         return answer[1:]
 
     def _exchange(self, fields: tuple[str, ...], limit: float) -> list[str]:
+        if self._owes_answer:
+            # Somebody lost patience with the last command; its answer must not be taken for the next one's.
+            self.stop()
+            self.start()
         if self._agent is None:
             raise BedError("this Windows has not been started")
         assert self._agent.stdin is not None and self._agent.stdout is not None
         line = "\t".join(field.replace("\\", "\\\\").replace("\t", "\\t").replace("\n", "\\n") for field in fields)
+        self._owes_answer = True
         self._agent.stdin.write(line.encode() + b"\n")
         self._agent.stdin.flush()
         until = time.monotonic() + limit
@@ -208,6 +215,7 @@ class Windows:
                     raise BedError(f"the agent has ended; it was asked {fields}")
                 self._pending += received
         answer, self._pending = self._pending.split(b"\n", 1)
+        self._owes_answer = False
         return [_unescape(part) for part in answer.decode().split("\t")]
 
     # Registry
@@ -278,4 +286,4 @@ def _end(process: subprocess.Popen[bytes], limit: float = 20) -> None:
         process.wait(limit)
     except subprocess.TimeoutExpired:
         process.kill()
-        process.wait(limit)
+        process.wait(20)

@@ -178,7 +178,7 @@ class Show:
     def _show_event(self, machine: Windows, event: traces.Event) -> None:
         kind = {traces.INFORMATION: "information", traces.WARNING: "warning", traces.ERROR: "error"}
         text = machine.message(self._program, event).strip()
-        self._timeline.add("event log", f"{kind.get(event.kind, str(event.kind))} event {_code(event.id)}: {text}",
+        self._timeline.add("event log", f"{kind.get(event.kind, str(event.kind))} event {event.id if event.id < 0x10000 else _code(event.id)}: {text}",
                            event.time + self._clock)
 
     def _show_installation(self, machine: Windows, outcome: Outcome, run: FinishedRun, folder: Path, log: Path) -> None:
@@ -187,7 +187,7 @@ class Show:
         installers = [each for each in run.left if each.image.lower().endswith("\\msiexec.exe")]
         for installer in installers:
             self._timeline.add("windows", f"{installer.image} starts", installer.begin)
-            self._timeline.add("windows", f"{installer.image} ends with exit code {installer.exit_code}", installer.end)
+            self._timeline.add("windows", f"{installer.image} ends with exit code {_code(installer.exit_code)}", installer.end)
             self._expect("the installer's exit code", 0, installer.exit_code)
         self._expect("the number of installers started", 1 if outcome.installs else 0, len(installers))
         if not outcome.installs:
@@ -257,7 +257,7 @@ def _processor(architecture: str) -> str:
 
 
 def _code(value: int | None) -> str:
-    return "none" if value is None else f"{value} (0x{value:08X})" if value < 0x10000 else f"0x{value:08X}"
+    return "none" if value is None else f"0x{value:08X}"
 
 
 def _size(file: Path) -> int:

@@ -1,10 +1,11 @@
-// The test bed's hand inside Windows: a console program that reads commands from standard input, one a line, and
-// answers each with one line on standard output. It starts programs and tells their full 32-bit exit code (a shell
-// sees eight bits of it), the processes that they left behind, and edits the registry without a process start for
-// each change.
+// The test bed's hand inside Windows: a console program that reads commands from standard input, one a line,
+// and answers each with one line on standard output. It starts programs and tells their full 32-bit exit code
+// (a shell sees eight bits of it), the processes that they left behind, and edits the registry without a
+// process start for each change.
 //
-// A line is a list of fields, separated by tabs; in a field, backslash, tab and line feed are written \\, \t and \n.
-// Texts are UTF-8, byte strings are hexadecimal. An answer begins with "ok" or with "error" and a number.
+// A line is a list of fields, separated by tabs; in a field, backslash, tab and line feed are written \\, \t
+// and \n. Texts are UTF-8, byte strings are hexadecimal. An answer begins with "ok" or with "error" and a
+// number.
 //
 //   run MILLISECONDS COMMANDLINE       ok exited|timeout PID CODE BEGIN END
 //   settle MILLISECONDS                ok settled|ended {PID CODE BEGIN END IMAGE}...
@@ -44,9 +45,9 @@ std::wstring to_wide(std::string_view text) {
 
 std::string to_utf8(std::wstring_view text) {
     std::string narrow(text.size() * 3, '\0');
-    narrow.resize(static_cast<std::size_t>(WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
-                                                               narrow.data(), static_cast<int>(narrow.size()),
-                                                               nullptr, nullptr)));
+    narrow.resize(static_cast<std::size_t>(
+        WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), narrow.data(),
+                            static_cast<int>(narrow.size()), nullptr, nullptr)));
     return narrow;
 }
 
@@ -132,12 +133,13 @@ fields error(std::uint32_t code) {
 std::string image_of(HANDLE process) {
     wchar_t path[1024];
     auto length = static_cast<DWORD>(std::size(path));
-    return QueryFullProcessImageNameW(process, 0, path, &length) != 0 ? to_utf8({path, length}) : std::string();
+    return QueryFullProcessImageNameW(process, 0, path, &length) != 0 ? to_utf8({path, length})
+                                                                      : std::string();
 }
 
 // One started program with everything that it starts in turn, held together by a job.
 class process_tree {
-  public:
+public:
     process_tree() = default;
     process_tree(const process_tree&) = delete;
     process_tree& operator=(const process_tree&) = delete;
@@ -146,7 +148,7 @@ class process_tree {
     fields run(DWORD limit, const std::string& command_line);
     fields settle(DWORD limit);
 
-  private:
+private:
     void end();
     void note(DWORD id);
     bool wait(ULONGLONG until, HANDLE main_process);
@@ -182,14 +184,15 @@ void process_tree::note(DWORD id) {
     }
 }
 
-// Follows the job's messages until the main process has ended (or, without one, until no process is left). What has
-// been announced by then has been noted.
+// Follows the job's messages until the main process has ended (or, without one, until no process is left).
+// What has been announced by then has been noted.
 bool process_tree::wait(ULONGLONG until, HANDLE main_process) {
     for (;;) {
         DWORD message = 0;
         ULONG_PTR key = 0;
         OVERLAPPED* value = nullptr;
-        const bool ended = main_process != nullptr ? WaitForSingleObject(main_process, 0) == WAIT_OBJECT_0 : m_empty;
+        const bool ended =
+            main_process != nullptr ? WaitForSingleObject(main_process, 0) == WAIT_OBJECT_0 : m_empty;
         const ULONGLONG now = GetTickCount64();
         const DWORD pause = ended || now >= until ? 0 : static_cast<DWORD>(until - now);
         if (GetQueuedCompletionStatus(m_port, &message, &key, &value, pause) == 0) {
@@ -222,16 +225,17 @@ fields process_tree::run(DWORD limit, const std::string& command_line) {
         return error(GetLastError());
     }
     SECURITY_ATTRIBUTES inherited = {sizeof inherited, nullptr, TRUE};
-    const HANDLE nothing = CreateFileW(L"NUL", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                       &inherited, OPEN_EXISTING, 0, nullptr);
+    const HANDLE nothing =
+        CreateFileW(L"NUL", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherited,
+                    OPEN_EXISTING, 0, nullptr);
     STARTUPINFOW start = {};
     start.cb = sizeof start;
     start.dwFlags = STARTF_USESTDHANDLES;
     start.hStdInput = start.hStdOutput = start.hStdError = nothing;
     PROCESS_INFORMATION started = {};
     std::wstring wide = to_wide(command_line);
-    const BOOL created = CreateProcessW(nullptr, wide.data(), nullptr, nullptr, TRUE, CREATE_SUSPENDED, nullptr,
-                                        nullptr, &start, &started);
+    const BOOL created = CreateProcessW(nullptr, wide.data(), nullptr, nullptr, TRUE, CREATE_SUSPENDED,
+                                        nullptr, nullptr, &start, &started);
     const DWORD code = GetLastError();
     CloseHandle(nothing);
     if (created == 0) {
@@ -303,13 +307,13 @@ fields registry_set(const fields& command) {
     std::wstring path = to_wide(command[1]);
     const HKEY root = root_of(path);
     HKEY key = nullptr;
-    LSTATUS status = RegCreateKeyExW(root, path.c_str(), 0, nullptr, 0, KEY_WRITE | KEY_WOW64_64KEY, nullptr, &key,
-                                     nullptr);
+    LSTATUS status = RegCreateKeyExW(root, path.c_str(), 0, nullptr, 0, KEY_WRITE | KEY_WOW64_64KEY, nullptr,
+                                     &key, nullptr);
     if (status == ERROR_SUCCESS) {
         const std::vector<unsigned char> data = from_hexadecimal(command[4]);
         status = RegSetValueExW(key, to_wide(command[2]).c_str(), 0,
-                                static_cast<DWORD>(std::strtoul(command[3].c_str(), nullptr, 10)), data.data(),
-                                static_cast<DWORD>(data.size()));
+                                static_cast<DWORD>(std::strtoul(command[3].c_str(), nullptr, 10)),
+                                data.data(), static_cast<DWORD>(data.size()));
         RegCloseKey(key);
     }
     return status == ERROR_SUCCESS ? fields{"ok"} : error(static_cast<std::uint32_t>(status));
@@ -338,12 +342,13 @@ fields expand(const fields& command) {
     wchar_t text[4096];
     const DWORD length =
         ExpandEnvironmentStringsW(to_wide(command[1]).c_str(), text, static_cast<DWORD>(std::size(text)));
-    return length == 0 || length > std::size(text) ? error(GetLastError()) : fields{"ok", to_utf8({text, length - 1})};
+    return length == 0 || length > std::size(text) ? error(GetLastError())
+                                                   : fields{"ok", to_utf8({text, length - 1})};
 }
 
 fields message(const fields& command) {
-    const HMODULE module =
-        LoadLibraryExW(to_wide(command[1]).c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE);
+    const HMODULE module = LoadLibraryExW(to_wide(command[1]).c_str(), nullptr,
+                                          LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE);
     if (module == nullptr) {
         return error(GetLastError());
     }
@@ -385,7 +390,8 @@ bool read_line(std::string& line) {
 void write_line(const std::string& line) {
     const std::string text = line + '\n';
     DWORD length = 0;
-    WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), text.data(), static_cast<DWORD>(text.size()), &length, nullptr);
+    WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), text.data(), static_cast<DWORD>(text.size()), &length,
+              nullptr);
 }
 
 fields execute(process_tree& tree, const fields& command) {
@@ -422,8 +428,8 @@ fields execute(process_tree& tree, const fields& command) {
 } // namespace
 
 int main() {
-    // Brings up the desktop process once, for as long as the agent lives. Otherwise each program with a hidden window
-    // starts one of its own, which outlives it by a second.
+    // Brings up the desktop process once, for as long as the agent lives. Otherwise each program with a
+    // hidden window starts one of its own, which outlives it by a second.
     GetDesktopWindow();
     process_tree tree;
     std::string line;

@@ -1,6 +1,6 @@
-// A network list manager that answers as the test tells it: an in-process COM server, registered in a test prefix
-// under the list manager's own class id, so that the program under test asks it without knowing. The answers stand
-// in the registry under HKLM\Software\LumarisTestBed, each a DWORD:
+// A network list manager that answers as the test tells it: an in-process COM server, registered in a test
+// prefix under the list manager's own class id, so that the program under test asks it without knowing. The
+// answers stand in the registry under HKLM\Software\LumarisTestBed, each a DWORD:
 //
 //   CreateResult     result of creating the object (default S_OK)
 //   ConnectedResult  result of get_IsConnectedToInternet (default S_OK), Connected its value (default 1)
@@ -29,9 +29,11 @@ HRESULT result(const wchar_t* name) {
 }
 
 class cost_manager final : public INetworkCostManager {
-  public:
+public:
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID id, void** object) override {
-        *object = IsEqualGUID(id, __uuidof(IUnknown)) || IsEqualGUID(id, __uuidof(INetworkCostManager)) ? this : nullptr;
+        *object = IsEqualGUID(id, __uuidof(IUnknown)) || IsEqualGUID(id, __uuidof(INetworkCostManager))
+                      ? this
+                      : nullptr;
         return *object != nullptr ? S_OK : E_NOINTERFACE;
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
@@ -40,7 +42,9 @@ class cost_manager final : public INetworkCostManager {
         *cost = answer(L"Cost", NLM_CONNECTION_COST_UNRESTRICTED);
         return result(L"CostResult");
     }
-    HRESULT STDMETHODCALLTYPE GetDataPlanStatus(NLM_DATAPLAN_STATUS*, NLM_SOCKADDR*) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE GetDataPlanStatus(NLM_DATAPLAN_STATUS*, NLM_SOCKADDR*) override {
+        return E_NOTIMPL;
+    }
     HRESULT STDMETHODCALLTYPE SetDestinationAddresses(UINT32, NLM_SOCKADDR*, VARIANT_BOOL) override {
         return E_NOTIMPL;
     }
@@ -49,7 +53,7 @@ class cost_manager final : public INetworkCostManager {
 cost_manager the_cost_manager;
 
 class list_manager final : public INetworkListManager {
-  public:
+public:
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID id, void** object) override {
         *object = nullptr;
         if (IsEqualGUID(id, __uuidof(INetworkCostManager))) {
@@ -70,8 +74,11 @@ class list_manager final : public INetworkListManager {
     ULONG STDMETHODCALLTYPE Release() override { return 1; }
     HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT*) override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*, UINT*) override {
+    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override {
+        return E_NOTIMPL;
+    }
+    HRESULT STDMETHODCALLTYPE Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*,
+                                     UINT*) override {
         return E_NOTIMPL;
     }
     HRESULT STDMETHODCALLTYPE GetNetworks(NLM_ENUM_NETWORK, IEnumNetworks**) override { return E_NOTIMPL; }
@@ -82,16 +89,19 @@ class list_manager final : public INetworkListManager {
         *connected = answer(L"Connected", 1) != 0 ? VARIANT_TRUE : VARIANT_FALSE;
         return result(L"ConnectedResult");
     }
-    HRESULT STDMETHODCALLTYPE IsConnected(VARIANT_BOOL* connected) override { return IsConnectedToInternet(connected); }
+    HRESULT STDMETHODCALLTYPE IsConnected(VARIANT_BOOL* connected) override {
+        return IsConnectedToInternet(connected);
+    }
     HRESULT STDMETHODCALLTYPE GetConnectivity(NLM_CONNECTIVITY*) override { return E_NOTIMPL; }
 };
 
 list_manager the_list_manager;
 
 class list_manager_factory final : public IClassFactory {
-  public:
+public:
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID id, void** object) override {
-        *object = IsEqualGUID(id, __uuidof(IUnknown)) || IsEqualGUID(id, __uuidof(IClassFactory)) ? this : nullptr;
+        *object =
+            IsEqualGUID(id, __uuidof(IUnknown)) || IsEqualGUID(id, __uuidof(IClassFactory)) ? this : nullptr;
         return *object != nullptr ? S_OK : E_NOINTERFACE;
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
