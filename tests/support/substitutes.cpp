@@ -4,7 +4,7 @@ namespace support {
 
 #define LUMARIS_DEFINE(library, name) constinit substitute<decltype(::name)> name{library, #name};
 LUMARIS_SUBSTITUTES(LUMARIS_DEFINE)
-LUMARIS_RUNTIME_SUBSTITUTES(LUMARIS_DEFINE)
+LUMARIS_DIRECT_SUBSTITUTES(LUMARIS_DEFINE)
 #undef LUMARIS_DEFINE
 
 namespace {
@@ -35,5 +35,11 @@ int __stdio_common_vsprintf(unsigned __int64 options, char* buffer, std::size_t 
 int __stdio_common_vswprintf(unsigned __int64 options, wchar_t* buffer, std::size_t size,
                              const wchar_t* format, _locale_t locale, va_list arguments) {
     return support::__stdio_common_vswprintf.call(options, buffer, size, format, locale, arguments);
+}
+BOOLEAN WINAPI GetUserNameExW(EXTENDED_NAME_FORMAT format, wchar_t* name, ULONG* size) {
+    return support::GetUserNameExW.call(format, name, size);
+}
+HRESULT WINAPI SHGetKnownFolderPath(REFKNOWNFOLDERID id, DWORD flags, HANDLE token, wchar_t** path) {
+    return support::SHGetKnownFolderPath.call(id, flags, token, path);
 }
 }
