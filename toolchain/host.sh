@@ -6,21 +6,27 @@ need_root() {
         "Run: sudo $0 ${word:-}"
 }
 
-# The mirror of the machine's own apt configuration: the first binary source with a component main that is neither
-# an update archive of its own (security) nor some vendor's. LUMARIS_MIRROR overrides it.
+# The mirror of the machine's own apt configuration: the first source that has the component main of the machine's own
+# release, which leaves out security archives and vendors' ones. LUMARIS_MIRROR overrides it.
 find_mirror() {
-    if [[ -n ${LUMARIS_MIRROR:-} ]]; then
-        mirror=$LUMARIS_MIRROR
-        return
+    mirror=${LUMARIS_MIRROR:-}
+    [[ -n $mirror ]] || mirror=$(configured_mirror)
+    if [[ -z $mirror ]]; then
+        # apt tells its sources only after it has fetched their lists.
+        apt-get update >>"$logs/host.log" 2>&1 </dev/null
+        mirror=$(configured_mirror)
     fi
+    mirror=${mirror%/}
+    [[ -n $mirror ]] || die "no package mirror found in the machine's apt configuration: $(explain_failure "$logs/host.log")" \
+        "Set LUMARIS_MIRROR to the address of a mirror that has Debian 13 (trixie)."
+}
+
+configured_mirror() {
     local codename
     codename=$(. /etc/os-release && printf '%s' "${VERSION_CODENAME:-}")
     # shellcheck disable=SC2016 # the $(...) are apt's own fields
-    mirror=$(apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' 'Created-By: Packages' 2>/dev/null |
-        awk -v want="$codename" '$2 == want && $3 == "main" { print $1; exit }')
-    mirror=${mirror%/}
-    [[ -n $mirror ]] || die "no package mirror found in the machine's apt configuration" \
-        "Set LUMARIS_MIRROR to the address of a mirror that has Debian 13 (trixie)."
+    apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' 'Created-By: Packages' 2>/dev/null |
+        awk -v want="$codename" '$2 == want && $3 == "main" { print $1; exit }'
 }
 
 # apt options of the machine that a mirror may need (proxies, a clock that is off).
@@ -35,12 +41,13 @@ prepare_host() {
     command -v mmdebstrap >/dev/null || missing+=(mmdebstrap)
     command -v bwrap >/dev/null || missing+=(bubblewrap)
     command -v apt-get >/dev/null || die "this machine has no apt-get: a Debian or a system made from it is needed"
+    : >"$logs/host.log"
     if ((${#missing[@]})); then
         say "Installing on this machine: ${missing[*]} (log: $logs/host.log)"
         if ! { apt-get update && DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}"; } \
-            >"$logs/host.log" 2>&1 </dev/null; then
+            >>"$logs/host.log" 2>&1 </dev/null; then
             tail -n 8 "$logs/host.log" | sed 's/^/    /' >&2
-            mirror=
+            mirror="of this machine's apt"
             die "cannot install ${missing[*]}: $(explain_failure "$logs/host.log")" "log: $logs/host.log"
         fi
     fi
