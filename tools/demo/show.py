@@ -222,7 +222,7 @@ class Show:
 
     def _expect(self, what: str, wanted: object, got: object) -> None:
         if wanted != got:
-            self._faults.append(f"{what}: should be {wanted}, is {got}")
+            self._faults.append(f"{what}: should be {str(wanted).strip()}, is {str(got).strip()}")
 
     def _verdict(self) -> bool:
         print()
