@@ -88,7 +88,26 @@ in_room() {
     done
     [[ $isolation != full ]] || options+=(--unshare-net --unshare-pid --unshare-ipc --unshare-uts --hostname lumaris-room)
     room_variables
-    bwrap "${options[@]}" "${extra[@]}" --die-with-parent --chdir /src -- /usr/bin/env -i "${variables[@]}" "$@"
+    options+=("${extra[@]}" --die-with-parent --chdir /src -- /usr/bin/env -i "${variables[@]}")
+    if [[ -n ${interactive:-} ]]; then
+        bwrap "${options[@]}" "$@"
+    else
+        # In the background, so that a signal to this program is not kept waiting until the job ends.
+        bwrap "${options[@]}" "$@" <&0 &
+        room_pid=$!
+        local status=0
+        wait "$room_pid" || status=$?
+        room_pid=
+        return "$status"
+    fi
+}
+
+# Ends the job that is at work, with everything that it started.
+room_pid=
+stop_room() {
+    [[ -n $room_pid ]] || return 0
+    kill -KILL "$room_pid" 2>/dev/null
+    wait "$room_pid" 2>/dev/null
 }
 
 # The sanitizers need /proc. True when the plain room has it.

@@ -263,6 +263,7 @@ word_shell() {
     fi
     need "${product_order[@]}"
     CI='' say_hindrances
+    local interactive=1
     (($#)) || set -- bash -i
     in_room "$@"
 }
@@ -270,7 +271,7 @@ word_shell() {
 main() {
     local word=${1:-}
     (($# == 0)) || shift
-    trap 'stop_maker; remove_run_folder' EXIT
+    trap 'stop_maker; stop_room; remove_run_folder' EXIT
     trap 'exit 130' INT
     trap 'exit 143' TERM HUP
     case $word in

@@ -3,6 +3,7 @@
 import argparse
 import concurrent.futures
 import json
+import os
 import re
 import shlex
 import subprocess
@@ -65,12 +66,17 @@ def check_format(fix: bool) -> Iterable[str]:
     return complaints_of([command]) if files else []
 
 
-def x64_flags() -> list[str]:
-    """Compiler and flags of a source of the x86-64 build, without the names of its files."""
-    building.build("x64-test", "build.ninja")
-    entries = json.loads(Path("build/x64-test/compile_commands.json").read_text(encoding="utf-8"))
-    entry = next((entry for entry in entries if entry["file"].startswith("/src/updater/")), entries[0])
-    words = shlex.split(entry["command"])
+def x64_entries() -> list[dict[str, str]]:
+    """How the x86-64 build compiles each source. It is built first: some sources and headers are generated."""
+    building.build("x64-test")
+    return json.loads(Path("build/x64-test/compile_commands.json").read_text(encoding="utf-8"))
+
+
+def flags_near(header: Path, entries: list[dict[str, str]]) -> list[str]:
+    """Compiler and flags of the source that is the nearest neighbour of the header, without the names of its files."""
+    def nearness(entry: dict[str, str]) -> int:
+        return len(os.path.commonpath(["/src" / header, entry["file"]]))
+    words = shlex.split(max((entry for entry in entries if entry["file"].endswith(".cpp")), key=nearness)["command"])
     words = words[words.index("/usr/bin/clang++-19"):]
     for option in ("-c", "-o", "-MF", "-MT"):
         while option in words:
@@ -91,16 +97,13 @@ def check_headers(_fix: bool) -> Iterable[str]:
             first = re.search(r'^#include\s+["<]([^">]+)[">]', source.read_text(encoding="utf-8"), re.MULTILINE)
             if first is None or first.group(1) != str(header):
                 yield f"{source}: does not include {header} first"
-    flags = x64_flags()
-    yield from complaints_of([*flags, "-fsyntax-only", "-Wno-pragma-once-outside-header", "-Wno-unused-const-variable",
-                              "-I/opt/lumaris/deps-x86_64/include", "-x", "c++", str(header)]
-                             for header in headers if not str(header).startswith("fuzz/"))
+    entries = x64_entries()
+    yield from complaints_of([*flags_near(header, entries), "-fsyntax-only", "-Wno-pragma-once-outside-header",
+                              "-Wno-unused-const-variable", "-x", "c++", str(header)] for header in headers)
 
 
 def check_tidy(_fix: bool) -> Iterable[str]:
-    x64_flags()
-    entries = json.loads(Path("build/x64-test/compile_commands.json").read_text(encoding="utf-8"))
-    files = sorted({entry["file"] for entry in entries
+    files = sorted({entry["file"] for entry in x64_entries()
                     if entry["file"].startswith(tuple(f"/src/{folder}/" for folder in PRODUCT_FOLDERS))
                     and entry["file"].endswith(".cpp")})
     return complaints_of(["clang-tidy-19", "--quiet", "-p", "build/x64-test", file] for file in files)
