@@ -29,6 +29,7 @@ def main() -> int:
             line = f'"{installed}" --gtest_output=xml:{windows_path(written)} --gtest_catch_exceptions=0'
             line += f" --gtest_filter={names[0]}" if names else ""
             run = machine.run(line, limit=_LIMIT)
+            print(run.output)
             if written.exists():
                 shutil.copyfile(written, report)
             if run.exit_code is None:

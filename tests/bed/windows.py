@@ -56,6 +56,8 @@ class FinishedRun:
     events: tuple[traces.Event, ...]
     commands: tuple[traces.ShellCommand, ...]
     left: tuple[LeftProcess, ...]
+    output: str = field(repr=False, default="")
+    """What it wrote to its standard output and error."""
     trace: str = field(repr=False, default="")
 
 
@@ -87,6 +89,7 @@ class Windows:
         self._enter = ["chroot", str(ARM64_ROOM)] if architecture == "arm64" else []
         self._environment = _environment(architecture) | {"WINEPREFIX": str(self.prefix)}
         self._trace_path = self.folder / "trace.txt"
+        self._output_path = self.folder / "output.txt"
         self._agent: subprocess.Popen[bytes] | None = None
         self._server: subprocess.Popen[bytes] | None = None
         self._pending = b""
@@ -171,7 +174,8 @@ class Windows:
         With `settle` 0 what it left running is ended at once.
         """
         offset = self._trace_path.stat().st_size
-        how, _, code, begin, end = self.ask("run", str(int(limit * 1000)), command_line, limit=limit + 30)
+        how, _, code, begin, end = self.ask("run", str(int(limit * 1000)), command_line,
+                                            windows_path(self._output_path), limit=limit + 30)
         left = []
         state, *fields = self.ask("settle", str(int(settle * 1000)), limit=settle + 30)
         for at in range(0, len(fields), 5):
@@ -183,7 +187,8 @@ class Windows:
             trace.seek(offset)
             text = trace.read().decode("utf-8", "replace")
         return FinishedRun(int(code, 16) if how == "exited" else None, _seconds(begin), _seconds(end),
-                            tuple(traces.events(text)), tuple(traces.commands(text)), tuple(left), text)
+                            tuple(traces.events(text)), tuple(traces.commands(text)), tuple(left),
+                           self._output_path.read_text(encoding="utf-8", errors="replace"), text)
 
     def ask(self, *fields: str, limit: float = 30) -> list[str]:
         """Sends the agent one command and returns the fields of its answer."""

@@ -136,6 +136,7 @@ class Show:
             self._show_proxy(self._proxy, proxy_size)
         for event in run.events:
             self._show_event(machine, event)
+        self._timeline.add("program", "writes to its standard output: " + (run.output.strip() or "nothing"), run.end)
         if not run.events:
             self._timeline.add("event log", "nothing reported", run.end)
         self._expect("the event source", ["HalvoroUpdate", "closed"], traces.event_sources(run.trace))

@@ -7,7 +7,9 @@
 // and \n. Texts are UTF-8, byte strings are hexadecimal. An answer begins with "ok" or with "error" and a
 // number.
 //
-//   run MILLISECONDS COMMANDLINE       ok exited|timeout PID CODE BEGIN END
+//   run MILLISECONDS COMMANDLINE OUTPUT    ok exited|timeout PID CODE BEGIN END
+//                                      (OUTPUT is the file for what the program writes to its standard
+//                                      handles)
 //   settle MILLISECONDS                ok settled|ended {PID CODE BEGIN END IMAGE}...
 //                                      (what the last run left running; what is still there then, is ended)
 //   get KEY NAME                       ok TYPE BYTES
@@ -145,7 +147,7 @@ public:
     process_tree& operator=(const process_tree&) = delete;
     ~process_tree() { end(); }
 
-    fields run(DWORD limit, const std::string& command_line);
+    fields run(DWORD limit, const std::string& command_line, const std::string& output);
     fields settle(DWORD limit);
 
 private:
@@ -213,7 +215,7 @@ bool process_tree::wait(ULONGLONG until, HANDLE main_process) {
     }
 }
 
-fields process_tree::run(DWORD limit, const std::string& command_line) {
+fields process_tree::run(DWORD limit, const std::string& command_line, const std::string& output) {
     end();
     const ULONGLONG until = GetTickCount64() + limit;
     m_job = CreateJobObjectW(nullptr, nullptr);
@@ -225,19 +227,23 @@ fields process_tree::run(DWORD limit, const std::string& command_line) {
         return error(GetLastError());
     }
     SECURITY_ATTRIBUTES inherited = {sizeof inherited, nullptr, TRUE};
-    const HANDLE nothing =
-        CreateFileW(L"NUL", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherited,
-                    OPEN_EXISTING, 0, nullptr);
+    const HANDLE nothing = CreateFileW(L"NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherited,
+                                       OPEN_EXISTING, 0, nullptr);
+    const HANDLE written =
+        CreateFileW(to_wide(output).c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherited,
+                    CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     STARTUPINFOW start = {};
     start.cb = sizeof start;
     start.dwFlags = STARTF_USESTDHANDLES;
-    start.hStdInput = start.hStdOutput = start.hStdError = nothing;
+    start.hStdInput = nothing;
+    start.hStdOutput = start.hStdError = written;
     PROCESS_INFORMATION started = {};
     std::wstring wide = to_wide(command_line);
     const BOOL created = CreateProcessW(nullptr, wide.data(), nullptr, nullptr, TRUE, CREATE_SUSPENDED,
                                         nullptr, nullptr, &start, &started);
     const DWORD code = GetLastError();
     CloseHandle(nothing);
+    CloseHandle(written);
     if (created == 0) {
         return error(code);
     }
@@ -398,8 +404,8 @@ fields execute(process_tree& tree, const fields& command) {
     const std::string& word = command[0];
     const std::size_t count = command.size();
     const auto limit = [&] { return static_cast<DWORD>(std::strtoul(command[1].c_str(), nullptr, 10)); };
-    if (word == "run" && count == 3) {
-        return tree.run(limit(), command[2]);
+    if (word == "run" && count == 4) {
+        return tree.run(limit(), command[2], command[3]);
     }
     if (word == "settle" && count == 2) {
         return tree.settle(limit());
