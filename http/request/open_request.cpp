@@ -152,6 +152,11 @@ void send_request(const pwrap::http& request, DWORD_PTR context, DWORD total_len
     while (!::WinHttpSendRequest(request.get(), WINHTTP_NO_ADDITIONAL_HEADERS, 0, WINHTTP_NO_REQUEST_DATA, 0,
                                  total_length, context)) {
         const DWORD error = ::GetLastError();
+        if (!request) {
+            // A notification that came during the call has failed and closed the request. The closing notification ends the
+            // exchange, now or later, and the notification's failure is the cause.
+            return;
+        }
         if (error != ERROR_WINHTTP_RESEND_REQUEST) {
             // The context is known to WinHTTP by now. Without this, closing the handle of the half-made request would still
             // notify the object that is about to go away.
