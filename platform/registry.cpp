@@ -7,7 +7,7 @@
 namespace pwrap {
 namespace {
 
-// A value may be a password: what was read leaves no copy on the stack.
+// A value may be a password: what was read leaves no copy behind.
 template <std::size_t Size> struct stack_text {
     stack_text() = default;
     stack_text(const stack_text&) = delete;
@@ -16,6 +16,23 @@ template <std::size_t Size> struct stack_text {
         ::SecureZeroMemory(units, sizeof units);
     }
     wchar_t units[Size];
+};
+
+class heap_text {
+public:
+    explicit heap_text(std::size_t size) : m_size(size), m_units(std::make_unique<wchar_t[]>(size)) {} // zeroed
+    heap_text(const heap_text&) = delete;
+    heap_text& operator=(const heap_text&) = delete;
+    ~heap_text() {
+        ::SecureZeroMemory(m_units.get(), m_size * sizeof(wchar_t));
+    }
+    wchar_t* get() const noexcept {
+        return m_units.get();
+    }
+
+private:
+    std::size_t m_size;
+    std::unique_ptr<wchar_t[]> m_units;
 };
 
 void cut_terminator(std::wstring& text) {
@@ -65,7 +82,7 @@ LSTATUS RegQueryStringValue(HKEY key, const wchar_t* name, std::wstring& text) {
         cut_terminator(text);
         return status;
     case REG_EXPAND_SZ: {
-        const auto block = std::make_unique<wchar_t[]>(std::size_t{units} + 1); // zeroed, so always terminated
+        const heap_text block(std::size_t{units} + 1); // zeroed, so always terminated
         status = ::RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(block.get()), &size);
         return status == ERROR_SUCCESS ? expand(block.get(), text) : status;
     }
