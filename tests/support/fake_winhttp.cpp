@@ -15,42 +15,50 @@ struct fake_winhttp::scripts {
                    [&fake](HINTERNET session, int resolve, int connecting, int sending, int receiving) {
                        return fake.set_timeouts(session, resolve, connecting, sending, receiving);
                    }),
-          connect(WinHttpConnect, [&fake](HINTERNET session, LPCWSTR host, INTERNET_PORT port,
-                                          DWORD reserved) { return fake.connect(session, host, port, reserved); }),
+          connect(WinHttpConnect,
+                  [&fake](HINTERNET session, LPCWSTR host, INTERNET_PORT port, DWORD reserved) {
+                      return fake.connect(session, host, port, reserved);
+                  }),
           open_request(WinHttpOpenRequest,
-                       [&fake](HINTERNET connection, LPCWSTR verb, LPCWSTR path, LPCWSTR version, LPCWSTR referrer,
-                               LPCWSTR* types, DWORD flags) {
+                       [&fake](HINTERNET connection, LPCWSTR verb, LPCWSTR path, LPCWSTR version,
+                               LPCWSTR referrer, LPCWSTR* types, DWORD flags) {
                            return fake.open_request(connection, verb, path, version, referrer, types, flags);
                        }),
           close(WinHttpCloseHandle, [&fake](HINTERNET handle) { return fake.close(handle); }),
-          option(WinHttpSetOption, [&fake](HINTERNET request, DWORD number, LPVOID data,
-                                           DWORD length) { return fake.set_option(request, number, data, length); }),
-          callback(WinHttpSetStatusCallback,
-                   [&fake](HINTERNET request, WINHTTP_STATUS_CALLBACK function, DWORD mask, DWORD_PTR reserved) {
-                       return fake.set_callback(request, function, mask, reserved);
-                   }),
-          headers(WinHttpAddRequestHeaders, [&fake](HINTERNET request, LPCWSTR text, DWORD length,
-                                                    DWORD modifiers) {
-              return fake.add_headers(request, text, length, modifiers);
-          }),
+          option(WinHttpSetOption,
+                 [&fake](HINTERNET request, DWORD number, LPVOID data, DWORD length) {
+                     return fake.set_option(request, number, data, length);
+                 }),
+          callback(
+              WinHttpSetStatusCallback,
+              [&fake](HINTERNET request, WINHTTP_STATUS_CALLBACK function, DWORD mask, DWORD_PTR reserved) {
+                  return fake.set_callback(request, function, mask, reserved);
+              }),
+          headers(WinHttpAddRequestHeaders,
+                  [&fake](HINTERNET request, LPCWSTR text, DWORD length, DWORD modifiers) {
+                      return fake.add_headers(request, text, length, modifiers);
+                  }),
           send(WinHttpSendRequest,
                [&fake](HINTERNET request, LPCWSTR text, DWORD text_length, LPVOID data, DWORD data_length,
                        DWORD total_length, DWORD_PTR context) {
                    return fake.send(request, text, text_length, data, data_length, total_length, context);
                }),
-          receive(WinHttpReceiveResponse, [&fake](HINTERNET request, LPVOID reserved) {
-              EXPECT_EQ(nullptr, reserved);
-              return fake.receive(request);
-          }),
+          receive(WinHttpReceiveResponse,
+                  [&fake](HINTERNET request, LPVOID reserved) {
+                      EXPECT_EQ(nullptr, reserved);
+                      return fake.receive(request);
+                  }),
           query(WinHttpQueryHeaders,
-                [&fake](HINTERNET request, DWORD level, LPCWSTR name, LPVOID buffer, LPDWORD size, LPDWORD index) {
+                [&fake](HINTERNET request, DWORD level, LPCWSTR name, LPVOID buffer, LPDWORD size,
+                        LPDWORD index) {
                     EXPECT_EQ(nullptr, name);
                     EXPECT_EQ(nullptr, index);
                     return fake.query(request, level, buffer, size);
                 }),
-          read(WinHttpReadData, [&fake](HINTERNET request, LPVOID buffer, DWORD size, LPDWORD read_count) {
-              return fake.read(request, buffer, size, read_count);
-          }),
+          read(WinHttpReadData,
+               [&fake](HINTERNET request, LPVOID buffer, DWORD size, LPDWORD read_count) {
+                   return fake.read(request, buffer, size, read_count);
+               }),
           available(WinHttpQueryDataAvailable, [&fake](HINTERNET, LPDWORD) -> BOOL {
               ADD_FAILURE() << "WinHttpQueryDataAvailable is never called";
               return fake.leave("WinHttpQueryDataAvailable", ERROR_INVALID_PARAMETER);
@@ -208,7 +216,8 @@ void fake_winhttp::work() {
 void fake_winhttp::deliver(event what) {
     std::unique_lock lock(m_mutex);
     const request_record& request = requests[what.request];
-    if ((request.closed && what.code != WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING) || request.callbacks.empty()) {
+    if ((request.closed && what.code != WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING) ||
+        request.callbacks.empty()) {
         return;
     }
     const WINHTTP_STATUS_CALLBACK callback = request.callbacks.back().callback;
@@ -333,14 +342,15 @@ BOOL fake_winhttp::set_option(HINTERNET request, DWORD number, LPVOID data, DWOR
     {
         const std::lock_guard lock(m_mutex);
         if (request_record* record = find(request)) {
-            record->options.push_back({number, data, length, std::wstring(static_cast<wchar_t*>(data), length)});
+            record->options.push_back(
+                {number, data, length, std::wstring(static_cast<wchar_t*>(data), length)});
         }
     }
     return leave("WinHttpSetOption", error);
 }
 
-WINHTTP_STATUS_CALLBACK fake_winhttp::set_callback(HINTERNET request, WINHTTP_STATUS_CALLBACK callback, DWORD mask,
-                                                   DWORD_PTR reserved) {
+WINHTTP_STATUS_CALLBACK fake_winhttp::set_callback(HINTERNET request, WINHTTP_STATUS_CALLBACK callback,
+                                                   DWORD mask, DWORD_PTR reserved) {
     const DWORD error = enter("WinHttpSetStatusCallback");
     WINHTTP_STATUS_CALLBACK former = WINHTTP_INVALID_STATUS_CALLBACK;
     if (error == 0) {
@@ -366,8 +376,8 @@ BOOL fake_winhttp::add_headers(HINTERNET request, LPCWSTR text, DWORD length, DW
     return leave("WinHttpAddRequestHeaders", error);
 }
 
-BOOL fake_winhttp::send(HINTERNET request, LPCWSTR headers, DWORD headers_length, LPVOID data, DWORD data_length,
-                        DWORD total_length, DWORD_PTR context) {
+BOOL fake_winhttp::send(HINTERNET request, LPCWSTR headers, DWORD headers_length, LPVOID data,
+                        DWORD data_length, DWORD total_length, DWORD_PTR context) {
     DWORD error = enter("WinHttpSendRequest");
     std::vector<event> events;
     {
@@ -457,7 +467,8 @@ BOOL fake_winhttp::query(HINTERNET request, DWORD level, LPVOID buffer, LPDWORD 
         if (record == nullptr) {
             error = ERROR_INVALID_HANDLE;
         } else if (error == 0 && level == WINHTTP_QUERY_RAW_HEADERS_CRLF) {
-            // Without its terminator counted a success tells the length, with it a failure tells the room that is needed.
+            // Without its terminator counted a success tells the length, with it a failure tells the room
+            // that is needed.
             const std::wstring& text = record->answer.raw_headers;
             const auto bytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));
             const DWORD needed = bytes + DWORD{sizeof(wchar_t)};

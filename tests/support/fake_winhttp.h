@@ -1,14 +1,17 @@
-// A scripted WinHTTP for unit tests: it stands in for the imported functions (substitutes.h) while it lives, records what
-// it is asked for, answers each request with the next scripted reply and runs the product's status callback itself.
+// A scripted WinHTTP for unit tests: it stands in for the imported functions (substitutes.h) while it lives,
+// records what it is asked for, answers each request with the next scripted reply and runs the product's
+// status callback itself.
 //
 // How the notifications of a request reach its callback is chosen at construction:
 // - nested: inside the very call that causes them, so that callbacks nest as deep as they can;
 // - calling_thread: on the same thread, one after another;
-// - worker: on threads of the fake's own, as the platform does it; with several, the next notification may start while the
+// - worker: on threads of the fake's own, as the platform does it; with several, the next notification may
+// start while the
 //   callback that caused it is still on its way out.
 //
-// Records may be read when no request is under way. Misuse by the product (a handle closed twice or used after its end)
-// is a failed expectation. One object at a time; it outlives every object of the product made under it.
+// Records may be read when no request is under way. Misuse by the product (a handle closed twice or used
+// after its end) is a failed expectation. One object at a time; it outlives every object of the product made
+// under it.
 #pragma once
 
 #include "tests/support/substitutes.h"
@@ -45,14 +48,14 @@ public:
     struct reply {
         std::optional<DWORD> status = 200;
         std::wstring raw_headers = L"HTTP/1.1 200 OK\r\n\r\n";
-        std::optional<DWORD> content_length; // none: the query fails with error 12150
-        std::vector<std::string> pieces;     // one a completed read, cut to the size that was asked for
+        std::optional<DWORD> content_length{}; // none: the query fails with error 12150
+        std::vector<std::string> pieces{};     // one a completed read, cut to the size that was asked for
 
-        std::vector<DWORD> earlier_codes;        // notifications without data before the request is sent
-        std::optional<DWORD> secure_failure;     // in the place of the send completion, with these flags
-        std::optional<request_error> at_send;    // in the place of the send completion
-        std::optional<request_error> at_receive; // in the place of the headers
-        std::optional<request_error> at_read;    // in the place of the end of the body
+        std::vector<DWORD> earlier_codes{};        // notifications without data before the request is sent
+        std::optional<DWORD> secure_failure{};     // in the place of the send completion, with these flags
+        std::optional<request_error> at_send{};    // in the place of the send completion
+        std::optional<request_error> at_receive{}; // in the place of the headers
+        std::optional<request_error> at_read{};    // in the place of the end of the body
     };
 
     // A reply of one status with a body, its head in accordance.
@@ -61,13 +64,15 @@ public:
     // The replies to come, one a request. Without one left a request fails with 12029 (no connection).
     std::deque<reply> replies;
 
-    // Makes the next calls of a function fail: each call takes the next number, 0 lets it succeed. The names are those of the
-    // platform; WinHttpQueryHeaders has one each for what it may be asked for: "WinHttpQueryHeaders/status", "/size",
+    // Makes the next calls of a function fail: each call takes the next number, 0 lets it succeed. The names
+    // are those of the platform; WinHttpQueryHeaders has one each for what it may be asked for:
+    // "WinHttpQueryHeaders/status", "/size",
     // "/raw", "/length".
     std::map<std::string, std::deque<DWORD>> failures;
     bool raw_header_size_succeeds = false; // the query for the size succeeds without a buffer
 
-    // Run at each call of the product, with the name as in `calls`: before anything happens, and before it returns.
+    // Run at each call of the product, with the name as in `calls`: before anything happens, and before it
+    // returns.
     std::function<void(const std::string&)> before_call;
     std::function<void(const std::string&)> after_call;
     // Run around each notification, on its thread.
@@ -175,8 +180,8 @@ private:
     BOOL set_timeouts(HINTERNET session, int resolve, int connect, int send, int receive);
     HINTERNET open(LPCWSTR agent, DWORD access, LPCWSTR proxy, LPCWSTR bypass, DWORD flags);
     HINTERNET connect(HINTERNET session, LPCWSTR host, INTERNET_PORT port, DWORD reserved);
-    HINTERNET open_request(HINTERNET connection, LPCWSTR verb, LPCWSTR path, LPCWSTR version, LPCWSTR referrer,
-                           LPCWSTR* types, DWORD flags);
+    HINTERNET open_request(HINTERNET connection, LPCWSTR verb, LPCWSTR path, LPCWSTR version,
+                           LPCWSTR referrer, LPCWSTR* types, DWORD flags);
     BOOL close(HINTERNET handle);
     BOOL set_option(HINTERNET request, DWORD number, LPVOID data, DWORD length);
     WINHTTP_STATUS_CALLBACK set_callback(HINTERNET request, WINHTTP_STATUS_CALLBACK callback, DWORD mask,
