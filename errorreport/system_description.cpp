@@ -44,8 +44,8 @@ void describe_window_station(system_description& description) {
 bool lists_administrators(const TOKEN_GROUPS& groups) {
     SID_IDENTIFIER_AUTHORITY authority = SECURITY_NT_AUTHORITY;
     PSID administrators = nullptr;
-    if (!::AllocateAndInitializeSid(&authority, 2, SECURITY_BUILTIN_DOMAIN_RID, DOMAIN_ALIAS_RID_ADMINS, 0, 0, 0, 0, 0,
-                                    0, &administrators)) {
+    if (!::AllocateAndInitializeSid(&authority, 2, SECURITY_BUILTIN_DOMAIN_RID, DOMAIN_ALIAS_RID_ADMINS, 0, 0,
+                                    0, 0, 0, 0, &administrators)) {
         return false;
     }
     bool found = false;
@@ -75,7 +75,8 @@ void describe_token(system_description& description) {
     }
     const auto buffer = std::make_unique<std::byte[]>(size);
     if (::GetTokenInformation(token.get(), TokenGroups, buffer.get(), size, &size)) {
-        description.administrators_member = lists_administrators(*reinterpret_cast<const TOKEN_GROUPS*>(buffer.get()));
+        description.administrators_member =
+            lists_administrators(*reinterpret_cast<const TOKEN_GROUPS*>(buffer.get()));
     }
 }
 
@@ -89,7 +90,8 @@ void describe_user(system_description& description) {
     if (::GetLastError() != ERROR_MORE_DATA || length == 0) {
         return;
     }
-    std::wstring longer(length - 1, L'\0'); // the reported length counts the terminator, which a string has anyway
+    std::wstring longer(length - 1,
+                        L'\0'); // the reported length counts the terminator, which a string has anyway
     if (::GetUserNameExW(NameSamCompatible, longer.data(), &length)) {
         longer.resize(length);
         description.user_name = std::move(longer);

@@ -18,7 +18,8 @@ void fetch(const webio::connection& server, const webio::url_parts& url, const w
            const std::string& accepted, Body& body, progress<std::uint64_t>* progress) {
     webio::ignore_header_line header_line;
     webio::ignore_content_length content_length;
-    const webio::get_request request(server, url, headers, {accepted}, {}, header_line, content_length, body, progress);
+    const webio::get_request request(server, url, headers, {accepted}, {}, header_line, content_length, body,
+                                     progress);
     if (request.status() != 200) {
         std::string status;
         pwrap::sprintf(status, "%u", static_cast<unsigned int>(request.status()));
@@ -45,9 +46,9 @@ signature fetch_signature(const webio::connection& server, const webio::url_part
     throw std::system_error(static_cast<int>(last_error()), std::system_category());
 }
 
-void fetch_content(const webio::connection& server, const webio::url_parts& url, const webio::header_list& headers,
-                   const std::string& accepted, stream::basic_file& destination, content_hash& hash,
-                   progress<std::uint64_t>* progress) {
+void fetch_content(const webio::connection& server, const webio::url_parts& url,
+                   const webio::header_list& headers, const std::string& accepted,
+                   stream::basic_file& destination, content_hash& hash, progress<std::uint64_t>* progress) {
     try {
         // The content must stand at the start and end where it ends: without either the file would not be what was signed.
         if (destination.seek(0, stream::seek_beg) == stream::fpos_max) {
@@ -66,9 +67,9 @@ void fetch_content(const webio::connection& server, const webio::url_parts& url,
 
 } // namespace
 
-void verified_fetch(const webio::connection& server, const webio::url_parts& url, const webio::header_list& headers,
-                    const std::string& accepted, const trusted_key* keys, std::size_t count,
-                    stream::basic_file& destination, progress<std::uint64_t>* progress) {
+void verified_fetch(const webio::connection& server, const webio::url_parts& url,
+                    const webio::header_list& headers, const std::string& accepted, const trusted_key* keys,
+                    std::size_t count, stream::basic_file& destination, progress<std::uint64_t>* progress) {
     const signature made = fetch_signature(server, url, headers);
     // Whose signature it is comes first: of an untrusted key not even the kind is worth a word.
     const trusted_key& key = find_trusted_key(made, keys, count);

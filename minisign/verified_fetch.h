@@ -18,8 +18,8 @@ namespace corvo::minisign {
 // Throws std::runtime_error: "Failed to load Minisign signature" or "Failed to load content" with the cause nested (an HTTP
 // status other than 200 is a nested std::runtime_error that reads as the bare decimal number), "Untrusted
 // Minisign key", "Unsupported Minisign signature", "Invalid Minisign signature"; corvo::user_cancelled "operation cancelled".
-void verified_fetch(const webio::connection& server, const webio::url_parts& url, const webio::header_list& headers,
-                    const std::string& accepted, const trusted_key* keys, std::size_t count,
-                    stream::basic_file& destination, progress<std::uint64_t>* progress);
+void verified_fetch(const webio::connection& server, const webio::url_parts& url,
+                    const webio::header_list& headers, const std::string& accepted, const trusted_key* keys,
+                    std::size_t count, stream::basic_file& destination, progress<std::uint64_t>* progress);
 
 } // namespace corvo::minisign

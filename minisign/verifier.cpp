@@ -39,7 +39,8 @@ const trusted_key& find_trusted_key(const signature& made, const trusted_key* ke
     return *key;
 }
 
-content_hash::content_hash() : m_state((prepare_libsodium(), std::make_unique<crypto_generichash_blake2b_state>())) {
+content_hash::content_hash()
+    : m_state((prepare_libsodium(), std::make_unique<crypto_generichash_blake2b_state>())) {
     crypto_generichash_blake2b_init(m_state.get(), nullptr, 0, 64);
 }
 
@@ -52,7 +53,8 @@ void content_hash::update(const void* data, std::size_t length) noexcept {
 bool content_hash::verify(const signature& made, const trusted_key& key) noexcept {
     std::array<unsigned char, 64> hash;
     crypto_generichash_blake2b_final(m_state.get(), hash.data(), hash.size());
-    return crypto_sign_ed25519_verify_detached(made.bytes.data(), hash.data(), hash.size(), key.key.data()) == 0;
+    return crypto_sign_ed25519_verify_detached(made.bytes.data(), hash.data(), hash.size(), key.key.data()) ==
+           0;
 }
 
 bool content_verifies(stream::basic_file& content, const signature& made, const trusted_key& key,

@@ -31,7 +31,8 @@ public:
     bool verify(const signature& made, const trusted_key& key) noexcept;
 
 private:
-    std::unique_ptr<crypto_generichash_blake2b_state> m_state; // the type is aligned to 64 bytes, as libsodium requires
+    std::unique_ptr<crypto_generichash_blake2b_state>
+        m_state; // the type is aligned to 64 bytes, as libsodium requires
 };
 
 // Whether `content`, read from its start to its end, carries the signature. Reads in blocks of 8192 bytes. A

@@ -19,9 +19,7 @@ public:
     }
     com_initializer(const com_initializer&) = delete;
     com_initializer& operator=(const com_initializer&) = delete;
-    virtual ~com_initializer() {
-        ::CoUninitialize();
-    }
+    virtual ~com_initializer() { ::CoUninitialize(); }
 };
 
 } // namespace pwrap

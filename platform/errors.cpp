@@ -15,9 +15,7 @@ public:
     last_error_keeper() noexcept : m_kept(::GetLastError()) {}
     last_error_keeper(const last_error_keeper&) = delete;
     last_error_keeper& operator=(const last_error_keeper&) = delete;
-    ~last_error_keeper() {
-        ::SetLastError(m_kept);
-    }
+    ~last_error_keeper() { ::SetLastError(m_kept); }
 
 private:
     DWORD m_kept;
@@ -35,12 +33,8 @@ public:
         }
     }
     // FormatMessageW takes the address of the pointer in the place of a buffer.
-    wchar_t* receiver() noexcept {
-        return reinterpret_cast<wchar_t*>(&m_text);
-    }
-    const wchar_t* get() const noexcept {
-        return m_text;
-    }
+    wchar_t* receiver() noexcept { return reinterpret_cast<wchar_t*>(&m_text); }
+    const wchar_t* get() const noexcept { return m_text; }
 
 private:
     wchar_t* m_text = nullptr;

@@ -19,9 +19,7 @@ public:
         : std::runtime_error(message.empty() ? "Unknown exception" : message), m_number(number) {}
 
     // The number that the failed call produced.
-    T number() const noexcept {
-        return m_number;
-    }
+    T number() const noexcept { return m_number; }
 
 private:
     T m_number;

@@ -93,9 +93,7 @@ int sprintf(std::string& result, const char* format, ...) {
     va_start(arguments, format);
     struct closer { // ends the list when formatting throws, too
         std::va_list& list;
-        ~closer() {
-            va_end(list);
-        }
+        ~closer() { va_end(list); }
     } const end{arguments};
     return vsprintf(result, format, arguments);
 }
@@ -105,9 +103,7 @@ int sprintf(std::wstring& result, const wchar_t* format, ...) {
     va_start(arguments, format);
     struct closer {
         std::va_list& list;
-        ~closer() {
-            va_end(list);
-        }
+        ~closer() { va_end(list); }
     } const end{arguments};
     return vsprintf(result, format, arguments);
 }

@@ -12,7 +12,8 @@ namespace pwrap {
 
 int sprintf(std::string& result, const char* format, ...) __attribute__((format(printf, 2, 3)));
 int sprintf(std::wstring& result, const wchar_t* format, ...);
-int vsprintf(std::string& result, const char* format, std::va_list arguments) __attribute__((format(printf, 2, 0)));
+int vsprintf(std::string& result, const char* format, std::va_list arguments)
+    __attribute__((format(printf, 2, 0)));
 int vsprintf(std::wstring& result, const wchar_t* format, std::va_list arguments);
 
 } // namespace pwrap

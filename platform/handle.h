@@ -25,17 +25,11 @@ public:
     handle(const handle&) = delete;
     handle& operator=(const handle&) = delete;
 
-    static T invalid() noexcept {
-        return reinterpret_cast<T>(INVAL);
-    }
+    static T invalid() noexcept { return reinterpret_cast<T>(INVAL); }
 
-    T get() const noexcept {
-        return m_h;
-    }
+    T get() const noexcept { return m_h; }
 
-    explicit operator bool() const noexcept {
-        return m_h != invalid();
-    }
+    explicit operator bool() const noexcept { return m_h != invalid(); }
 
     // Releases what is held, if anything. Nothing of the object is touched once the system has been told: closing may
     // wake the thread that destroys it.
@@ -59,9 +53,7 @@ protected:
     ~handle() = default;
 
     // Takes the value out of the owner, for free_internal().
-    T take() noexcept {
-        return std::exchange(m_h, invalid());
-    }
+    T take() noexcept { return std::exchange(m_h, invalid()); }
 
     // Releases the valid value that is held, and leaves the owner empty.
     virtual void free_internal() noexcept = 0;
@@ -84,14 +76,10 @@ template <std::intptr_t INVAL> class win_handle final : public handle<HANDLE, IN
 public:
     win_handle() noexcept = default;
     explicit win_handle(HANDLE value) noexcept : handle<HANDLE, INVAL>(value) {}
-    virtual ~win_handle() {
-        this->free();
-    }
+    virtual ~win_handle() { this->free(); }
 
 private:
-    void free_internal() noexcept override {
-        ::CloseHandle(this->take());
-    }
+    void free_internal() noexcept override { ::CloseHandle(this->take()); }
 };
 
 // Loaded module.
@@ -99,14 +87,10 @@ class library final : public handle<HMODULE, 0> {
 public:
     library() noexcept = default;
     explicit library(HMODULE value) noexcept : handle(value) {}
-    virtual ~library() {
-        free();
-    }
+    virtual ~library() { free(); }
 
 private:
-    void free_internal() noexcept override {
-        ::FreeLibrary(take());
-    }
+    void free_internal() noexcept override { ::FreeLibrary(take()); }
 };
 
 // Open registry key.
@@ -114,9 +98,7 @@ class reg_key final : public handle<HKEY, 0> {
 public:
     reg_key() noexcept = default;
     explicit reg_key(HKEY value) noexcept : handle(value) {}
-    virtual ~reg_key() {
-        free();
-    }
+    virtual ~reg_key() { free(); }
 
     // Opens `name` below `parent` and owns the key. Returns a Win32 error code; on failure the owner is empty.
     LSTATUS open(HKEY parent, const wchar_t* name, REGSAM access) noexcept {
@@ -127,9 +109,7 @@ public:
     }
 
 private:
-    void free_internal() noexcept override {
-        ::RegCloseKey(take());
-    }
+    void free_internal() noexcept override { ::RegCloseKey(take()); }
 };
 
 // Directory search.
@@ -137,14 +117,10 @@ class find_file final : public handle<HANDLE, -1> {
 public:
     find_file() noexcept = default;
     explicit find_file(HANDLE value) noexcept : handle(value) {}
-    virtual ~find_file() {
-        free();
-    }
+    virtual ~find_file() { free(); }
 
 private:
-    void free_internal() noexcept override {
-        ::FindClose(take());
-    }
+    void free_internal() noexcept override { ::FindClose(take()); }
 };
 
 // Registered event source. A null handle (registration failed) is legal; reports are then skipped.
@@ -152,14 +128,10 @@ class event_log final : public handle<HANDLE, 0> {
 public:
     event_log() noexcept = default;
     explicit event_log(HANDLE value) noexcept : handle(value) {}
-    virtual ~event_log() {
-        free();
-    }
+    virtual ~event_log() { free(); }
 
 private:
-    void free_internal() noexcept override {
-        ::DeregisterEventSource(take());
-    }
+    void free_internal() noexcept override { ::DeregisterEventSource(take()); }
 };
 
 // WinHTTP session, connection or request.
@@ -167,14 +139,10 @@ class http final : public handle<HINTERNET, 0> {
 public:
     http() noexcept = default;
     explicit http(HINTERNET value) noexcept : handle(value) {}
-    virtual ~http() {
-        free();
-    }
+    virtual ~http() { free(); }
 
 private:
-    void free_internal() noexcept override {
-        ::WinHttpCloseHandle(take());
-    }
+    void free_internal() noexcept override { ::WinHttpCloseHandle(take()); }
 };
 
 // COM interface pointer; copying adds a reference.
@@ -187,9 +155,7 @@ public:
         this->reset(other.duplicate());
         return *this;
     }
-    virtual ~com_obj() {
-        this->free();
-    }
+    virtual ~com_obj() { this->free(); }
 
     // Creates the object of class `id` in any context and owns its interface `iid`. On failure the owner is empty.
     HRESULT create(REFCLSID id, REFIID iid) noexcept {
@@ -207,18 +173,12 @@ public:
         return result;
     }
 
-    I* operator->() const noexcept {
-        return this->m_h;
-    }
+    I* operator->() const noexcept { return this->m_h; }
 
 private:
-    I* duplicate() const noexcept {
-        return this->m_h != nullptr ? duplicate_internal(this->m_h) : nullptr;
-    }
+    I* duplicate() const noexcept { return this->m_h != nullptr ? duplicate_internal(this->m_h) : nullptr; }
 
-    void free_internal() noexcept override {
-        this->take()->Release();
-    }
+    void free_internal() noexcept override { this->take()->Release(); }
 
     I* duplicate_internal(I* value) const noexcept override {
         value->AddRef();

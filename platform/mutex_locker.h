@@ -24,9 +24,7 @@ public:
     }
     mutex_locker(const mutex_locker&) = delete;
     mutex_locker& operator=(const mutex_locker&) = delete;
-    virtual ~mutex_locker() {
-        ::ReleaseMutex(m_mutex);
-    }
+    virtual ~mutex_locker() { ::ReleaseMutex(m_mutex); }
 
 private:
     HANDLE m_mutex;

@@ -12,23 +12,18 @@ template <std::size_t Size> struct stack_text {
     stack_text() = default;
     stack_text(const stack_text&) = delete;
     stack_text& operator=(const stack_text&) = delete;
-    ~stack_text() {
-        ::SecureZeroMemory(units, sizeof units);
-    }
+    ~stack_text() { ::SecureZeroMemory(units, sizeof units); }
     wchar_t units[Size];
 };
 
 class heap_text {
 public:
-    explicit heap_text(std::size_t size) : m_size(size), m_units(std::make_unique<wchar_t[]>(size)) {} // zeroed
+    explicit heap_text(std::size_t size)
+        : m_size(size), m_units(std::make_unique<wchar_t[]>(size)) {} // zeroed
     heap_text(const heap_text&) = delete;
     heap_text& operator=(const heap_text&) = delete;
-    ~heap_text() {
-        ::SecureZeroMemory(m_units.get(), m_size * sizeof(wchar_t));
-    }
-    wchar_t* get() const noexcept {
-        return m_units.get();
-    }
+    ~heap_text() { ::SecureZeroMemory(m_units.get(), m_size * sizeof(wchar_t)); }
+    wchar_t* get() const noexcept { return m_units.get(); }
 
 private:
     std::size_t m_size;
@@ -43,7 +38,8 @@ void cut_terminator(std::wstring& text) {
 
 // `source` is null-terminated.
 LSTATUS expand(const wchar_t* source, std::wstring& text) {
-    return ExpandEnvironmentStringsW(source, text) != 0 ? ERROR_SUCCESS : static_cast<LSTATUS>(::GetLastError());
+    return ExpandEnvironmentStringsW(source, text) != 0 ? ERROR_SUCCESS
+                                                        : static_cast<LSTATUS>(::GetLastError());
 }
 
 } // namespace
@@ -53,7 +49,8 @@ LSTATUS RegQueryStringValue(HKEY key, const wchar_t* name, std::wstring& text) {
     stack_text<stack_units + 1> buffer; // one more than the system is told of, for a missing terminator
     DWORD type = REG_NONE;
     DWORD size = stack_units * sizeof(wchar_t);
-    LSTATUS status = ::RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(buffer.units), &size);
+    LSTATUS status =
+        ::RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(buffer.units), &size);
     if (status == ERROR_SUCCESS) {
         const DWORD units = size / sizeof(wchar_t);
         switch (type) {

@@ -9,7 +9,8 @@ namespace pwrap {
 namespace {
 
 // `convert` writes into a buffer of the given size, or measures when it is given none; it returns 0 on failure.
-template <std::size_t Stack, class String, class Convert> int convert_into(String& result, const Convert& convert) {
+template <std::size_t Stack, class String, class Convert>
+int convert_into(String& result, const Convert& convert) {
     typename String::value_type buffer[Stack];
     int length = convert(buffer, static_cast<int>(Stack));
     if (length > 0) {
@@ -55,7 +56,8 @@ int widen(UINT code_page, DWORD flags, std::string_view text, std::wstring& resu
         return 0;
     }
     return convert_into<512>(result, [&](wchar_t* buffer, int size) {
-        return ::MultiByteToWideChar(code_page, flags, text.data(), static_cast<int>(text.size()), buffer, size);
+        return ::MultiByteToWideChar(code_page, flags, text.data(), static_cast<int>(text.size()), buffer,
+                                     size);
     });
 }
 
@@ -79,8 +81,8 @@ int WideCharToMultiByte(UINT code_page, DWORD flags, const std::wstring& text, s
         return 0;
     }
     return convert_into<1024>(result, [&](char* buffer, int size) {
-        return ::WideCharToMultiByte(code_page, flags, text.data(), static_cast<int>(text.size()), buffer, size,
-                                     default_char, used_default);
+        return ::WideCharToMultiByte(code_page, flags, text.data(), static_cast<int>(text.size()), buffer,
+                                     size, default_char, used_default);
     });
 }
 
@@ -108,7 +110,8 @@ std::string narrow_user_text(UINT code_page, const std::wstring& text) {
                             options.default_char != nullptr ? &used_default : nullptr) == 0) {
         const DWORD error = ::GetLastError();
         if (error != ERROR_SUCCESS) {
-            throw std::system_error(static_cast<int>(error), std::system_category(), "WideCharToMultiByte failed");
+            throw std::system_error(static_cast<int>(error), std::system_category(),
+                                    "WideCharToMultiByte failed");
         }
     }
     return result;
@@ -126,7 +129,8 @@ void charset_converter::append(const char* bytes, std::size_t length, std::wstri
     if (widen(m_source, 0, text, converted) == 0) {
         const DWORD error = ::GetLastError();
         if (error != ERROR_SUCCESS) {
-            throw std::system_error(static_cast<int>(error), std::system_category(), "MultiByteToWideChar failed");
+            throw std::system_error(static_cast<int>(error), std::system_category(),
+                                    "MultiByteToWideChar failed");
         }
     }
     output.append(converted, 0, converted.find(L'\0'));

@@ -39,7 +39,8 @@ std::string narrow_user_text(UINT code_page, const std::wstring& text);
 // NULs. Holds no state but the two code pages.
 class charset_converter {
 public:
-    charset_converter(UINT source, UINT destination) noexcept : m_source(source), m_destination(destination) {}
+    charset_converter(UINT source, UINT destination) noexcept
+        : m_source(source), m_destination(destination) {}
 
     // Appends the bytes before the first NUL, `length` at the most, to `output` as UTF-16, cut at its first NUL. With
     // equal code pages each byte becomes one unit unchanged. Throws std::system_error "MultiByteToWideChar failed".

@@ -11,16 +11,15 @@
 namespace {
 
 struct local_memory_deleter {
-    void operator()(wchar_t** memory) const noexcept {
-        ::LocalFree(memory);
-    }
+    void operator()(wchar_t** memory) const noexcept { ::LocalFree(memory); }
 };
 
 } // namespace
 
 std::string requested_variant() {
     int count = 0;
-    const std::unique_ptr<wchar_t*[], local_memory_deleter> arguments(::CommandLineToArgvW(::GetCommandLineW(), &count));
+    const std::unique_ptr<wchar_t*[], local_memory_deleter> arguments(
+        ::CommandLineToArgvW(::GetCommandLineW(), &count));
     if (!arguments) {
         throw pwrap::win_runtime_error("CommandLineToArgvW failed");
     }

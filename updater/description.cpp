@@ -44,7 +44,8 @@ std::uint32_t parse_version(std::string_view text) noexcept {
     if (minus || text.starts_with('+')) {
         text.remove_prefix(1);
     }
-    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X') && digit_value(text[2]) >= 0) {
+    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X') &&
+        digit_value(text[2]) >= 0) {
         text.remove_prefix(2);
     }
     std::uint32_t value = 0;

@@ -26,15 +26,15 @@ bool elevated() noexcept {
 }
 
 struct task_memory_deleter {
-    void operator()(wchar_t* memory) const noexcept {
-        ::CoTaskMemFree(memory);
-    }
+    void operator()(wchar_t* memory) const noexcept { ::CoTaskMemFree(memory); }
 };
 
 std::wstring common_program_files() {
     wchar_t* path = nullptr;
-    const HRESULT result = ::SHGetKnownFolderPath(FOLDERID_ProgramFilesCommon, KF_FLAG_CREATE, nullptr, &path);
-    const std::unique_ptr<wchar_t, task_memory_deleter> owner(path); // to be freed whether the call succeeded or not
+    const HRESULT result =
+        ::SHGetKnownFolderPath(FOLDERID_ProgramFilesCommon, KF_FLAG_CREATE, nullptr, &path);
+    const std::unique_ptr<wchar_t, task_memory_deleter> owner(
+        path); // to be freed whether the call succeeded or not
     if (FAILED(result)) {
         throw pwrap::com_runtime_error(result, "SHGetKnownFolderPath(KF_FLAG_CREATE) failed");
     }
@@ -76,7 +76,8 @@ std::string package_path(const std::string& folder_path, const std::string& name
 std::wstring widen_name(const std::string& name) {
     std::wstring wide;
     if (pwrap::MultiByteToWideChar(::GetACP(), 0, name, wide) == 0 && !name.empty()) {
-        throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(), "MultiByteToWideChar failed");
+        throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(),
+                                "MultiByteToWideChar failed");
     }
     return wide;
 }
@@ -99,15 +100,18 @@ std::wstring download_folder() {
 HANDLE open_package_file(const std::wstring& path) {
     SECURITY_ATTRIBUTES attributes{sizeof attributes, nullptr, FALSE};
     // OPEN_ALWAYS keeps what is there, so that a complete earlier download can be used again.
-    const HANDLE file = ::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, &attributes,
-                                      OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
+    const HANDLE file =
+        ::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, &attributes, OPEN_ALWAYS,
+                      FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
     if (file == INVALID_HANDLE_VALUE) {
-        throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(), "Failed to open file");
+        throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(),
+                                "Failed to open file");
     }
     return file;
 }
 
-std::wstring installer_parameters(const std::wstring& package_file, const std::wstring& log_file, bool unattended) {
+std::wstring installer_parameters(const std::wstring& package_file, const std::wstring& log_file,
+                                  bool unattended) {
     std::wstring parameters = L"/i \"" + package_file + L"\" /l* \"" + log_file + L"\"";
     if (unattended) {
         parameters += L" /qn /norestart";

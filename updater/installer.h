@@ -29,7 +29,8 @@ std::wstring download_folder();
 HANDLE open_package_file(const std::wstring& path);
 
 // The Windows Installer's parameters: install the package, log everything; quietly and without restart when unattended.
-std::wstring installer_parameters(const std::wstring& package_file, const std::wstring& log_file, bool unattended);
+std::wstring installer_parameters(const std::wstring& package_file, const std::wstring& log_file,
+                                  bool unattended);
 
 // Starts msiexec.exe and does not wait for it. Throws pwrap::win_runtime_error "ShellExecute failed".
 void start_installer(const std::wstring& parameters);

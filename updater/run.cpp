@@ -20,8 +20,8 @@ void report_skipped(HANDLE event_source, gate reason) noexcept {
         return;
     }
     const wchar_t* strings[] = {product_name};
-    ::ReportEventW(event_source, EVENTLOG_INFORMATION_TYPE, 0, static_cast<DWORD>(reason), nullptr, 1, 0, strings,
-                   nullptr);
+    ::ReportEventW(event_source, EVENTLOG_INFORMATION_TYPE, 0, static_cast<DWORD>(reason), nullptr, 1, 0,
+                   strings, nullptr);
 }
 
 void report_failure(HANDLE event_source, const std::exception& error) {

@@ -44,8 +44,9 @@ Updater::Updater(unsigned int flags)
     };
     const webio::connection server(m_session, url);
     corvo::stream::memory_file text;
-    corvo::minisign::verified_fetch(server, url, {{"Pragma", "no-cache"}, {"Cache-Control", "no-cache"}}, "text/plain",
-                                    build_config::trusted_keys, build_config::trusted_key_count, text, nullptr);
+    corvo::minisign::verified_fetch(server, url, {{"Pragma", "no-cache"}, {"Cache-Control", "no-cache"}},
+                                    "text/plain", build_config::trusted_keys, build_config::trusted_key_count,
+                                    text, nullptr);
     text.seek(0, corvo::stream::seek_beg);
     update_description description = read_description(text);
     version = description.version;
@@ -67,8 +68,9 @@ void Updater::install(unsigned int flags, corvo::progress<std::uint64_t>* progre
     {
         corvo::stream::file package(open_package_file(package_file));
         const webio::connection server(m_session, url);
-        corvo::minisign::verified_fetch(server, url, {}, "application/octet-stream", build_config::trusted_keys,
-                                        build_config::trusted_key_count, package, progress);
+        corvo::minisign::verified_fetch(server, url, {}, "application/octet-stream",
+                                        build_config::trusted_keys, build_config::trusted_key_count, package,
+                                        progress);
         package.close();
     }
     start_installer(installer_parameters(package_file, file_stem + L".log", (flags & unattended) != 0));

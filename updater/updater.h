@@ -32,7 +32,8 @@ public:
     std::string label;         // second line of the description; kept, not used further
     std::string package_url;   // address of the package folder
     std::string platform_suffix;
-    std::string variant; // chosen on the command line, in the active ANSI code page; part of the package's name
+    std::string
+        variant; // chosen on the command line, in the active ANSI code page; part of the package's name
 
 private:
     webio::session m_session;

@@ -16,9 +16,10 @@ namespace {
 
 void get(HINTERNET server, const std::wstring& path) {
     const wchar_t* accepted[] = {L"text/plain", nullptr};
-    const HINTERNET request = ::WinHttpOpenRequest(server, L"GET", path.c_str(), nullptr, nullptr, accepted, 0);
-    if (::WinHttpSendRequest(request, L"Cache-Control: no-cache\r\nPragma: no-cache", static_cast<DWORD>(-1), nullptr, 0, 0,
-                             0) &&
+    const HINTERNET request =
+        ::WinHttpOpenRequest(server, L"GET", path.c_str(), nullptr, nullptr, accepted, 0);
+    if (::WinHttpSendRequest(request, L"Cache-Control: no-cache\r\nPragma: no-cache", static_cast<DWORD>(-1),
+                             nullptr, 0, 0, 0) &&
         ::WinHttpReceiveResponse(request, nullptr)) {
         static char buffer[8192];
         DWORD length = 0;
@@ -33,7 +34,8 @@ void get(HINTERNET server, const std::wstring& path) {
 int WINAPI wWinMain(HINSTANCE, HINSTANCE, wchar_t* command_line, int) {
     ::CoInitialize(nullptr);
     void* made = nullptr;
-    if (SUCCEEDED(::CoCreateInstance(CLSID_NetworkListManager, nullptr, CLSCTX_ALL, IID_INetworkListManager, &made))) {
+    if (SUCCEEDED(::CoCreateInstance(CLSID_NetworkListManager, nullptr, CLSCTX_ALL, IID_INetworkListManager,
+                                     &made))) {
         auto* const manager = static_cast<INetworkListManager*>(made);
         VARIANT_BOOL connected = VARIANT_FALSE;
         manager->IsConnectedToInternet(&connected);

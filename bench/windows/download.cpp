@@ -5,10 +5,10 @@
 //     download product|bare PATH FILE RESULT
 
 #include "bench/windows/measure.h"
+#include "http/request/wide.h"
 #include "minisign/verified_fetch.h"
 #include "stream/file.h"
 #include "updater/build_config.h"
-#include "http/request/wide.h"
 
 #include <sodium.h>
 
@@ -18,7 +18,8 @@ namespace {
 
 bool fetch_as_product(const std::string& path, const wchar_t* file_name) {
     using namespace corvo;
-    const webio::session session("bench", {.resolve = 5000, .connect = 10000, .send = 30000, .receive = 30000});
+    const webio::session session("bench",
+                                 {.resolve = 5000, .connect = 10000, .send = 30000, .receive = 30000});
     const webio::url_parts url{.scheme = webio::url_scheme::http,
                                .port = 80,
                                .host = build_config::update_host,
@@ -39,14 +40,17 @@ bool fetch_bare(const std::string& path, const wchar_t* file_name) {
     }
     crypto_generichash_blake2b_state hash;
     crypto_generichash_blake2b_init(&hash, nullptr, 0, 64);
-    const HINTERNET session = ::WinHttpOpen(L"bench", WINHTTP_ACCESS_TYPE_DEFAULT_PROXY, WINHTTP_NO_PROXY_NAME,
-                                            WINHTTP_NO_PROXY_BYPASS, 0);
-    const HINTERNET server = ::WinHttpConnect(session, webio::to_wide(build_config::update_host).c_str(), 80, 0);
+    const HINTERNET session = ::WinHttpOpen(L"bench", WINHTTP_ACCESS_TYPE_DEFAULT_PROXY,
+                                            WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS, 0);
+    const HINTERNET server =
+        ::WinHttpConnect(session, webio::to_wide(build_config::update_host).c_str(), 80, 0);
     const HINTERNET request =
         ::WinHttpOpenRequest(server, L"GET", webio::to_wide(path).c_str(), nullptr, nullptr, nullptr, 0);
-    const HANDLE file = ::CreateFileW(file_name, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
-                                      FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
-    bool right = ::WinHttpSendRequest(request, nullptr, 0, nullptr, 0, 0, 0) && ::WinHttpReceiveResponse(request, nullptr);
+    const HANDLE file =
+        ::CreateFileW(file_name, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
+                      FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
+    bool right = ::WinHttpSendRequest(request, nullptr, 0, nullptr, 0, 0, 0) &&
+                 ::WinHttpReceiveResponse(request, nullptr);
     static unsigned char buffer[8192];
     DWORD length = 0;
     while (right) {
@@ -77,6 +81,7 @@ int wmain(int count, wchar_t** arguments) {
     const std::wstring wide_path = arguments[2];
     const std::string path(wide_path.begin(), wide_path.end()); // ASCII
     const bench::stopwatch watch;
-    const bool right = how == L"product" ? fetch_as_product(path, arguments[3]) : fetch_bare(path, arguments[3]);
+    const bool right =
+        how == L"product" ? fetch_as_product(path, arguments[3]) : fetch_bare(path, arguments[3]);
     return bench::report(arguments[4], right, watch.seconds());
 }

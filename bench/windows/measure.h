@@ -19,7 +19,8 @@ public:
     double seconds() const noexcept {
         LARGE_INTEGER now;
         ::QueryPerformanceCounter(&now);
-        return static_cast<double>(now.QuadPart - m_start.QuadPart) / static_cast<double>(m_frequency.QuadPart);
+        return static_cast<double>(now.QuadPart - m_start.QuadPart) /
+               static_cast<double>(m_frequency.QuadPart);
     }
 
 private:
@@ -35,8 +36,8 @@ inline int report(const wchar_t* file, bool right, double seconds) {
     if (out == nullptr) {
         return 2;
     }
-    std::fprintf(out, "{\"right\": %s, \"seconds\": %.6f, \"peak_bytes\": %llu}\n", right ? "true" : "false", seconds,
-                 static_cast<unsigned long long>(memory.PeakWorkingSetSize));
+    std::fprintf(out, "{\"right\": %s, \"seconds\": %.6f, \"peak_bytes\": %llu}\n", right ? "true" : "false",
+                 seconds, static_cast<unsigned long long>(memory.PeakWorkingSetSize));
     std::fclose(out);
     return right ? 0 : 1;
 }

@@ -17,18 +17,10 @@ public:
     // the first request is sent. Throws pwrap::http_error "WinHttpConnect failed".
     connection(const session& opened, const url_parts& url);
 
-    HINTERNET get() const noexcept {
-        return m_connection.get();
-    }
-    url_scheme scheme() const noexcept {
-        return m_scheme;
-    }
-    const std::string& host() const noexcept {
-        return m_host;
-    }
-    std::uint16_t port() const noexcept {
-        return m_port;
-    }
+    HINTERNET get() const noexcept { return m_connection.get(); }
+    url_scheme scheme() const noexcept { return m_scheme; }
+    const std::string& host() const noexcept { return m_host; }
+    std::uint16_t port() const noexcept { return m_port; }
 
 private:
     const session& m_session;

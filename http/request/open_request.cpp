@@ -20,9 +20,7 @@ public:
         m_text.resize(m_text.capacity());
         ::SecureZeroMemory(m_text.data(), m_text.size() * sizeof(wchar_t));
     }
-    std::wstring& text() noexcept {
-        return m_text;
-    }
+    std::wstring& text() noexcept { return m_text; }
 
 private:
     std::wstring m_text;
@@ -31,7 +29,8 @@ private:
 // The length of a credential of the server counts the characters without the terminator.
 void set_credential(const pwrap::http& request, DWORD option, const std::string& value, const char* failure) {
     secret wide(to_wide(value));
-    if (!::WinHttpSetOption(request.get(), option, wide.text().data(), static_cast<DWORD>(wide.text().size()))) {
+    if (!::WinHttpSetOption(request.get(), option, wide.text().data(),
+                            static_cast<DWORD>(wide.text().size()))) {
         throw pwrap::http_error(failure);
     }
 }
@@ -49,7 +48,8 @@ void set_proxy_password(const pwrap::http& request, const std::string& value) {
 
 void set_proxy_credentials_from_registry(const pwrap::http& request) {
     pwrap::reg_key key;
-    if (key.open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tavrin\\Halvoro", KEY_READ | KEY_WOW64_64KEY) != ERROR_SUCCESS) {
+    if (key.open(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tavrin\\Halvoro", KEY_READ | KEY_WOW64_64KEY) !=
+        ERROR_SUCCESS) {
         return;
     }
     std::wstring user_name;
@@ -104,9 +104,10 @@ DWORD header_block_length(std::size_t characters) {
     return static_cast<DWORD>(characters);
 }
 
-void open_request(pwrap::http& request, pwrap::win_handle<0>& done, const connection& server, const wchar_t* verb,
-                  const url_parts& url, const header_list& headers, const accept_types& accepted,
-                  const proxy_credentials& proxy, WINHTTP_STATUS_CALLBACK callback) {
+void open_request(pwrap::http& request, pwrap::win_handle<0>& done, const connection& server,
+                  const wchar_t* verb, const url_parts& url, const header_list& headers,
+                  const accept_types& accepted, const proxy_credentials& proxy,
+                  WINHTTP_STATUS_CALLBACK callback) {
     const std::wstring path = to_wide(url.path);
     std::vector<std::wstring> types;
     types.reserve(accepted.size());
@@ -121,7 +122,8 @@ void open_request(pwrap::http& request, pwrap::win_handle<0>& done, const connec
     type_pointers.push_back(nullptr);
 
     request.reset(::WinHttpOpenRequest(server.get(), verb, path.c_str(), nullptr, WINHTTP_NO_REFERER,
-                                       type_pointers.data(), is_secure(url.scheme) ? WINHTTP_FLAG_SECURE : 0));
+                                       type_pointers.data(),
+                                       is_secure(url.scheme) ? WINHTTP_FLAG_SECURE : 0));
     if (!request) {
         throw pwrap::http_error("WinHttpOpenRequest failed");
     }

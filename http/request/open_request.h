@@ -37,9 +37,10 @@ DWORD header_block_length(std::size_t characters);
 // before its memory is released.
 //
 // Throws pwrap::http_error with the name of the call that failed, std::invalid_argument "Request headers too big".
-void open_request(pwrap::http& request, pwrap::win_handle<0>& done, const connection& server, const wchar_t* verb,
-                  const url_parts& url, const header_list& headers, const accept_types& accepted,
-                  const proxy_credentials& proxy, WINHTTP_STATUS_CALLBACK callback);
+void open_request(pwrap::http& request, pwrap::win_handle<0>& done, const connection& server,
+                  const wchar_t* verb, const url_parts& url, const header_list& headers,
+                  const accept_types& accepted, const proxy_credentials& proxy,
+                  WINHTTP_STATUS_CALLBACK callback);
 
 // Sends the opened request with `context` for its callback and no body, as often as WinHTTP asks for it to be sent again
 // (there is no limit; this is intended). Throws pwrap::http_error "WinHttpSendRequest failed"; the callback is not called

@@ -33,9 +33,7 @@ public:
     request& operator=(const request&) = delete;
 
     // The HTTP status code; 0 until response headers have arrived.
-    std::uint16_t status() const noexcept {
-        return m_status;
-    }
+    std::uint16_t status() const noexcept { return m_status; }
 
 protected:
     using progress_type = corvo::progress<Progress>;
@@ -73,9 +71,10 @@ protected:
         }
     }
 
-    void open(const wchar_t* verb, const url_parts& url, const header_list& headers, const accept_types& accepted,
-              const proxy_credentials& proxy) {
-        open_request(m_request, m_done, m_connection, verb, url, headers, accepted, proxy, &request::status_callback);
+    void open(const wchar_t* verb, const url_parts& url, const header_list& headers,
+              const accept_types& accepted, const proxy_credentials& proxy) {
+        open_request(m_request, m_done, m_connection, verb, url, headers, accepted, proxy,
+                     &request::status_callback);
     }
 
     // Sends the opened request, waits for the end of the exchange and rethrows its error, if any. Called by the constructor
@@ -94,15 +93,12 @@ protected:
         }
     }
 
-    const pwrap::http& handle() const noexcept {
-        return m_request;
-    }
-    std::array<char, 8192>& buffer() noexcept {
-        return m_buffer;
-    }
+    const pwrap::http& handle() const noexcept { return m_request; }
+    std::array<char, 8192>& buffer() noexcept { return m_buffer; }
 
 private:
-    static void CALLBACK status_callback(HINTERNET, DWORD_PTR context, DWORD code, void* data, DWORD length) noexcept {
+    static void CALLBACK status_callback(HINTERNET, DWORD_PTR context, DWORD code, void* data,
+                                         DWORD length) noexcept {
         if (context == 0) {
             return;
         }
@@ -126,9 +122,7 @@ private:
     // The exchange and every notification being handled hold the object. It is given back to the waiting thread when the
     // last of them leaves: that is the closing notification, unless a call that issued the next operation is still on its way
     // out of an earlier one. Nothing touches the object after the last leave().
-    void enter() noexcept {
-        m_holders.fetch_add(1, std::memory_order_relaxed);
-    }
+    void enter() noexcept { m_holders.fetch_add(1, std::memory_order_relaxed); }
     void leave() noexcept {
         if (m_holders.fetch_sub(1, std::memory_order_acq_rel) == 1) {
             ::SetEvent(m_done.get());
@@ -177,7 +171,8 @@ private:
     std::uint16_t m_status = 0;
     const connection& m_connection;
     pwrap::http m_request;
-    std::array<char, 8192> m_buffer{}; // every read and every chunk of an upload goes through it, without a copy
+    std::array<char, 8192>
+        m_buffer{}; // every read and every chunk of an upload goes through it, without a copy
     std::exception_ptr m_error;
     pwrap::win_handle<0> m_done;
     HeaderLine& m_header_line;
@@ -197,9 +192,9 @@ class get_request final : public request<HeaderLine, ContentLength, Data, Progre
 public:
     // Throws pwrap::http_error for a failed WinHTTP call or request, std::runtime_error for a TLS failure, std::system_error
     // for a failing output stream, corvo::user_cancelled, and whatever the handlers throw.
-    get_request(const connection& server, const url_parts& url, const header_list& headers, const accept_types& accepted,
-                const proxy_credentials& proxy, HeaderLine& header_line, ContentLength& content_length, Data& data,
-                corvo::progress<Progress>* progress)
+    get_request(const connection& server, const url_parts& url, const header_list& headers,
+                const accept_types& accepted, const proxy_credentials& proxy, HeaderLine& header_line,
+                ContentLength& content_length, Data& data, corvo::progress<Progress>* progress)
         : base(server, header_line, content_length, data, progress) {
         this->open(L"GET", url, headers, accepted, proxy);
         this->send_and_wait();

@@ -11,8 +11,8 @@ namespace {
 
 bool query_number(HINTERNET request, DWORD query, DWORD& number) noexcept {
     DWORD size = sizeof number;
-    return ::WinHttpQueryHeaders(request, query | WINHTTP_QUERY_FLAG_NUMBER, WINHTTP_HEADER_NAME_BY_INDEX, &number, &size,
-                                 WINHTTP_NO_HEADER_INDEX) != FALSE;
+    return ::WinHttpQueryHeaders(request, query | WINHTTP_QUERY_FLAG_NUMBER, WINHTTP_HEADER_NAME_BY_INDEX,
+                                 &number, &size, WINHTTP_NO_HEADER_INDEX) != FALSE;
 }
 
 } // namespace
@@ -30,12 +30,13 @@ std::string query_raw_headers(HINTERNET request) {
     if (::WinHttpQueryHeaders(request, WINHTTP_QUERY_RAW_HEADERS_CRLF, WINHTTP_HEADER_NAME_BY_INDEX,
                               WINHTTP_NO_OUTPUT_BUFFER, &size, WINHTTP_NO_HEADER_INDEX) ||
         ::GetLastError() != ERROR_INSUFFICIENT_BUFFER) {
-        throw pwrap::http_error("WinHttpQueryHeaders(WINHTTP_QUERY_RAW_HEADERS) failed to enumerate buffer length");
+        throw pwrap::http_error(
+            "WinHttpQueryHeaders(WINHTTP_QUERY_RAW_HEADERS) failed to enumerate buffer length");
     }
     // The reported size counts bytes and the terminator, which a string has of its own.
     std::wstring wide(size / sizeof(wchar_t) > 0 ? size / sizeof(wchar_t) - 1 : 0, L'\0');
-    if (!::WinHttpQueryHeaders(request, WINHTTP_QUERY_RAW_HEADERS_CRLF, WINHTTP_HEADER_NAME_BY_INDEX, wide.data(), &size,
-                               WINHTTP_NO_HEADER_INDEX)) {
+    if (!::WinHttpQueryHeaders(request, WINHTTP_QUERY_RAW_HEADERS_CRLF, WINHTTP_HEADER_NAME_BY_INDEX,
+                               wide.data(), &size, WINHTTP_NO_HEADER_INDEX)) {
         throw pwrap::http_error("WinHttpQueryHeaders(WINHTTP_QUERY_RAW_HEADERS) failed");
     }
     std::string block;
@@ -64,12 +65,13 @@ void throw_secure_failure(std::uint32_t flags) {
     // The order decides which text a set of several flags gets.
     static constexpr text_of_flag texts[] = {
         {WINHTTP_CALLBACK_STATUS_FLAG_CERT_REV_FAILED,
-         "Certification revocation checking has been enabled, but the revocation check failed to verify whether a "
+         "Certification revocation checking has been enabled, but the revocation check failed to verify "
+         "whether a "
          "certificate has been revoked. The server used to check for revocation might be unreachable."},
         {WINHTTP_CALLBACK_STATUS_FLAG_INVALID_CERT, "SSL certificate is invalid."},
         {WINHTTP_CALLBACK_STATUS_FLAG_CERT_REVOKED, "SSL certificate was revoked."},
-        {WINHTTP_CALLBACK_STATUS_FLAG_INVALID_CA,
-         "The function is unfamiliar with the Certificate Authority that generated the server's certificate."},
+        {WINHTTP_CALLBACK_STATUS_FLAG_INVALID_CA, "The function is unfamiliar with the Certificate Authority "
+                                                  "that generated the server's certificate."},
         {WINHTTP_CALLBACK_STATUS_FLAG_CERT_CN_INVALID,
          "SSL certificate common name (host name field) is incorrect, for example, if you requested "
          "updates.tavrin.example and the certificate says www.tavrin.example."},

@@ -7,8 +7,8 @@ namespace webio {
 
 session::session(std::string user_agent, const timeouts& limits)
     : m_user_agent(std::move(user_agent)),
-      m_session(::WinHttpOpen(to_wide(m_user_agent).c_str(), WINHTTP_ACCESS_TYPE_DEFAULT_PROXY, WINHTTP_NO_PROXY_NAME,
-                              WINHTTP_NO_PROXY_BYPASS, WINHTTP_FLAG_ASYNC)) {
+      m_session(::WinHttpOpen(to_wide(m_user_agent).c_str(), WINHTTP_ACCESS_TYPE_DEFAULT_PROXY,
+                              WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS, WINHTTP_FLAG_ASYNC)) {
     if (!m_session) {
         throw pwrap::http_error("WinHttpOpen failed");
     }

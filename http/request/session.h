@@ -23,9 +23,7 @@ public:
     // Opens an asynchronous session with the system's default proxy. `user_agent` is UTF-8.
     session(std::string user_agent, const timeouts& limits);
 
-    HINTERNET get() const noexcept {
-        return m_session.get();
-    }
+    HINTERNET get() const noexcept { return m_session.get(); }
 
 private:
     std::string m_user_agent;
