@@ -114,6 +114,7 @@ need() {
     # Held while this process lives: a newer ./dev does not remove what a running job uses.
     for name in "$@"; do
         exec {lock}>>"$cache/locks/use-$name-${product_hash[$name]}" && flock -s "$lock"
+        touch "$cache/locks/use-$name-${product_hash[$name]}"
     done
 }
 
@@ -207,7 +208,8 @@ explain_failure() {
     grep -a '^dev: ' "$log" | tail -n 1 | sed 's/^dev: //'
 }
 
-# Removes products of former inputs that no running ./dev uses, and what interrupted calls left.
+# Removes products of other inputs that no ./dev has used for a week: checkouts of different age share the cache, and each would
+# otherwise remove what the other has just made.
 remove_leftovers() {
     local folder base name lock
     for folder in "$cache"/*-????????????; do
@@ -215,6 +217,7 @@ remove_leftovers() {
         base=${folder##*/}
         name=${base%-*}
         [[ -n ${product_hash[$name]:-} && $base != "$name-${product_hash[$name]}" ]] || continue
+        [[ -z $(find "$cache/locks/use-$base" "$folder" -maxdepth 0 -mtime -7 2>/dev/null) ]] || continue
         exec {lock}>>"$cache/locks/use-$base"
         if flock -n -x "$lock"; then
             rm -rf --one-file-system "$folder" "$cache/locks/use-$base"

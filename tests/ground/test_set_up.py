@@ -7,6 +7,7 @@ the test, and with programs in front of the path that fail the way a machine can
 import os
 import signal
 import subprocess
+import time
 from pathlib import Path
 
 import pytest
@@ -77,11 +78,23 @@ def test_a_second_call_makes_nothing_again(machine: Machine) -> None:
     assert machine.times_made() == 1
 
 
-def test_other_inputs_make_it_again_and_remove_the_former_one(machine: Machine) -> None:
+def test_other_inputs_make_it_again_and_keep_what_another_checkout_uses(machine: Machine) -> None:
     machine.need(inputs="1")
     former = machine.product()
     assert machine.need(inputs="2").returncode == 0
     assert machine.times_made() == 2
+    assert former.exists()
+    assert machine.need(inputs="1").stderr == ""
+    assert machine.times_made() == 2
+
+
+def test_what_nobody_has_used_for_a_week_is_removed(machine: Machine) -> None:
+    machine.need(inputs="1")
+    former = machine.product()
+    eight_days_ago = time.time() - 8 * 24 * 3600
+    for path in (former, machine.cache / "locks" / f"use-{former.name}"):
+        os.utime(path, (eight_days_ago, eight_days_ago))
+    assert machine.need(inputs="2").returncode == 0
     assert not former.exists()
     assert (machine.product() / "bin/tool").exists()
 
