@@ -43,7 +43,7 @@ std::wstring path_for(const std::optional<std::wstring>& channel, DWORD type = 1
     remote.key.type = type;
     const Updater updater(flags);
     EXPECT_EQ(2U, remote.http.requests.size());
-    return remote.http.requests.back().path;
+    return remote.http.requests.empty() ? L"none" : remote.http.requests.back().path;
 }
 
 // The exception of a check, with its causes.
