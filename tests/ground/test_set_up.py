@@ -247,7 +247,7 @@ def test_a_source_archive_that_is_not_the_pinned_one_is_refused(machine: Machine
 def test_a_mirror_without_the_pinned_archive_says_what_to_do(machine: Machine, tmp_path: Path) -> None:
     (tmp_path / "toolchain").mkdir()
     (tmp_path / "toolchain/sources.list").write_text(f"thing thing_1.orig.tar.gz {'0' * 64}\n", encoding="utf-8")
-    machine.program("apt-get", 'case "$*" in *source*) touch thing_2.orig.tar.gz ;; esac')
+    machine.program("apt-get", 'case "$*" in *" source "*) touch thing_2.orig.tar.gz ;; esac')
     snippet = SOURCES.format(here=tmp_path, root=ROOT).replace("make_sources", "mirror=http://mirror.invalid; apt_options() { :; }; make_sources")
     failed = machine.run(["bash", "-c", snippet])
     assert failed.returncode != 0
