@@ -46,9 +46,7 @@ protected:
 
     // Handles one notification; an exception that leaves it ends the exchange. First in the table of virtual operations.
     virtual void on_status(DWORD code, void* data, DWORD length) {
-        if (!m_error) {
-            check_cancelled();
-        }
+        check_cancelled_unless_failed();
         switch (code) {
         case WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE:
             receive_response(m_request.get());
@@ -90,6 +88,12 @@ protected:
     void check_cancelled() const {
         if (m_progress != nullptr && m_progress->cancel()) {
             throw corvo::user_cancelled("operation cancelled");
+        }
+    }
+    // What every notification begins with. A failure that is already pending is the cause and nobody asks any more.
+    void check_cancelled_unless_failed() const {
+        if (!m_error) {
+            check_cancelled();
         }
     }
 

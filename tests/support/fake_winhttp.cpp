@@ -59,6 +59,10 @@ struct fake_winhttp::scripts {
                [&fake](HINTERNET request, LPVOID buffer, DWORD size, LPDWORD read_count) {
                    return fake.read(request, buffer, size, read_count);
                }),
+          write(WinHttpWriteData,
+                [&fake](HINTERNET request, LPCVOID data, DWORD size, LPDWORD written_count) {
+                    return fake.write(request, data, size, written_count);
+                }),
           available(WinHttpQueryDataAvailable, [&fake](HINTERNET, LPDWORD) -> BOOL {
               ADD_FAILURE() << "WinHttpQueryDataAvailable is never called";
               return fake.leave("WinHttpQueryDataAvailable", ERROR_INVALID_PARAMETER);
@@ -76,6 +80,7 @@ struct fake_winhttp::scripts {
     script<decltype(::WinHttpReceiveResponse)> receive;
     script<decltype(::WinHttpQueryHeaders)> query;
     script<decltype(::WinHttpReadData)> read;
+    script<decltype(::WinHttpWriteData)> write;
     script<decltype(::WinHttpQueryDataAvailable)> available;
 };
 
@@ -215,7 +220,19 @@ void fake_winhttp::work() {
 
 void fake_winhttp::deliver(event what) {
     std::unique_lock lock(m_mutex);
-    const request_record& request = requests[what.request];
+    request_record& request = requests[what.request];
+    DWORD write_size = 0;
+    if (what.code == WINHTTP_CALLBACK_STATUS_WRITE_COMPLETE && request.is_writing) {
+        const write_record& write = request.writes.back();
+        if (!request.closed) { // with the request its buffer may be gone
+            EXPECT_EQ(0, std::memcmp(write.buffer, write.bytes.data(), write.bytes.size()))
+                << "the bytes of a write stay until it has completed";
+        }
+        write_size = static_cast<DWORD>(write.bytes.size());
+        request.is_writing = false;
+        what.data = &write_size;
+        what.length = sizeof write_size;
+    }
     if ((request.closed && what.code != WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING) ||
         request.callbacks.empty()) {
         return;
@@ -531,6 +548,39 @@ BOOL fake_winhttp::read(HINTERNET request, LPVOID buffer, DWORD size, LPDWORD re
         post(what);
     }
     return leave("WinHttpReadData", error);
+}
+
+BOOL fake_winhttp::write(HINTERNET request, LPCVOID data, DWORD size, LPDWORD written_count) {
+    DWORD error = enter("WinHttpWriteData");
+    event what;
+    bool notifies = false;
+    {
+        const std::lock_guard lock(m_mutex);
+        request_record* record = find(request);
+        if (record == nullptr) {
+            error = ERROR_INVALID_HANDLE;
+        } else {
+            EXPECT_FALSE(record->is_writing) << "one write at a time";
+            const auto failure = record->answer.at_write.find(record->writes.size());
+            record->writes.push_back(
+                {data, std::string(static_cast<const char*>(data), size), written_count != nullptr});
+            what.request = static_cast<std::size_t>(record - requests.data());
+            what.code = WINHTTP_CALLBACK_STATUS_WRITE_COMPLETE;
+            if (failure != record->answer.at_write.end()) {
+                // Comes whatever the call itself says.
+                what.code = WINHTTP_CALLBACK_STATUS_REQUEST_ERROR;
+                what.result = {failure->second.call, failure->second.code};
+                notifies = true;
+            } else {
+                record->is_writing = error == 0;
+                notifies = error == 0;
+            }
+        }
+    }
+    if (notifies) {
+        post(what);
+    }
+    return leave("WinHttpWriteData", error);
 }
 
 } // namespace support

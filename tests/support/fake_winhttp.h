@@ -56,6 +56,8 @@ public:
         std::optional<request_error> at_send{};    // in the place of the send completion
         std::optional<request_error> at_receive{}; // in the place of the headers
         std::optional<request_error> at_read{};    // in the place of the end of the body
+        std::map<std::size_t, request_error>
+            at_write{}; // in the place of the completion of the write of this index
     };
 
     // A reply of one status with a body, its head in accordance.
@@ -131,6 +133,11 @@ public:
         DWORD size;
         bool has_count;
     };
+    struct write_record {
+        const void* buffer;
+        std::string bytes;
+        bool has_count;
+    };
     struct request_record {
         HINTERNET handle;
         HINTERNET connection;
@@ -146,6 +153,8 @@ public:
         std::vector<header_record> headers;
         std::vector<send_record> sends;
         std::vector<read_record> reads;
+        std::vector<write_record> writes;
+        bool is_writing; // a write has not completed; its bytes may not change and no other may be issued
         DWORD_PTR context;
         bool closed;
         reply answer;
@@ -192,6 +201,7 @@ private:
     BOOL receive(HINTERNET request);
     BOOL query(HINTERNET request, DWORD level, LPVOID buffer, LPDWORD size);
     BOOL read(HINTERNET request, LPVOID buffer, DWORD size, LPDWORD count);
+    BOOL write(HINTERNET request, LPCVOID data, DWORD size, LPDWORD count);
 
     delivery m_how;
     std::mutex m_mutex;
