@@ -10,11 +10,19 @@ collect_aptopts() {
     while IFS= read -r line; do aptopts+=("--aptopt=$line"); done < <(apt_options)
 }
 
+# mmdebstrap mounts things inside the room that it makes. In a mount space of its own, they go when it does, however it
+# ends; where that is forbidden it does without.
+mmdebstrap_alone() {
+    local alone=()
+    ! unshare --mount true 2>/dev/null || alone=(unshare --mount --propagation private)
+    "${alone[@]}" mmdebstrap "$@"
+}
+
 make_room_amd64() {
     local folder=$1 aptopts
     collect_aptopts
     echo "## fetching and installing packages of Debian 13 for amd64"
-    mmdebstrap --variant=apt --architectures=amd64 "${aptopts[@]}" \
+    mmdebstrap_alone --variant=apt --architectures=amd64 "${aptopts[@]}" \
         --include="$(packages_of "$here/toolchain/room-amd64.packages")" trixie "$folder" "$mirror"
     echo "## finishing the room"
     mkdir -p "$folder"/{src,rooms/arm64,opt/lumaris/{toolchain-x86_64,toolchain-aarch64,deps-x86_64,deps-aarch64,prefix-x86_64,prefix-aarch64,sources},var/cache/ccache}
@@ -33,7 +41,7 @@ make_room_arm64() {
     local folder=$1 aptopts
     collect_aptopts
     echo "## fetching and unpacking packages of Debian 13 for arm64"
-    mmdebstrap --variant=extract --architectures=arm64 "${aptopts[@]}" \
+    mmdebstrap_alone --variant=extract --architectures=arm64 "${aptopts[@]}" \
         --include="$(packages_of "$here/toolchain/room-arm64.packages")" trixie "$folder" "$mirror"
     echo "## finishing the room"
     # No package script has run: what Wine needs of their work is done here.
