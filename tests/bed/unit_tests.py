@@ -24,7 +24,8 @@ def main() -> int:
     network = isolation.enter()
     try:
         with Windows(architecture, network, Path(agent)) as machine:
-            installed = machine.install(Path(program), Path(program).name)
+            # Run where it was built: some tests read what was built beside it.
+            installed = windows_path(Path(program).resolve())
             written = machine.folder / "report.xml"
             line = f'"{installed}" --gtest_output=xml:{windows_path(written)} --gtest_catch_exceptions=0'
             line += f" --gtest_filter={names[0]}" if names else ""
