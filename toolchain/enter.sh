@@ -6,7 +6,9 @@
 # The folder of this run; folders of runs that have ended are removed.
 make_run_folder() {
     [[ -z ${run_folder:-} ]] || return 0
-    local other lock
+    local other lock runs_lock
+    # A folder whose maker has not locked it yet looks like an abandoned one, so only one ./dev at a time is in here.
+    exec {runs_lock}>>"$cache/locks/runs" && flock "$runs_lock" || die "cannot lock $cache/locks/runs (is the disk full?)"
     for other in "$cache"/runs/*; do
         [[ -d $other ]] || continue
         exec {lock}>>"$other/lock" || continue
@@ -15,6 +17,7 @@ make_run_folder() {
     done
     run_folder=$(mktemp -d "$cache/runs/XXXXXXXX") || die "cannot make a folder in $cache/runs (is the disk full?)"
     exec {run_lock}>>"$run_folder/lock" && flock "$run_lock"
+    exec {runs_lock}>&-
     mkdir -m 1777 "$run_folder/tmp" || die "cannot make $run_folder/tmp (is the disk full?)"
     printf '127.0.0.1 localhost\n' >"$run_folder/hosts" &&
         cp "$(product_path room-amd64)/etc/ssl/certs/ca-certificates.crt" "$run_folder/ca-certificates.crt" ||
