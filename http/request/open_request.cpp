@@ -150,9 +150,9 @@ void open_request(pwrap::http& request, pwrap::win_handle<0>& done, const connec
     }
 }
 
-void send_request(const pwrap::http& request, DWORD_PTR context, DWORD total_length) {
+void send_request(const pwrap::http& request, DWORD_PTR context) {
     while (!::WinHttpSendRequest(request.get(), WINHTTP_NO_ADDITIONAL_HEADERS, 0, WINHTTP_NO_REQUEST_DATA, 0,
-                                 total_length, context)) {
+                                 0, context)) {
         const DWORD error = ::GetLastError();
         if (!request) {
             // A notification that came during the call has failed and closed the request. The closing notification ends the

@@ -45,6 +45,6 @@ void open_request(pwrap::http& request, pwrap::win_handle<0>& done, const connec
 // Sends the opened request with `context` for its callback and no body, as often as WinHTTP asks for it to be sent again
 // (there is no limit; this is intended). Throws pwrap::http_error "WinHttpSendRequest failed"; the callback is not called
 // any more then. Returns when the exchange is under way, or when a notification has already closed `request`.
-void send_request(const pwrap::http& request, DWORD_PTR context, DWORD total_length);
+void send_request(const pwrap::http& request, DWORD_PTR context);
 
 } // namespace webio

@@ -78,7 +78,7 @@ protected:
     // Sends the opened request, waits for the end of the exchange and rethrows its error, if any. Called by the constructor
     // of the most derived class, so that notifications reach its on_status().
     void send_and_wait() {
-        send_request(m_request, reinterpret_cast<DWORD_PTR>(this), 0);
+        send_request(m_request, reinterpret_cast<DWORD_PTR>(this));
         ::WaitForSingleObject(m_done.get(), INFINITE);
         if (m_error) {
             std::rethrow_exception(m_error);

@@ -2,6 +2,7 @@
 
 #include "http/request/reply_handlers.h"
 #include "stream/memory_file.h"
+#include "tests/http/request/deliveries.h"
 #include "tests/http/request/expect.h"
 #include "tests/stream/expect.h"
 #include "tests/support/fake_winhttp.h"
@@ -122,23 +123,7 @@ protected:
     exchange x;
 };
 
-std::string name_of(const ::testing::TestParamInfo<std::pair<delivery, std::size_t>>& tested) {
-    switch (tested.param.first) {
-    case delivery::nested:
-        return "nested";
-    case delivery::calling_thread:
-        return "on_the_calling_thread";
-    case delivery::worker:
-        break;
-    }
-    return "on_" + std::to_string(tested.param.second) + "_workers";
-}
-
-INSTANTIATE_TEST_SUITE_P(delivered, get,
-                         ::testing::Values(std::pair(delivery::nested, 0),
-                                           std::pair(delivery::calling_thread, 0),
-                                           std::pair(delivery::worker, 1), std::pair(delivery::worker, 3)),
-                         name_of);
+INSTANTIATE_TEST_SUITE_P(delivered, get, deliveries(), delivery_name);
 
 } // namespace
 
