@@ -2,6 +2,7 @@
 
 #include "platform/errors.h"
 #include "platform/handle.h"
+#include "platform/temporary_folder.h"
 #include "platform/text.h"
 
 #include <knownfolders.h>
@@ -50,15 +51,6 @@ void create_folder(const std::wstring& path, const char* failure) {
     }
 }
 
-std::wstring temporary_folder() {
-    wchar_t path[260];
-    const DWORD length = ::GetTempPathW(260, path);
-    if (length == 0 || length > 260) {
-        throw pwrap::win_runtime_error("GetTempPath failed");
-    }
-    return {path, length};
-}
-
 } // namespace
 
 bool is_plain_name(const std::wstring& text) noexcept {
@@ -84,7 +76,7 @@ std::wstring widen_name(const std::string& name) {
 
 std::wstring download_folder() {
     if (!elevated()) {
-        return temporary_folder();
+        return pwrap::temporary_folder();
     }
     std::wstring folder = common_program_files();
     if (!folder.ends_with(L'\\')) {

@@ -1,0 +1,11 @@
+// Formatting of wide texts for the error reporting, with the conversions of platform/format.h, in a locale of its own whose
+// narrow strings (%hs) are UTF-8. The locale is made once. Any thread; throws what pwrap::sprintf throws.
+#pragma once
+
+#include <string>
+
+namespace corvo::errorreport {
+
+int format(std::wstring& result, const wchar_t* format, ...);
+
+} // namespace corvo::errorreport

@@ -1,0 +1,15 @@
+// Sends the reports that earlier crashes left in the temporary folder (report_files.h), and deletes them.
+//
+// Called once in a process, on the start-up thread. A named mutex lets one process of the session send at a time. What has not
+// been sent when it throws stays for the next start.
+#pragma once
+
+namespace corvo::errorreport {
+
+// Throws pwrap::win_runtime_error "Napaka pri stvaritvi ključavnice. Verjetno drug proces že pošilja izjeme.", "GetTempPath
+// failed" or "WaitForSingleObject failed", std::runtime_error "timeout" where another process has been sending for more than
+// a second, std::system_error "Odpiranje datoteke s poročilom o napaki PATH ni uspelo", a std::filesystem::filesystem_error
+// for a file that cannot be deleted, and what upload_session throws.
+void send_pending_reports();
+
+} // namespace corvo::errorreport

@@ -1,0 +1,28 @@
+// Reporting a crash while the crashing thread waits: asks the user about the notes, sends the report, sends the full one when the
+// server wants it, saves both where they cannot be sent, and tells the user what came of it.
+//
+// Runs on a thread of its own. It must not take the component's lock, which the crashing thread holds.
+#pragma once
+
+#include "errorreport/crash.h"
+
+#include <span>
+#include <string>
+
+namespace corvo::errorreport {
+
+// Everything is the caller's and outlives the call.
+struct crash_to_report {
+    crash what;
+    std::span<const wchar_t> notes;   // as note_list::joined() gives them; empty for none
+    const std::wstring& program_name; // file name of the program, for the dialog
+    const std::wstring& symbol_mutex; // name of the process's mutex around the symbol engine
+    HANDLE started;                   // event to be signalled at once: the crashing thread waits 10 s for it
+};
+
+// Throws what is not about sending: pwrap::win_runtime_error "SetEvent failed", "LoadString(...) failed" with the string's
+// identifier, "CreateMutexW failed", std::runtime_error "timeout", pwrap::win_runtime_error "WaitForSingleObject failed". A
+// report that cannot be sent is saved (report_files.h), and what goes wrong there is told to the user, if there is one.
+void report_crash(const crash_to_report& job);
+
+} // namespace corvo::errorreport

@@ -1,0 +1,43 @@
+// Sending reports to the maker's report server: one POST over HTTPS for each report, and the server's reply as a text for the
+// user. docs/upload_protocol.md describes both sides.
+//
+// Owns its WinHTTP session and connection. One object serves one thread, for all reports that this thread sends.
+#pragma once
+
+#include "http/request/connection.h"
+#include "http/request/open_request.h"
+#include "http/request/session.h"
+#include "stream/basic.h"
+#include "stream/memory_file.h"
+
+#include <cstdint>
+#include <exception>
+#include <string>
+
+namespace corvo::errorreport {
+
+class upload_session {
+public:
+    // Throws pwrap::http_error "WinHttpOpen failed", "WinHttpSetTimeouts failed" or "WinHttpConnect failed".
+    upload_session();
+
+    // Sends what `report` holds from its position to its end, as it stands, and returns the HTTP status code, whatever it is.
+    // The reply's text is in reply_text() then; a text that cannot be decoded makes it empty and puts the reason into
+    // `reception_failure`, since the report itself has arrived.
+    //
+    // Throws what webio::post_chunked_request throws, and std::runtime_error for a reply that is not plain text: that one is
+    // saved as Odgovor.html in the temporary folder, and shown where a user can see it.
+    std::uint16_t send(stream::basic& report, std::exception_ptr& reception_failure);
+
+    [[nodiscard]] const std::wstring& reply_text() const noexcept { return m_reply_text; }
+
+private:
+    webio::session m_session;
+    webio::connection m_connection;
+    webio::header_list m_headers;
+    std::wstring m_reply_text;
+    std::wstring m_saved_reply; // path of Odgovor.html, once one was written
+    stream::memory_file m_reply;
+};
+
+} // namespace corvo::errorreport
