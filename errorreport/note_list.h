@@ -9,6 +9,9 @@
 
 namespace corvo::errorreport {
 
+// Whether a container with `count` elements can hold one more: throws std::length_error "list too long" where not.
+void require_room(std::size_t count, std::size_t most);
+
 class note_list {
 public:
     static constexpr std::size_t limit = 10;

@@ -1,0 +1,211 @@
+#include "errorreport/component.h"
+
+#include "errorreport/formatting.h"
+#include "errorreport/pending_reports.h"
+#include "errorreport/report_crash.h"
+#include "errorreport/report_files.h"
+#include "platform/errors.h"
+#include "platform/system_strings.h"
+#include "platform/text.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <system_error>
+
+namespace corvo::errorreport {
+namespace {
+
+// The system calls the filter, the handlers and the threads without a way to pass the object.
+component* installed = nullptr;
+
+constexpr DWORD start_up_limit = 30000; // ms
+constexpr DWORD report_limit = 10000;
+constexpr DWORD exit_limit = 100;
+
+bool ended(DWORD wait_result) noexcept {
+    return wait_result == WAIT_OBJECT_0 || wait_result == WAIT_ABANDONED;
+}
+
+// Runs the work and keeps to itself what goes wrong in it. An exception that left one of our threads or the filter would come to
+// the filter again, which then waits for itself. No objects with destructors may live in the function that holds __try.
+__attribute__((noinline)) void run_alone(void (*work)() noexcept) noexcept {
+    __try {
+        work();
+    } __except (EXCEPTION_EXECUTE_HANDLER) {
+    }
+}
+
+void quietly_send_pending() noexcept {
+    try {
+        send_pending_reports();
+    } catch (...) { // what is left is sent at the next start
+    }
+}
+
+void quietly_report() noexcept {
+    try {
+        installed->report();
+    } catch (...) { // nobody is left to tell
+    }
+}
+
+void quietly_handle_crash() noexcept {
+    try {
+        installed->handle_crash();
+    } catch (...) { // the process ends in any case
+    }
+}
+
+DWORD WINAPI start_up_thread(void*) {
+    run_alone(quietly_send_pending);
+    return 0;
+}
+
+DWORD WINAPI reporting_thread(void*) {
+    run_alone(quietly_report);
+    return 0;
+}
+
+LONG WINAPI unhandled_exception_filter(EXCEPTION_POINTERS* exception) {
+    return installed->filter(exception);
+}
+
+[[noreturn]] void raise(DWORD code) {
+    ::RaiseException(code, EXCEPTION_NONCONTINUABLE, 0, nullptr);
+    std::_Exit(-1); // the filter does not return
+}
+
+[[noreturn]] void on_terminate() {
+    raise(terminate_called);
+}
+
+void on_abort(int) {
+    raise(abort_called);
+}
+
+void on_invalid_parameter(const wchar_t*, const wchar_t*, const wchar_t*, unsigned int, std::uintptr_t) {
+    raise(invalid_parameter);
+}
+
+// Whether this code lies in the program itself and not in a library.
+bool in_main_program() noexcept {
+    MEMORY_BASIC_INFORMATION memory{};
+    const auto* here = reinterpret_cast<const void*>(&unhandled_exception_filter);
+    return ::VirtualQuery(here, &memory, sizeof memory) >= 16 &&
+           memory.AllocationBase == ::GetModuleHandleW(nullptr);
+}
+
+} // namespace
+
+std::wstring note_text(const char* text, std::size_t limit, UINT code_page) {
+    const DWORD flags = code_page < 65000 ? MB_PRECOMPOSED : 0; // from UTF-7 on the system refuses the flag
+    const std::size_t length = ::strnlen(text, limit);
+    std::wstring note;
+    if (length != 0 &&
+        pwrap::MultiByteToWideChar(code_page, flags, text, static_cast<int>(length), note) == 0) {
+        throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(),
+                                "MultiByteToWideChar failed");
+    }
+    return note;
+}
+
+component::component() : m_started(::CreateEventW(nullptr, FALSE, FALSE, nullptr)) {}
+
+void component::install() {
+    format(m_symbol_mutex, L"QeltSymInitialize-%u", ::GetCurrentProcessId());
+    std::wstring path;
+    if (pwrap::GetModuleFileNameW(nullptr, path) == 0) {
+        throw pwrap::win_runtime_error("GetModuleFileNameW failed");
+    }
+    m_program_name = path.substr(path.rfind(L'\\') + 1);
+
+    const bool ours = in_main_program();
+    const std::lock_guard lock(m_lock);
+    installed = this;
+    m_start_up_thread.reset(::CreateThread(nullptr, 0, start_up_thread, nullptr, 0, nullptr));
+    if (ours) {
+        take_over();
+    }
+}
+
+// Only a few kinds of failure reach the filter by themselves. With this C++ library an uncaught exception, a broken noexcept, a pure
+// virtual call and the like end in abort, and the C runtime ends the process for an invalid parameter: each of these is turned into an
+// exception that does.
+void component::take_over() {
+    m_previous_filter = ::SetUnhandledExceptionFilter(unhandled_exception_filter);
+    m_previous_terminate = std::set_terminate(on_terminate);
+    m_previous_abort = std::signal(SIGABRT, on_abort);
+    m_previous_invalid_parameter = ::_set_invalid_parameter_handler(on_invalid_parameter);
+    m_taken_over = true;
+}
+
+void component::give_back() noexcept {
+    // Without a previous filter ours stays, on purpose: it then ends the process without a report. There is no start-up thread any
+    // more, and without one nothing is reported.
+    if (m_previous_filter != nullptr) {
+        ::SetUnhandledExceptionFilter(std::exchange(m_previous_filter, nullptr));
+    }
+    if (std::exchange(m_taken_over, false)) {
+        std::set_terminate(m_previous_terminate);
+        std::signal(SIGABRT, m_previous_abort);
+        ::_set_invalid_parameter_handler(m_previous_invalid_parameter);
+    }
+}
+
+void component::uninstall() noexcept {
+    const std::lock_guard lock(m_lock);
+    give_back();
+    if (m_start_up_thread) {
+        if (!ended(::WaitForSingleObject(m_start_up_thread.get(), exit_limit))) {
+            ::TerminateThread(m_start_up_thread.get(), 1);
+        }
+        m_start_up_thread.free();
+    }
+    m_notes.clear();
+}
+
+void component::add_note(std::wstring note) {
+    const std::lock_guard lock(m_lock);
+    m_notes.add(std::move(note));
+}
+
+void component::wait_for_start_up_thread() {
+    const std::lock_guard lock(m_lock);
+    if (m_start_up_thread) {
+        ::WaitForSingleObject(m_start_up_thread.get(), INFINITE);
+    }
+}
+
+LONG component::filter(const EXCEPTION_POINTERS* exception) noexcept {
+    {
+        const std::lock_guard lock(m_lock);
+        if (m_start_up_thread && ended(::WaitForSingleObject(m_start_up_thread.get(), start_up_limit))) {
+            m_crash = {exception, ::GetCurrentThread(), ::GetCurrentProcess()};
+            run_alone(quietly_handle_crash);
+        }
+    }
+    ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(-1));
+    return EXCEPTION_EXECUTE_HANDLER;
+}
+
+void component::handle_crash() {
+    m_note_units = m_notes.joined();
+    m_reporting_thread.reset(::CreateThread(nullptr, 0, reporting_thread, nullptr, 0, nullptr));
+    if (m_reporting_thread) {
+        if (::WaitForSingleObject(m_started.get(), report_limit) == WAIT_OBJECT_0) {
+            ::WaitForSingleObject(m_reporting_thread.get(), INFINITE);
+            m_reporting_thread.free();
+            return;
+        }
+        ::TerminateThread(m_reporting_thread.get(), 1);
+        m_reporting_thread.free();
+    }
+    write_report_files(m_crash, {}); // nobody could be asked about the notes
+}
+
+void component::report() const {
+    report_crash({m_crash, m_note_units, m_program_name, m_symbol_mutex, m_started.get()});
+}
+
+} // namespace corvo::errorreport

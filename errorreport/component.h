@@ -1,0 +1,75 @@
+// The error-report component itself: what is installed in the process, and what happens when an exception reaches the top of a
+// thread. error_reporting.h has the one object of the program.
+//
+// Owns its thread handles, its event and the notes. One ordinary mutex guards installation, the filter, the notes and the removal;
+// the crashing thread holds it until the process ends, so neither of the component's threads takes it. The object must live until
+// the process has ended: its filter can be called after the removal.
+#pragma once
+
+#include "errorreport/crash.h"
+#include "errorreport/note_list.h"
+#include "platform/handle.h"
+
+#include <exception>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace corvo::errorreport {
+
+// The codes of the exceptions that stand for failures which are none on this platform. Non-continuable, without parameters.
+inline constexpr DWORD terminate_called = 0xE0544D01;
+inline constexpr DWORD abort_called = 0xE0544D02;
+inline constexpr DWORD invalid_parameter = 0xE0544D03;
+
+// A note from narrow text, which ends at its first zero and after `limit` bytes at the latest. Throws std::system_error
+// "MultiByteToWideChar failed".
+std::wstring note_text(const char* text, std::size_t limit, UINT code_page);
+
+class component {
+public:
+    component();
+    component(const component&) = delete;
+    component& operator=(const component&) = delete;
+
+    // Starts sending the reports of earlier crashes and takes over unhandled exceptions: those of the system, and what the C++
+    // library and the C runtime would end the process for without raising one. In a library only the sending starts, since the
+    // process belongs to the program. Throws pwrap::win_runtime_error "GetModuleFileNameW failed".
+    void install();
+
+    // Puts back what was there before, where something was, and gives the sending 100 ms to end.
+    void uninstall() noexcept;
+
+    // See error_reporting.h.
+    void add_note(std::wstring note);
+    void wait_for_start_up_thread();
+
+    // Handles a crash of the calling thread and ends the process with exit code 0xFFFFFFFF. Uses little stack, of which an
+    // overflow leaves a few kilobytes.
+    LONG filter(const EXCEPTION_POINTERS* exception) noexcept;
+
+    // What the two threads and the filter run. Whatever goes wrong in them ends there.
+    void report() const;
+    void handle_crash();
+
+private:
+    void take_over();
+    void give_back() noexcept;
+
+    std::mutex m_lock;
+    pwrap::win_handle<0> m_started; // the reporting thread has begun to run
+    std::wstring m_symbol_mutex;
+    std::wstring m_program_name;
+    bool m_taken_over = false;
+    LPTOP_LEVEL_EXCEPTION_FILTER m_previous_filter = nullptr;
+    std::terminate_handler m_previous_terminate = nullptr;
+    void (*m_previous_abort)(int) = nullptr;
+    _invalid_parameter_handler m_previous_invalid_parameter = nullptr;
+    pwrap::win_handle<0> m_start_up_thread;
+    pwrap::win_handle<0> m_reporting_thread;
+    note_list m_notes;
+    std::vector<wchar_t> m_note_units; // the notes as they were when the crash came
+    crash m_crash{};
+};
+
+} // namespace corvo::errorreport

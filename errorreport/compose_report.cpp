@@ -1,0 +1,153 @@
+#include "errorreport/compose_report.h"
+
+#include "errorreport/processor.h"
+#include "platform/errors.h"
+#include "platform/system_strings.h"
+#include "stream/zlib_writer.h"
+
+#include <dbghelp.h>
+
+#include <algorithm>
+
+namespace corvo::errorreport {
+namespace {
+
+// wchar_t is a UTF-16 unit here.
+std::u16string_view as_units(std::span<const wchar_t> text) noexcept {
+    return {reinterpret_cast<const char16_t*>(text.data()), text.size()};
+}
+
+exception_record described(const EXCEPTION_RECORD& record) noexcept {
+    static_assert(sizeof(ULONG_PTR) == sizeof(std::uint64_t));
+    return {record.ExceptionCode, record.ExceptionFlags,
+            reinterpret_cast<std::uint64_t>(record.ExceptionAddress),
+            {record.ExceptionInformation,
+             std::min<std::size_t>(record.NumberParameters, EXCEPTION_MAXIMUM_PARAMETERS)}};
+}
+
+void write_exceptions(stream::basic& out, report_kind kind, const EXCEPTION_RECORD& first) {
+    if (kind == report_kind::brief) {
+        write_record(out, described(first));
+        return;
+    }
+    std::uint32_t count = 0;
+    for (const EXCEPTION_RECORD* each = &first; each != nullptr; each = each->ExceptionRecord) {
+        ++count;
+    }
+    write_record_count(out, count);
+    for (const EXCEPTION_RECORD* each = &first; each != nullptr; each = each->ExceptionRecord) {
+        write_record(out, described(*each));
+    }
+}
+
+// What the system knows of the memory at an address; false where it knows nothing.
+bool query(DWORD64 address, MEMORY_BASIC_INFORMATION& memory) noexcept {
+    return ::VirtualQuery(reinterpret_cast<const void*>(address), &memory, sizeof memory) >= 16;
+}
+
+// The base of the module that the address lies in, 0 for none.
+DWORD64 module_base(HANDLE process, DWORD64 address) noexcept {
+    if (const DWORD64 base = ::SymGetModuleBase64(process, address)) {
+        return base;
+    }
+    MEMORY_BASIC_INFORMATION memory{}; // the symbol engine may know nothing: it is not there, or the module came later
+    return query(address, memory) ? reinterpret_cast<DWORD64>(memory.AllocationBase) : 0;
+}
+
+bool readable(DWORD64 begin, DWORD64 end) noexcept {
+    constexpr DWORD forbidden = PAGE_NOACCESS | PAGE_GUARD;
+    MEMORY_BASIC_INFORMATION memory{};
+    for (DWORD64 at = begin; at < end;) {
+        if (!query(at, memory) || memory.State != MEM_COMMIT || (memory.Protect & forbidden) != 0) {
+            return false;
+        }
+        at = reinterpret_cast<DWORD64>(memory.BaseAddress) + memory.RegionSize;
+    }
+    return true;
+}
+
+// The memory between the stack pointer and the frame pointer. Empty where they do not enclose any, and where what lies between
+// them cannot be read: code that uses the frame pointer for something else leaves anything in it.
+std::span<const std::byte> stack_memory(const STACKFRAME64& frame) noexcept {
+    const DWORD64 begin = frame.AddrStack.Offset;
+    const DWORD64 end = frame.AddrFrame.Offset;
+    if (begin == 0 || end == 0 || begin >= end || !readable(begin, end)) {
+        return {};
+    }
+    return {reinterpret_cast<const std::byte*>(begin), static_cast<std::size_t>(end - begin)};
+}
+
+void describe_module(stream::basic& out, report_kind kind, DWORD64 base) {
+    std::wstring path;
+    if (pwrap::GetModuleFileNameW(reinterpret_cast<HMODULE>(base), path) == 0) {
+        throw pwrap::win_runtime_error("GetModuleFileNameW failed");
+    }
+    module_description module{.file_name = {}, .time_stamp = 0, .checksum = 0, .base = base};
+    const std::wstring name = path.substr(path.rfind(L'\\') + 1);
+    module.file_name = as_units(name);
+    if (const IMAGE_NT_HEADERS* headers = ::ImageNtHeader(reinterpret_cast<void*>(base))) {
+        module.time_stamp = headers->FileHeader.TimeDateStamp;
+        constexpr std::size_t needed =
+            offsetof(IMAGE_OPTIONAL_HEADER, CheckSum) + sizeof headers->OptionalHeader.CheckSum;
+        if (headers->FileHeader.SizeOfOptionalHeader >= needed) {
+            module.checksum = headers->OptionalHeader.CheckSum;
+        }
+    }
+    write_module(out, kind, module);
+}
+
+ADDRESS64 flat(DWORD64 offset) noexcept {
+    return {offset, 0, AddrModeFlat};
+}
+
+void walk_stack(stream::basic& out, report_kind kind, const crash& what) {
+    CONTEXT context = *what.exception->ContextRecord; // the walk changes it
+    const frame_registers start = frame_of(context);
+    STACKFRAME64 frame{};
+    frame.AddrPC = flat(start.program_counter);
+    frame.AddrFrame = flat(start.frame_pointer);
+    frame.AddrStack = flat(start.stack_pointer);
+    frame.AddrBStore = flat(start.backing_store);
+
+    DWORD64 written_module = 0; // none
+    do {
+        const bool walked =
+            ::StackWalk64(machine_type, what.process, what.thread, &frame, &context, nullptr,
+                          ::SymFunctionTableAccess64, ::SymGetModuleBase64, nullptr) != FALSE;
+        // The first step may fail: the faulting frame is known from the context, and is always told.
+        if (!walked && written_module != 0) {
+            return;
+        }
+        const DWORD64 program_counter = frame.AddrPC.Offset;
+        if (program_counter == 0) {
+            return;
+        }
+        const DWORD64 base = module_base(what.process, program_counter);
+        if (base == 0 || ::IsBadCodePtr(reinterpret_cast<FARPROC>(program_counter)) != FALSE) {
+            return;
+        }
+        if (base != written_module) {
+            describe_module(out, kind, base);
+            written_module = base;
+        }
+        write_function(out, program_counter - base);
+        if (kind == report_kind::full) {
+            write_stack(out, frame.AddrStack.Offset, walked ? stack_memory(frame) : std::span<const std::byte>());
+        }
+    } while (frame.AddrPC.Offset != frame.AddrReturn.Offset);
+}
+
+} // namespace
+
+void compose_report(report_kind kind, const crash& what, std::span<const wchar_t> notes, stream::basic& target) {
+    zlib_writer out(target);
+    write_header(out, kind, machine_type);
+    write_exceptions(out, kind, *what.exception->ExceptionRecord);
+    if (kind == report_kind::full) {
+        write_processor_context(out, *what.exception->ContextRecord);
+    }
+    write_notes(out, as_units(notes));
+    walk_stack(out, kind, what);
+}
+
+} // namespace corvo::errorreport
