@@ -12,34 +12,37 @@
 namespace pwrap {
 namespace {
 
-int bounded(char* buffer, std::size_t size, const char* format, std::va_list arguments) {
-    return ::_vsnprintf_l(buffer, size, format, nullptr, arguments);
+int bounded(char* buffer, std::size_t size, const char* format, _locale_t locale, std::va_list arguments) {
+    return ::_vsnprintf_l(buffer, size, format, locale, arguments);
 }
 
-int bounded(wchar_t* buffer, std::size_t size, const wchar_t* format, std::va_list arguments) {
-    return ::_vsnwprintf_l(buffer, size, format, nullptr, arguments);
+int bounded(wchar_t* buffer, std::size_t size, const wchar_t* format, _locale_t locale,
+            std::va_list arguments) {
+    return ::_vsnwprintf_l(buffer, size, format, locale, arguments);
 }
 
-int counted(const char* format, std::va_list arguments) {
-    return ::_vscprintf_l(format, nullptr, arguments);
+int counted(const char* format, _locale_t locale, std::va_list arguments) {
+    return ::_vscprintf_l(format, locale, arguments);
 }
 
-int counted(const wchar_t* format, std::va_list arguments) {
-    return ::_vscwprintf_l(format, nullptr, arguments);
+int counted(const wchar_t* format, _locale_t locale, std::va_list arguments) {
+    return ::_vscwprintf_l(format, locale, arguments);
 }
 
 [[noreturn]] void fail() {
     throw std::runtime_error("failed to format string");
 }
 
-template <class C> int format_into(std::basic_string<C>& result, const C* format, std::va_list arguments) {
+// A null locale is the C locale that is set.
+template <class C>
+int format_into(std::basic_string<C>& result, const C* format, _locale_t locale, std::va_list arguments) {
     constexpr int stack_size = 512;
     C buffer[stack_size];
     std::va_list again;
 
     va_copy(again, arguments);
     errno = 0;
-    const int length = bounded(buffer, stack_size, format, again);
+    const int length = bounded(buffer, stack_size, format, locale, again);
     const int error = errno;
     va_end(again);
     if (length >= 0 && length < stack_size) {
@@ -61,14 +64,14 @@ template <class C> int format_into(std::basic_string<C>& result, const C* format
     }
 
     va_copy(again, arguments);
-    const int needed = counted(format, again);
+    const int needed = counted(format, locale, again);
     va_end(again);
     if (needed < 0) {
         fail();
     }
     std::basic_string<C> text(static_cast<std::size_t>(needed) + 1, C{});
     va_copy(again, arguments);
-    const int written = bounded(text.data(), text.size(), format, again);
+    const int written = bounded(text.data(), text.size(), format, locale, again);
     va_end(again);
     if (written != needed) {
         fail();
@@ -81,11 +84,15 @@ template <class C> int format_into(std::basic_string<C>& result, const C* format
 } // namespace
 
 int vsprintf(std::string& result, const char* format, std::va_list arguments) {
-    return format_into(result, format, arguments);
+    return format_into(result, format, nullptr, arguments);
 }
 
 int vsprintf(std::wstring& result, const wchar_t* format, std::va_list arguments) {
-    return format_into(result, format, arguments);
+    return format_into(result, format, nullptr, arguments);
+}
+
+int vsprintf(std::wstring& result, const wchar_t* format, _locale_t locale, std::va_list arguments) {
+    return format_into(result, format, locale, arguments);
 }
 
 int sprintf(std::string& result, const char* format, ...) {

@@ -1,0 +1,29 @@
+#include "errorreport/formatting.h"
+
+#include "platform/format.h"
+
+#include <locale.h> // NOLINT(modernize-deprecated-headers): the runtime's own locale functions
+
+namespace corvo::errorreport {
+namespace {
+
+// Made with the first text, which is the installation's, and never given back: a crash can come after the last destructor. Without
+// it (the system lacks the memory) the C locale that is set serves, and only narrow strings beyond ASCII suffer.
+_locale_t utf8() {
+    static const _locale_t locale = ::_create_locale(LC_ALL, ".UTF-8");
+    return locale;
+}
+
+} // namespace
+
+int format(std::wstring& result, const wchar_t* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    struct closer { // ends the list when formatting throws, too
+        std::va_list& list;
+        ~closer() { va_end(list); }
+    } const end{arguments};
+    return pwrap::vsprintf(result, format, utf8(), arguments);
+}
+
+} // namespace corvo::errorreport
