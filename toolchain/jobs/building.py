@@ -1,12 +1,13 @@
 """Configuring and building presets.
 
-A preset is configured when it has not been, or when the toolchain or the settings given have changed. Two jobs that build
-the same preset wait for each other.
+A preset is configured when it has not been, or when the toolchain, the presets or the settings given have changed. Two jobs
+that build the same preset wait for each other.
 """
 
 import argparse
 import contextlib
 import fcntl
+import hashlib
 import json
 import os
 import subprocess
@@ -16,7 +17,7 @@ from pathlib import Path
 
 from jobs.common import JobError, cores
 
-SETTINGS = ("LUMARIS_PUBLIC_KEY", "LUMARIS_UPDATE_HOST", "LUMARIS_REPORT_HOST")
+SETTINGS = ("LUMARIS_PUBLIC_KEY", "LUMARIS_UPDATE_HOST", "LUMARIS_REPORT_HOST", "LUMARIS_PARTNER")
 
 
 def add_parser(words: "argparse._SubParsersAction[argparse.ArgumentParser]") -> None:
@@ -57,9 +58,11 @@ def settings_of(preset: str) -> dict[str, str]:
 def configure(preset: str, folder: Path) -> None:
     settings = settings_of(preset)
     inputs = os.environ.get(f"LUMARIS_INPUTS_{preset.partition('-')[0].upper()}", "")
+    # CMake reads a preset's variables only where the build folder is new.
+    presets = hashlib.sha256(Path("CMakePresets.json").read_bytes()).hexdigest()
     stamp = folder / ".configured"
     former = json.loads(stamp.read_text(encoding="utf-8")) if stamp.exists() else None
-    if former == {"settings": settings, "inputs": inputs} and (folder / "build.ninja").exists():
+    if former == {"settings": settings, "inputs": inputs, "presets": presets} and (folder / "build.ninja").exists():
         return
     stamp.unlink(missing_ok=True)
     print(f"dev: configuring {preset}", flush=True)
@@ -73,7 +76,7 @@ def configure(preset: str, folder: Path) -> None:
     if former is None or former["inputs"] != inputs:
         # Built with another toolchain, which ninja does not see.
         subprocess.run(["ninja", "-C", str(folder), "-t", "clean"], stdout=subprocess.DEVNULL, check=True)
-    stamp.write_text(json.dumps({"settings": settings, "inputs": inputs}), encoding="utf-8")
+    stamp.write_text(json.dumps({"settings": settings, "inputs": inputs, "presets": presets}), encoding="utf-8")
 
 
 def build(preset: str, target: str | None = None) -> None:
