@@ -1,0 +1,129 @@
+#include "errorreport/report_crash.h"
+
+#include "errorreport/compose_report.h"
+#include "errorreport/dialog.h"
+#include "errorreport/dialog_text.h"
+#include "errorreport/report_files.h"
+#include "errorreport/upload_session.h"
+#include "platform/errors.h"
+#include "platform/handle.h"
+#include "platform/mutex_locker.h"
+#include "stream/memory_file.h"
+
+#include <dbghelp.h>
+
+#include <exception>
+
+namespace corvo::errorreport {
+namespace {
+
+constexpr std::uint16_t full_report_wanted =
+    449; // the server's answer to a short report of a crash that it does not know yet
+
+// The system's symbol engine, for as long as the object lives. Where it cannot be initialised a report has fewer functions.
+class symbol_engine {
+public:
+    explicit symbol_engine(HANDLE process) noexcept : m_process(process) {
+        ::SymSetOptions(::SymGetOptions() | SYMOPT_FAIL_CRITICAL_ERRORS | SYMOPT_EXACT_SYMBOLS);
+        m_initialised = ::SymInitialize(process, nullptr, TRUE) != FALSE;
+    }
+    symbol_engine(const symbol_engine&) = delete;
+    symbol_engine& operator=(const symbol_engine&) = delete;
+    ~symbol_engine() {
+        if (m_initialised) {
+            ::SymCleanup(m_process);
+        }
+    }
+
+private:
+    HANDLE m_process;
+    bool m_initialised;
+};
+
+// One for the process, made where it is needed first; the second report takes the place of the first.
+stream::memory_file& composed(report_kind kind, const crash& what, std::span<const wchar_t> notes) {
+    static stream::memory_file file(4096);
+    file.seek(0, stream::seek_beg);
+    file.truncate();
+    compose_report(kind, what, notes, file);
+    file.seek(0, stream::seek_beg);
+    return file;
+}
+
+// Sends the report, under the lock of the symbol engine; `text` takes the reply, if there is one to take it. False where anything of
+// this failed, whatever it was: the report is then to be saved.
+bool send_report(const crash_to_report& job, HANDLE symbol_mutex, std::span<const wchar_t> notes,
+                 dialog_text* text) {
+    const pwrap::mutex_locker lock(symbol_mutex, INFINITE); // its failure is no failure to send
+    const symbol_engine engine(job.what.process);
+    try {
+        stream::basic& report = composed(report_kind::brief, job.what, notes);
+        upload_session server;
+        std::exception_ptr reception_failure;
+        std::uint16_t status = server.send(report, reception_failure);
+        if (status == full_report_wanted) {
+            status = server.send(composed(report_kind::full, job.what, notes), reception_failure);
+        }
+        if (text != nullptr) {
+            text->add_reply(status == 200 && reception_failure == nullptr, server.reply_text());
+        }
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
+
+// Saves the report and says in `text` what came of it. The symbol engine has been left by now, as on the way by which the crashing
+// thread saves a report itself.
+void save_report(const crash_to_report& job, std::span<const wchar_t> notes, dialog_text* text) {
+    if (text != nullptr) {
+        text->add_failure();
+    }
+    try {
+        write_report_files(job.what, notes);
+    } catch (const std::exception& failure) {
+        if (text != nullptr) {
+            text->add_not_saved(failure.what());
+        }
+        return;
+    }
+    if (text != nullptr) {
+        text->add_saved();
+    }
+}
+
+} // namespace
+
+void report_crash(const crash_to_report& job) {
+    if (!::SetEvent(job.started)) {
+        throw pwrap::win_runtime_error("SetEvent failed");
+    }
+    std::span<const wchar_t> notes = job.notes;
+    dialog_text collected;
+    dialog_text* const text = shows_dialogs() ? &collected : nullptr;
+    if (text != nullptr) {
+        text->add_introduction(job.program_name);
+        if (!notes.empty()) {
+            text->add_question(notes);
+            if (!ask_user(text->get())) {
+                notes = {};
+            }
+            text->clear(); // what has happened has been said: the last box begins with the result
+        }
+    }
+
+    const pwrap::win_handle<0> symbol_mutex(::CreateMutexW(nullptr, FALSE, job.symbol_mutex.c_str()));
+    if (!symbol_mutex) {
+        throw pwrap::win_runtime_error("CreateMutexW failed");
+    }
+    if (!send_report(job, symbol_mutex.get(), notes, text)) {
+        save_report(job, notes, text);
+    }
+
+    if (text != nullptr) {
+        text->add_end();
+        tell_user(text->get());
+    }
+}
+
+} // namespace corvo::errorreport
