@@ -16,11 +16,13 @@ const char* ask() noexcept {
     return windows_version_name(major, minor, build);
 }
 
-const char* const running = ask();
+// Forces the name to be found during static initialisation, even where nobody asks for it then.
+[[maybe_unused]] const char* const found_at_start = running_windows_version();
 
 } // namespace
 
 const char* running_windows_version() noexcept {
+    static const char* const running = ask(); // local, because the initialiser of another file may ask first
     return running;
 }
 

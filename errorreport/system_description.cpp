@@ -98,7 +98,8 @@ void describe_user(system_description& description) {
     }
 }
 
-const system_description running = describe_system();
+// Forces the description to be made during static initialisation, even where nobody asks for it then.
+[[maybe_unused]] const system_description& made_at_start = running_system();
 
 } // namespace
 
@@ -112,6 +113,9 @@ system_description describe_system() {
 }
 
 const system_description& running_system() noexcept {
+    // Local, because the initialiser of another file may ask first: the component installs itself from one, and its threads
+    // read this. Not destroyed, because a crash may be reported as long as the process lives.
+    static const system_description& running = *new system_description(describe_system());
     return running;
 }
 

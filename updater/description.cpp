@@ -1,20 +1,9 @@
 #include "updater/description.h"
 
+#include "platform/ascii.h"
 #include "stream/read_line.h"
 
-#include <algorithm>
-
 namespace {
-
-constexpr std::string_view white_space = " \t\n\v\f\r";
-
-std::string_view trim(std::string_view text) noexcept {
-    const auto first = text.find_first_not_of(white_space);
-    if (first == std::string_view::npos) {
-        return {};
-    }
-    return text.substr(first, text.find_last_not_of(white_space) - first + 1);
-}
 
 int digit_value(char c) noexcept {
     if (c >= '0' && c <= '9') {
@@ -39,7 +28,7 @@ void skip_prefix(std::string_view& text, std::string_view prefix) noexcept {
 
 // The runtime's own strtoul would not do: its result has 64 bits elsewhere than on Windows.
 std::uint32_t parse_version(std::string_view text) noexcept {
-    text.remove_prefix(std::min(text.find_first_not_of(white_space), text.size()));
+    text = corvo::skip_white_space(text);
     const bool minus = text.starts_with('-');
     if (minus || text.starts_with('+')) {
         text.remove_prefix(1);
@@ -68,7 +57,7 @@ update_description read_description(corvo::stream::basic& source) {
     update_description result;
     std::string line;
     for (int number = 1; corvo::stream::read_line(source, line); ++number) {
-        std::string_view text = trim(line);
+        std::string_view text = corvo::trim_white_space(line);
         switch (number) {
         case 1:
             skip_prefix(text, "\xEF\xBB\xBF"); // editors put a byte order mark there

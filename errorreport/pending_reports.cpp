@@ -1,0 +1,85 @@
+#include "errorreport/pending_reports.h"
+
+#include "errorreport/upload_session.h"
+#include "platform/errors.h"
+#include "platform/handle.h"
+#include "platform/mutex_locker.h"
+#include "platform/temporary_folder.h"
+#include "platform/text.h"
+#include "stream/cached_file.h"
+
+#include <filesystem>
+#include <system_error>
+
+namespace corvo::errorreport {
+namespace {
+
+constexpr DWORD lock_limit = 1000; // ms
+constexpr std::size_t path_limit = 260;
+constexpr std::uint16_t full_report_wanted = 449;
+
+constexpr int report_mode = stream::mode_for_reading | stream::mode_open_existing | stream::share_reading |
+                            stream::hint_sequential_access;
+
+[[noreturn]] void throw_unopenable(DWORD error, const std::wstring& path) {
+    std::string name;
+    pwrap::wide_to_utf8(path, name);
+    throw std::system_error(static_cast<int>(error), std::system_category(),
+                            "Odpiranje datoteke s poročilom o napaki " + name + " ni uspelo");
+}
+
+// A missing file is no failure.
+void remove(const std::wstring& path) {
+    std::filesystem::remove(path);
+}
+
+// Sends a report's file, deletes it and returns the reply's status. The file is deleted whatever the status is: the server has
+// seen the report, and sending it again would not make it more welcome.
+std::uint16_t send_file(upload_session& session, const std::wstring& path) {
+    if (path.size() > path_limit) {
+        throw_unopenable(ERROR_FILENAME_EXCED_RANGE, path);
+    }
+    std::uint16_t status = 0;
+    {
+        stream::cached_file file(path.c_str(), report_mode, 4096);
+        if (!file.ok()) {
+            throw_unopenable(::GetLastError(), path);
+        }
+        std::exception_ptr reception_failure; // there is nobody to tell what the server says
+        status = session.send(file, reception_failure);
+        file.close(); // an open file could not be deleted
+    }
+    remove(path);
+    return status;
+}
+
+} // namespace
+
+void send_pending_reports() {
+    const pwrap::win_handle<0> mutex(::CreateMutexW(nullptr, FALSE, L"QeltPosiljanjeIzjem"));
+    if (!mutex) {
+        throw pwrap::win_runtime_error(
+            "Napaka pri stvaritvi ključavnice. Verjetno drug proces že pošilja izjeme.");
+    }
+    const pwrap::mutex_locker lock(mutex.get(), lock_limit);
+    const std::wstring folder = pwrap::temporary_folder();
+    WIN32_FIND_DATAW found{};
+    const pwrap::find_file search(::FindFirstFileExW((folder + L"*.tzo").c_str(), FindExInfoBasic, &found,
+                                                     FindExSearchNameMatch, nullptr, 0));
+    if (!search) {
+        return;
+    }
+    upload_session session;
+    do {
+        std::wstring path = folder + found.cFileName;
+        const std::uint16_t status = send_file(session, path);
+        path.replace(path.rfind(L'.'), std::wstring::npos, L".tzr");
+        if (status == full_report_wanted) {
+            send_file(session, path);
+        } else {
+            remove(path);
+        }
+    } while (::FindNextFileW(search.get(), &found));
+}
+
+} // namespace corvo::errorreport

@@ -1,0 +1,99 @@
+#include "errorreport/upload_session.h"
+
+#include "errorreport/open_file.h"
+#include "errorreport/reply_text.h"
+#include "errorreport/report_server.h"
+#include "errorreport/resource_string.h"
+#include "errorreport/system_description.h"
+#include "http/request/post_chunked_request.h"
+#include "http/request/reply_handlers.h"
+#include "platform/temporary_folder.h"
+#include "platform/text.h"
+#include "stream/file.h"
+
+#include <stdexcept>
+
+namespace corvo::errorreport {
+namespace {
+
+// A length that the server announces reserves nothing: replies are short, and what does not come must not become part of one.
+using post_request = webio::post_chunked_request<webio::content_type_handler, webio::ignore_content_length,
+                                                 stream::memory_file, std::uint64_t>;
+
+constexpr UINT language_code = 28656; // of the string table: "en", "sl" or "sq"
+
+constexpr int reply_file_mode = stream::mode_for_writing | stream::mode_create;
+
+webio::header_list report_headers() {
+    webio::header_list headers{{"Content-Type", "application/x-kestranez"}};
+    std::string language;
+    // A report without a language is better than none.
+    if (pwrap::wide_to_utf8(std::wstring(load_string(language_code)), language) != 0) {
+        headers.emplace("Accept-Language", std::move(language));
+    }
+    return headers;
+}
+
+// Returns the path of the file, empty where there is none. Why there is none does not matter: what is told is the reply itself.
+std::wstring save_reply(const stream::memory_file& reply, stream::fsize size) {
+    try {
+        std::wstring path = pwrap::temporary_folder() + L"Odgovor.html";
+        stream::file file(path.c_str(), reply_file_mode);
+        if (!file.ok()) {
+            return {};
+        }
+        file.write(reply.data(), static_cast<std::size_t>(size));
+        file.close(); // it is shared with nobody, and the browser is to read it
+        return path;
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
+[[noreturn]] void throw_unexpected_reply() {
+    // In this one language: the text is for whoever looks after the program.
+    throw std::runtime_error(std::string("Strežnik ") + report_server.host +
+                             " je vrnil nepričakovan odgovor. Odgovor je program shranil v datoteko "
+                             "Odgovor.html in ga odprl v vašem brskalniku.\n"
+                             "Prosimo, preučite odgovor o morebitnih namigih za vzrok napake, poskusite "
+                             "ponovno kasneje ali se obrnite na "
+                             "proizvajalca programske opreme.");
+}
+
+} // namespace
+
+upload_session::upload_session()
+    : m_session("Kestrane/13.0", {.resolve = 5000, .connect = 10000, .send = 30000, .receive = 30000}),
+      m_connection(m_session, report_url()), m_headers(report_headers()) {}
+
+std::uint16_t upload_session::send(stream::basic& report, std::exception_ptr& reception_failure) {
+    reception_failure = nullptr;
+    m_reply_text.clear();
+    m_reply.seek(0, stream::seek_beg);
+    m_reply.truncate();
+
+    bool status_line = true;
+    std::string type;
+    webio::content_type_handler header_line(status_line, type);
+    webio::ignore_content_length content_length;
+    const post_request request(m_connection, report_url(), m_headers, {"*/*"}, {}, report, header_line,
+                               content_length, m_reply, nullptr);
+
+    const auto [media_type, charset] = split_content_type(type);
+    if (!is_plain_text(media_type)) {
+        m_saved_reply = save_reply(m_reply, m_reply.size());
+        if (running_system().interactive && !m_saved_reply.empty()) {
+            open_file(m_saved_reply);
+        }
+        throw_unexpected_reply();
+    }
+    try {
+        m_reply_text =
+            decode_reply(decoding_for(charset), m_reply.data(), static_cast<std::size_t>(m_reply.size()));
+    } catch (...) {
+        reception_failure = std::current_exception();
+    }
+    return request.status();
+}
+
+} // namespace corvo::errorreport
