@@ -28,8 +28,9 @@ bool ended(DWORD wait_result) noexcept {
 }
 
 // Runs the work and keeps to itself what goes wrong in it. An exception that left one of our threads or the filter would come to
-// the filter again, which then waits for itself. No objects with destructors may live in the function that holds __try.
-__attribute__((noinline)) void run_alone(void (*work)() noexcept) noexcept {
+// the filter again, which then waits for itself. No objects with destructors may live in the function that holds __try. Neither this
+// function nor what it calls is noexcept by its type: what cannot throw needs no __try, says the compiler, and leaves it out.
+__attribute__((noinline)) void run_alone(void (*work)()) {
     __try {
         work();
     } __except (EXCEPTION_EXECUTE_HANDLER) {

@@ -19,7 +19,8 @@ std::u16string_view as_units(std::span<const wchar_t> text) noexcept {
 
 exception_record described(const EXCEPTION_RECORD& record) noexcept {
     static_assert(sizeof(ULONG_PTR) == sizeof(std::uint64_t));
-    return {record.ExceptionCode, record.ExceptionFlags,
+    return {record.ExceptionCode,
+            record.ExceptionFlags,
             reinterpret_cast<std::uint64_t>(record.ExceptionAddress),
             {record.ExceptionInformation,
              std::min<std::size_t>(record.NumberParameters, EXCEPTION_MAXIMUM_PARAMETERS)}};
@@ -50,7 +51,8 @@ DWORD64 module_base(HANDLE process, DWORD64 address) noexcept {
     if (const DWORD64 base = ::SymGetModuleBase64(process, address)) {
         return base;
     }
-    MEMORY_BASIC_INFORMATION memory{}; // the symbol engine may know nothing: it is not there, or the module came later
+    MEMORY_BASIC_INFORMATION
+        memory{}; // the symbol engine may know nothing: it is not there, or the module came later
     return query(address, memory) ? reinterpret_cast<DWORD64>(memory.AllocationBase) : 0;
 }
 
@@ -111,9 +113,8 @@ void walk_stack(stream::basic& out, report_kind kind, const crash& what) {
 
     DWORD64 written_module = 0; // none
     do {
-        const bool walked =
-            ::StackWalk64(machine_type, what.process, what.thread, &frame, &context, nullptr,
-                          ::SymFunctionTableAccess64, ::SymGetModuleBase64, nullptr) != FALSE;
+        const bool walked = ::StackWalk64(machine_type, what.process, what.thread, &frame, &context, nullptr,
+                                          ::SymFunctionTableAccess64, ::SymGetModuleBase64, nullptr) != FALSE;
         // The first step may fail: the faulting frame is known from the context, and is always told.
         if (!walked && written_module != 0) {
             return;
@@ -132,14 +133,16 @@ void walk_stack(stream::basic& out, report_kind kind, const crash& what) {
         }
         write_function(out, program_counter - base);
         if (kind == report_kind::full) {
-            write_stack(out, frame.AddrStack.Offset, walked ? stack_memory(frame) : std::span<const std::byte>());
+            write_stack(out, frame.AddrStack.Offset,
+                        walked ? stack_memory(frame) : std::span<const std::byte>());
         }
     } while (frame.AddrPC.Offset != frame.AddrReturn.Offset);
 }
 
 } // namespace
 
-void compose_report(report_kind kind, const crash& what, std::span<const wchar_t> notes, stream::basic& target) {
+void compose_report(report_kind kind, const crash& what, std::span<const wchar_t> notes,
+                    stream::basic& target) {
     zlib_writer out(target);
     write_header(out, kind, machine_type);
     write_exceptions(out, kind, *what.exception->ExceptionRecord);

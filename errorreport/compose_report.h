@@ -18,6 +18,7 @@ namespace corvo::errorreport {
 //
 // Throws pwrap::win_runtime_error "GetModuleFileNameW failed", std::logic_error "collection too big", and what
 // corvo::zlib_writer throws, such as std::system_error "failed to flush compressed stream" for a target that fails.
-void compose_report(report_kind kind, const crash& what, std::span<const wchar_t> notes, stream::basic& target);
+void compose_report(report_kind kind, const crash& what, std::span<const wchar_t> notes,
+                    stream::basic& target);
 
 } // namespace corvo::errorreport

@@ -2,6 +2,7 @@
 
 #include "updater/run.h"
 
+#include "errorreport/error_reporting.h"
 #include "platform/handle.h"
 
 namespace {
@@ -12,5 +13,7 @@ const pwrap::event_log events(::RegisterEventSourceW(nullptr, L"HalvoroUpdate"))
 } // namespace
 
 int WINAPI wWinMain(HINSTANCE, HINSTANCE, wchar_t*, int) {
+    // An update may cure what crashed before, but first the crash is told.
+    corvo::errorreport::wait_for_start_up_thread();
     return run(events.get());
 }

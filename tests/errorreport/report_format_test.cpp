@@ -50,18 +50,15 @@ TEST(report_format, header_of_a_full_report) {
 }
 
 TEST(report_format, record_count) {
-    EXPECT_EQ((bytes{4, 3, 2, 1}),
-              written([](auto& out) { write_record_count(out, 0x01020304); }));
+    EXPECT_EQ((bytes{4, 3, 2, 1}), written([](auto& out) { write_record_count(out, 0x01020304); }));
 }
 
 TEST(report_format, exception_record) {
     const std::uint64_t parameters[] = {1, 0x1122334455667788};
-    EXPECT_EQ((bytes{5,    0,    0,    0xC0, 1,    0,    0,    0,    0xF0, 0xDE, 0xBC, 0x9A,
-                     0x78, 0x56, 0x34, 0x12, 2,    0,    0,    0,    1,    0,    0,    0,
-                     0,    0,    0,    0,    0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11}),
-              written([&](auto& out) {
-                  write_record(out, {0xC0000005, 1, 0x123456789ABCDEF0, parameters});
-              }));
+    EXPECT_EQ(
+        (bytes{5, 0, 0, 0xC0, 1, 0, 0, 0, 0xF0, 0xDE, 0xBC, 0x9A, 0x78, 0x56, 0x34, 0x12, 2,    0,
+               0, 0, 1, 0,    0, 0, 0, 0, 0,    0,    0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11}),
+        written([&](auto& out) { write_record(out, {0xC0000005, 1, 0x123456789ABCDEF0, parameters}); }));
 }
 
 TEST(report_format, exception_record_without_parameters) {
@@ -99,8 +96,8 @@ TEST(report_format, module_of_a_short_report) {
 }
 
 TEST(report_format, module_of_a_full_report_has_checksum_and_base) {
-    EXPECT_EQ((bytes{'M',  'O',  'D',  '1',  1,    0,    0,    0,    'a', 0, 0x44, 0x33, 0x22, 0x11, 0x88,
-                     0x77, 0x66, 0x55, 0x00, 0x00, 0x00, 0x40, 0x01, 0,   0, 0}),
+    EXPECT_EQ((bytes{'M',  'O',  'D',  '1',  1,    0,    0,    0,    'a',  0,    0x44, 0x33, 0x22,
+                     0x11, 0x88, 0x77, 0x66, 0x55, 0x00, 0x00, 0x00, 0x40, 0x01, 0,    0,    0}),
               written([](auto& out) {
                   write_module(out, report_kind::full, {u"a", 0x11223344, 0x55667788, 0x140000000});
               }));
@@ -118,8 +115,7 @@ TEST(report_format, stack_memory_is_size_address_bytes) {
 }
 
 TEST(report_format, without_stack_memory_there_is_only_a_size_of_zero) {
-    EXPECT_EQ((bytes{0, 0, 0, 0, 0, 0, 0, 0}),
-              written([](auto& out) { write_stack(out, 0x2010, {}); }));
+    EXPECT_EQ((bytes{0, 0, 0, 0, 0, 0, 0, 0}), written([](auto& out) { write_stack(out, 0x2010, {}); }));
 }
 
 TEST(report_format, after_a_failed_write_nothing_more_is_tried) {

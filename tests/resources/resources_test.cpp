@@ -181,5 +181,5 @@ TEST_F(resources, stand_under_the_numbers_of_their_types) {
             return TRUE;
         },
         reinterpret_cast<LONG_PTR>(&numbers));
-    EXPECT_EQ((std::vector<std::size_t>{11, 16, 24}), numbers);
+    EXPECT_EQ((std::vector<std::size_t>{6, 11, 16, 24}), numbers);
 }

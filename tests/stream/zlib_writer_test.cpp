@@ -4,6 +4,7 @@
 #include "tests/stream/expect.h"
 #include "tests/stream/plain_file.h"
 #include "tests/stream/slots.h"
+#include "tests/support/inflated.h"
 
 #include <gtest/gtest.h>
 #include <zlib.h>
@@ -23,6 +24,7 @@
 
 using corvo::zlib_writer;
 using corvo::stream::state_t;
+using support::inflated;
 using bytes = std::vector<unsigned char>;
 using lengths = std::vector<std::size_t>;
 
@@ -105,30 +107,6 @@ private:
     bytes m_taken;
     lengths m_lengths;
 };
-
-// The whole of a zlib stream, by the library's own inflate; nothing where it is damaged, short or followed by more.
-std::optional<bytes> inflated(const bytes& compressed) {
-    z_stream stream{};
-    if (inflateInit(&stream) != Z_OK) {
-        return std::nullopt;
-    }
-    bytes input = compressed;
-    stream.next_in = input.data();
-    stream.avail_in = static_cast<uInt>(input.size());
-    bytes result;
-    bytes block(0x10000);
-    int status = Z_OK;
-    while (status == Z_OK) {
-        stream.next_out = block.data();
-        stream.avail_out = static_cast<uInt>(block.size());
-        status = inflate(&stream, Z_NO_FLUSH);
-        const auto done = static_cast<std::ptrdiff_t>(block.size() - stream.avail_out);
-        result.insert(result.end(), block.begin(), block.begin() + done);
-    }
-    const bool whole = status == Z_STREAM_END && stream.avail_in == 0;
-    inflateEnd(&stream);
-    return whole ? std::optional(result) : std::nullopt;
-}
 
 // Part text, part noise, part repetition.
 bytes mixed(std::size_t length, unsigned int seed) {

@@ -39,6 +39,11 @@ int __stdio_common_vswprintf(unsigned __int64 options, wchar_t* buffer, std::siz
 BOOLEAN WINAPI GetUserNameExW(EXTENDED_NAME_FORMAT format, wchar_t* name, ULONG* size) {
     return support::GetUserNameExW.call(format, name, size);
 }
+// Its address is passed on, for which the compiler takes the function itself although the header declares it as imported.
+DWORD64 WINAPI module_base(HANDLE process, DWORD64 address) __asm__("SymGetModuleBase64");
+DWORD64 WINAPI module_base(HANDLE process, DWORD64 address) {
+    return support::SymGetModuleBase64.call(process, address);
+}
 HRESULT WINAPI SHGetKnownFolderPath(REFKNOWNFOLDERID id, DWORD flags, HANDLE token, wchar_t** path) {
     return support::SHGetKnownFolderPath.call(id, flags, token, path);
 }

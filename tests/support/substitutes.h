@@ -5,6 +5,9 @@
 #include "tests/support/substitute.h"
 
 #define SECURITY_WIN32
+#include <windows.h>
+
+#include <dbghelp.h>
 #include <objbase.h>
 #include <security.h>
 #include <shellapi.h>
@@ -40,6 +43,10 @@ extern "C" __declspec(dllimport) void NTAPI RtlGetNtVersionNumbers(ULONG* major,
     X("winhttp.dll", WinHttpOpenRequest)    X("winhttp.dll", WinHttpCloseHandle)   X("winhttp.dll", WinHttpSetOption)  \
     X("winhttp.dll", WinHttpSetStatusCallback) X("winhttp.dll", WinHttpAddRequestHeaders)                              \
     X("winhttp.dll", WinHttpSendRequest)    X("winhttp.dll", WinHttpReceiveResponse) X("winhttp.dll", WinHttpQueryHeaders)\
+    X("kernel32.dll", CreateThread)         X("kernel32.dll", TerminateThread)     X("kernel32.dll", TerminateProcess) \
+    X("kernel32.dll", CreateMutexW)                                                                                    \
+    X("kernel32.dll", SetUnhandledExceptionFilter) X("kernel32.dll", VirtualQuery) X("kernel32.dll", IsBadCodePtr)     \
+    X("dbghelp.dll", StackWalk64)           X("dbghelp.dll", SymGetModuleBase64)   X("dbghelp.dll", ImageNtHeader)     \
     X("winhttp.dll", WinHttpReadData)       X("winhttp.dll", WinHttpWriteData)     X("winhttp.dll", WinHttpQueryDataAvailable)
 
 // Functions whose headers do not declare them as imported, so that everything calls them without an import pointer: the

@@ -1,0 +1,437 @@
+// Installation, crash handling and removal, with a platform that does what a test says: no thread starts and no process ends.
+#include "errorreport/component.h"
+
+#include "platform/errors.h"
+#include "tests/errorreport/fake_stack.h"
+#include "tests/stream/temporary_folder.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <set>
+#include <system_error>
+
+using corvo::errorreport::component;
+using corvo::errorreport::note_text;
+
+namespace {
+
+LONG WINAPI former_filter(EXCEPTION_POINTERS*) {
+    return EXCEPTION_CONTINUE_SEARCH;
+}
+
+struct started_thread {
+    LPTHREAD_START_ROUTINE procedure;
+    HANDLE handle;
+};
+
+class installing : public testing::Test {
+protected:
+    installing() {
+        folder = m_folder.path_of(L"");
+        for (const wchar_t* name : {L"0.tzo", L"0.tzr"}) {
+            m_folder.path_of(name); // removed at the end
+        }
+    }
+    ~installing() override { subject.uninstall(); }
+
+    bool files_written() const {
+        return ::GetFileAttributesW((folder + L"0.tzo").c_str()) != INVALID_FILE_ATTRIBUTES &&
+               ::GetFileAttributesW((folder + L"0.tzr").c_str()) != INVALID_FILE_ATTRIBUTES;
+    }
+
+    HANDLE start_up_thread() const { return threads.at(0).handle; }
+
+    LONG crash() {
+        const corvo::errorreport::crash what = stack.what();
+        return subject.filter(what.exception);
+    }
+
+    // The calls that the platform got, in order: "wait NAME MILLISECONDS" and the like.
+    std::vector<std::string> calls;
+    std::vector<started_thread> threads;
+    bool threads_start = true;
+    std::map<HANDLE, DWORD> wait_results; // what is not here is signalled
+    LPTOP_LEVEL_EXCEPTION_FILTER current_filter = former_filter;
+    void* allocation_base = ::GetModuleHandleW(nullptr);
+    SIZE_T description_size = sizeof(MEMORY_BASIC_INFORMATION);
+    HANDLE event = nullptr;
+    std::wstring folder;
+    test::fake_stack stack;
+
+private:
+    std::string name_of(HANDLE handle) const {
+        if (handle == event) {
+            return "started";
+        }
+        for (std::size_t i = 0; i < threads.size(); ++i) {
+            if (threads[i].handle == handle) {
+                return "thread " + std::to_string(i);
+            }
+        }
+        return "";
+    }
+
+    test::temporary_folder m_folder;
+    support::script<decltype(::CreateEventW)> m_event{
+        support::CreateEventW,
+        [this](SECURITY_ATTRIBUTES* security, BOOL manual, BOOL initial, const wchar_t* name) {
+            EXPECT_EQ(nullptr, security);
+            EXPECT_EQ(nullptr, name);
+            EXPECT_FALSE(manual);
+            EXPECT_FALSE(initial);
+            return event = support::CreateEventW.real(security, manual, initial, name);
+        }};
+    support::script<decltype(::CreateThread)> m_create{
+        support::CreateThread,
+        [this](SECURITY_ATTRIBUTES* security, SIZE_T size, LPTHREAD_START_ROUTINE procedure, void* argument,
+               DWORD flags, DWORD*) -> HANDLE {
+            EXPECT_EQ(nullptr, security);
+            EXPECT_EQ(0U, size);
+            EXPECT_EQ(nullptr, argument);
+            EXPECT_EQ(0U, flags);
+            calls.push_back("create");
+            if (!threads_start) {
+                return nullptr;
+            }
+            threads.push_back({procedure, support::CreateEventW.real(nullptr, FALSE, FALSE, nullptr)});
+            return threads.back().handle;
+        }};
+    support::script<decltype(::WaitForSingleObject)> m_wait{
+        support::WaitForSingleObject, [this](HANDLE handle, DWORD limit) -> DWORD {
+            if (name_of(handle).empty()) {
+                return support::WaitForSingleObject.real(handle, limit);
+            }
+            calls.push_back("wait " + name_of(handle) + " " + std::to_string(limit));
+            const auto found = wait_results.find(handle);
+            return found == wait_results.end() ? WAIT_OBJECT_0 : found->second;
+        }};
+    support::script<decltype(::TerminateThread)> m_terminate_thread{
+        support::TerminateThread, [this](HANDLE handle, DWORD code) -> BOOL {
+            calls.push_back("end " + name_of(handle) + " " + std::to_string(code));
+            return TRUE;
+        }};
+    support::script<decltype(::TerminateProcess)> m_terminate_process{
+        support::TerminateProcess, [this](HANDLE process, UINT code) -> BOOL {
+            EXPECT_EQ(::GetCurrentProcess(), process);
+            calls.push_back("end process " + std::to_string(code));
+            return TRUE;
+        }};
+    support::script<decltype(::SetUnhandledExceptionFilter)> m_filter{
+        support::SetUnhandledExceptionFilter, [this](LPTOP_LEVEL_EXCEPTION_FILTER filter) {
+            calls.push_back("filter");
+            return std::exchange(current_filter, filter);
+        }};
+    support::script<decltype(::VirtualQuery)> m_query{
+        support::VirtualQuery, [this](const void* address, MEMORY_BASIC_INFORMATION* memory, SIZE_T size) {
+            const SIZE_T known = support::VirtualQuery.real(address, memory, size);
+            if (memory->AllocationBase != ::GetModuleHandleW(nullptr)) {
+                return known;
+            }
+            memory->AllocationBase = allocation_base;
+            return description_size;
+        }};
+    support::script<decltype(::GetModuleFileNameW)> m_name{
+        support::GetModuleFileNameW, [](HMODULE module, wchar_t* path, DWORD size) {
+            return support::GetModuleFileNameW.real(
+                reinterpret_cast<DWORD64>(module) == 0x140000000 ? nullptr : module, path, size);
+        }};
+    support::script<decltype(::GetTempPathW)> m_temp{
+        support::GetTempPathW, [this](DWORD, wchar_t* path) -> DWORD {
+            std::memcpy(path, folder.c_str(), (folder.size() + 1) * sizeof(wchar_t));
+            return static_cast<DWORD>(folder.size());
+        }};
+
+protected:
+    component subject; // after the scripts, which its constructor meets
+};
+
+using strings = std::vector<std::string>;
+
+TEST_F(installing, starts_the_start_up_thread_before_the_filter_is_set) {
+    subject.install();
+    EXPECT_EQ((strings{"create", "filter"}), calls);
+    EXPECT_NE(current_filter, &former_filter);
+}
+
+TEST_F(installing, in_a_library_starts_only_the_thread) {
+    allocation_base = reinterpret_cast<void*>(0x180000000);
+    const auto terminate = std::get_terminate();
+    subject.install();
+    EXPECT_EQ((strings{"create"}), calls);
+    EXPECT_EQ(terminate, std::get_terminate());
+}
+
+TEST_F(installing, without_a_whole_description_of_its_memory_starts_only_the_thread) {
+    description_size = 15;
+    subject.install();
+    EXPECT_EQ((strings{"create"}), calls);
+}
+
+TEST_F(installing, takes_over_what_would_end_the_process_without_an_exception) {
+    const auto terminate = std::get_terminate();
+    const auto abort = std::signal(SIGABRT, SIG_DFL);
+    std::signal(SIGABRT, abort);
+    const auto invalid = ::_get_invalid_parameter_handler();
+    subject.install();
+    EXPECT_NE(terminate, std::get_terminate());
+    EXPECT_NE(invalid, ::_get_invalid_parameter_handler());
+    const auto taken = std::signal(SIGABRT, SIG_DFL);
+    std::signal(SIGABRT, taken);
+    EXPECT_NE(abort, taken);
+
+    subject.uninstall();
+    EXPECT_EQ(terminate, std::get_terminate());
+    EXPECT_EQ(invalid, ::_get_invalid_parameter_handler());
+    EXPECT_EQ(abort, std::signal(SIGABRT, abort));
+}
+
+TEST_F(installing, fails_where_the_programs_name_cannot_be_had) {
+    const support::script name(support::GetModuleFileNameW, [](auto...) -> DWORD {
+        ::SetLastError(ERROR_ACCESS_DENIED);
+        return 0;
+    });
+    try {
+        subject.install();
+        FAIL();
+    } catch (const pwrap::win_runtime_error& error) {
+        EXPECT_STREQ("GetModuleFileNameW failed: Access denied.", error.what());
+    }
+    EXPECT_EQ(strings(), calls);
+}
+
+TEST_F(installing, again_closes_the_former_start_up_thread) {
+    subject.install();
+    std::vector<HANDLE> closed;
+    const support::script close(support::CloseHandle, [&](HANDLE handle) {
+        closed.push_back(handle);
+        return support::CloseHandle.real(handle);
+    });
+    const HANDLE first = start_up_thread();
+    subject.install();
+    EXPECT_THAT(closed, testing::ElementsAre(first));
+}
+
+TEST_F(installing, removal_puts_the_former_filter_back_and_waits_a_little) {
+    subject.install();
+    calls.clear();
+    subject.uninstall();
+    EXPECT_EQ((strings{"filter", "wait thread 0 100"}), calls);
+    EXPECT_EQ(&former_filter, current_filter);
+}
+
+TEST_F(installing, removal_ends_a_start_up_thread_that_does_not_end_by_itself) {
+    subject.install();
+    wait_results[start_up_thread()] = WAIT_TIMEOUT;
+    calls.clear();
+    subject.uninstall();
+    EXPECT_EQ((strings{"filter", "wait thread 0 100", "end thread 0 1"}), calls);
+}
+
+TEST_F(installing, removal_ends_a_start_up_thread_that_cannot_be_waited_for) {
+    subject.install();
+    wait_results[start_up_thread()] = WAIT_FAILED;
+    subject.uninstall();
+    EXPECT_EQ("end thread 0 1", calls.back());
+}
+
+TEST_F(installing, removal_takes_an_abandoned_start_up_thread_for_ended) {
+    subject.install();
+    wait_results[start_up_thread()] = WAIT_ABANDONED;
+    calls.clear();
+    subject.uninstall();
+    EXPECT_EQ((strings{"filter", "wait thread 0 100"}), calls);
+}
+
+TEST_F(installing, removal_happens_once) {
+    subject.install();
+    subject.uninstall();
+    calls.clear();
+    subject.uninstall();
+    EXPECT_EQ(strings(), calls);
+}
+
+// There is nothing to put back then; without a start-up thread the filter that stays reports nothing.
+TEST_F(installing, removal_leaves_the_filter_where_there_was_none_before) {
+    current_filter = nullptr;
+    subject.install();
+    calls.clear();
+    subject.uninstall();
+    EXPECT_EQ((strings{"wait thread 0 100"}), calls);
+    EXPECT_NE(nullptr, current_filter);
+    calls.clear();
+    crash();
+    EXPECT_EQ((strings{"end process 4294967295"}), calls);
+}
+
+TEST_F(installing, main_waits_for_the_start_up_thread_without_a_limit) {
+    subject.install();
+    calls.clear();
+    subject.wait_for_start_up_thread();
+    EXPECT_EQ((strings{"wait thread 0 4294967295"}), calls);
+}
+
+TEST_F(installing, without_a_start_up_thread_main_does_not_wait) {
+    threads_start = false;
+    subject.install();
+    calls.clear();
+    subject.wait_for_start_up_thread();
+    EXPECT_EQ(strings(), calls);
+}
+
+using crashing = installing;
+
+TEST_F(crashing, is_reported_by_a_thread_and_ends_the_process) {
+    subject.install();
+    calls.clear();
+    EXPECT_EQ(EXCEPTION_EXECUTE_HANDLER, crash());
+    EXPECT_EQ((strings{"wait thread 0 30000", "create", "wait started 10000", "wait thread 1 4294967295",
+                       "end process 4294967295"}),
+              calls);
+    EXPECT_FALSE(files_written());
+}
+
+TEST_F(crashing, after_an_abandoned_start_up_thread_is_reported) {
+    subject.install();
+    wait_results[start_up_thread()] = WAIT_ABANDONED;
+    calls.clear();
+    crash();
+    EXPECT_EQ(5U, calls.size());
+}
+
+TEST_F(crashing, while_the_start_up_thread_stays_busy_is_not_reported) {
+    subject.install();
+    for (const DWORD result : {DWORD{WAIT_TIMEOUT}, DWORD{WAIT_FAILED}}) {
+        wait_results[start_up_thread()] = result;
+        calls.clear();
+        crash();
+        EXPECT_EQ((strings{"wait thread 0 30000", "end process 4294967295"}), calls);
+    }
+    EXPECT_FALSE(files_written());
+}
+
+TEST_F(crashing, without_a_start_up_thread_is_not_reported) {
+    threads_start = false;
+    subject.install();
+    threads_start = true;
+    calls.clear();
+    crash();
+    EXPECT_EQ((strings{"end process 4294967295"}), calls);
+    EXPECT_FALSE(files_written());
+}
+
+TEST_F(crashing, where_no_thread_can_start_leaves_files) {
+    subject.install();
+    threads_start = false;
+    calls.clear();
+    crash();
+    EXPECT_EQ((strings{"wait thread 0 30000", "create", "end process 4294967295"}), calls);
+    EXPECT_TRUE(files_written());
+}
+
+TEST_F(crashing, where_the_thread_does_not_begin_ends_it_and_leaves_files) {
+    subject.install();
+    for (const DWORD result : {DWORD{WAIT_TIMEOUT}, DWORD{WAIT_FAILED}}) {
+        wait_results[event] = result;
+        threads.resize(1);
+        calls.clear();
+        crash();
+        EXPECT_EQ((strings{"wait thread 0 30000", "create", "wait started 10000", "end thread 1 1",
+                           "end process 4294967295"}),
+                  calls);
+        EXPECT_TRUE(files_written());
+        ::DeleteFileW((folder + L"0.tzo").c_str());
+    }
+}
+
+TEST_F(crashing, files_written_without_a_thread_have_no_notes) {
+    subject.install();
+    subject.add_note(L"note");
+    threads_start = false;
+    crash();
+    const std::string content = test::get_file((folder + L"0.tzo").c_str());
+    const auto report = support::inflated({content.begin(), content.end()});
+    ASSERT_TRUE(report.has_value());
+    EXPECT_THAT(std::string(report->begin(), report->end()), testing::Not(testing::HasSubstr("DOOP")));
+}
+
+TEST_F(crashing, files_that_cannot_be_written_end_the_process_all_the_same) {
+    subject.install();
+    threads_start = false;
+    const support::script temp(support::GetTempPathW, [](auto...) -> DWORD { return 0; });
+    calls.clear();
+    crash();
+    EXPECT_EQ("end process 4294967295", calls.back());
+}
+
+// What a thread of ours does wrong must not come to the filter, which waits for that thread.
+TEST_F(crashing, in_the_threads_themselves_ends_there) {
+    subject.install();
+    crash();
+    ASSERT_EQ(2U, threads.size());
+    for (const started_thread& thread : threads) {
+        const support::script mutex(support::CreateMutexW,
+                                    [](auto...) -> HANDLE { throw std::runtime_error("thrown"); });
+        const support::script event_fails(support::SetEvent,
+                                          [](auto...) -> BOOL { throw std::runtime_error("thrown"); });
+        EXPECT_EQ(0U, thread.procedure(nullptr));
+    }
+    for (const started_thread& thread : threads) {
+        const support::script mutex(support::CreateMutexW, [](auto...) -> HANDLE {
+            ::RaiseException(EXCEPTION_ACCESS_VIOLATION, EXCEPTION_NONCONTINUABLE, 0, nullptr);
+            return nullptr;
+        });
+        const support::script event_fails(support::SetEvent, [](auto...) -> BOOL {
+            ::RaiseException(EXCEPTION_ACCESS_VIOLATION, EXCEPTION_NONCONTINUABLE, 0, nullptr);
+            return FALSE;
+        });
+        EXPECT_EQ(0U, thread.procedure(nullptr));
+    }
+}
+
+TEST(note_text, ends_at_the_first_zero_or_at_its_limit) {
+    EXPECT_EQ(L"abc", note_text("abc", 100, 65001));
+    EXPECT_EQ(L"ab", note_text("abc", 2, 65001));
+    EXPECT_EQ(L"", note_text("abc", 0, 65001));
+    EXPECT_EQ(L"", note_text("", 100, 65001));
+}
+
+TEST(note_text, is_converted_from_its_code_page) {
+    EXPECT_EQ(L"\x10D", note_text("\xE8", 100, 1250));
+    EXPECT_EQ(L"\x10D", note_text("\xC4\x8D", 100, 65001));
+}
+
+TEST(note_text, asks_for_composed_characters_below_code_page_65000_only) {
+    std::vector<std::pair<UINT, DWORD>> asked;
+    const support::script convert(support::MultiByteToWideChar, [&](UINT page, DWORD flags, auto...) {
+        asked.emplace_back(page, flags);
+        return 1;
+    });
+    for (const UINT page : {1250U, 64999U, 65000U, 65001U}) {
+        note_text("a", 1, page);
+    }
+    EXPECT_THAT(asked, testing::IsSupersetOf({std::pair(1250U, DWORD{1}), std::pair(64999U, DWORD{1}),
+                                              std::pair(65000U, DWORD{0}), std::pair(65001U, DWORD{0})}));
+    EXPECT_THAT(asked, testing::Not(testing::Contains(std::pair(64999U, DWORD{0}))));
+    EXPECT_THAT(asked, testing::Not(testing::Contains(std::pair(65000U, DWORD{1}))));
+}
+
+TEST(note_text, that_cannot_be_converted_fails) {
+    const support::script convert(support::MultiByteToWideChar, [](auto...) {
+        ::SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    });
+    try {
+        note_text("a", 1, 1250);
+        FAIL();
+    } catch (const std::system_error& error) {
+        EXPECT_THAT(error.what(), testing::StartsWith("MultiByteToWideChar failed: "));
+        EXPECT_EQ(87, error.code().value());
+    }
+}
+
+} // namespace

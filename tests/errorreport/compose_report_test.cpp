@@ -1,0 +1,370 @@
+// Whole reports of made-up crashes, inflated and compared byte for byte.
+#include "errorreport/compose_report.h"
+
+#include "platform/errors.h"
+#include "tests/errorreport/fake_stack.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <numeric>
+#include <system_error>
+
+using corvo::errorreport::report_kind;
+using test::bytes;
+using test::expected_report;
+using test::fake_stack;
+
+namespace {
+
+#ifdef __aarch64__
+constexpr std::uint16_t machine = 0xAA64;
+#else
+constexpr std::uint16_t machine = 0x8664;
+#endif
+
+// What every short report of the fake stack begins with.
+expected_report brief_head() {
+    expected_report expected;
+    expected.text("TZO1").u16(machine);
+    expected.u32(0xC0000005).u32(0).u64(0x140001010).u32(0);
+    return expected;
+}
+
+expected_report brief_module() {
+    return brief_head().text("MOD1").u32(11).units(L"lumaris.exe").u32(0x11223344);
+}
+
+// The frames of a full report, from the first module on; what stands before them has tests of its own.
+bytes frames_of(const bytes& full) {
+    const bytes tag{'M', 'O', 'D', '1'};
+    return {std::search(full.begin(), full.end(), tag.begin(), tag.end()), full.end()};
+}
+
+TEST(compose_report, short_report_has_the_first_record_and_a_function_for_each_frame) {
+    fake_stack stack;
+    EXCEPTION_RECORD cause{};
+    cause.ExceptionCode = 0xE0000001;
+    stack.record().ExceptionFlags = EXCEPTION_NONCONTINUABLE;
+    stack.record().NumberParameters = 2;
+    stack.record().ExceptionInformation[0] = 1;
+    stack.record().ExceptionInformation[1] = 0xFFFFFFFFFFFFFFF0;
+    stack.record().ExceptionRecord = &cause;
+    stack.steps = {{true, 0x140001010, 0x7100, 0x7000, 0x140001222},
+                   {true, 0x140001222, 0x7200, 0x7100, 0x140001333},
+                   {true, 0x140001333, 0x7300, 0x7200, 0}};
+    expected_report expected;
+    expected.text("TZO1").u16(machine);
+    expected.u32(0xC0000005).u32(1).u64(0x140001010).u32(2).u64(1).u64(0xFFFFFFFFFFFFFFF0);
+    expected.text("MOD1").u32(11).units(L"lumaris.exe").u32(0x11223344);
+    expected.text("FUN1").u64(0x1010).text("FUN1").u64(0x1222).text("FUN1").u64(0x1333);
+    EXPECT_EQ(expected.get(), stack.composed(report_kind::brief));
+}
+
+TEST(compose_report, full_report_has_every_record_of_the_chain_and_the_context) {
+    fake_stack stack;
+    EXCEPTION_RECORD cause{};
+    cause.ExceptionCode = 0xE0000001;
+    cause.ExceptionFlags = 2;
+    cause.ExceptionAddress = reinterpret_cast<void*>(0x77);
+    cause.NumberParameters = 1;
+    cause.ExceptionInformation[0] = 5;
+    stack.record().ExceptionRecord = &cause;
+    const bytes report = stack.composed(report_kind::full);
+    expected_report expected;
+    expected.text("TZR1").u16(machine).u32(2);
+    expected.u32(0xC0000005).u32(0).u64(0x140001010).u32(0);
+    expected.u32(0xE0000001).u32(2).u64(0x77).u32(1).u64(5);
+#ifdef __aarch64__
+    expected.u32(CONTEXT_FULL);
+    constexpr std::size_t blocks = 248 + 36 + 520 + 120;
+#else
+    expected.u32(0);
+    constexpr std::size_t blocks = 0;
+#endif
+    const std::size_t head = expected.get().size();
+    ASSERT_GE(report.size(), head + blocks + 4);
+    EXPECT_EQ(expected.get(), bytes(report.begin(), report.begin() + static_cast<std::ptrdiff_t>(head)));
+    EXPECT_EQ("MOD1", std::string(report.begin() + static_cast<std::ptrdiff_t>(head + blocks),
+                                  report.begin() + static_cast<std::ptrdiff_t>(head + blocks) + 4));
+#ifdef __aarch64__
+    expected_report control; // behind the integer block: Fp, Lr, Sp, Pc, Cpsr
+    control.u64(0x7100).u64(0x140001222).u64(0x7000).u64(0x140001010).u32(0);
+    const auto at = report.begin() + static_cast<std::ptrdiff_t>(head) + 248;
+    EXPECT_EQ(control.get(), bytes(at, at + 36));
+#endif
+}
+
+TEST(compose_report, full_report_has_checksum_and_base_of_modules_and_the_stack_of_each_frame) {
+    fake_stack stack;
+    std::vector<std::uint64_t> memory(6);
+    std::iota(memory.begin(), memory.end(), 0x100);
+    const auto at = reinterpret_cast<DWORD64>(memory.data());
+    stack.steps = {{true, 0x140001010, at + 16, at, 0x140001222}, {true, 0x140001222, at + 48, at + 16, 0}};
+    expected_report expected;
+    expected.text("MOD1").u32(11).units(L"lumaris.exe").u32(0x11223344).u32(0x55667788).u64(0x140000000);
+    expected.text("FUN1").u64(0x1010).u64(16).u64(at).u64(0x100).u64(0x101);
+    expected.text("FUN1").u64(0x1222).u64(32).u64(at + 16).u64(0x102).u64(0x103).u64(0x104).u64(0x105);
+    EXPECT_EQ(expected.get(), frames_of(stack.composed(report_kind::full)));
+}
+
+TEST(compose_report, frame_without_stack_memory_has_a_size_of_zero) {
+    fake_stack stack;
+    std::uint64_t memory = 0x100;
+    const auto at = reinterpret_cast<DWORD64>(&memory);
+    stack.steps = {{true, 0x140001010, at, at, 1},
+                   {true, 0x140001011, at, at + 8, 1},
+                   {true, 0x140001012, 0, at, 1},
+                   {true, 0x140001013, at, 0, 1},
+                   {true, 0x140001014, at + 8, at, 0}};
+    expected_report expected;
+    expected.text("MOD1").u32(11).units(L"lumaris.exe").u32(0x11223344).u32(0x55667788).u64(0x140000000);
+    for (const std::uint64_t offset : {0x1010U, 0x1011U, 0x1012U, 0x1013U}) {
+        expected.text("FUN1").u64(offset).u64(0);
+    }
+    expected.text("FUN1").u64(0x1014).u64(8).u64(at).u64(0x100);
+    EXPECT_EQ(expected.get(), frames_of(stack.composed(report_kind::full)));
+}
+
+TEST(compose_report, stack_that_cannot_be_read_is_left_out) {
+    fake_stack stack;
+    auto* const memory =
+        static_cast<std::byte*>(::VirtualAlloc(nullptr, 0x3000, MEM_RESERVE, PAGE_READWRITE));
+    ASSERT_EQ(memory, ::VirtualAlloc(memory, 0x1000, MEM_COMMIT, PAGE_READWRITE));
+    const auto at = reinterpret_cast<DWORD64>(memory);
+    stack.steps = {{true, 0x140001010, at + 0x2000, at, 1},       // ends in memory that is not there
+                   {true, 0x140001011, 0x7FFFFFFFFFFF, at, 1},    // a frame pointer used for something else
+                   {true, 0x140001012, 0x9000000000000000, 8, 1}, // both
+                   {true, 0x140001013, at + 0x1000, at + 0xFF8, 0}}; // just fits
+    expected_report expected;
+    expected.text("MOD1").u32(11).units(L"lumaris.exe").u32(0x11223344).u32(0x55667788).u64(0x140000000);
+    expected.text("FUN1").u64(0x1010).u64(0).text("FUN1").u64(0x1011).u64(0).text("FUN1").u64(0x1012).u64(0);
+    expected.text("FUN1").u64(0x1013).u64(8).u64(at + 0xFF8).u64(0);
+    EXPECT_EQ(expected.get(), frames_of(stack.composed(report_kind::full)));
+
+    DWORD former = 0;
+    ASSERT_TRUE(::VirtualProtect(memory, 0x1000, PAGE_READWRITE | PAGE_GUARD, &former));
+    const bytes guarded = frames_of(stack.composed(report_kind::full));
+    EXPECT_EQ((bytes{0, 0, 0, 0, 0, 0, 0, 0}), bytes(guarded.end() - 8, guarded.end()));
+    ::VirtualFree(memory, 0, MEM_RELEASE);
+}
+
+TEST(compose_report, walk_begins_with_the_registers_of_the_crash) {
+    fake_stack stack;
+    stack.steps = {{true, 0x140001010, 0, 0, 0}};
+    stack.composed(report_kind::brief);
+    ASSERT_FALSE(stack.frames_seen.empty());
+    const STACKFRAME64& first = stack.frames_seen.front();
+    EXPECT_EQ(0x140001010U, first.AddrPC.Offset);
+    EXPECT_EQ(0x7100U, first.AddrFrame.Offset);
+    EXPECT_EQ(0x7000U, first.AddrStack.Offset);
+    EXPECT_EQ(0U, first.AddrReturn.Offset);
+    for (const ADDRESS64& address : {first.AddrPC, first.AddrFrame, first.AddrStack, first.AddrBStore}) {
+        EXPECT_EQ(AddrModeFlat, address.Mode);
+        EXPECT_EQ(0, address.Segment);
+    }
+    EXPECT_EQ(machine, stack.machine_seen);
+    EXPECT_EQ(reinterpret_cast<HANDLE>(-1), stack.process_seen);
+    EXPECT_EQ(reinterpret_cast<HANDLE>(-2), stack.thread_seen);
+    EXPECT_EQ(0, std::memcmp(&stack.first_context_seen, &stack.context(), sizeof(CONTEXT)));
+}
+
+#ifdef __aarch64__
+// No ARM64 processor has a backing store.
+TEST(compose_report, the_link_register_stands_in_for_the_backing_store) {
+    fake_stack stack;
+    stack.composed(report_kind::brief);
+    ASSERT_FALSE(stack.frames_seen.empty());
+    EXPECT_EQ(0x140001222U, stack.frames_seen.front().AddrBStore.Offset);
+}
+#endif
+
+TEST(compose_report, the_walk_does_not_change_the_context_of_the_crash) {
+    fake_stack stack;
+    stack.steps = {{true, 0x140001010, 0, 0, 1}, {true, 0x140001011, 0, 0, 0}};
+    const CONTEXT before = stack.context();
+    stack.composed(report_kind::full);
+    EXPECT_EQ(0, std::memcmp(&before, &stack.context(), sizeof before));
+}
+
+TEST(compose_report, a_first_step_that_fails_still_records_the_faulting_frame) {
+    fake_stack stack;
+    EXPECT_EQ(brief_module().text("FUN1").u64(0x1010).get(), stack.composed(report_kind::brief));
+    EXPECT_EQ(2U, stack.frames_seen.size());
+    fake_stack full;
+    expected_report expected;
+    expected.text("MOD1").u32(11).units(L"lumaris.exe").u32(0x11223344).u32(0x55667788).u64(0x140000000);
+    expected.text("FUN1").u64(0x1010).u64(0); // no stack memory without a step
+    EXPECT_EQ(expected.get(), frames_of(full.composed(report_kind::full)));
+}
+
+TEST(compose_report, a_later_step_that_fails_ends_the_frames) {
+    fake_stack stack;
+    stack.steps = {{true, 0x140001010, 0, 0, 1}, {false}, {true, 0x140001011, 0, 0, 1}};
+    EXPECT_EQ(brief_module().text("FUN1").u64(0x1010).get(), stack.composed(report_kind::brief));
+}
+
+TEST(compose_report, a_program_counter_of_zero_ends_the_frames) {
+    fake_stack stack;
+    stack.steps = {{true, 0x140001010, 0, 0, 1}, {true, 0, 0, 0, 1}, {true, 0x140001011, 0, 0, 1}};
+    EXPECT_EQ(brief_module().text("FUN1").u64(0x1010).get(), stack.composed(report_kind::brief));
+    stack.steps = {{true, 0, 0, 0, 0}};
+    stack.frames_seen.clear();
+    EXPECT_EQ(brief_head().get(), stack.composed(report_kind::brief));
+}
+
+TEST(compose_report, a_frame_that_returns_to_itself_is_the_last) {
+    fake_stack stack;
+    stack.steps = {{true, 0x140001010, 0, 0, 0x140001010}, {true, 0x140001011, 0, 0, 1}};
+    EXPECT_EQ(brief_module().text("FUN1").u64(0x1010).get(), stack.composed(report_kind::brief));
+    EXPECT_EQ(1U, stack.frames_seen.size());
+}
+
+TEST(compose_report, code_that_cannot_be_read_ends_the_frames) {
+    fake_stack stack;
+    stack.steps = {{true, 0x140001010, 0, 0, 1}, {true, 0x140001011, 0, 0, 1}};
+    stack.unreadable_code = 0x140001011;
+    EXPECT_EQ(brief_module().text("FUN1").u64(0x1010).get(), stack.composed(report_kind::brief));
+}
+
+TEST(compose_report, a_module_block_stands_where_the_module_changes) {
+    fake_stack stack;
+    stack.modules[0x150000000] = {L"C:\\windows\\system32\\kernelbase.dll", 0x99, 0};
+    stack.steps = {{true, 0x140001010, 0, 0, 1},
+                   {true, 0x140001011, 0, 0, 1},
+                   {true, 0x150002000, 0, 0, 1},
+                   {true, 0x140001012, 0, 0, 0}};
+    auto expected = brief_module();
+    expected.text("FUN1").u64(0x1010).text("FUN1").u64(0x1011);
+    expected.text("MOD1").u32(14).units(L"kernelbase.dll").u32(0x99).text("FUN1").u64(0x2000);
+    expected.text("MOD1").u32(11).units(L"lumaris.exe").u32(0x11223344).text("FUN1").u64(0x1012);
+    EXPECT_EQ(expected.get(), stack.composed(report_kind::brief));
+}
+
+TEST(compose_report, a_module_without_headers_has_neither_time_stamp_nor_checksum) {
+    fake_stack stack;
+    stack.modules[0x140000000].has_headers = false;
+    expected_report expected;
+    expected.text("MOD1").u32(11).units(L"lumaris.exe").u32(0).u32(0).u64(0x140000000);
+    expected.text("FUN1").u64(0x1010).u64(0);
+    EXPECT_EQ(expected.get(), frames_of(stack.composed(report_kind::full)));
+}
+
+TEST(compose_report, a_module_with_a_short_optional_header_has_no_checksum) {
+    fake_stack stack;
+    stack.modules[0x140000000].optional_header_size = offsetof(IMAGE_OPTIONAL_HEADER, CheckSum) + 3;
+    const bytes frames = frames_of(stack.composed(report_kind::full));
+    expected_report expected;
+    expected.text("MOD1").u32(11).units(L"lumaris.exe").u32(0x11223344).u32(0).u64(0x140000000);
+    expected.text("FUN1").u64(0x1010).u64(0);
+    EXPECT_EQ(expected.get(), frames);
+}
+
+TEST(compose_report, a_module_name_without_a_folder_is_taken_whole) {
+    fake_stack stack;
+    stack.modules[0x140000000].path = L"lumaris.exe";
+    EXPECT_EQ(brief_module().text("FUN1").u64(0x1010).get(), stack.composed(report_kind::brief));
+}
+
+TEST(compose_report, a_module_that_the_engine_does_not_know_is_found_by_its_memory) {
+    fake_stack stack;
+    stack.modules[0x150000000] = {L"C:\\late.dll", 0x99, 0};
+    stack.unknown_to_engine[0x150002000] = 0x150000000;
+    stack.steps = {{true, 0x150002010, 0, 0, 0}};
+    EXPECT_EQ(brief_head().text("MOD1").u32(8).units(L"late.dll").u32(0x99).text("FUN1").u64(0x2010).get(),
+              stack.composed(report_kind::brief));
+}
+
+TEST(compose_report, code_in_no_module_ends_the_frames) {
+    fake_stack stack;
+    stack.unknown_to_engine[0x150002000] = 0; // free memory
+    stack.steps = {{true, 0x140001010, 0, 0, 1}, {true, 0x150002010, 0, 0, 1}, {true, 0x140001011, 0, 0, 0}};
+    EXPECT_EQ(brief_module().text("FUN1").u64(0x1010).get(), stack.composed(report_kind::brief));
+}
+
+TEST(compose_report, memory_that_the_system_describes_in_part_ends_the_frames) {
+    fake_stack stack;
+    stack.unknown_to_engine[0x150002000] = 0x150000000;
+    stack.system_knows_memory = false;
+    stack.steps = {{true, 0x140001010, 0, 0, 1}, {true, 0x150002010, 0, 0, 1}};
+    EXPECT_EQ(brief_module().text("FUN1").u64(0x1010).get(), stack.composed(report_kind::brief));
+}
+
+TEST(compose_report, memory_that_is_no_module_fails) {
+    fake_stack stack;
+    stack.unknown_to_engine[0x160002000] = 0x160000000; // code that was made at run time
+    stack.steps = {{true, 0x160002010, 0, 0, 0}};
+    corvo::stream::memory_file out;
+    try {
+        corvo::errorreport::compose_report(report_kind::brief, stack.what(), {}, out);
+        FAIL();
+    } catch (const pwrap::win_runtime_error& error) {
+        EXPECT_THAT(error.what(), testing::StartsWith("GetModuleFileNameW failed: "));
+        EXPECT_EQ(126U, error.number());
+    }
+}
+
+TEST(compose_report, notes_stand_before_the_frames_in_both_kinds) {
+    const std::vector<wchar_t> notes{L'a', L'\x10D', L'\0', L'b', L'\0'};
+    fake_stack stack;
+    auto expected = brief_head();
+    expected.text("DOOP").u32(5).u16('a').u16(0x10D).u16(0).u16('b').u16(0);
+    expected.text("MOD1").u32(11).units(L"lumaris.exe").u32(0x11223344).text("FUN1").u64(0x1010);
+    EXPECT_EQ(expected.get(), stack.composed(report_kind::brief, notes));
+
+    expected_report section;
+    section.text("DOOP").u32(5).u16('a').u16(0x10D).u16(0).u16('b').u16(0).text("MOD1");
+    fake_stack full;
+    const bytes report = full.composed(report_kind::full, notes);
+    EXPECT_NE(report.end(),
+              std::search(report.begin(), report.end(), section.get().begin(), section.get().end()));
+}
+
+TEST(compose_report, without_notes_there_is_no_notes_section) {
+    const bytes tag{'D', 'O', 'O', 'P'};
+    for (const report_kind kind : {report_kind::brief, report_kind::full}) {
+        fake_stack stack;
+        const bytes report = stack.composed(kind);
+        EXPECT_EQ(report.end(), std::search(report.begin(), report.end(), tag.begin(), tag.end()));
+    }
+}
+
+TEST(compose_report, more_parameters_than_a_record_holds_are_not_read) {
+    fake_stack stack;
+    stack.record().NumberParameters = 16;
+    const bytes report = stack.composed(report_kind::brief);
+    ASSERT_GT(report.size(), 26U);
+    EXPECT_EQ(15, report[22]);
+}
+
+TEST(compose_report, is_a_zlib_stream_at_the_best_compression) {
+    fake_stack stack;
+    corvo::stream::memory_file out;
+    corvo::errorreport::compose_report(report_kind::brief, stack.what(), {}, out);
+    ASSERT_GE(out.size(), 2U);
+    EXPECT_EQ(0x78, out.data()[0]);
+    EXPECT_EQ(0xDA, out.data()[1]);
+}
+
+class full_target : public corvo::stream::basic {
+public:
+    std::size_t write(const void*, std::size_t) override {
+        m_state = corvo::stream::state_t::fail;
+        ::SetLastError(ERROR_DISK_FULL);
+        return 0;
+    }
+};
+
+TEST(compose_report, a_target_that_fails_is_told_when_the_compression_is_finished) {
+    fake_stack stack;
+    full_target target;
+    try {
+        corvo::errorreport::compose_report(report_kind::full, stack.what(), {}, target);
+        FAIL();
+    } catch (const std::system_error& error) {
+        EXPECT_THAT(error.what(), testing::StartsWith("failed to flush compressed stream: "));
+        EXPECT_EQ(112, error.code().value());
+    }
+}
+
+} // namespace
