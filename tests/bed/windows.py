@@ -80,14 +80,17 @@ def available(architecture: str) -> str | None:
 class Windows:
     """Start it inside the private network; use it as a context manager."""
 
-    def __init__(self, architecture: str, network: PrivateNetwork, agent: Path) -> None:
+    def __init__(self, architecture: str, network: PrivateNetwork, agent: Path, *, display: str | None = None) -> None:
+        """`display` is the X server on which the programs' windows appear (bed/screen.py); without one no box is seen."""
         self.architecture = architecture
         self.network = network
-        self.folder = network.work / f"windows-{architecture}"
+        self.folder = network.work / (f"windows-{architecture}" + ("-on-display" if display else ""))
         self.prefix = self.folder / "prefix"
         self._agent_program = agent
         self._enter = ["chroot", str(ARM64_ROOM)] if architecture == "arm64" else []
         self._environment = _environment(architecture) | {"WINEPREFIX": str(self.prefix)}
+        if display:
+            self._environment["DISPLAY"] = display
         self._trace_path = self.folder / "trace.txt"
         self._output_path = self.folder / "output.txt"
         self._agent: subprocess.Popen[bytes] | None = None
@@ -190,6 +193,15 @@ class Windows:
                             tuple(traces.events(text)), tuple(traces.commands(text)), tuple(left),
                            self._output_path.read_text(encoding="utf-8", errors="replace"), text)
 
+    def begin(self, name: str, command_line: str) -> Started:
+        """Starts a program and does not wait for it. A name that is given again ends what was started with it before."""
+        self.ask("start", name, command_line, windows_path(self.folder / f"output-{name}.txt"))
+        return Started(self, name)
+
+    def set_environment(self, name: str, value: str) -> None:
+        """Sets an environment variable for the programs to come; an empty value removes it."""
+        self.ask("environment", name, value)
+
     def ask(self, *fields: str, limit: float = 30) -> list[str]:
         """Sends the agent one command and returns the fields of its answer."""
         answer = self._exchange(fields, limit)
@@ -260,6 +272,33 @@ class Windows:
     def message(self, module: str, entry: traces.Event, language: int = 1033) -> str:
         """The text that the event viewer would show, from the program's own message table."""
         return self.ask("message", module, f"{entry.id:x}", str(language), *entry.strings)[0]
+
+
+@dataclass(frozen=True)
+class Ended:
+    """How a started program ended."""
+
+    exit_code: int | None
+    """None when it had to be ended at its time limit."""
+    begin: float
+    end: float
+
+
+class Started:
+    """A program that runs while the bed does something else."""
+
+    def __init__(self, machine: Windows, name: str) -> None:
+        self._machine = machine
+        self._name = name
+
+    def wait(self, limit: float = 60) -> Ended:
+        """Waits for its end, which comes at the time limit at the latest. Once for each program."""
+        how, _, code, begin, end = self._machine.ask("wait", self._name, str(int(limit * 1000)), limit=limit + 30)
+        return Ended(int(code, 16) if how == "exited" else None, _seconds(begin), _seconds(end))
+
+    def kill(self) -> None:
+        """Ends it where it stands, as the task manager does."""
+        self._machine.ask("kill", self._name)
 
 
 def windows_path(path: Path) -> str:

@@ -12,6 +12,10 @@
 //                                      handles)
 //   settle MILLISECONDS                ok settled|ended {PID CODE BEGIN END IMAGE}...
 //                                      (what the last run left running; what is still there then, is ended)
+//   start NAME COMMANDLINE OUTPUT      ok PID   (like run, but does not wait; NAME is for the two below)
+//   wait NAME MILLISECONDS             ok exited|timeout PID CODE BEGIN END   (ends what is still there then)
+//   kill NAME                          ok   (the program, as it stands; its wait tells the rest)
+//   environment NAME VALUE             ok   (for the programs to come; an empty VALUE removes it)
 //   get KEY NAME                       ok TYPE BYTES
 //   set KEY NAME TYPE BYTES            ok
 //   delete-value KEY NAME              ok
@@ -148,6 +152,9 @@ public:
     ~process_tree() { end(); }
 
     fields run(DWORD limit, const std::string& command_line, const std::string& output);
+    fields start(const std::string& command_line, const std::string& output);
+    fields finish(ULONGLONG until);
+    fields kill();
     fields settle(DWORD limit);
 
 private:
@@ -216,8 +223,13 @@ bool process_tree::wait(ULONGLONG until, HANDLE main_process) {
 }
 
 fields process_tree::run(DWORD limit, const std::string& command_line, const std::string& output) {
-    end();
     const ULONGLONG until = GetTickCount64() + limit;
+    const fields started = start(command_line, output);
+    return started[0] == "ok" ? finish(until) : started;
+}
+
+fields process_tree::start(const std::string& command_line, const std::string& output) {
+    end();
     m_job = CreateJobObjectW(nullptr, nullptr);
     m_port = CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 1);
     JOBOBJECT_ASSOCIATE_COMPLETION_PORT association = {m_job, m_port};
@@ -253,14 +265,30 @@ fields process_tree::run(DWORD limit, const std::string& command_line, const std
     AssignProcessToJobObject(m_job, started.hProcess);
     ResumeThread(started.hThread);
     CloseHandle(started.hThread);
-    if (!wait(until, started.hProcess)) {
+    return {"ok", number(m_main)};
+}
+
+fields process_tree::finish(ULONGLONG until) {
+    const auto main_process = m_members.find(m_main);
+    if (main_process == m_members.end()) {
+        return error(ERROR_NOT_FOUND);
+    }
+    if (!wait(until, main_process->second)) {
         TerminateJobObject(m_job, 0xDEAD);
         return {"ok", "timeout", number(m_main), number(0), "0", "0"};
     }
     fields answer = {"ok", "exited", number(m_main)};
-    const fields ended = facts(started.hProcess);
+    const fields ended = facts(main_process->second);
     answer.insert(answer.end(), ended.begin(), ended.end());
     return answer;
+}
+
+fields process_tree::kill() {
+    const auto main_process = m_members.find(m_main);
+    if (main_process == m_members.end() || TerminateProcess(main_process->second, 0xDEAD) == 0) {
+        return error(main_process == m_members.end() ? ERROR_NOT_FOUND : GetLastError());
+    }
+    return {"ok"};
 }
 
 fields process_tree::settle(DWORD limit) {
@@ -400,15 +428,38 @@ void write_line(const std::string& line) {
               nullptr);
 }
 
-fields execute(process_tree& tree, const fields& command) {
+fields set_environment(const fields& command) {
+    const BOOL set = SetEnvironmentVariableW(to_wide(command[1]).c_str(),
+                                             command[2].empty() ? nullptr : to_wide(command[2]).c_str());
+    // Removing what is not there is what was asked for.
+    return set != 0 || command[2].empty() ? fields{"ok"} : error(GetLastError());
+}
+
+// `tree` is the one of `run`; those of `start` have names.
+fields execute(process_tree& tree, std::map<std::string, process_tree>& started, const fields& command) {
     const std::string& word = command[0];
     const std::size_t count = command.size();
-    const auto limit = [&] { return static_cast<DWORD>(std::strtoul(command[1].c_str(), nullptr, 10)); };
+    const auto milliseconds = [&](std::size_t index) {
+        return static_cast<DWORD>(std::strtoul(command[index].c_str(), nullptr, 10));
+    };
+    const auto limit = [&] { return milliseconds(1); };
     if (word == "run" && count == 4) {
         return tree.run(limit(), command[2], command[3]);
     }
     if (word == "settle" && count == 2) {
         return tree.settle(limit());
+    }
+    if (word == "start" && count == 4) {
+        return started[command[1]].start(command[2], command[3]);
+    }
+    if (word == "wait" && count == 3) {
+        return started[command[1]].finish(GetTickCount64() + milliseconds(2));
+    }
+    if (word == "kill" && count == 2) {
+        return started[command[1]].kill();
+    }
+    if (word == "environment" && count == 3) {
+        return set_environment(command);
     }
     if (word == "get" && count == 3) {
         return registry_get(command);
@@ -438,13 +489,14 @@ int main() {
     // hidden window starts one of its own, which outlives it by a second.
     GetDesktopWindow();
     process_tree tree;
+    std::map<std::string, process_tree> started;
     std::string line;
     while (read_line(line)) {
         const fields command = split(line);
         if (command[0] == "quit") {
             break;
         }
-        write_line(join(execute(tree, command)));
+        write_line(join(execute(tree, started, command)));
     }
     return 0;
 }
