@@ -1,0 +1,25 @@
+// What the crash programs share. Each is one tiny program with the error-report component in it that crashes in one way, so that
+// the test bed can see what becomes of that crash.
+//
+// A program defines crash() and waits_for_start_up; crash_program.cpp holds the entry point, which reads the command line:
+//
+//     crash_KIND.exe [--note TEXT]... [--moment FILE]
+//
+//     --note TEXT    notes this for the report; may be given again
+//     --moment FILE  writes the system time just before the crash there: 100 ns since 1601, in decimal digits
+//
+// A program whose crash() comes back ends with exit code 0, one that is called wrongly with 2.
+#pragma once
+
+namespace crash_program {
+
+// Whether the entry point lets the sending of earlier reports end before it crashes.
+extern const bool waits_for_start_up;
+
+// Crashes. The functions on the way to the crash are no copies of one another, are not inlined and end by returning, so
+// that each of them is a frame of the report under its own name.
+void crash();
+
+} // namespace crash_program
+
+#define CRASH_FRAME [[gnu::noinline, clang::disable_tail_calls]]
