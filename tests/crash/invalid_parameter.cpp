@@ -2,14 +2,14 @@
 
 #include "tests/crash/crash_program.h"
 
-#include <cstring>
+#include <cstdio>
 
 namespace {
 
-char* volatile nothing = nullptr;
+std::FILE* volatile nothing = nullptr;
 
 CRASH_FRAME void innermost() {
-    ::_strlwr_s(nothing, 10);
+    std::fclose(nothing);
 }
 
 CRASH_FRAME void middle() {

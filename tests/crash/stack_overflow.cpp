@@ -8,8 +8,6 @@ volatile int depth = 0;
 volatile bool ends = false;
 
 CRASH_FRAME void innermost() {
-    volatile char room[1000];
-    room[depth % 1000] = 0;
     depth = depth + 1;
     if (!ends) {
         innermost();
