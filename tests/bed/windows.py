@@ -198,6 +198,12 @@ class Windows:
         self.ask("start", name, command_line, windows_path(self.folder / f"output-{name}.txt"))
         return Started(self, name)
 
+    def boxes(self) -> list[Box]:
+        """The message boxes that can be seen."""
+        answer = self.ask("boxes", limit=60)
+        return [Box(answer[at], answer[at + 1], tuple(answer[at + 2].replace("&", "").split("|")))
+                for at in range(0, len(answer), 3)]
+
     def set_environment(self, name: str, value: str) -> None:
         """Sets an environment variable for the programs to come; an empty value removes it."""
         self.ask("environment", name, value)
@@ -272,6 +278,15 @@ class Windows:
     def message(self, module: str, entry: traces.Event, language: int = 1033) -> str:
         """The text that the event viewer would show, from the program's own message table."""
         return self.ask("message", module, f"{entry.id:x}", str(language), *entry.strings)[0]
+
+
+@dataclass(frozen=True)
+class Box:
+    """A message box."""
+
+    title: str
+    text: str
+    buttons: tuple[str, ...]
 
 
 @dataclass(frozen=True)

@@ -21,6 +21,8 @@
 //   delete-value KEY NAME              ok
 //   delete-key KEY                     ok
 //   expand TEXT                        ok TEXT
+//   boxes                              ok {TITLE TEXT BUTTONS}...   (message boxes that can be seen; their
+//                                      buttons are separated by "|")
 //   message MODULE ID LANGUAGE {INSERT}...   ok TEXT
 //   quit
 //
@@ -428,6 +430,49 @@ void write_line(const std::string& line) {
               nullptr);
 }
 
+// Asks a window of another program for its text, which may not answer.
+std::string text_of(HWND window) {
+    wchar_t text[8192];
+    DWORD_PTR length = 0;
+    const auto size = static_cast<WPARAM>(std::size(text));
+    const LRESULT answered = SendMessageTimeoutW(window, WM_GETTEXT, size, reinterpret_cast<LPARAM>(text),
+                                                 SMTO_ABORTIFHUNG, 5000, &length);
+    return answered == 0 ? std::string() : to_utf8({text, length});
+}
+
+std::string class_of(HWND window) {
+    wchar_t name[64];
+    const int length = GetClassNameW(window, name, static_cast<int>(std::size(name)));
+    return to_utf8({name, static_cast<std::size_t>(length)});
+}
+
+BOOL CALLBACK add_part(HWND part, LPARAM answer) {
+    auto& box = *reinterpret_cast<fields*>(answer);
+    const std::string kind = class_of(part);
+    if (kind == "Button" && IsWindowVisible(part) != 0) {
+        box[2] += (box[2].empty() ? "" : "|") + text_of(part);
+    } else if (kind == "Static" && IsWindowVisible(part) != 0) { // the icon's text is empty
+        box[1] += text_of(part);
+    }
+    return TRUE;
+}
+
+BOOL CALLBACK add_box(HWND window, LPARAM answer) {
+    if (IsWindowVisible(window) != 0 && class_of(window) == "#32770") {
+        fields box = {text_of(window), "", ""};
+        EnumChildWindows(window, add_part, reinterpret_cast<LPARAM>(&box));
+        auto& all = *reinterpret_cast<fields*>(answer);
+        all.insert(all.end(), box.begin(), box.end());
+    }
+    return TRUE;
+}
+
+fields boxes() {
+    fields answer = {"ok"};
+    EnumWindows(add_box, reinterpret_cast<LPARAM>(&answer));
+    return answer;
+}
+
 fields set_environment(const fields& command) {
     const BOOL set = SetEnvironmentVariableW(to_wide(command[1]).c_str(),
                                              command[2].empty() ? nullptr : to_wide(command[2]).c_str());
@@ -475,6 +520,9 @@ fields execute(process_tree& tree, std::map<std::string, process_tree>& started,
     }
     if (word == "expand" && count == 2) {
         return expand(command);
+    }
+    if (word == "boxes" && count == 1) {
+        return boxes();
     }
     if (word == "message" && count >= 4) {
         return message(command);

@@ -1,0 +1,100 @@
+"""Reports as `read_report` reads them: a reader of its own, which shares no code with what writes them."""
+
+from __future__ import annotations
+
+import json
+import subprocess
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any
+
+from .errors import BedError
+
+
+@dataclass(frozen=True)
+class Record:
+    """One exception record."""
+
+    code: int
+    flags: int
+    address: int
+    parameters: tuple[int, ...]
+
+
+@dataclass(frozen=True)
+class Frame:
+    """One frame, from the fault outward."""
+
+    module: str
+    offset: int
+    function: str | None
+    """Its name, where the module's PDB was given; without the namespace and the parameters."""
+    stack: bytes
+    """Full reports only; empty where the report has none."""
+
+
+@dataclass(frozen=True)
+class Report:
+    """One report."""
+
+    kind: str
+    machine: str
+    records: tuple[Record, ...]
+    has_context: bool
+    notes: tuple[str, ...]
+    frames: tuple[Frame, ...]
+
+    @property
+    def code(self) -> int:
+        """The exception code of the crash."""
+        return self.records[0].code
+
+    def functions(self, module: str) -> list[str]:
+        """The functions of a module that have a name, innermost first."""
+        return [each.function for each in self.frames if each.module == module and each.function]
+
+
+class Reader:
+    """Reads reports with a built `read_report`."""
+
+    def __init__(self, program: Path, work: Path) -> None:
+        self._program = program
+        self._file = work / "report-to-read"
+
+    def read(self, body: bytes, *, pdb: Path | None = None) -> Report:
+        """Reads a report; one that is damaged in any way fails."""
+        found = json.loads(self._run(body, pdb, "--json"))
+        if isinstance(found, list):
+            (found,) = found
+        return _report(found)
+
+    def text(self, body: bytes, *, pdb: Path | None = None) -> str:
+        """The report as people read it."""
+        return self._run(body, pdb)
+
+    def _run(self, body: bytes, pdb: Path | None, *options: str) -> str:
+        self._file.write_bytes(body)
+        named = ["--pdb", str(pdb)] if pdb else []
+        done = subprocess.run([str(self._program), str(self._file), *options, *named], capture_output=True,
+                              text=True, timeout=120, check=False)
+        if done.returncode != 0:
+            raise BedError(f"read_report ended with {done.returncode}: {done.stderr.strip() or done.stdout.strip()}")
+        return done.stdout
+
+
+def _report(found: dict[str, Any]) -> Report:
+    records = tuple(Record(each["code"], each["flags"], each["address"], tuple(each["parameters"]))
+                    for each in found["records"])
+    frames = tuple(Frame(each["module"], each["offset"], _plain_name(each.get("function")),
+                         bytes.fromhex(each["stack"]["bytes"]) if each.get("stack") else b"")
+                   for each in found["frames"])
+    return Report(found["kind"], found["machine"], records, found["context"] is not None,
+                  tuple(found["notes"] or ()), frames)
+
+
+def _plain_name(name: str | None) -> str | None:
+    """`(anonymous namespace)::middle(int)` is `middle`."""
+    if not name:
+        return None
+    plain = name.replace("(anonymous namespace)", "").replace("`anonymous namespace'", "")
+    return plain.split("(")[0].split("::")[-1].strip() or name
