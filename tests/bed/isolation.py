@@ -12,6 +12,8 @@ import os
 import shutil
 import subprocess
 import tempfile
+from collections.abc import Iterator
+from contextlib import contextmanager
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -31,6 +33,7 @@ GATEWAY_ADDRESS = "10.77.0.2"
 
 _CLONE_NEWNS = 0x00020000
 _CLONE_NEWNET = 0x40000000
+_MS_RDONLY = 0x1
 _MS_BIND = 0x1000
 _MS_REC = 0x4000
 _MS_PRIVATE = 1 << 18
@@ -61,6 +64,23 @@ class PrivateNetwork:
             bundle = room / "etc/ssl/certs/ca-certificates.crt"
             text = bundle.read_text(encoding="ascii") if bundle.exists() else ""
             _bind_text(self.work, bundle, text + "\n" + certificate.read_text(encoding="ascii"))
+
+    @contextmanager
+    def small_disk(self, name: str, size: int, *, read_only: bool = False) -> Iterator[Path]:
+        """A folder in the working folder that is a disk of its own: of so many bytes, or one that cannot be written."""
+        folder = self.work / name
+        folder.mkdir()
+        places = [Path(f"{room}{folder}") if room != Path("/") else folder for room in self.rooms]
+        flags = _MS_RDONLY if read_only else 0
+        _mount("tmpfs", folder, kind="tmpfs", flags=flags, options=f"size={size}")
+        for place in places[1:]:
+            _mount(str(folder), place, flags=_MS_BIND)
+        try:
+            yield folder
+        finally:
+            for place in reversed(places):
+                _LIBC.umount2(os.fsencode(place), _MNT_DETACH)
+            folder.rmdir()
 
 
 def enter() -> PrivateNetwork:
@@ -106,8 +126,9 @@ def _command(*arguments: str) -> None:
         raise BedError(f"{' '.join(arguments)}: {done.stderr.strip()}")
 
 
-def _mount(source: str, target: Path, *, kind: str = "none", flags: int = 0) -> None:
-    if _LIBC.mount(os.fsencode(source), os.fsencode(target), kind.encode(), ctypes.c_ulong(flags), None) != 0:
+def _mount(source: str, target: Path, *, kind: str = "none", flags: int = 0, options: str | None = None) -> None:
+    data = options.encode() if options else None
+    if _LIBC.mount(os.fsencode(source), os.fsencode(target), kind.encode(), ctypes.c_ulong(flags), data) != 0:
         raise BedError(f"cannot mount {source} on {target}: {os.strerror(ctypes.get_errno())}")
 
 

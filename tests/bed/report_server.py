@@ -38,7 +38,7 @@ class Answer:
     hold_at: str | None = None
     """Goes no further than this stage until `release`, or until the program has gone away."""
     cut_at: str | None = None
-    """Cuts the connection at this stage; at "replied" in the middle of the reply."""
+    """Cuts the connection at this stage. For both, "replied" is in the middle of the reply."""
     wait: float = 0
     """Seconds before the reply."""
 
@@ -189,7 +189,7 @@ class ReportServer:
 
     async def _reply(self, received: Received, answer: Answer, request: web.BaseRequest) -> web.StreamResponse:
         reason = "Retry With" if answer.status == 449 else None
-        if answer.cut_at == REPLIED:
+        if REPLIED in (answer.cut_at, answer.hold_at):
             cut = web.StreamResponse(status=answer.status, reason=reason, headers={"Content-Type": answer.content_type})
             cut.content_length = len(answer.body) + 1
             await cut.prepare(request)

@@ -21,6 +21,7 @@ APPROACHING_DATA_LIMIT = 0x80000
 _LIST_MANAGER = "HKLM\\Software\\Classes\\CLSID\\{DCB00C01-570F-4A9B-8D69-199FDBA5723B}\\InprocServer32"
 _ANSWERS = "HKLM\\Software\\LumarisTestBed"
 _CONNECTIONS = "HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Internet Settings\\Connections"
+_BLIND_ACCESS = "HKCU\\Control Panel\\Accessibility\\Blind Access"
 _VERSION = "HKLM\\Software\\Microsoft\\Windows NT\\CurrentVersion"
 
 
@@ -65,3 +66,8 @@ def set_version(windows: Windows, major: int, minor: int, build: int) -> None:
     windows.set_value(_VERSION, "CurrentVersion", f"{major}.{minor}" if major < 10 else "6.3")
     windows.set_value(_VERSION, "CurrentBuild", str(build), REG_SZ)
     windows.set_value(_VERSION, "CurrentBuildNumber", str(build), REG_SZ)
+
+
+def set_screen_reader(windows: Windows, running: bool) -> None:
+    """Whether programs are told that a screen reader runs. They ask each time, so it takes effect at once."""
+    windows.set_value(_BLIND_ACCESS, "On", "1" if running else "0", REG_SZ)

@@ -15,12 +15,18 @@ import pytest
 TREE = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(TREE / "tests"))
 
-pytest.register_assert_rewrite("world")
+pytest.register_assert_rewrite("world", "crash_world")
 
 from bed import certificates, isolation, settings, windows  # noqa: E402  (the path to it is set above)
 from bed.http_server import ScriptedServer  # noqa: E402
+from bed.report_server import make_report_server  # noqa: E402
+from bed.reports import Reader  # noqa: E402
+from bed.screen import Screen  # noqa: E402
 from bed.signing import KeyPair  # noqa: E402
+from crash_world import CrashBed, CrashWorld  # noqa: E402
 from world import Bed, World  # noqa: E402
+
+READER = TREE / "build/native-asan/tools/report_reader/read_report"
 
 # A test that takes longer hangs. Emulated programs start ten times as slowly.
 TIME_LIMIT = {"x64": 60, "arm64": 180}
@@ -56,11 +62,16 @@ def pytest_runtest_protocol(item: pytest.Item) -> Iterator[None]:
         signal.signal(signal.SIGALRM, before)
 
 
+def _build_of(request: pytest.FixtureRequest) -> Path:
+    architecture = request.config.getoption("--arch")
+    return Path(request.config.getoption("--build") or TREE / f"build/{architecture}-test").resolve()
+
+
 @pytest.fixture(scope="session")
 def bed(request: pytest.FixtureRequest) -> Iterator[Bed]:
     """Everything that is made once."""
     architecture = request.config.getoption("--arch")
-    build = Path(request.config.getoption("--build") or TREE / f"build/{architecture}-test").resolve()
+    build = _build_of(request)
     if reason := windows.available(architecture):
         pytest.exit(reason, returncode=3)
     for name in ("updater/lumaris.exe", "tests/bed/windows/agent.exe", "tests/bed/windows/list_manager.dll"):
@@ -91,4 +102,38 @@ def world(bed: Bed) -> Iterator[World]:
     fresh = World(bed)
     fresh.clean()
     with fresh:
+        yield fresh
+
+
+@pytest.fixture(scope="session")
+def crash_bed(request: pytest.FixtureRequest, bed: Bed) -> Iterator[CrashBed]:
+    """What the tests of crashes need on top of the bed."""
+    programs = _build_of(request) / "tests/crash"
+    for needed in (READER, programs / "crash_none.exe"):
+        if not needed.exists():
+            pytest.exit(f"{needed} is missing: it has not been built", returncode=3)
+    with make_report_server(bed.network, bed.authority) as server:
+        yield CrashBed(bed.network, server, Reader(READER, bed.network.work), programs)
+
+
+@pytest.fixture
+def crashes(bed: Bed, crash_bed: CrashBed) -> Iterator[CrashWorld]:
+    """A Windows without a screen, for programs that crash unseen."""
+    with CrashWorld(crash_bed, bed.machine) as fresh:
+        yield fresh
+
+
+@pytest.fixture(scope="session")
+def desktop(request: pytest.FixtureRequest, bed: Bed) -> Iterator[tuple[windows.Windows, Screen]]:
+    """A second Windows, on a screen of its own."""
+    agent = _build_of(request) / "tests/bed/windows/agent.exe"
+    with Screen(bed.network.work) as screen, \
+            windows.Windows(bed.machine.architecture, bed.network, agent, display=screen.display) as machine:
+        yield machine, screen
+
+
+@pytest.fixture
+def watched(crash_bed: CrashBed, desktop: tuple[windows.Windows, Screen]) -> Iterator[CrashWorld]:
+    """A Windows with a screen, for programs that tell somebody about their crash."""
+    with CrashWorld(crash_bed, *desktop) as fresh:
         yield fresh
