@@ -82,6 +82,9 @@ LONG WINAPI unhandled_exception_filter(EXCEPTION_POINTERS* exception) {
 }
 
 void on_abort(int) {
+    std::signal(
+        SIGABRT,
+        on_abort); // used up by the call, and another thread may abort while this one is being reported
     raise(abort_called);
 }
 

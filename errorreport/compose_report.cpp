@@ -52,7 +52,7 @@ DWORD64 module_base(HANDLE process, DWORD64 address) noexcept {
         return base;
     }
     MEMORY_BASIC_INFORMATION
-        memory{}; // the symbol engine may know nothing: it is not there, or the module came later
+    memory{}; // the symbol engine may know nothing: it is not there, or the module came later
     return query(address, memory) ? reinterpret_cast<DWORD64>(memory.AllocationBase) : 0;
 }
 

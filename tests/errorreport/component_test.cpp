@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <system_error>
 
@@ -281,6 +282,39 @@ TEST_F(installing, without_a_start_up_thread_main_does_not_wait) {
     calls.clear();
     subject.wait_for_start_up_thread();
     EXPECT_EQ(strings(), calls);
+}
+
+// What a handler raises, caught instead of the filter. C++ exceptions are raised by the same function and go through.
+struct raised {
+    DWORD code;
+    DWORD flags;
+    DWORD parameters;
+
+    static raised by(const std::function<void()>& handler) {
+        std::optional<raised> seen;
+        const support::script raise(support::RaiseException,
+                                    [&](DWORD code, DWORD flags, DWORD count, const ULONG_PTR* parameters) {
+                                        if (code >> 16 != 0xE054) {
+                                            support::RaiseException.real(code, flags, count, parameters);
+                                            return;
+                                        }
+                                        seen = raised{code, flags, count};
+                                        throw std::runtime_error("not to come back");
+                                    });
+        EXPECT_THROW(handler(), std::runtime_error);
+        return seen.value_or(raised{});
+    }
+    bool operator==(const raised&) const = default;
+};
+
+TEST_F(installing, makes_exceptions_of_what_is_none) {
+    subject.install();
+    EXPECT_EQ((raised{0xE0544D01, EXCEPTION_NONCONTINUABLE, 0}), raised::by(std::get_terminate()));
+    EXPECT_EQ((raised{0xE0544D03, EXCEPTION_NONCONTINUABLE, 0}),
+              raised::by([] { ::_get_invalid_parameter_handler()(nullptr, nullptr, nullptr, 0, 0); }));
+    const auto abort = std::signal(SIGABRT, SIG_DFL);
+    EXPECT_EQ((raised{0xE0544D02, EXCEPTION_NONCONTINUABLE, 0}), raised::by([&] { abort(SIGABRT); }));
+    EXPECT_EQ(abort, std::signal(SIGABRT, abort)) << "a second thread's abort would end the process at once";
 }
 
 using crashing = installing;
