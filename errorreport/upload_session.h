@@ -23,7 +23,7 @@ public:
 
     // Sends what `report` holds from its position to its end, as it stands, and returns the HTTP status code, whatever it is.
     // The reply's text is in reply_text() then; a text that cannot be decoded makes it empty and puts the reason into
-    // `reception_failure`, since the report itself has arrived.
+    // `reception_failure`, since the report itself has arrived. Without such a failure that one is empty.
     //
     // Throws what webio::post_chunked_request throws, and std::runtime_error for a reply that is not plain text: that one is
     // saved as Odgovor.html in the temporary folder, and shown where a user can see it.

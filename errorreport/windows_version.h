@@ -10,7 +10,7 @@ namespace corvo::errorreport {
 const char* windows_version_name(std::uint32_t major, std::uint32_t minor, std::uint32_t build) noexcept;
 
 #ifdef _WIN32
-// The name of the system that the program runs on, found once during static initialisation.
+// The name of the system that the program runs on, found once during static initialisation, or at the first call before that.
 const char* running_windows_version() noexcept;
 #endif
 
