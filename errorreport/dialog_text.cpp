@@ -4,6 +4,8 @@
 #include "errorreport/formatting.h"
 #include "errorreport/resource_string.h"
 #include "platform/errors.h"
+#include "platform/format.h"
+#include "platform/text.h"
 
 #include <algorithm>
 #include <limits>
@@ -72,12 +74,18 @@ void dialog_text::add_saved() {
     m_text += load(IDS_ZEPHOLD_SHRANJEVANJE, "LoadString(IDS_ZEPHOLD_SHRANJEVANJE) failed");
 }
 
+// Formatted in UTF-8 as a whole. In a wide text the runtime takes a narrow string (%hs) apart by bytes or by characters, depending on
+// whose runtime it is, even in a UTF-8 locale: under Wine no letter beyond ASCII survives.
 void dialog_text::add_not_saved(const char* reason) {
     const std::wstring failure =
         load(IDS_ZEPHOLD_SHRANJEVANJE_NAPAKA, "LoadString(IDS_ZEPHOLD_SHRANJEVANJE_NAPAKA) failed");
-    std::wstring piece;
-    format(piece, failure.c_str(), reason);
-    m_text += piece;
+    std::string failure_utf8;
+    pwrap::wide_to_utf8(failure, failure_utf8);
+    std::string piece;
+    pwrap::sprintf(piece, failure_utf8.c_str(), reason);
+    std::wstring wide_piece;
+    pwrap::utf8_to_wide(piece, wide_piece);
+    m_text += wide_piece;
 }
 
 void dialog_text::add_end() {

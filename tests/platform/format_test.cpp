@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <locale.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <vector>
 
@@ -32,6 +35,20 @@ std::wstring wide(const wchar_t* format, ...) {
     std::wstring text = L"what was there before";
     const int length = pwrap::vsprintf(text, format, arguments);
     va_end(arguments);
+    EXPECT_EQ(static_cast<int>(text.size()), length);
+    return text;
+}
+
+// The same in a locale.
+std::wstring wide_in(_locale_t locale, const wchar_t* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    std::wstring text = L"what was there before";
+    struct closer {
+        std::va_list& list;
+        ~closer() { va_end(list); }
+    } const end{arguments};
+    const int length = pwrap::vsprintf(text, format, locale, arguments);
     EXPECT_EQ(static_cast<int>(text.size()), length);
     return text;
 }
@@ -255,4 +272,57 @@ TEST(format, formats_512_characters_again_whatever_the_runtime_library_says) {
         EXPECT_EQ(text, with_answers({{first, 0, nullptr}, {512, 0, nullptr}, {512, 0, text.c_str()}}, made));
         EXPECT_EQ((calls{{512, true}, {0, false}, {513, true}}), made);
     }
+}
+
+TEST(format, takes_the_code_page_of_narrow_strings_from_the_given_locale) {
+    struct freed {
+        _locale_t made;
+        ~freed() { ::_free_locale(made); }
+    };
+    const freed eastern{::_create_locale(LC_ALL, ".1250")};
+    EXPECT_EQ(L"<\x010D>", wide_in(eastern.made, L"<%hs>", "\xE8"));
+    EXPECT_EQ(L"<\x00E8>", wide_in(nullptr, L"<%hs>", "\xE8"));
+    EXPECT_EQ(std::wstring(600, L'\x010D'), wide_in(eastern.made, L"%hs", std::string(600, '\xE8').c_str()));
+}
+
+TEST(format, gives_the_locale_to_each_call_of_the_runtime_library) {
+    const auto locale = reinterpret_cast<_locale_t>(0x1234);
+    std::vector<_locale_t> given;
+    std::wstring text;
+    {
+        const support::script library(support::__stdio_common_vswprintf,
+                                      [&](unsigned __int64, wchar_t* buffer, std::size_t size, const wchar_t*,
+                                          _locale_t used, std::va_list) {
+                                          given.push_back(used);
+                                          if (buffer != nullptr && size > 512) {
+                                              std::fill_n(buffer, 600, L'x');
+                                          }
+                                          return given.size() == 1 ? -1 : 600;
+                                      });
+        errno = 0;
+        text = wide_in(locale, L"%hs", "");
+    }
+    EXPECT_EQ(std::wstring(600, L'x'), text);
+    EXPECT_EQ((std::vector<_locale_t>{locale, locale, locale}), given);
+}
+
+TEST(format, words_the_failures_of_the_form_with_a_locale_alike) {
+    const auto locale = reinterpret_cast<_locale_t>(0x1234);
+    const auto thrown = [&](int number) -> std::string {
+        const support::script library(
+            support::__stdio_common_vswprintf,
+            [&](unsigned __int64, wchar_t*, std::size_t, const wchar_t*, _locale_t, std::va_list) {
+                errno = number;
+                return -1;
+            });
+        try {
+            wide_in(locale, L"%hs", "x");
+        } catch (const std::exception& error) {
+            return error.what();
+        }
+        return "nothing";
+    };
+    EXPECT_EQ("invalid vsnprintf arguments", thrown(22));
+    EXPECT_EQ("encoding error", thrown(42));
+    EXPECT_EQ("failed to format string", thrown(34));
 }

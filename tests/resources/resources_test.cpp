@@ -1,6 +1,7 @@
 // The program's resources, read from the built program by way of the system, as the event viewer and the
 // loader do.
 #include "platform/system_strings.h"
+#include "tests/support/string_table.h"
 
 #include <windows.h>
 
@@ -74,6 +75,57 @@ protected:
 
 private:
     mutable std::vector<unsigned char> m_version;
+};
+
+struct dialog_string {
+    UINT id;
+    std::wstring english;
+    std::wstring slovenian;
+    std::wstring albanian; // with the partner of the test builds
+};
+
+const dialog_string dialog_strings[] = {
+    {28656, L"en", L"sl", L"sq"},
+    {28657, L"Unexpected Error", L"Nepričakovana napaka", L"Gabim i papritur"},
+    {28658, L"Unexpected error occurred while executing »%.*ls« programme or one of its modules.",
+     L"Med izvajanjem programa »%.*ls« je v njem ali enemu izmed njegovih modulov prišlo do nepričakovane "
+     L"napake.",
+     L"Gjatë ekzekutimit të programit »%.*ls« ndodhi një gabim i papritur në të ose në një nga modulet e "
+     L"tij."},
+    {28659,
+     L"The programme will send an error report to Tavrin server now. May it attach the following text to "
+     L"help development personnel resolve the issue a lot?",
+     L"Program bo zdaj poslal poročilo o napaki Tavrinovemu strežniku. Mu sme priložiti tudi spodnje "
+     L"besedilo, ki bi razvojnemu osebju zelo pomagalo pri odpravi napake?",
+     L"Programi do të dërgojë tani një raport gabimi te serveri i kompanisë Partneri \"Provë\" 100%. A mund "
+     L"të shtojë në të edhe tekstin e mëposhtëm, që do ta ndihmonte shumë ekipin e zhvillimit në zgjidhjen e "
+     L"problemit?"},
+    {28661, L"The programme sent technical error report to Tavrin server, which replied with:\n\n%.*ls",
+     L"Program je tehnično poročilo o napaki poslal Tavrinovemu strežniku, ki je vrnil naslednji "
+     L"odgovor:\n\n%.*ls",
+     L"Programi e dërgoi raportin teknik të gabimit te serveri i kompanisë Partneri \"Provë\" 100%%, i cili "
+     L"dha këtë përgjigje:\n\n%.*ls"},
+    {28662,
+     L"The programme sent technical error report to Tavrin server. However, the following issue occurred "
+     L"during the receiving:\n\n%.*ls",
+     L"Program je tehnično poročilo o napaki poslal Tavrinovemu strežniku, a je pri sprejemu prišlo do "
+     L"naslednje težave:\n\n%.*ls",
+     L"Programi e dërgoi raportin teknik të gabimit te serveri i kompanisë Partneri \"Provë\" 100%%, por "
+     L"gjatë marrjes së tij ndodhi problemi i mëposhtëm:\n\n%.*ls"},
+    {28663, L"The programme tried to send technical error report to Tavrin Server, but failed unfortunately.",
+     L"Program je skušal poslati tehnično poročilo o napaki Tavrinovemu strežniku, a mu to žal ni uspelo.",
+     L"Programi u përpoq ta dërgonte raportin teknik të gabimit te serveri i kompanisë Partneri \"Provë\" "
+     L"100%, por fatkeqësisht nuk ia doli."},
+    {28664, L"It saved the error report to a file successfully and shall send it at its next start.",
+     L"Poročilo o napaki je uspešno shranil v datoteko in ga bo poskusil poslati ob svojem naslednjem "
+     L"zagonu.",
+     L"Ai e ruajti me sukses raportin e gabimit në një skedar dhe do ta dërgojë gjatë nisjes së ardhshme."},
+    {28665, L"It tried to save the error report to a file. However, this failed too: %hs",
+     L"Poročilo o napaki je poskusil shraniti v datoteko, a mu tudi to ni uspelo: %hs",
+     L"Ai u përpoq ta ruante raportin e gabimit në një skedar, por edhe kjo dështoi: %hs"},
+    {28666, L"We sincerely apologize for the inconvenience. The programme will now close.",
+     L"Za nevšečnosti se vam iskreno opravičujemo. Program se bo zdaj zaprl.",
+     L"Ju kërkojmë sinqerisht ndjesë për shqetësimin. Programi tani do të mbyllet."},
 };
 
 constexpr DWORD english = 1033;
@@ -169,6 +221,34 @@ TEST_F(resources, demand_an_administrator) {
               manifest.find("<requestedExecutionLevel level=\"requireAdministrator\" uiAccess=\"false\"/>"));
     EXPECT_NE(std::string::npos, manifest.find("version=\"3.4.0.0\""));
     EXPECT_TRUE(manifest.ends_with("</assembly>\n"));
+}
+
+// Read from the program, and from the test program, which gets them the same way.
+TEST_F(resources, have_the_texts_of_the_error_reporting_in_three_languages) {
+    for (const HMODULE module : {m_program, ::GetModuleHandleW(nullptr)}) {
+        for (const dialog_string& each : dialog_strings) {
+            EXPECT_EQ(each.english, support::string_of(module, each.id, support::english));
+            EXPECT_EQ(each.slovenian, support::string_of(module, each.id, support::slovenian));
+            EXPECT_EQ(each.albanian, support::string_of(module, each.id, support::albanian));
+        }
+    }
+}
+
+TEST_F(resources, have_no_other_texts) {
+    for (const WORD language : {support::english, support::slovenian, support::albanian}) {
+        for (const UINT id : {28660U, 28667U, 28668U, 28669U, 28670U, 28671U}) {
+            EXPECT_EQ(L"", support::string_of(m_program, id, language)) << id << ' ' << language;
+        }
+    }
+    std::vector<std::size_t> blocks;
+    ::EnumResourceNamesW(
+        m_program, MAKEINTRESOURCEW(6),
+        [](HMODULE, const wchar_t*, wchar_t* name, LONG_PTR list) -> BOOL {
+            reinterpret_cast<std::vector<std::size_t>*>(list)->push_back(reinterpret_cast<std::size_t>(name));
+            return TRUE;
+        },
+        reinterpret_cast<LONG_PTR>(&blocks));
+    EXPECT_EQ((std::vector<std::size_t>{1792}), blocks); // 28656 to 28671
 }
 
 // The numbers 11 and 24 say what the resources are; under names of their own nothing finds them.

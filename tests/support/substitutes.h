@@ -39,6 +39,7 @@ extern "C" __declspec(dllimport) void NTAPI RtlGetNtVersionNumbers(ULONG* major,
     X("ole32.dll", CoTaskMemFree)           X("shell32.dll", ShellExecuteW)                                            \
     X("shell32.dll", CommandLineToArgvW)    X("user32.dll", GetProcessWindowStation)                                   \
     X("user32.dll", GetUserObjectInformationW)    X("ntdll.dll", RtlGetNtVersionNumbers)                               \
+    X("user32.dll", LoadStringW)            X("user32.dll", MessageBoxIndirectW)   X("user32.dll", SystemParametersInfoW)\
     X("winhttp.dll", WinHttpOpen)           X("winhttp.dll", WinHttpSetTimeouts)   X("winhttp.dll", WinHttpConnect)    \
     X("winhttp.dll", WinHttpOpenRequest)    X("winhttp.dll", WinHttpCloseHandle)   X("winhttp.dll", WinHttpSetOption)  \
     X("winhttp.dll", WinHttpSetStatusCallback) X("winhttp.dll", WinHttpAddRequestHeaders)                              \
@@ -47,6 +48,8 @@ extern "C" __declspec(dllimport) void NTAPI RtlGetNtVersionNumbers(ULONG* major,
     X("kernel32.dll", CreateMutexW)         X("kernel32.dll", RaiseException)                                          \
     X("kernel32.dll", SetUnhandledExceptionFilter) X("kernel32.dll", VirtualQuery) X("kernel32.dll", IsBadCodePtr)     \
     X("dbghelp.dll", StackWalk64)           X("dbghelp.dll", SymGetModuleBase64)   X("dbghelp.dll", ImageNtHeader)     \
+    X("dbghelp.dll", SymGetOptions)         X("dbghelp.dll", SymSetOptions)        X("dbghelp.dll", SymInitialize)     \
+    X("dbghelp.dll", SymCleanup)                                                                                       \
     X("winhttp.dll", WinHttpReadData)       X("winhttp.dll", WinHttpWriteData)     X("winhttp.dll", WinHttpQueryDataAvailable)
 
 // Functions whose headers do not declare them as imported, so that everything calls them without an import pointer: the

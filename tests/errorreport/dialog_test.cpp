@@ -1,0 +1,141 @@
+#include "errorreport/dialog.h"
+
+#include "tests/support/substitutes.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+using corvo::errorreport::ask_user;
+using corvo::errorreport::shows_dialogs;
+using corvo::errorreport::tell_user;
+
+namespace {
+
+// Stands in for the system's message box, and gives one answer.
+class message_box {
+public:
+    explicit message_box(int answer) : m_answer(answer) {}
+
+    struct shown {
+        MSGBOXPARAMSW parameters;
+        std::wstring text;
+    };
+    std::vector<shown> boxes;
+
+private:
+    int m_answer;
+    support::script<decltype(::MessageBoxIndirectW)> m_script{
+        support::MessageBoxIndirectW, [this](const MSGBOXPARAMSW* parameters) {
+            boxes.push_back({*parameters, parameters->lpszText});
+            return m_answer;
+        }};
+};
+
+// Stands in for the system's parameters.
+class screen_reader {
+public:
+    screen_reader(BOOL succeeds, BOOL runs) : m_succeeds(succeeds), m_runs(runs) {}
+
+    int asked = 0;
+
+private:
+    BOOL m_succeeds;
+    BOOL m_runs;
+    support::script<decltype(::SystemParametersInfoW)> m_script{
+        support::SystemParametersInfoW, [this](UINT action, UINT parameter, void* value, UINT change) {
+            EXPECT_EQ(70U, action);
+            EXPECT_EQ(0U, parameter);
+            EXPECT_EQ(0U, change);
+            ++asked;
+            *static_cast<BOOL*>(value) = m_runs;
+            return m_succeeds;
+        }};
+};
+
+} // namespace
+
+TEST(dialog, is_shown_to_a_user_without_a_screen_reader) {
+    EXPECT_TRUE(shows_dialogs(true, false));
+    EXPECT_TRUE(shows_dialogs(true, std::nullopt));
+    EXPECT_FALSE(shows_dialogs(true, true)); // this is meant
+    EXPECT_FALSE(shows_dialogs(false, false));
+    EXPECT_FALSE(shows_dialogs(false, std::nullopt));
+    EXPECT_FALSE(shows_dialogs(false, true));
+}
+
+TEST(dialog, is_skipped_where_the_system_reports_a_screen_reader) {
+    const screen_reader reader(TRUE, TRUE);
+    EXPECT_FALSE(shows_dialogs());
+    EXPECT_EQ(1, reader.asked);
+}
+
+TEST(dialog, is_shown_where_the_system_reports_none) {
+    const screen_reader reader(TRUE, FALSE);
+    EXPECT_TRUE(shows_dialogs());
+    EXPECT_EQ(1, reader.asked);
+}
+
+TEST(dialog, is_shown_where_the_system_does_not_say) {
+    const screen_reader reader(FALSE, TRUE);
+    EXPECT_TRUE(shows_dialogs());
+    EXPECT_EQ(1, reader.asked);
+}
+
+TEST(dialog, asks_with_yes_and_no_and_the_error_icon) {
+    message_box box(6);
+    ask_user(L"May it č?");
+    ASSERT_EQ(1U, box.boxes.size());
+    const MSGBOXPARAMSW& parameters = box.boxes[0].parameters;
+    EXPECT_EQ(80U, parameters.cbSize);
+    EXPECT_EQ(nullptr, parameters.hwndOwner);
+    EXPECT_EQ(::GetModuleHandleW(nullptr), parameters.hInstance);
+    EXPECT_EQ(L"May it č?", box.boxes[0].text);
+    EXPECT_EQ(28657U, reinterpret_cast<ULONG_PTR>(parameters.lpszCaption));
+    EXPECT_EQ(0x14U, parameters.dwStyle);
+    EXPECT_EQ(nullptr, parameters.lpszIcon);
+    EXPECT_EQ(0U, parameters.dwContextHelpId);
+    EXPECT_EQ(nullptr, parameters.lpfnMsgBoxCallback);
+    EXPECT_EQ(0x400U, parameters.dwLanguageId);
+}
+
+TEST(dialog, tells_with_ok_and_the_error_icon) {
+    message_box box(1);
+    tell_user(L"It was saved.");
+    ASSERT_EQ(1U, box.boxes.size());
+    const MSGBOXPARAMSW& parameters = box.boxes[0].parameters;
+    EXPECT_EQ(80U, parameters.cbSize);
+    EXPECT_EQ(nullptr, parameters.hwndOwner);
+    EXPECT_EQ(::GetModuleHandleW(nullptr), parameters.hInstance);
+    EXPECT_EQ(L"It was saved.", box.boxes[0].text);
+    EXPECT_EQ(28657U, reinterpret_cast<ULONG_PTR>(parameters.lpszCaption));
+    EXPECT_EQ(0x10U, parameters.dwStyle);
+    EXPECT_EQ(nullptr, parameters.lpszIcon);
+    EXPECT_EQ(0U, parameters.dwContextHelpId);
+    EXPECT_EQ(nullptr, parameters.lpfnMsgBoxCallback);
+    EXPECT_EQ(0x400U, parameters.dwLanguageId);
+}
+
+TEST(dialog, sets_text_and_style_of_every_box) {
+    message_box box(6);
+    ask_user(L"first");
+    tell_user(L"second");
+    ask_user(L"third");
+    ASSERT_EQ(3U, box.boxes.size());
+    EXPECT_EQ(L"first", box.boxes[0].text);
+    EXPECT_EQ(0x14U, box.boxes[0].parameters.dwStyle);
+    EXPECT_EQ(L"second", box.boxes[1].text);
+    EXPECT_EQ(0x10U, box.boxes[1].parameters.dwStyle);
+    EXPECT_EQ(L"third", box.boxes[2].text);
+    EXPECT_EQ(0x14U, box.boxes[2].parameters.dwStyle);
+}
+
+// 0 is what comes of a box that cannot be shown, 1 and 2 are OK and Cancel, 7 is No.
+TEST(dialog, takes_only_yes_for_yes) {
+    for (const int answer : {0, 1, 2, 7}) {
+        message_box box(answer);
+        EXPECT_FALSE(ask_user(L"May it?")) << answer;
+    }
+    message_box box(6);
+    EXPECT_TRUE(ask_user(L"May it?"));
+}
