@@ -41,6 +41,7 @@ class Report:
     machine: str
     records: tuple[Record, ...]
     has_context: bool
+    """It holds registers."""
     notes: tuple[str, ...]
     frames: tuple[Frame, ...]
 
@@ -88,7 +89,8 @@ def _report(found: dict[str, Any]) -> Report:
     frames = tuple(Frame(each["module"], each["offset"], _plain_name(each.get("function")),
                          bytes.fromhex(each["stack"]["bytes"]) if each.get("stack") else b"")
                    for each in found["frames"])
-    return Report(found["kind"], found["machine"], records, found["context"] is not None,
+    context = found["context"]
+    return Report(found["kind"], found["machine"], records, bool(context and context["flags"]),
                   tuple(found["notes"] or ()), frames)
 
 

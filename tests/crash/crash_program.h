@@ -11,15 +11,14 @@
 // A program whose crash() comes back ends with exit code 0, one that is called wrongly with 2.
 #pragma once
 
+#define CRASH_FRAME [[gnu::noinline, clang::disable_tail_calls]]
+
 namespace crash_program {
 
 // Whether the entry point lets the sending of earlier reports end before it crashes.
 extern const bool waits_for_start_up;
 
-// Crashes. The functions on the way to the crash are no copies of one another, are not inlined and end by returning, so
-// that each of them is a frame of the report under its own name.
-void crash();
+// Crashes. It and the functions on the way to the crash are CRASH_FRAMEs: each is a frame of the report under its own name.
+CRASH_FRAME void crash();
 
 } // namespace crash_program
-
-#define CRASH_FRAME [[gnu::noinline, clang::disable_tail_calls]]

@@ -1,0 +1,143 @@
+"""Every kind of crash: what reaches the server, where it happened, and how the process ends."""
+
+from __future__ import annotations
+
+import pytest
+
+from bed.report_server import Answer
+from bed.reports import Report
+from crash_world import CRASHED, CrashWorld
+
+ACCESS_VIOLATION = 0xC0000005
+STACK_OVERFLOW = 0xC00000FD
+# What the component raises for failures that are no structured exceptions, so that they come to the filter.
+TERMINATE_CALLED = 0xE0544D01
+ABORT_CALLED = 0xE0544D02
+INVALID_PARAMETER = 0xE0544D03
+# What the C++ library raises to look for a handler. Only on threads other than the first it comes to the filter: around the
+# first the C runtime has a handler that sends the library on to std::terminate.
+CPP_EXCEPTION = 0x20474343
+
+# The code, whether it is raised (the first frame is then the system's), and functions that the crash lies in, innermost first.
+KINDS = {
+    "access_violation": (ACCESS_VIOLATION, False, ("innermost", "middle", "outer", "crash", "wWinMain")),
+    "uncaught_exception": (TERMINATE_CALLED, True, ("innermost", "middle", "outer", "crash", "wWinMain")),
+    "uncaught_exception_on_thread": (CPP_EXCEPTION, True, ("innermost", "middle", "outer")),
+    # It is thrown on from the handler in outer().
+    "exception_out_of_main": (TERMINATE_CALLED, True, ("outer", "crash", "wWinMain")),
+    "terminate": (TERMINATE_CALLED, True, ("innermost", "middle", "outer", "crash", "wWinMain")),
+    # The broken promise is middle()'s.
+    "noexcept_violation": (TERMINATE_CALLED, True, ("middle", "outer", "crash", "wWinMain")),
+    "abort": (ABORT_CALLED, True, ("innermost", "middle", "outer", "crash", "wWinMain")),
+    "pure_virtual_call": (ABORT_CALLED, True, ("innermost", "middle", "unfinished", "outer", "crash", "wWinMain")),
+    "invalid_parameter": (INVALID_PARAMETER, True, ("innermost", "middle", "outer", "crash", "wWinMain")),
+}
+
+# From the start of the program to its end, the upload included. Emulated programs take three seconds.
+TIME_LIMIT = {"x64": 10, "arm64": 40}
+
+
+def assert_crash_of(report: Report, kind: str) -> None:
+    """The report tells this crash: its code, and the way to it."""
+    code, raised, functions = KINDS[kind]
+    program = f"crash_{kind}.exe"
+    assert report.code == code
+    if raised:
+        assert report.frames[0].module == "kernelbase.dll"
+    if report.machine == "arm64":
+        # The stack walk of the ARM64 Wine gives one frame of a system library and two of a program, and ends.
+        if not raised:
+            assert report.functions(program) == list(functions[:2])
+        return
+    # Frames of the runtime lie before and between.
+    assert [each for each in report.functions(program) if each in functions] == list(functions)
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_a_crash_is_reported(crashes: CrashWorld, kind: str) -> None:
+    run = crashes.run(kind)
+    assert run.exit_code == CRASHED
+    assert run.end - run.begin < TIME_LIMIT[crashes.machine.architecture]
+    assert crashes.server.kinds == ["short"]
+    report = crashes.read(crashes.server.requests[0].body, kind)
+    assert_crash_of(report, kind)
+    assert (report.kind, report.notes, len(report.records)) == ("short", (), 1)
+    crashes.assert_nothing_left()
+
+
+@pytest.mark.parametrize("kind", ["access_violation", "uncaught_exception"])
+def test_a_full_report_tells_the_same_crash(crashes: CrashWorld, kind: str) -> None:
+    crashes.server.queue = [Answer(status=449)]
+    assert crashes.run(kind).exit_code == CRASHED
+    assert crashes.server.kinds == ["short", "full"]
+    short, full = (crashes.read(each.body, kind) for each in crashes.server.requests)
+    assert_crash_of(full, kind)
+    assert [(each.module, each.offset) for each in full.frames] == [(each.module, each.offset) for each in short.frames]
+    assert full.records[0] == short.records[0]
+    # The x86-64 build has no serialised context; it is there to test everything else.
+    assert full.has_context == (full.machine == "arm64")
+
+
+def test_an_access_violation_tells_where_it_happened(crashes: CrashWorld) -> None:
+    crashes.run("access_violation")
+    report = crashes.read(crashes.server.requests[0].body, "access_violation")
+    # The ARM64 Wine takes a forbidden write for a read.
+    kind_of_access = 1 if report.machine == "x86-64" else 0
+    assert report.records[0].parameters == (kind_of_access, 0)
+    base = report.records[0].address - report.frames[0].offset
+    assert (report.frames[0].module, base % 0x10000) == ("crash_access_violation.exe", 0)
+
+
+def test_a_crash_during_the_start_waits_for_earlier_reports(crashes: CrashWorld) -> None:
+    with crashes.server.away():
+        crashes.run("access_violation")
+    earlier = crashes.pair(0)[0]
+    crashes.server.queue = [Answer(wait=1)]
+    run = crashes.run("during_start_up")
+    assert run.exit_code == CRASHED
+    assert crashes.server.kinds == ["short", "short"]
+    assert crashes.server.requests[0].body == earlier
+    report = crashes.read(crashes.server.requests[1].body, "during_start_up")
+    assert (report.code, report.frames[0].function) == (ACCESS_VIOLATION, "innermost")
+    crashes.assert_nothing_left()
+
+
+def test_a_second_crash_during_the_first_is_not_reported(crashes: CrashWorld) -> None:
+    crashes.server.usual = Answer(wait=2)
+    assert crashes.run("second_thread").exit_code == CRASHED
+    assert crashes.server.kinds == ["short"]
+    report = crashes.read(crashes.server.requests[0].body, "second_thread")
+    assert (report.code, report.frames[0].function) == (ACCESS_VIOLATION, "innermost")
+    crashes.assert_nothing_left()
+
+
+def test_a_fault_of_the_thread_that_sends_earlier_reports_ends_that_thread_only(crashes: CrashWorld) -> None:
+    assert crashes.run("fault_in_start_up_thread").exit_code == 0
+    assert crashes.server.requests == []
+    crashes.assert_nothing_left()
+
+
+def test_a_crash_after_the_component_has_gone_is_the_systems(crashes: CrashWorld) -> None:
+    assert crashes.run("after_uninstall").exit_code == ACCESS_VIOLATION
+    assert crashes.server.requests == []
+    crashes.assert_nothing_left()
+
+
+def test_a_program_that_does_not_crash_sends_nothing(crashes: CrashWorld) -> None:
+    assert crashes.run("none", notes=["one"]).exit_code == 0
+    assert crashes.server.requests == []
+    crashes.assert_nothing_left()
+
+
+def test_a_stack_overflow_is_reported_where_any_filter_is_called(crashes: CrashWorld) -> None:
+    """Wine puts the registers on what is left of the stack. With those of a large processor there is no room for the search
+    for a handler, and Wine ends the process itself, with exit code 1; Windows keeps room."""
+    bare = crashes.run("stack_overflow_bare")
+    run = crashes.run("stack_overflow")
+    if bare.exit_code == 77:
+        assert run.exit_code == CRASHED
+        report = crashes.read(crashes.server.requests[0].body, "stack_overflow")
+        assert (report.code, report.frames[0].function) == (STACK_OVERFLOW, "innermost")
+    else:
+        assert (bare.exit_code, run.exit_code, crashes.server.requests) == (1, 1, [])
+    crashes.assert_nothing_left()
