@@ -160,6 +160,7 @@ word_test() {
 run_help() {
     cat <<'END'
 usage: ./dev run [--arch arm64|x64] [outcome]
+       ./dev run --crash KIND [--arch arm64|x64] [--server WAY] [--note TEXT]...
 
 Shows a whole update with nothing faked: makes a key, builds the program with it, packs and signs a package, publishes it in
 an isolated network, runs the program under Wine and prints what everyone saw as one timeline, with a verdict.
@@ -175,15 +176,26 @@ an isolated network, runs the program under Wine and prints what everyone saw as
   --old                            offers 3.4.0, which is installed already
   --proxy                          through a proxy that asks for a password
 
+With --crash a program with the error-report component crashes instead: its message boxes are photographed and answered, and the
+report, saved where it cannot be sent, reaches a report server and is read there.
+
+  --crash KIND                     access_violation, uncaught_exception, uncaught_exception_on_thread, exception_out_of_main,
+                                   terminate, noexcept_violation, abort, pure_virtual_call, invalid_parameter, during_start_up,
+                                   second_thread, none, after_uninstall, fault_in_start_up_thread
+  --server ok|full|error|html|silence|cut|away
+                                   what the report server does
+  --note TEXT                      what the program has noted about itself; may be given again
+
 examples:
   ./dev run
+  ./dev run --crash access_violation --server full --note "opened a drawing"
   ./dev run --arch x64 --tamper package
   ./dev run --variant=-sl
 END
 }
 
 word_run() {
-    local arch=arm64 argument next='' wanted=(room-amd64)
+    local arch=arm64 argument next='' crash='' wanted=(room-amd64)
     for argument in "$@"; do
         [[ $argument != --help && $argument != -h ]] || { run_help; return; }
         [[ $next != arch ]] || arch=$argument
@@ -191,6 +203,7 @@ word_run() {
         case $argument in
         --arch) next=arch ;;
         --arch=*) arch=${argument#--arch=} ;;
+        --crash | --crash=*) crash=1 ;;
         esac
     done
     case $arch in
@@ -198,6 +211,7 @@ word_run() {
     x64) wanted=("${products_x64[@]}" "${products_run_x64[@]}") ;;
     *) die "unknown architecture $arch" "--arch takes arm64 or x64." ;;
     esac
+    [[ -z $crash ]] || wanted+=("${products_native[@]}")
     need "${wanted[@]}"
     check_namespaces
     [[ $isolation == full ]] || die "$namespaces_fault" "The demonstration needs a network of its own. ./dev build works without."
@@ -214,6 +228,8 @@ word_run() {
     LUMARIS_PUBLIC_KEY=$(grep -v '^untrusted comment:' "$here/build/demo-key/demo.pub")
     export LUMARIS_PUBLIC_KEY
     job build "$arch-demo" || return
+    # The reader of reports runs on this machine.
+    [[ -z $crash ]] || job build --target read_report native-release || return
     check_after_failure in_room python3 tools/demo "$@"
 }
 

@@ -307,9 +307,18 @@ class Started:
         self._name = name
 
     def wait(self, limit: float = 60) -> Ended:
-        """Waits for its end, which comes at the time limit at the latest. Once for each program."""
+        """Waits for its end, which comes at the time limit at the latest."""
+        ended = self.ended(limit)
+        if ended is None:
+            self.kill()
+            killed = self.ended(30)
+            ended = Ended(None, killed.begin if killed else 0, killed.end if killed else 0)
+        return ended
+
+    def ended(self, limit: float = 0) -> Ended | None:
+        """How it ended, or None while it runs; waits for that so many seconds."""
         how, _, code, begin, end = self._machine.ask("wait", self._name, str(int(limit * 1000)), limit=limit + 30)
-        return Ended(int(code, 16) if how == "exited" else None, _seconds(begin), _seconds(end))
+        return Ended(int(code, 16), _seconds(begin), _seconds(end)) if how == "exited" else None
 
     def kill(self) -> None:
         """Ends it where it stands, as the task manager does."""

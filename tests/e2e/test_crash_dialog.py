@@ -137,11 +137,10 @@ def test_a_page_for_an_answer_is_told_as_not_sent(watched: CrashWorld) -> None:
     assert watched.files() == ["0.tzo", "0.tzr", "Odgovor.html"]
 
 
-def test_the_rest_of_an_answer_may_be_missing(watched: CrashWorld) -> None:
-    """Wine takes a body that ends before its announced length for a whole one."""
+def test_an_answer_that_breaks_off_is_shown_as_far_as_it_came(watched: CrashWorld) -> None:
+    """The report has arrived. That a body ends before its announced length is nothing that Wine tells."""
     watched.server.usual = Answer(body=b"Thanks so f", content_type="text/plain; charset=utf-8", cut_at=REPLIED)
-    (text,) = crash_before_a_user(watched).texts
-    assert text in (INTRODUCTION + ANSWERED + "Thanks so f" + CLOSING, INTRODUCTION + NOT_SENT + SAVED + CLOSING)
+    assert crash_before_a_user(watched).texts == [INTRODUCTION + ANSWERED + "Thanks so f" + CLOSING]
 
 
 def test_with_a_screen_reader_a_crash_is_silent_and_its_notes_are_sent(watched: CrashWorld) -> None:

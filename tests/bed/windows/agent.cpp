@@ -13,7 +13,7 @@
 //   settle MILLISECONDS                ok settled|ended {PID CODE BEGIN END IMAGE}...
 //                                      (what the last run left running; what is still there then, is ended)
 //   start NAME COMMANDLINE OUTPUT      ok PID   (like run, but does not wait; NAME is for the two below)
-//   wait NAME MILLISECONDS             ok exited|timeout PID CODE BEGIN END   (ends what is still there then)
+//   wait NAME MILLISECONDS             ok exited|running PID CODE BEGIN END
 //   kill NAME                          ok   (the program, as it stands; its wait tells the rest)
 //   environment NAME VALUE             ok   (for the programs to come; an empty VALUE removes it)
 //   get KEY NAME                       ok TYPE BYTES
@@ -155,7 +155,7 @@ public:
 
     fields run(DWORD limit, const std::string& command_line, const std::string& output);
     fields start(const std::string& command_line, const std::string& output);
-    fields finish(ULONGLONG until);
+    fields await(ULONGLONG until);
     fields kill();
     fields settle(DWORD limit);
 
@@ -226,8 +226,15 @@ bool process_tree::wait(ULONGLONG until, HANDLE main_process) {
 
 fields process_tree::run(DWORD limit, const std::string& command_line, const std::string& output) {
     const ULONGLONG until = GetTickCount64() + limit;
-    const fields started = start(command_line, output);
-    return started[0] == "ok" ? finish(until) : started;
+    fields answer = start(command_line, output);
+    if (answer[0] == "ok") {
+        answer = await(until);
+        if (answer[1] == "running") {
+            TerminateJobObject(m_job, 0xDEAD);
+            answer[1] = "timeout";
+        }
+    }
+    return answer;
 }
 
 fields process_tree::start(const std::string& command_line, const std::string& output) {
@@ -270,16 +277,13 @@ fields process_tree::start(const std::string& command_line, const std::string& o
     return {"ok", number(m_main)};
 }
 
-fields process_tree::finish(ULONGLONG until) {
+fields process_tree::await(ULONGLONG until) {
     const auto main_process = m_members.find(m_main);
     if (main_process == m_members.end()) {
         return error(ERROR_NOT_FOUND);
     }
-    if (!wait(until, main_process->second)) {
-        TerminateJobObject(m_job, 0xDEAD);
-        return {"ok", "timeout", number(m_main), number(0), "0", "0"};
-    }
-    fields answer = {"ok", "exited", number(m_main)};
+    const bool exited = wait(until, main_process->second);
+    fields answer = {"ok", exited ? "exited" : "running", number(m_main)};
     const fields ended = facts(main_process->second);
     answer.insert(answer.end(), ended.begin(), ended.end());
     return answer;
@@ -498,7 +502,7 @@ fields execute(process_tree& tree, std::map<std::string, process_tree>& started,
         return started[command[1]].start(command[2], command[3]);
     }
     if (word == "wait" && count == 3) {
-        return started[command[1]].finish(GetTickCount64() + milliseconds(2));
+        return started[command[1]].await(GetTickCount64() + milliseconds(2));
     }
     if (word == "kill" && count == 2) {
         return started[command[1]].kill();

@@ -1,0 +1,198 @@
+"""The demonstration of a crash: a program crashes, a user answers its boxes, and the report reaches the server, now or later."""
+
+from __future__ import annotations
+
+import shutil
+import time
+from contextlib import ExitStack
+from pathlib import Path
+
+from bed import certificates, isolation, windows
+from bed.errors import BedError
+from bed.report_server import BODY, FULL_WANTED, HEAD, Answer, Received, make_report_server
+from bed.reports import Reader
+from bed.screen import Screen
+from bed.windows import Box, Ended, Started, Windows, windows_path
+from crash_outcome import REPORTED, SERVERS, CrashCircumstances
+from timeline import Timeline
+
+_TITLE = "Unexpected Error"
+_LIMIT = 120.0
+
+
+class CrashShow:
+    """One demonstration."""
+
+    def __init__(self, tree: Path, given: CrashCircumstances) -> None:
+        self._tree = tree
+        self._given = given
+        self._server_way = SERVERS[given.server]
+        self._build = tree / f"build/{given.architecture}-demo"
+        self._reader_program = tree / "build/native-release/tools/report_reader/read_report"
+        self._pictures = tree / "build/demo-crash"
+        self._timeline = Timeline()
+        self._faults: list[str] = []
+        self._pictured = 0
+
+    def run(self) -> bool:
+        """Runs it all; true when everything happened as it should."""
+        for needed in (self._program_file(self._given.kind), self._reader_program):
+            if not needed.exists():
+                raise BedError(f"{needed} is missing; ./dev run makes it")
+        if reason := windows.available(self._given.architecture):
+            raise BedError(reason)
+        shutil.rmtree(self._pictures, ignore_errors=True)
+        network = isolation.enter()
+        try:
+            self._perform(network)
+        finally:
+            isolation.leave(network)
+        return self._verdict()
+
+    def _perform(self, network: isolation.PrivateNetwork) -> None:
+        given = self._given
+        self._reader = Reader(self._reader_program, network.work)
+        authority = certificates.make_authority(network.work, "demo-authority")
+        network.trust(authority.path)
+        with ExitStack() as stack:
+            self._server = stack.enter_context(make_report_server(network, authority))
+            self._say(f"the report server listens as https://{isolation.REPORT_HOST}/ (port 443 of an isolated network)")
+            self._screen = stack.enter_context(Screen(network.work))
+            agent = self._build / "tests/bed/windows/agent.exe"
+            self._machine = stack.enter_context(
+                Windows(given.architecture, network, agent, display=self._screen.display))
+            for kind in (given.kind, "none"):
+                self._machine.install(self._program_file(kind), f"crash_{kind}.exe")
+            self._temp = self._machine.unix_path(self._machine.expand("%TEMP%"))
+            processor = {"arm64": "ARM64", "x64": "x86-64"}[given.architecture]
+            self._say(f"{processor} Windows (Wine) is up on a screen of its own, with crash_{given.kind}.exe, which {given.what}")
+            self._say(f"the server {self._server_way.what}")
+            self._say(f"should happen: {given.why} (exit code 0x{given.exit_code:08X})")
+            self._timeline.show()
+            self._crash()
+            if self._files():
+                print()
+                self._say("the next start of any program with the component: the server is there, and asks for full reports")
+                self._next_start()
+            else:
+                self._expect("files of the crash", False, given.reported and self._server_way.saved)
+
+    # The crash
+
+    def _crash(self) -> None:
+        given = self._given
+        with ExitStack() as stack:
+            if self._server_way.answers:
+                self._server.queue = list(self._server_way.answers)
+            else:
+                stack.enter_context(self._server.away())
+            moment = self._machine.folder / "moment.txt"
+            options = f' --moment "{windows_path(moment)}"' + "".join(f' --note "{note}"' for note in given.notes)
+            program = self._machine.begin("crash", self._command_line(given.kind) + options)
+            texts = self._answer_boxes(program)
+            ended = program.wait(_LIMIT)
+        self._show_run(given.kind, ended, given.exit_code, options)
+        if moment.exists() and given.kind != "none":
+            self._timeline.add("program", given.what, int(moment.read_text(encoding="ascii")) / 1e7 - 11644473600)
+        reports = self._show_requests(self._server_way.requests if given.reported else ())
+        self._expect("the number of boxes", given.boxes, len(texts))
+        if texts and given.reported:
+            self._expect(f"the last box to say \"{self._server_way.text}\"", True, self._server_way.text in texts[-1].text)
+        self._show_files()
+        self._timeline.show()
+        self._show_reports(reports)
+
+    def _answer_boxes(self, program: Started) -> list[Box]:
+        """Says yes to a question and OK to everything else, until the program has ended."""
+        seen: list[Box] = []
+        until = time.monotonic() + _LIMIT
+        while program.ended(0.05) is None and time.monotonic() < until:
+            for window in self._screen.windows(_TITLE):
+                shown = self._machine.boxes()
+                if not shown:
+                    break
+                box = shown[0]
+                picture = self._screen.picture(self._pictures / f"box-{len(seen) + 1}.png", window)
+                self._timeline.add("screen", f"[{box.title}]  {' | '.join(box.buttons)}  "
+                                   f"({picture.relative_to(self._tree)})\n{box.text}")
+                answer = "Yes" if "Yes" in box.buttons else "OK"
+                self._timeline.add("user", f"presses {answer}")
+                self._screen.press(window, "y" if answer == "Yes" else "Return")
+                seen.append(box)
+        return seen
+
+    # The next start
+
+    def _next_start(self) -> None:
+        self._server.reset()
+        self._server.queue = [FULL_WANTED, Answer()]
+        program = self._machine.begin("next", self._command_line("none"))
+        self._show_run("none", program.wait(_LIMIT), 0, "")
+        self._show_requests(("short", "full"))
+        page = self._temp / "Odgovor.html"
+        if page.exists():
+            self._timeline.add("disk", "the page is the user's, and stays until the next one")
+            page.unlink()
+        self._show_files()
+        self._expect("anything left", [], self._files())
+        self._timeline.show()
+
+    # What happened
+
+    def _show_run(self, kind: str, ended: Ended, wanted: int, options: str) -> None:
+        self._timeline.add("windows", f"crash_{kind}.exe{options} starts", ended.begin)
+        code = "none" if ended.exit_code is None else f"0x{ended.exit_code:08X}"
+        self._timeline.add("windows", f"crash_{kind}.exe ends with exit code {code}", ended.end)
+        self._expect("the exit code", f"0x{wanted:08X}", code)
+
+    def _show_requests(self, wanted: tuple[str, ...]) -> list[Received]:
+        requests = list(self._server.requests)
+        for request in requests:
+            sent = ", ".join(f"{name}: {request.header(name)}" for name in ("User-Agent", "Content-Type", "Transfer-Encoding"))
+            self._timeline.add("server", f"{request.method} {request.path}  ({sent})", request.moments[HEAD])
+            if request.whole:
+                self._timeline.add("server", f"has a {request.kind} report, {len(request.body):,} bytes", request.moments[BODY])
+        self._expect("the reports at the server", list(wanted), [each.kind for each in requests])
+        return requests
+
+    def _show_reports(self, requests: list[Received]) -> None:
+        pdb = self._program_file(self._given.kind).with_suffix(".pdb")
+        for body in [each.body for each in requests if each.whole][-1:]:
+            print("\nwhat read_report says about the report, with the PDB of the program:\n")
+            print("".join(f"    {line}\n" for line in self._reader.text(body, pdb=pdb).splitlines()))
+            report = self._reader.read(body, pdb=pdb)
+            self._expect("the exception code", f"0x{REPORTED[self._given.kind][0]:08X}", f"0x{report.code:08X}")
+            self._expect("the notes", self._given.notes, report.notes)
+
+    def _show_files(self) -> None:
+        files = self._files()
+        for name in files:
+            self._timeline.add("disk", f"{name} ({(self._temp / name).stat().st_size:,} bytes) is in the temporary folder")
+        if not files:
+            self._timeline.add("disk", "nothing is left in the temporary folder")
+
+    def _files(self) -> list[str]:
+        return sorted(each.name for pattern in ("*.tz[or]", "Odgovor.html") for each in self._temp.glob(pattern))
+
+    # The judgement
+
+    def _expect(self, what: str, wanted: object, got: object) -> None:
+        if wanted != got:
+            self._faults.append(f"{what}: should be {wanted}, is {got}")
+
+    def _verdict(self) -> bool:
+        print()
+        for fault in self._faults:
+            print(f"  missing: {fault}")
+        print(f"VERDICT: it did NOT happen as it should ({self._given.why})" if self._faults
+              else f"VERDICT: everything happened as it should: {self._given.why}")
+        return not self._faults
+
+    def _say(self, text: str) -> None:
+        self._timeline.add("demo", text)
+
+    def _command_line(self, kind: str) -> str:
+        return f'"{windows_path(self._machine.folder / f"crash_{kind}.exe")}"'
+
+    def _program_file(self, kind: str) -> Path:
+        return self._build / f"tests/crash/crash_{kind}.exe"
