@@ -22,7 +22,8 @@ TREE = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(TREE / "tests"))
 sys.path.insert(0, str(TREE / "tools"))
 
-from bed import isolation, update_server, windows  # noqa: E402  (the path to it is set above)
+from bed import certificates, isolation, settings, update_server, windows  # noqa: E402  (the path to it is set above)
+from bed.report_server import BODY, FULL_WANTED, HEAD, REPLIED, Answer, ReportServer, make_report_server  # noqa: E402
 from bed.services import Nginx  # noqa: E402
 from bed.signing import KeyPair  # noqa: E402
 
@@ -48,8 +49,9 @@ class Verdict:
 class Bench:
     """The bed with what is measured in it."""
 
-    def __init__(self, machine: windows.Windows, files: Path, key: KeyPair, runs: int) -> None:
+    def __init__(self, machine: windows.Windows, server: ReportServer, files: Path, key: KeyPair, runs: int) -> None:
         self.machine = machine
+        self.server = server
         self.files = files
         self.key = key
         self.runs = runs
@@ -207,12 +209,72 @@ def idle_run(bench: Bench) -> list[Verdict]:
             raise SystemExit(f"{line}: exit code {run.exit_code}, {run.events}")
         return run.end - run.begin
 
-    several = Bench(bench.machine, bench.files, bench.key, bench.runs * 5)
+    several = Bench(bench.machine, bench.server, bench.files, bench.key, bench.runs * 5)
     ours, theirs, ratio = several.pairs(lambda: start(f'"{product}"'), lambda: start(f'"{bare}" {path}'))
     _, nothing, empty_ratio = several.pairs(lambda: start(f'"{product}"'), lambda: start(f'"{empty}"'))
     print(f"  product {ours * 1000:.0f} ms, bare program {theirs * 1000:.0f} ms, empty program {nothing * 1000:.0f} ms")
     return [Verdict("run with nothing to update: time over the bare program's", f"{ratio:.2f}", "at most 1.15", ratio <= 1.15),
             Verdict("run with nothing to update: time over an empty program's", f"{empty_ratio:.1f}", "stated", True)]
+
+
+def report_size(bench: Bench) -> list[Verdict]:
+    """Short and full report of a crash, and the system's minidump of the same crash."""
+    dump = bench.machine.folder / "crash.dmp"
+    bench.server.reset()
+    bench.server.queue = [FULL_WANTED, Answer()]
+    program = bench.program(X64 / "bench/bench_minidump.exe")
+    bench.machine.run(f'"{program}" "{windows.windows_path(dump)}"')
+    if bench.server.kinds != ["short", "full"]:
+        raise SystemExit(f"the server has {bench.server.kinds} instead of a short and a full report")
+    short, full = (len(each.body) for each in bench.server.requests)
+    minidump = dump.stat().st_size
+    print(f"  short {short:,} bytes, full {full:,} bytes, minidump {minidump:,} bytes")
+    return [Verdict("short report of an access violation", f"{short} B", "under 1024 B", short < 1024),
+            Verdict("full report of an access violation: size over the minidump's", f"{full / minidump:.4f}", "at most 0.1000",
+                    full * 10 <= minidump)]
+
+
+def installation(bench: Bench) -> list[Verdict]:
+    """Static initialisation with the error-report component, and without."""
+    several = Bench(bench.machine, bench.server, bench.files, bench.key, bench.runs * 5)
+    ours, bare, _ = several.pairs(lambda: bench.measured("static_initialisation")["seconds"],
+                                  lambda: bench.measured("static_initialisation_bare")["seconds"])
+
+    def start(name: Path) -> float:
+        run = bench.machine.run(f'"{bench.program(name)}"')
+        return run.end - run.begin
+
+    whole, empty, _ = several.pairs(lambda: start(X64 / "tests/crash/crash_none.exe"),
+                                    lambda: start(X64 / "bench/bench_empty.exe"))
+    more = (ours - bare) * 1000
+    print(f"  static initialisation {ours * 1000:.2f} ms, without the component {bare * 1000:.2f} ms; whole run "
+          f"{whole * 1000:.0f} ms, empty program {empty * 1000:.0f} ms")
+    return [Verdict("static initialisation with the error reporting: time over none", f"{more:+.2f} ms", "under 5 ms more",
+                    more < 5),
+            Verdict("run of a program with the error reporting: time over an empty one's", f"{(whole - empty) * 1000:+.0f} ms",
+                    "stated", True)]
+
+
+def crash_time(bench: Bench) -> list[Verdict]:
+    """From a crash to the end of the process, without boxes; the server answers at once."""
+    moment = bench.machine.folder / "moment.txt"
+    program = bench.program(X64 / "tests/crash/crash_access_violation.exe")
+    settings.set_screen_reader(bench.machine, True)
+    taken: list[tuple[float, ...]] = []
+    for _ in range(bench.runs):
+        bench.server.reset()
+        run = bench.machine.run(f'"{program}" --moment "{windows.windows_path(moment)}"')
+        if bench.server.kinds != ["short"]:
+            raise SystemExit(f"the server has {bench.server.kinds} instead of a short report")
+        crash = int(moment.read_text(encoding="ascii")) / 1e7 - 11644473600
+        request = bench.server.requests[0].moments
+        times = (crash, request[HEAD], request[BODY], request[REPLIED], run.end)
+        taken.append((run.end - crash, *(after - before for before, after in zip(times, times[1:], strict=False))))
+    symbols = statistics.median(bench.measured("symbol_engine")["seconds"] for _ in range(bench.runs))
+    whole, before, body, reply, after = (statistics.median(each) * 1000 for each in zip(*taken, strict=True))
+    print(f"  until the head of the request {before:.0f} ms (the symbol engine alone takes {symbols * 1000:.0f} ms), its body "
+          f"{body:.0f} ms, the server {reply:.0f} ms, from the reply to the end {after:.0f} ms")
+    return [Verdict("from a crash to the end of the process, report sent", f"{whole:.0f} ms", "stated", True)]
 
 
 def size(_: Bench) -> list[Verdict]:
@@ -224,7 +286,8 @@ def size(_: Bench) -> list[Verdict]:
 
 
 MEASUREMENTS = {"check": present_package, "download": download, "memory": memory, "url": url_parse, "compress": compress,
-                "cache": cached_read, "idle": idle_run, "size": size}
+                "cache": cached_read, "idle": idle_run, "report": report_size, "installation": installation, "crash": crash_time,
+                "size": size}
 
 
 def main() -> int:
@@ -241,9 +304,12 @@ def main() -> int:
         files = network.work / "published"
         files.mkdir()
         stack.enter_context(Nginx(network.work / "nginx", files))
+        authority = certificates.make_authority(network.work, "bench-authority")
+        network.trust(authority.path)
+        server = stack.enter_context(make_report_server(network, authority))
         machine = stack.enter_context(windows.Windows("x64", network, X64 / "tests/bed/windows/agent.exe"))
         key = KeyPair(TREE / "tests/keys/test.pub", TREE / "tests/keys/test.key")
-        bench = Bench(machine, files, key, options.runs)
+        bench = Bench(machine, server, files, key, options.runs)
         for name in options.only or MEASUREMENTS:
             print(f"{name}: {(MEASUREMENTS[name].__doc__ or '').rstrip('.')}", flush=True)
             verdicts += MEASUREMENTS[name](bench)
