@@ -46,6 +46,8 @@ extern "C" __declspec(dllimport) void NTAPI RtlGetNtVersionNumbers(ULONG* major,
     X("winhttp.dll", WinHttpSendRequest)    X("winhttp.dll", WinHttpReceiveResponse) X("winhttp.dll", WinHttpQueryHeaders)\
     X("kernel32.dll", CreateThread)         X("kernel32.dll", TerminateThread)     X("kernel32.dll", TerminateProcess) \
     X("kernel32.dll", CreateMutexW)         X("kernel32.dll", RaiseException)                                          \
+    X("kernel32.dll", FindFirstFileExW)     X("kernel32.dll", FindNextFileW)                                           \
+    X("ole32.dll", CoInitializeEx)                                                                                     \
     X("kernel32.dll", SetUnhandledExceptionFilter) X("kernel32.dll", VirtualQuery) X("kernel32.dll", IsBadCodePtr)     \
     X("dbghelp.dll", StackWalk64)           X("dbghelp.dll", SymGetModuleBase64)   X("dbghelp.dll", ImageNtHeader)     \
     X("dbghelp.dll", SymGetOptions)         X("dbghelp.dll", SymSetOptions)        X("dbghelp.dll", SymInitialize)     \
