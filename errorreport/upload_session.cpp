@@ -1,5 +1,6 @@
 #include "errorreport/upload_session.h"
 
+#include "errorreport/dialog_strings.h"
 #include "errorreport/open_file.h"
 #include "errorreport/reply_text.h"
 #include "errorreport/report_server.h"
@@ -20,15 +21,13 @@ namespace {
 using post_request = webio::post_chunked_request<webio::content_type_handler, webio::ignore_content_length,
                                                  stream::memory_file, std::uint64_t>;
 
-constexpr UINT language_code = 28656; // of the string table: "en", "sl" or "sq"
-
 constexpr int reply_file_mode = stream::mode_for_writing | stream::mode_create;
 
 webio::header_list report_headers() {
     webio::header_list headers{{"Content-Type", "application/x-kestranez"}};
     std::string language;
     // A report without a language is better than none.
-    if (pwrap::wide_to_utf8(std::wstring(load_string(language_code)), language) != 0) {
+    if (pwrap::wide_to_utf8(std::wstring(load_string(IDS_ZEPHOLD_JEZIK)), language) != 0) {
         headers.emplace("Accept-Language", std::move(language));
     }
     return headers;
