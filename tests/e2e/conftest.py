@@ -39,8 +39,17 @@ def pytest_addoption(parser: pytest.Parser) -> None:
     parser.addoption("--backwards", action="store_true", help="run the tests in the opposite order")
 
 
+def pytest_configure(config: pytest.Config) -> None:
+    """Declares our marker."""
+    config.addinivalue_line("markers", "any_processor: the same for every processor; runs with the quick x86-64 build only")
+
+
 def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
-    """Turns the order round where that is asked for."""
+    """Leaves out what the other processor does, and turns the order round where that is asked for."""
+    if config.getoption("--arch") == "arm64":
+        left_out = [item for item in items if item.get_closest_marker("any_processor")]
+        items[:] = [item for item in items if item not in left_out]
+        config.hook.pytest_deselected(items=left_out)
     if config.getoption("--backwards"):
         items.reverse()
 

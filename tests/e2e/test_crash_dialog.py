@@ -13,6 +13,7 @@ from bed.report_server import FULL_WANTED, REPLIED, Answer
 from bed.windows import Box
 from crash_world import CRASHED, CrashWorld
 
+QUICK = pytest.mark.any_processor
 TITLE = "Unexpected Error"
 INTRODUCTION = ("Unexpected error occurred while executing »crash_access_violation.exe« programme or one of its "
                 "modules.\n")
@@ -75,6 +76,7 @@ def test_the_user_decides_about_the_notes(watched: CrashWorld, key: str, attache
     assert watched.read(watched.server.requests[0].body).notes == attached
 
 
+@pytest.mark.any_processor
 def test_the_decision_holds_for_the_full_report_too(watched: CrashWorld) -> None:
     watched.server.queue = [FULL_WANTED]
     seen = crash_before_a_user(watched, notes=["not for you"], keys=["n", "Return"])
@@ -83,12 +85,14 @@ def test_the_decision_holds_for_the_full_report_too(watched: CrashWorld) -> None
     assert seen.texts[1] == ANSWERED + "Hvala za poročilo." + CLOSING
 
 
+@pytest.mark.any_processor
 def test_the_decision_holds_for_saved_reports_too(watched: CrashWorld) -> None:
     with watched.server.away():
         crash_before_a_user(watched, notes=["not for you"], keys=["n", "Return"])
     assert [watched.read(each).notes for each in watched.pair(0)] == [(), ()]
 
 
+@pytest.mark.any_processor
 def test_a_long_note_is_shown_in_part_and_sent_whole(watched: CrashWorld) -> None:
     notes = ["x" * 100, "y" * 101]
     seen = crash_before_a_user(watched, notes=notes, keys=["y", "Return"])
@@ -98,19 +102,20 @@ def test_a_long_note_is_shown_in_part_and_sent_whole(watched: CrashWorld) -> Non
 
 # The bytes, how they are announced, and what the user reads.
 @pytest.mark.parametrize(("body", "content_type", "text"), [
-    (b"\xe8\x9a\x9e", "text/plain", "čšž"),
-    (b"\xe8\x9a\x9e", "Text/Plain; Charset=Windows-1250", "čšž"),
-    ("čšž".encode("utf-7"), "text/plain; charset=utf-7", "čšž"),
+    pytest.param(b"\xe8\x9a\x9e", "text/plain", "čšž", marks=QUICK),
+    pytest.param(b"\xe8\x9a\x9e", "Text/Plain; Charset=Windows-1250", "čšž", marks=QUICK),
+    pytest.param("čšž".encode("utf-7"), "text/plain; charset=utf-7", "čšž", marks=QUICK),
     ("čšž\0hidden".encode("utf-16-le"), "Text/Plain; Charset=UTF-16", "čšž"),
-    ("čšž".encode("utf-32-le"), "text/plain; charset=utf-32", ""),
-    ("čšž".encode(), "text/plain; charset=utf-8", "čšž"),
-    ("čšž".encode(), "text/plain; charset=made-up", "čšž"),
+    pytest.param("čšž".encode("utf-32-le"), "text/plain; charset=utf-32", "", marks=QUICK),
+    pytest.param("čšž".encode(), "text/plain; charset=utf-8", "čšž", marks=QUICK),
+    pytest.param("čšž".encode(), "text/plain; charset=made-up", "čšž", marks=QUICK),
 ])
 def test_an_answer_is_read_by_its_charset(watched: CrashWorld, body: bytes, content_type: str, text: str) -> None:
     watched.server.usual = Answer(body=body, content_type=content_type)
     assert crash_before_a_user(watched).texts == [INTRODUCTION + ANSWERED + text + CLOSING]
 
 
+@pytest.mark.any_processor
 def test_an_answer_with_an_error_is_told_as_trouble(watched: CrashWorld) -> None:
     watched.server.usual = Answer(status=500, body=b"out of order")
     assert crash_before_a_user(watched).texts == [INTRODUCTION + TROUBLE + "out of order" + CLOSING]
@@ -123,6 +128,7 @@ def test_an_unreachable_server_is_told_with_what_becomes_of_the_report(watched: 
     assert watched.files() == ["0.tzo", "0.tzr"]
 
 
+@pytest.mark.any_processor
 def test_a_report_that_is_lost_is_told_with_the_reason(watched: CrashWorld) -> None:
     watched.use_temporary_folder(watched.small_disk("read-only", 65536, read_only=True))
     with watched.server.away():
@@ -131,12 +137,14 @@ def test_a_report_that_is_lost_is_told_with_the_reason(watched: CrashWorld) -> N
     assert text.endswith(CLOSING)
 
 
+@pytest.mark.any_processor
 def test_a_page_for_an_answer_is_told_as_not_sent(watched: CrashWorld) -> None:
     watched.server.usual = Answer(body=b"<html></html>", content_type="text/html")
     assert crash_before_a_user(watched).texts == [INTRODUCTION + NOT_SENT + SAVED + CLOSING]
     assert watched.files() == ["0.tzo", "0.tzr", "Odgovor.html"]
 
 
+@pytest.mark.any_processor
 def test_an_answer_that_breaks_off_is_shown_as_far_as_it_came(watched: CrashWorld) -> None:
     """The report has arrived. That a body ends before its announced length is nothing that Wine tells."""
     watched.server.usual = Answer(body=b"Thanks so f", content_type="text/plain; charset=utf-8", cut_at=REPLIED)
@@ -149,6 +157,7 @@ def test_with_a_screen_reader_a_crash_is_silent_and_its_notes_are_sent(watched: 
     assert watched.read(watched.server.requests[0].body).notes == ("one note",)
 
 
+@pytest.mark.any_processor
 def test_saved_reports_are_sent_without_a_word(watched: CrashWorld) -> None:
     with watched.server.away():
         crash_before_a_user(watched)

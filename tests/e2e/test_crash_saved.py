@@ -9,6 +9,7 @@ import pytest
 
 from bed.report_server import BODY, FULL_WANTED, HALF, HEAD, Answer
 from crash_world import CRASHED, CrashBed, CrashWorld
+from world import DESCRIPTION, World
 
 Pair = tuple[bytes, bytes]
 
@@ -52,6 +53,16 @@ def test_the_next_start_sends_the_short_report_and_deletes_both(crashes: CrashWo
     crashes.assert_nothing_left()
 
 
+def test_the_updater_sends_what_an_earlier_crash_left_and_does_its_work(
+        world: World, crashes: CrashWorld, pairs: tuple[Pair, Pair]) -> None:
+    crashes.save(0, pairs[0])
+    world.describe("3040000\nHalvoro 3.4.0\nhttp://updates.tavrin.example/\n")
+    world.assert_nothing_to_do(world.run())
+    assert world.targets == [DESCRIPTION + ".minisig", DESCRIPTION]
+    assert [each.body for each in crashes.server.requests] == [pairs[0][0]]
+    crashes.assert_nothing_left()
+
+
 def test_the_next_start_sends_both_where_the_server_asks_for_more(crashes: CrashWorld, pairs: tuple[Pair, Pair]) -> None:
     crashes.save(0, pairs[0])
     crashes.server.queue = [FULL_WANTED]
@@ -70,6 +81,7 @@ def test_the_next_start_sends_every_saved_report(crashes: CrashWorld, pairs: tup
     crashes.assert_nothing_left()
 
 
+@pytest.mark.any_processor
 def test_a_report_is_saved_beside_those_that_are_still_there(crashes: CrashWorld, pairs: tuple[Pair, Pair]) -> None:
     crashes.save(0, pairs[0])
     (crashes.temp / "1.tzr").write_bytes(b"left behind by a sender that was killed: without its .tzo it is free")
@@ -175,6 +187,7 @@ def test_a_folder_that_cannot_be_written_changes_nothing_for_the_system(crashes:
     crashes.assert_nothing_left()
 
 
+@pytest.mark.any_processor
 def test_a_full_disk_leaves_no_report_that_stays_for_ever(crashes: CrashWorld, pairs: tuple[Pair, Pair]) -> None:
     disk = crashes.small_disk("full", 16384)
     (disk / "filler").write_bytes(os.urandom(16384))

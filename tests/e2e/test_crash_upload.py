@@ -7,6 +7,7 @@ import pytest
 from bed.report_server import BODY, FULL_WANTED, HEAD, REPLIED, Answer
 from crash_world import CRASHED, CrashWorld
 
+QUICK = pytest.mark.any_processor
 NOTES = ("the first note", "druga opomba: č š ž")
 
 
@@ -23,7 +24,7 @@ def test_a_report_is_posted_in_chunks_of_unknown_length(crashes: CrashWorld) -> 
     assert request.header("Content-Length") is None
 
 
-@pytest.mark.parametrize("notes", [(), NOTES[:1], NOTES])
+@pytest.mark.parametrize("notes", [pytest.param((), marks=QUICK), pytest.param(NOTES[:1], marks=QUICK), NOTES])
 def test_a_server_that_asks_for_more_gets_the_full_report(crashes: CrashWorld, notes: tuple[str, ...]) -> None:
     crashes.server.queue = [FULL_WANTED]
     assert crashes.run("access_violation", notes=notes).exit_code == CRASHED
@@ -32,12 +33,14 @@ def test_a_server_that_asks_for_more_gets_the_full_report(crashes: CrashWorld, n
     crashes.assert_nothing_left()
 
 
+@pytest.mark.any_processor
 def test_the_ten_newest_notes_are_sent(crashes: CrashWorld) -> None:
     crashes.run("access_violation", notes=[f"note {number}" for number in range(1, 13)])
     report = crashes.read(crashes.server.requests[0].body)
     assert report.notes == tuple(f"note {number}" for number in range(3, 13))
 
 
+@pytest.mark.any_processor
 def test_a_full_report_is_not_asked_for_twice(crashes: CrashWorld) -> None:
     crashes.server.usual = FULL_WANTED
     assert crashes.run("access_violation").exit_code == CRASHED
@@ -46,6 +49,7 @@ def test_a_full_report_is_not_asked_for_twice(crashes: CrashWorld) -> None:
 
 
 @pytest.mark.parametrize("status", [202, 404, 500])
+@pytest.mark.any_processor
 def test_any_other_answer_in_plain_text_ends_it(crashes: CrashWorld, status: int) -> None:
     crashes.server.usual = Answer(status=status)
     assert crashes.run("access_violation").exit_code == CRASHED
@@ -64,7 +68,7 @@ def test_a_page_is_kept_and_shown_and_the_report_saved(crashes: CrashWorld) -> N
     assert crashes.files() == ["0.tzo", "0.tzr", "Odgovor.html"]
 
 
-@pytest.mark.parametrize("stage", [HEAD, BODY])
+@pytest.mark.parametrize("stage", [pytest.param(HEAD, marks=QUICK), BODY])
 def test_a_cut_connection_saves_the_report(crashes: CrashWorld, stage: str) -> None:
     crashes.server.usual = Answer(cut_at=stage)
     assert crashes.run("access_violation").exit_code == CRASHED
@@ -72,15 +76,16 @@ def test_a_cut_connection_saves_the_report(crashes: CrashWorld, stage: str) -> N
     assert crashes.read(crashes.pair(0)[0]).kind == "short"
 
 
+@pytest.mark.any_processor
 def test_a_report_is_saved_when_the_full_one_cannot_be_sent(crashes: CrashWorld) -> None:
     crashes.server.queue = [FULL_WANTED, Answer(cut_at=HEAD)]
     assert crashes.run("access_violation", notes=["kept"]).exit_code == CRASHED
     assert [crashes.read(each).notes for each in crashes.pair(0)] == [("kept",), ("kept",)]
 
 
+@pytest.mark.any_processor
 def test_a_reply_that_does_not_go_on_is_given_up(crashes: CrashWorld) -> None:
-    if crashes.machine.architecture != "x64":
-        pytest.skip("waits for the product's own 30 s; once is enough, and x64 does it")
+    """This takes the program's own 30 s."""
     crashes.server.usual = Answer(hold_at=REPLIED)
     run = crashes.run("access_violation")
     assert run.exit_code == CRASHED
