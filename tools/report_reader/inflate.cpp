@@ -36,7 +36,7 @@ std::vector<std::byte> inflate(std::span<const std::byte> compressed, std::size_
     decompressor zlib;
     z_stream& stream = zlib.stream();
     std::vector<std::byte> result;
-    std::array<std::byte, 65536> piece; // NOLINT(cppcoreguidelines-pro-type-member-init): filled by zlib
+    std::array<std::byte, 65536> piece; // filled by zlib
     std::size_t given = 0;
     const auto consumed = [&] { return given - stream.avail_in; };
     for (;;) {

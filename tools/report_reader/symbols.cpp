@@ -158,10 +158,11 @@ private:
         }
     }
 
-    // For a module without lines llvm-pdbutil repeats those of the module before it, below "(unknown file name offset 0)".
+    // "/path/run.cpp (MD5: ...)". For a module without lines llvm-pdbutil repeats those of the module before it, below
+    // "(unknown file name offset 0)": they are of no file.
     void begin_file(std::string_view text) {
         m_range = nullptr;
-        m_file_known = !text.starts_with('(') && text.rfind(" (") != std::string_view::npos;
+        m_file_known = text.rfind(" (") != std::string_view::npos;
         if (m_file_known) {
             m_table.m_files.emplace_back(text.substr(0, text.rfind(" (")));
         }

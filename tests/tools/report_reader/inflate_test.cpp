@@ -85,6 +85,10 @@ TEST(report_reader_inflate, what_fills_the_limit_is_given) {
     EXPECT_EQ(inflate(hello(), 12).size(), 12u);
     expect_damage(hello(), 17, "it inflates to more than 11 bytes", 11);
     expect_damage(hello(), 17, "it inflates to more than 0 bytes", 0);
+    // Reached in the second piece.
+    const byte_vector zeros = deflated(byte_vector(100'000));
+    EXPECT_EQ(inflate(zeros, 100'000).size(), 100'000u);
+    EXPECT_THROW(inflate(zeros, 99'999), damage);
 }
 
 // 256 MB and one byte of zeros from 261 KB.

@@ -58,9 +58,11 @@ TEST(report_reader_names, utf_16_becomes_utf_8) {
 TEST(report_reader_names, lone_surrogates_are_replaced) {
     const char16_t high_at_the_end[]{u'a', 0xD83D};
     const char16_t low_alone[]{0xDE00, u'a'};
+    const char16_t low_twice[]{0xDE00, 0xDE00};
     const char16_t high_twice[]{0xD83D, 0xD83D, 0xDE00};
     EXPECT_EQ(to_utf8({high_at_the_end, 2}), "a\uFFFD");
     EXPECT_EQ(to_utf8({low_alone, 2}), "\uFFFDa");
+    EXPECT_EQ(to_utf8({low_twice, 2}), "\uFFFD\uFFFD");
     EXPECT_EQ(to_utf8({high_twice, 3}), "\uFFFD\U0001F600");
 }
 

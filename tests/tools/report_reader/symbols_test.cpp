@@ -32,15 +32,18 @@ Mod 0002 | `other.cpp.obj`:
     70 00000100 !   71 00000108   0xFEEFEE 00000110 !   73 00000120 ! 
      0 00000130 ! 
   
+  0001:00000200-00000240, line/addr entries = 1
+    99 00000200 ! 
+  
 
                        Public Symbols                       
 ============================================================
   Records
    59956 | S_PUB32 [size = 40] `__imp_WinHttpQueryHeaders`
            flags = none, addr = 0001:0260
-   56260 | S_PUB32 [size = 36] `_Z3runPv`
-           flags = function, addr = 0001:0256
    56261 | S_PUB32 [size = 36] `_Z6runnerv`
+           flags = function, addr = 0001:0256
+   56260 | S_PUB32 [size = 36] `_Z3runPv`
            flags = function, addr = 0001:0256
    56262 | S_PUB32 [size = 36] `memcpy`
            flags = function, addr = 0001:0512
@@ -113,6 +116,10 @@ TEST(report_reader_symbols, code_of_no_line_has_no_source) {
     expect_place(0x1110, false, "run(void*)", 0x10, "");
     expect_place(0x1130, false, "run(void*)", 0x30, "");
     expect_place(0x9A010, false, "(anonymous namespace)::`dynamic initializer'", 0x10, "");
+}
+
+TEST(report_reader_symbols, lines_of_no_file_are_no_source) {
+    expect_place(0x1210, false, "a::b()", 0x10, "");
 }
 
 TEST(report_reader_symbols, what_lies_between_functions_has_no_name) {
