@@ -60,7 +60,7 @@ class Reader:
 
     def __init__(self, program: Path, work: Path) -> None:
         self._program = program
-        self._file = work / "report-to-read"
+        self._file = work / "report"
 
     def read(self, body: bytes, *, pdb: Path | None = None) -> Report:
         """Reads a report; one that is damaged in any way fails."""

@@ -69,17 +69,18 @@ class CrashShow:
             self._say(f"the server {self._server_way.what}")
             self._say(f"should happen: {given.why} (exit code 0x{given.exit_code:08X})")
             self._timeline.show()
-            self._crash()
+            reports = self._crash()
             if self._files():
                 print()
                 self._say("the next start of any program with the component: the server is there, and asks for full reports")
-                self._next_start()
+                reports = self._next_start()
             else:
                 self._expect("files of the crash", False, given.reported and self._server_way.saved)
+            self._show_report(reports)
 
     # The crash
 
-    def _crash(self) -> None:
+    def _crash(self) -> list[Received]:
         given = self._given
         with ExitStack() as stack:
             if self._server_way.answers:
@@ -87,11 +88,12 @@ class CrashShow:
             else:
                 stack.enter_context(self._server.away())
             moment = self._machine.folder / "moment.txt"
-            options = f' --moment "{windows_path(moment)}"' + "".join(f' --note "{note}"' for note in given.notes)
-            program = self._machine.begin("crash", self._command_line(given.kind) + options)
+            notes = "".join(f' --note "{note}"' for note in given.notes)
+            stamp = f' --moment "{windows_path(moment)}"'  # for the timeline
+            program = self._machine.begin("crash", self._command_line(given.kind) + stamp + notes)
             texts = self._answer_boxes(program)
             ended = program.wait(_LIMIT)
-        self._show_run(given.kind, ended, given.exit_code, options)
+        self._show_run(given.kind, ended, given.exit_code, notes)
         if moment.exists() and given.kind != "none":
             self._timeline.add("program", given.what, int(moment.read_text(encoding="ascii")) / 1e7 - 11644473600)
         reports = self._show_requests(self._server_way.requests if given.reported else ())
@@ -100,7 +102,7 @@ class CrashShow:
             self._expect(f"the last box to say \"{self._server_way.text}\"", True, self._server_way.text in texts[-1].text)
         self._show_files()
         self._timeline.show()
-        self._show_reports(reports)
+        return reports
 
     def _answer_boxes(self, program: Started) -> list[Box]:
         """Says yes to a question and OK to everything else, until the program has ended."""
@@ -123,12 +125,12 @@ class CrashShow:
 
     # The next start
 
-    def _next_start(self) -> None:
+    def _next_start(self) -> list[Received]:
         self._server.reset()
         self._server.queue = [FULL_WANTED, Answer()]
         program = self._machine.begin("next", self._command_line("none"))
         self._show_run("none", program.wait(_LIMIT), 0, "")
-        self._show_requests(("short", "full"))
+        reports = self._show_requests(("short", "full"))
         page = self._temp / "Odgovor.html"
         if page.exists():
             self._timeline.add("disk", "the page is the user's, and stays until the next one")
@@ -136,11 +138,12 @@ class CrashShow:
         self._show_files()
         self._expect("anything left", [], self._files())
         self._timeline.show()
+        return reports
 
     # What happened
 
-    def _show_run(self, kind: str, ended: Ended, wanted: int, options: str) -> None:
-        self._timeline.add("windows", f"crash_{kind}.exe{options} starts", ended.begin)
+    def _show_run(self, kind: str, ended: Ended, wanted: int, notes: str) -> None:
+        self._timeline.add("windows", f"crash_{kind}.exe{notes} starts", ended.begin)
         code = "none" if ended.exit_code is None else f"0x{ended.exit_code:08X}"
         self._timeline.add("windows", f"crash_{kind}.exe ends with exit code {code}", ended.end)
         self._expect("the exit code", f"0x{wanted:08X}", code)
@@ -155,7 +158,8 @@ class CrashShow:
         self._expect("the reports at the server", list(wanted), [each.kind for each in requests])
         return requests
 
-    def _show_reports(self, requests: list[Received]) -> None:
+    def _show_report(self, requests: list[Received]) -> None:
+        """Prints the last of them as its reader reads it, and compares it with the crash."""
         pdb = self._program_file(self._given.kind).with_suffix(".pdb")
         for body in [each.body for each in requests if each.whole][-1:]:
             print("\nwhat read_report says about the report, with the PDB of the program:\n")
