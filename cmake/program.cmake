@@ -1,8 +1,9 @@
 # lumaris_harden(TARGET): links a Windows program or library the way the product is linked. High-entropy
-# address layout and data execution prevention, libraries from System32 only, no time stamps, a PDB beside it, no symbols inside.
+# address layout and data execution prevention, libraries from System32 only, a PDB beside it, no symbols inside. No time stamps: where
+# one belongs stands a hash of the program, the same for the same content, by which an error report tells which build it comes from.
 function(lumaris_harden target)
     target_link_options(${target} PRIVATE
-        -Wl,--dynamicbase -Wl,--high-entropy-va -Wl,--nxcompat -Wl,--no-insert-timestamp
+        -Wl,--dynamicbase -Wl,--high-entropy-va -Wl,--nxcompat -Wl,--no-insert-timestamp -Wl,-Xlink=-Brepro
         -Wl,-Xlink=-dependentloadflag:0x800 -Wl,-Xlink=-pdbaltpath:%_PDB%
         -Wl,--pdb=$<TARGET_FILE_DIR:${target}>/$<TARGET_FILE_BASE_NAME:${target}>.pdb -Wl,-s
         -Wl,-Map=$<TARGET_FILE_DIR:${target}>/$<TARGET_FILE_BASE_NAME:${target}>.map)

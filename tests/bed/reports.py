@@ -26,6 +26,8 @@ class Frame:
     """One frame, from the fault outward."""
 
     module: str
+    time_stamp: int
+    """Of the module's file header."""
     offset: int
     function: str | None
     """Its name, where the module's PDB was given; without the namespace and the parameters."""
@@ -86,7 +88,7 @@ class Reader:
 def _report(found: dict[str, Any]) -> Report:
     records = tuple(Record(each["code"], each["flags"], each["address"], tuple(each["parameters"]))
                     for each in found["records"])
-    frames = tuple(Frame(each["module"], each["offset"], _plain_name(each.get("function")),
+    frames = tuple(Frame(each["module"], each["time_stamp"], each["offset"], _plain_name(each.get("function")),
                          bytes.fromhex(each["stack"]["bytes"]) if each.get("stack") else b"")
                    for each in found["frames"])
     context = found["context"]

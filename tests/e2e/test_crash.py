@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import struct
+
 import pytest
 
 from bed.report_server import Answer
@@ -88,6 +90,16 @@ def test_an_access_violation_tells_where_it_happened(crashes: CrashWorld) -> Non
     assert report.records[0].parameters == (kind_of_access, 0)
     base = report.records[0].address - report.frames[0].offset
     assert (report.frames[0].module, base % 0x10000) == ("crash_access_violation.exe", 0)
+
+
+def test_a_report_tells_which_build_it_comes_from(crashes: CrashWorld) -> None:
+    crashes.run("access_violation")
+    crash = crashes.read(crashes.server.requests[0].body).frames[0]
+    program = (crashes.machine.folder / crash.module).read_bytes()
+    header, = struct.unpack_from("<I", program, 0x3c)
+    assert (program[header:header + 4], crash.time_stamp) == (b"PE\0\0", *struct.unpack_from("<I", program, header + 8))
+    # A hash of the program, and not a number that all builds share.
+    assert crash.time_stamp not in (0, 0xFFFFFFFF)
 
 
 def test_a_crash_during_the_start_waits_for_earlier_reports(crashes: CrashWorld) -> None:
