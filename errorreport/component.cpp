@@ -104,14 +104,14 @@ bool in_main_program() noexcept {
 
 std::wstring note_text(const char* text, std::size_t limit, UINT code_page) {
     const DWORD flags = code_page < 65000 ? MB_PRECOMPOSED : 0; // from UTF-7 on the system refuses the flag
-    const std::size_t length = ::strnlen(text, limit);
+    const std::string narrow(text, ::strnlen(text, limit));
     std::wstring note;
-    if (length != 0 &&
-        pwrap::MultiByteToWideChar(code_page, flags, text, static_cast<int>(length), note) == 0) {
+    if (!narrow.empty() && pwrap::MultiByteToWideChar(code_page, flags, narrow, note) == 0) {
         throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(),
                                 "MultiByteToWideChar failed");
     }
-    return note;
+    return note.substr(0,
+                       note.find(L'\0')); // UTF-7 can spell a zero, which would end the note for its readers
 }
 
 component::component() : m_started(::CreateEventW(nullptr, FALSE, FALSE, nullptr)) {}
@@ -137,6 +137,9 @@ void component::install() {
 // virtual call and the like end in abort, and the C runtime ends the process for an invalid parameter: each of these is turned into an
 // exception that does.
 void component::take_over() {
+    if (m_taken_over) { // what is there now is ours
+        return;
+    }
     m_previous_filter = ::SetUnhandledExceptionFilter(unhandled_exception_filter);
     m_previous_terminate = std::set_terminate(on_terminate);
     m_previous_abort = std::signal(SIGABRT, on_abort);
@@ -176,13 +179,13 @@ void component::add_note(std::wstring note) {
 
 void component::wait_for_start_up_thread() {
     const std::lock_guard lock(m_lock);
-    if (m_start_up_thread) {
+    if (m_start_up_thread) { // the lock is held meanwhile: nothing is noted or removed before earlier crashes are told
         ::WaitForSingleObject(m_start_up_thread.get(), INFINITE);
     }
 }
 
 LONG component::filter(const EXCEPTION_POINTERS* exception) noexcept {
-    {
+    if (!m_lock.held_here()) {
         const std::lock_guard lock(m_lock);
         if (m_start_up_thread && ended(::WaitForSingleObject(m_start_up_thread.get(), start_up_limit))) {
             m_crash = {exception, ::GetCurrentThread(), ::GetCurrentProcess()};
@@ -194,22 +197,31 @@ LONG component::filter(const EXCEPTION_POINTERS* exception) noexcept {
 }
 
 void component::handle_crash() {
-    m_note_units = m_notes.joined();
+    try {
+        m_note_units = m_notes.joined();
+    } catch (const std::bad_alloc&) { // which may be what the program crashed of
+        m_note_units.clear();
+    }
+    m_reported = false;
     m_reporting_thread.reset(::CreateThread(nullptr, 0, reporting_thread, nullptr, 0, nullptr));
     if (m_reporting_thread) {
         if (::WaitForSingleObject(m_started.get(), report_limit) == WAIT_OBJECT_0) {
             ::WaitForSingleObject(m_reporting_thread.get(), INFINITE);
-            m_reporting_thread.free();
+        } else {
+            ::TerminateThread(m_reporting_thread.get(), 1);
+        }
+        m_reporting_thread.free();
+        if (m_reported) {
             return;
         }
-        ::TerminateThread(m_reporting_thread.get(), 1);
-        m_reporting_thread.free();
     }
-    write_report_files(m_crash, {}); // nobody could be asked about the notes
+    // No thread, or one that failed on its way: rather a report twice than none. Nobody could be asked about the notes.
+    write_report_files(m_crash, {});
 }
 
-void component::report() const {
+void component::report() {
     report_crash({m_crash, m_note_units, m_program_name, m_symbol_mutex, m_started.get()});
+    m_reported = true;
 }
 
 } // namespace corvo::errorreport

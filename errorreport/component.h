@@ -10,6 +10,7 @@
 #include "errorreport/note_list.h"
 #include "platform/handle.h"
 
+#include <atomic>
 #include <exception>
 #include <mutex>
 #include <string>
@@ -25,6 +26,24 @@ inline constexpr DWORD invalid_parameter = 0xE0544D03;
 // A note from narrow text, which ends at its first zero and after `limit` bytes at the latest. Throws std::system_error
 // "MultiByteToWideChar failed".
 std::wstring note_text(const char* text, std::size_t limit, UINT code_page);
+
+// An ordinary mutex that knows whether the calling thread holds it.
+class component_lock {
+public:
+    void lock() {
+        m_mutex.lock();
+        m_owner = ::GetCurrentThreadId();
+    }
+    void unlock() {
+        m_owner = 0;
+        m_mutex.unlock();
+    }
+    bool held_here() const noexcept { return m_owner == ::GetCurrentThreadId(); }
+
+private:
+    std::mutex m_mutex;
+    std::atomic<DWORD> m_owner{0};
+};
 
 class component {
 public:
@@ -44,19 +63,19 @@ public:
     void add_note(std::wstring note);
     void wait_for_start_up_thread();
 
-    // Handles a crash of the calling thread and ends the process with exit code 0xFFFFFFFF. Uses little stack, of which an
-    // overflow leaves a few kilobytes.
+    // Handles a crash of the calling thread and ends the process with exit code 0xFFFFFFFF. A crash in the component itself, with
+    // the lock held, is not reported. Uses little stack, of which an overflow leaves a few kilobytes.
     LONG filter(const EXCEPTION_POINTERS* exception) noexcept;
 
     // What the two threads and the filter run. Whatever goes wrong in them ends there.
-    void report() const;
+    void report();
     void handle_crash();
 
 private:
     void take_over();
     void give_back() noexcept;
 
-    std::mutex m_lock;
+    component_lock m_lock;
     pwrap::win_handle<0> m_started; // the reporting thread has begun to run
     std::wstring m_symbol_mutex;
     std::wstring m_program_name;
@@ -70,6 +89,7 @@ private:
     note_list m_notes;
     std::vector<wchar_t> m_note_units; // the notes as they were when the crash came
     crash m_crash{};
+    std::atomic<bool> m_reported{false}; // the reporting thread has come to its end
 };
 
 } // namespace corvo::errorreport

@@ -26,17 +26,22 @@ exception_record described(const EXCEPTION_RECORD& record) noexcept {
              std::min<std::size_t>(record.NumberParameters, EXCEPTION_MAXIMUM_PARAMETERS)}};
 }
 
+// Neither chain nor stack is as long in a process that can be reported; damaged ones may lead in a circle.
+constexpr std::uint32_t most_records = 100;
+constexpr std::uint32_t most_frames = 100000;
+
 void write_exceptions(stream::basic& out, report_kind kind, const EXCEPTION_RECORD& first) {
     if (kind == report_kind::brief) {
         write_record(out, described(first));
         return;
     }
     std::uint32_t count = 0;
-    for (const EXCEPTION_RECORD* each = &first; each != nullptr; each = each->ExceptionRecord) {
+    for (const EXCEPTION_RECORD* each = &first; each != nullptr && count < most_records;
+         each = each->ExceptionRecord) {
         ++count;
     }
     write_record_count(out, count);
-    for (const EXCEPTION_RECORD* each = &first; each != nullptr; each = each->ExceptionRecord) {
+    for (const EXCEPTION_RECORD* each = &first; count != 0; each = each->ExceptionRecord, --count) {
         write_record(out, described(*each));
     }
 }
@@ -57,7 +62,7 @@ DWORD64 module_base(HANDLE process, DWORD64 address) noexcept {
 }
 
 bool readable(DWORD64 begin, DWORD64 end) noexcept {
-    constexpr DWORD forbidden = PAGE_NOACCESS | PAGE_GUARD;
+    constexpr DWORD forbidden = PAGE_NOACCESS | PAGE_GUARD | PAGE_EXECUTE; // the last one allows nothing else
     MEMORY_BASIC_INFORMATION memory{};
     for (DWORD64 at = begin; at < end;) {
         if (!query(at, memory) || memory.State != MEM_COMMIT || (memory.Protect & forbidden) != 0) {
@@ -112,6 +117,7 @@ void walk_stack(stream::basic& out, report_kind kind, const crash& what) {
     frame.AddrBStore = flat(start.backing_store);
 
     DWORD64 written_module = 0; // none
+    std::uint32_t frames = 0;
     do {
         const bool walked = ::StackWalk64(machine_type, what.process, what.thread, &frame, &context, nullptr,
                                           ::SymFunctionTableAccess64, ::SymGetModuleBase64, nullptr) != FALSE;
@@ -136,7 +142,7 @@ void walk_stack(stream::basic& out, report_kind kind, const crash& what) {
             write_stack(out, frame.AddrStack.Offset,
                         walked ? stack_memory(frame) : std::span<const std::byte>());
         }
-    } while (frame.AddrPC.Offset != frame.AddrReturn.Offset);
+    } while (frame.AddrPC.Offset != frame.AddrReturn.Offset && ++frames < most_frames);
 }
 
 } // namespace

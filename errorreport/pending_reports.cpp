@@ -8,6 +8,7 @@
 #include "platform/text.h"
 #include "stream/cached_file.h"
 
+#include <cwchar>
 #include <filesystem>
 #include <system_error>
 
@@ -26,6 +27,13 @@ constexpr int report_mode = stream::mode_for_reading | stream::mode_open_existin
     pwrap::wide_to_utf8(path, name);
     throw std::system_error(static_cast<int>(error), std::system_category(),
                             "Odpiranje datoteke s poročilom o napaki " + name + " ni uspelo");
+}
+
+// The search compares short names, too, where the volume has them: it finds "a.tzobackup" by its name "A~1.TZO". That file is
+// somebody else's, and is neither sent nor deleted.
+bool is_report_name(const wchar_t* name) noexcept {
+    const std::size_t length = std::wcslen(name);
+    return length >= 4 && ::_wcsicmp(name + length - 4, L".tzo") == 0;
 }
 
 // A missing file is no failure.
@@ -71,6 +79,9 @@ void send_pending_reports() {
     }
     upload_session session;
     do {
+        if (!is_report_name(found.cFileName)) {
+            continue;
+        }
         std::wstring path = folder + found.cFileName;
         const std::uint16_t status = send_file(session, path);
         path.replace(path.rfind(L'.'), std::wstring::npos, L".tzr");

@@ -42,7 +42,8 @@ private:
 
 // One for the process, made where it is needed first; the second report takes the place of the first.
 stream::memory_file& composed(report_kind kind, const crash& what, std::span<const wchar_t> notes) {
-    static stream::memory_file file(4096);
+    // Not destroyed: another thread may bring the program to its end while the report is on its way.
+    static stream::memory_file& file = *new stream::memory_file(4096);
     file.seek(0, stream::seek_beg);
     file.truncate();
     compose_report(kind, what, notes, file);

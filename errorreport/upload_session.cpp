@@ -17,8 +17,7 @@
 namespace corvo::errorreport {
 namespace {
 
-// A length that the server announces reserves nothing: replies are short, and what does not come must not become part of one.
-using post_request = webio::post_chunked_request<webio::content_type_handler, webio::ignore_content_length,
+using post_request = webio::post_chunked_request<webio::content_type_handler, webio::presize_handler,
                                                  stream::memory_file, std::uint64_t>;
 
 constexpr int reply_file_mode = stream::mode_for_writing | stream::mode_create;
@@ -74,14 +73,16 @@ std::uint16_t upload_session::send(stream::basic& report, std::exception_ptr& re
     bool status_line = true;
     std::string type;
     webio::content_type_handler header_line(status_line, type);
-    webio::ignore_content_length content_length;
+    webio::presize_handler content_length(m_reply);
     const post_request request(m_connection, report_url(), m_headers, {"*/*"}, {}, report, header_line,
                                content_length, m_reply, nullptr);
+
+    m_reply.truncate(); // what was announced and did not come is no part of the reply
 
     const auto [media_type, charset] = split_content_type(type);
     if (!is_plain_text(media_type)) {
         m_saved_reply = save_reply(m_reply, m_reply.size());
-        if (running_system().interactive && !m_saved_reply.empty()) {
+        if (running_system().interactive && !m_saved_reply.empty()) { // an older file would only mislead
             open_file(m_saved_reply);
         }
         throw_unexpected_reply();

@@ -1,4 +1,5 @@
-// The program's entry: registers the event source before anything else and runs once.
+// The program's entry: registers the event source during static initialisation, waits for the reports of earlier crashes and runs
+// once.
 
 #include "updater/run.h"
 

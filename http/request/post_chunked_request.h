@@ -9,6 +9,7 @@
 
 #include "http/request/chunk_framing.h"
 #include "http/request/request.h"
+#include "platform/structured_exception.h"
 
 namespace webio {
 
@@ -27,8 +28,8 @@ class post_chunked_request final : public request<HeaderLine, ContentLength, Dat
 
 public:
     // Throws pwrap::http_error for a failed WinHTTP call or request, std::runtime_error for a TLS failure,
-    // std::system_error for a data source in a failed state or a failing output stream,
-    // corvo::user_cancelled, and whatever source and handlers throw. `progress` counts the response; for the
+    // std::system_error for a data source in a failed state or a failing output stream, std::runtime_error for a
+    // notification that faults, corvo::user_cancelled, and whatever source and handlers throw. `progress` counts the response; for the
     // body that is sent it can only cancel.
     post_chunked_request(const connection& server, const url_parts& url, const header_list& headers,
                          const accept_types& accepted, const proxy_credentials& proxy,
@@ -41,9 +42,28 @@ public:
     }
 
 private:
+    struct notification {
+        post_chunked_request& self;
+        DWORD code;
+        void* data;
+        DWORD length;
+    };
+
+    // Crash reports are sent by such a request. A fault in one of its notifications must not become a crash of its own: that one
+    // would wait for the thread that sends, and the thread for the end of the notification.
+    void on_status(DWORD code, void* data, DWORD length) override {
+        notification now{*this, code, data, length};
+        pwrap::run_guarded(
+            [](void* argument) {
+                const auto& each = *static_cast<notification*>(argument);
+                each.self.handle_status(each.code, each.data, each.length);
+            },
+            &now);
+    }
+
     // Asks about cancellation itself even where the base asks again: every notification begins with the
     // question.
-    void on_status(DWORD code, void* data, DWORD length) override {
+    void handle_status(DWORD code, void* data, DWORD length) {
         this->check_cancelled_unless_failed();
         switch (code) {
         case WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE:

@@ -61,6 +61,8 @@ protected:
     void* allocation_base = ::GetModuleHandleW(nullptr);
     SIZE_T description_size = sizeof(MEMORY_BASIC_INFORMATION);
     HANDLE event = nullptr;
+    bool runs_at_wait = false;    // waiting for the reporting thread lets it run
+    bool crashes_at_wait = false; // waiting for the start-up thread crashes
     std::wstring folder;
     test::fake_stack stack;
 
@@ -108,6 +110,12 @@ private:
                 return support::WaitForSingleObject.real(handle, limit);
             }
             calls.push_back("wait " + name_of(handle) + " " + std::to_string(limit));
+            if (runs_at_wait && threads.size() == 2 && handle == threads[1].handle) {
+                threads[1].procedure(nullptr);
+            }
+            if (std::exchange(crashes_at_wait, false)) {
+                crash();
+            }
             const auto found = wait_results.find(handle);
             return found == wait_results.end() ? WAIT_OBJECT_0 : found->second;
         }};
@@ -203,6 +211,43 @@ TEST_F(installing, fails_where_the_programs_name_cannot_be_had) {
         EXPECT_STREQ("GetModuleFileNameW failed: Access denied.", error.what());
     }
     EXPECT_EQ(strings(), calls);
+}
+
+TEST_F(installing, again_does_not_take_its_own_handlers_for_the_former_ones) {
+    const auto terminate = std::get_terminate();
+    subject.install();
+    subject.install();
+    EXPECT_EQ((strings{"create", "filter", "create"}), calls);
+    subject.uninstall();
+    EXPECT_EQ(&former_filter, current_filter);
+    EXPECT_EQ(terminate, std::get_terminate());
+}
+
+TEST_F(installing, removal_forgets_the_notes_and_closes_its_thread) {
+    subject.install();
+    subject.add_note(L"note");
+    std::vector<HANDLE> closed;
+    const HANDLE thread = start_up_thread();
+    {
+        const support::script close(support::CloseHandle, [&](HANDLE handle) {
+            closed.push_back(handle);
+            return support::CloseHandle.real(handle);
+        });
+        subject.uninstall();
+    }
+    EXPECT_THAT(closed, testing::ElementsAre(thread));
+    subject.install();
+    runs_at_wait = true;
+    std::wstring asked;
+    const support::script box(support::MessageBoxIndirectW, [&](const MSGBOXPARAMSW* parameters) {
+        asked += parameters->lpszText;
+        return IDNO;
+    });
+    const support::script connect(support::WinHttpOpen, [](auto...) -> HINTERNET { return nullptr; });
+    threads.erase(threads.begin()); // so that the reporting thread is the second again
+    crash();
+    EXPECT_THAT(asked, testing::Not(testing::HasSubstr(L"note")));
+    EXPECT_FALSE(asked.empty());
 }
 
 TEST_F(installing, again_closes_the_former_start_up_thread) {
@@ -326,7 +371,6 @@ TEST_F(crashing, is_reported_by_a_thread_and_ends_the_process) {
     EXPECT_EQ((strings{"wait thread 0 30000", "create", "wait started 10000", "wait thread 1 4294967295",
                        "end process 4294967295"}),
               calls);
-    EXPECT_FALSE(files_written());
 }
 
 TEST_F(crashing, after_an_abandoned_start_up_thread_is_reported) {
@@ -379,6 +423,7 @@ TEST_F(crashing, where_the_thread_does_not_begin_ends_it_and_leaves_files) {
                   calls);
         EXPECT_TRUE(files_written());
         ::DeleteFileW((folder + L"0.tzo").c_str());
+        ::DeleteFileW((folder + L"0.tzr").c_str());
     }
 }
 
@@ -400,6 +445,61 @@ TEST_F(crashing, files_that_cannot_be_written_end_the_process_all_the_same) {
     calls.clear();
     crash();
     EXPECT_EQ("end process 4294967295", calls.back());
+}
+
+TEST_F(crashing, whose_thread_does_not_come_to_its_end_leaves_files) {
+    subject.install();
+    crash(); // the thread never ran
+    EXPECT_TRUE(files_written());
+}
+
+TEST_F(crashing, whose_thread_comes_to_its_end_leaves_no_more_files_than_that_does) {
+    subject.install();
+    const support::script screen_reader(support::SystemParametersInfoW,
+                                        [](UINT, UINT, void* runs, UINT) -> BOOL {
+                                            *static_cast<BOOL*>(runs) = TRUE;
+                                            return TRUE;
+                                        });
+    // Nothing can be sent, so the thread saves the report: as the first pair, and the only one.
+    const support::script connect(support::WinHttpOpen, [](auto...) -> HINTERNET { return nullptr; });
+    runs_at_wait = true;
+    crash();
+    EXPECT_TRUE(files_written());
+    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, ::GetFileAttributesW((folder + L"1.tzo").c_str()));
+    ::DeleteFileW((folder + L"1.tzo").c_str());
+    ::DeleteFileW((folder + L"1.tzr").c_str());
+}
+
+TEST_F(crashing, takes_the_processs_own_lock_of_the_symbol_engine) {
+    subject.install();
+    crash();
+    const support::script screen_reader(support::SystemParametersInfoW,
+                                        [](UINT, UINT, void* runs, UINT) -> BOOL {
+                                            *static_cast<BOOL*>(runs) = TRUE;
+                                            return TRUE;
+                                        });
+    std::vector<std::wstring> names;
+    const support::script mutex(support::CreateMutexW,
+                                [&](SECURITY_ATTRIBUTES*, BOOL, const wchar_t* name) -> HANDLE {
+                                    names.emplace_back(name);
+                                    return nullptr;
+                                });
+    threads.at(1).procedure(nullptr);
+    EXPECT_THAT(names,
+                testing::ElementsAre(L"QeltSymInitialize-" + std::to_wstring(::GetCurrentProcessId())));
+}
+
+// Main holds the lock while it waits for the sending, so that nobody else gets at the component meanwhile. A crash of the thread that
+// holds it would wait for itself.
+TEST_F(crashing, with_the_lock_held_ends_the_process_at_once) {
+    subject.install();
+    calls.clear();
+    crashes_at_wait = true;
+    subject.wait_for_start_up_thread();
+    EXPECT_EQ((strings{"wait thread 0 4294967295", "end process 4294967295"}), calls);
+    calls.clear();
+    crash(); // and has given it back afterwards
+    EXPECT_EQ("wait thread 0 30000", calls.front());
 }
 
 // What a thread of ours does wrong must not come to the filter, which waits for that thread.
@@ -452,6 +552,10 @@ TEST(note_text, asks_for_composed_characters_below_code_page_65000_only) {
                                               std::pair(65000U, DWORD{0}), std::pair(65001U, DWORD{0})}));
     EXPECT_THAT(asked, testing::Not(testing::Contains(std::pair(64999U, DWORD{0}))));
     EXPECT_THAT(asked, testing::Not(testing::Contains(std::pair(65000U, DWORD{1}))));
+}
+
+TEST(note_text, ends_at_a_zero_that_only_its_code_page_spells) {
+    EXPECT_EQ(L"a", note_text("a+AAAAYg-", 100, 65000)); // a, zero, b in UTF-7
 }
 
 TEST(note_text, that_cannot_be_converted_fails) {

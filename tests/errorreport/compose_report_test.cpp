@@ -337,6 +337,26 @@ TEST(compose_report, more_parameters_than_a_record_holds_are_not_read) {
     EXPECT_EQ(15, report[22]);
 }
 
+TEST(compose_report, a_walk_that_goes_in_a_circle_ends) {
+    fake_stack stack;
+    stack.endless = true;
+    stack.steps = {{true, 0x140001010, 0, 0, 0x140001011}, {true, 0x140001011, 0, 0, 0x140001010}};
+    const bytes report = stack.composed(report_kind::brief);
+    EXPECT_EQ(100000U, stack.frames_seen.size());
+    EXPECT_EQ(brief_module().get().size() + 100000U * 12, report.size());
+}
+
+TEST(compose_report, a_chain_of_records_that_goes_in_a_circle_ends) {
+    fake_stack stack;
+    stack.record().ExceptionRecord = &stack.record();
+    const bytes report = stack.composed(report_kind::full);
+    ASSERT_GT(report.size(), 10U);
+    EXPECT_EQ(100, report[6]);
+    const bytes record(report.begin() + 10, report.begin() + 30);
+    EXPECT_EQ(record, bytes(report.begin() + 10 + 99 * 20, report.begin() + 10 + 100 * 20));
+    EXPECT_NE(record, bytes(report.begin() + 10 + 100 * 20, report.begin() + 10 + 101 * 20));
+}
+
 TEST(compose_report, is_a_zlib_stream_at_the_best_compression) {
     fake_stack stack;
     corvo::stream::memory_file out;

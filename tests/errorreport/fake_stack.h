@@ -105,6 +105,7 @@ public:
     CONTEXT& context() { return m_context; }
 
     std::vector<step> steps;
+    bool endless = false;              // the steps are gone through again and again
     std::map<DWORD64, module> modules; // by base; each of 64 KB
     std::map<DWORD64, DWORD64>
         unknown_to_engine;           // page address to allocation base, for code that only the system knows
@@ -129,10 +130,10 @@ private:
         thread_seen = thread;
         frames_seen.push_back(*frame);
         const std::size_t index = frames_seen.size() - 1;
-        if (index >= steps.size()) {
+        if (!endless && index >= steps.size()) {
             return FALSE;
         }
-        const step& next = steps[index];
+        const step& next = steps[index % steps.size()];
         if (next.walked) {
             frame->AddrPC.Offset = next.program_counter;
             frame->AddrFrame.Offset = next.frame_pointer;

@@ -153,6 +153,21 @@ TEST_F(pending_reports, are_sent_and_deleted_in_the_order_of_the_search) {
     EXPECT_EQ(1U, http.connections.size());
 }
 
+// The system finds "x.tzobackup" by its short name.
+TEST_F(pending_reports, do_not_include_files_whose_short_name_alone_looks_like_one) {
+    const names found{L"x.tzobackup", L"tzo", L"1.TZO"};
+    const scripted_search search(files.path() + L"*.tzo", found);
+    for (const auto& name : found) {
+        files.put(name.c_str(), "content");
+    }
+    will_answer(200);
+    send_pending_reports();
+    EXPECT_EQ((strings{"content"}), sent());
+    EXPECT_TRUE(files.has(L"x.tzobackup"));
+    EXPECT_TRUE(files.has(L"tzo"));
+    EXPECT_FALSE(files.has(L"1.TZO"));
+}
+
 TEST_F(pending_reports, are_found_by_the_system) {
     files.put(L"0.tzo", "zero");
     files.put(L"x y.TZO", "other");

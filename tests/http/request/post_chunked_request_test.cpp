@@ -514,6 +514,19 @@ TEST(post_lifetime, outlasts_a_callback_that_is_still_issuing_a_write) {
     EXPECT_EQ("SetEvent", x.http.calls.back());
 }
 
+// A crash report is sent by such a request: a fault there must not be reported by the thread that waits for it.
+TEST_P(post, ends_with_an_error_where_a_notification_faults) {
+    x.source.add("abc");
+    x.on_line = [](const char*, std::size_t) { ::RaiseException(EXCEPTION_ACCESS_VIOLATION, 0, 0, nullptr); };
+    try {
+        x.post();
+        FAIL();
+    } catch (const std::runtime_error& error) {
+        EXPECT_STREQ("structured exception 0xC0000005", error.what());
+    }
+    EXPECT_EQ("WinHttpCloseHandle", x.http.calls.back());
+}
+
 // The memory of a finished request is filled and looked at again later: nothing writes to it any more.
 TEST(post_lifetime, ends_before_the_constructor_returns) {
     upload x(delivery::worker, 3);
