@@ -22,9 +22,13 @@ std::wstring load(UINT id, const char* failure) {
     return std::wstring(text);
 }
 
-// As a precision argument is given.
-int length_of(std::wstring_view text) noexcept {
-    return static_cast<int>(std::min<std::size_t>(text.size(), std::numeric_limits<int>::max()));
+// Puts the text into a format in which "%.*ls" stands for it.
+std::wstring filled(const std::wstring& pattern, std::wstring_view text) {
+    const int length = static_cast<int>(std::min<std::size_t>(text.size(), std::numeric_limits<int>::max()));
+    std::wstring result;
+    // NOLINTNEXTLINE(bugprone-suspicious-stringview-data-usage): the length stands before it
+    format(result, pattern.c_str(), length, text.data());
+    return result;
 }
 
 void append_note(std::wstring& text, std::wstring_view note) {
@@ -41,9 +45,7 @@ void append_note(std::wstring& text, std::wstring_view note) {
 
 void dialog_text::add_introduction(std::wstring_view program_name) {
     const std::wstring introduction = load(IDS_ZEPHOLD_UVOD, "LoadString(IDS_ZEPHOLD_UVOD) failed");
-    std::wstring piece;
-    format(piece, introduction.c_str(), length_of(program_name), program_name.data());
-    m_text += piece;
+    m_text += filled(introduction, program_name);
     m_text += L'\n';
 }
 
@@ -60,9 +62,7 @@ void dialog_text::add_question(std::span<const wchar_t> notes) {
 void dialog_text::add_reply(bool accepted, std::wstring_view reply) {
     const std::wstring result = load(accepted ? IDS_ZEPHOLD_REZULTAT : IDS_ZEPHOLD_REZULTAT_NAPAKA,
                                      "LoadString(IDS_ZEPHOLD_REZULTAT/IDS_ZEPHOLD_REZULTAT_NAPAKA) failed");
-    std::wstring piece;
-    format(piece, result.c_str(), length_of(reply), reply.data());
-    m_text += piece;
+    m_text += filled(result, reply);
 }
 
 void dialog_text::add_failure() {

@@ -133,9 +133,9 @@ TEST(dialog, sets_text_and_style_of_every_box) {
 // 0 is what comes of a box that cannot be shown, 1 and 2 are OK and Cancel, 7 is No.
 TEST(dialog, takes_only_yes_for_yes) {
     for (const int answer : {0, 1, 2, 7}) {
-        message_box box(answer);
+        const message_box box(answer);
         EXPECT_FALSE(ask_user(L"May it?")) << answer;
     }
-    message_box box(6);
+    const message_box box(6);
     EXPECT_TRUE(ask_user(L"May it?"));
 }

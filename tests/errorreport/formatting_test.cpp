@@ -5,8 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-
+#include <cstdlib>
 #include <stdexcept>
 #include <vector>
 
