@@ -55,8 +55,7 @@ std::uint16_t send_file(upload_session& session, const std::wstring& path) {
         }
         std::exception_ptr reception_failure; // there is nobody to tell what the server says
         status = session.send(file, reception_failure);
-        file.close(); // an open file could not be deleted
-    }
+    } // closes the file, which could not be deleted while it is open
     remove(path);
     return status;
 }

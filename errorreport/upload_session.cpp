@@ -41,8 +41,7 @@ std::wstring save_reply(const stream::memory_file& reply, stream::fsize size) {
             return {};
         }
         file.write(reply.data(), static_cast<std::size_t>(size));
-        file.close(); // it is shared with nobody, and the browser is to read it
-        return path;
+        return path; // closed by then: it is shared with nobody, and the browser is to read it
     } catch (const std::exception&) {
         return {};
     }
