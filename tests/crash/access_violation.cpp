@@ -1,4 +1,4 @@
-// Writes to an address that is never there.
+// Writes to an address that is never there, with a text on the stack that a full report holds.
 
 #include "tests/crash/crash_program.h"
 
@@ -7,6 +7,8 @@ namespace {
 int* volatile nowhere = nullptr;
 
 CRASH_FRAME void innermost() {
+    const char text[] = "left on the stack";
+    asm volatile("" : : "r"(text) : "memory"); // keeps it there
     *nowhere = 1;
 }
 

@@ -81,6 +81,14 @@ def test_a_full_report_tells_the_same_crash(crashes: CrashWorld, kind: str) -> N
     assert full.has_context == (full.machine == "arm64")
 
 
+def test_a_full_report_holds_the_stack_of_the_crashing_function(crashes: CrashWorld) -> None:
+    crashes.server.queue = [Answer(status=449)]
+    crashes.run("access_violation")
+    short, full = (crashes.read(each.body, "access_violation") for each in crashes.server.requests)
+    assert b"left on the stack" in full.frames[0].stack
+    assert [each.stack for each in short.frames if each.stack] == []
+
+
 @pytest.mark.any_processor
 def test_an_access_violation_tells_where_it_happened(crashes: CrashWorld) -> None:
     crashes.run("access_violation")

@@ -46,6 +46,30 @@ def test_a_report_is_saved_when_the_server_is_away(crashes: CrashWorld) -> None:
     assert short.notes == full.notes == ("kept",)
 
 
+def test_two_programs_that_crash_at_once_save_a_pair_each(crashes: CrashWorld) -> None:
+    with crashes.server.away():
+        programs = [crashes.begin("access_violation", notes=[name], name=name) for name in ("one", "other")]
+        assert [each.wait().exit_code for each in programs] == [CRASHED, CRASHED]
+    assert crashes.files() == ["0.tzo", "0.tzr", "1.tzo", "1.tzr"]
+    notes = [[crashes.read(each).notes for each in crashes.pair(number)] for number in (0, 1)]
+    assert sorted(notes) == [[("one",), ("one",)], [("other",), ("other",)]]
+
+
+@pytest.mark.any_processor
+@pytest.mark.parametrize("stage", [HEAD, BODY])
+def test_a_crash_that_is_killed_while_it_reports_leaves_nothing_behind(crashes: CrashWorld, stage: str) -> None:
+    """What is reported at once is saved only when that has failed: its report is lost, and nothing else."""
+    crashes.server.queue = [Answer(hold_at=stage)]
+    program = crashes.begin("access_violation")
+    crashes.server.wait_for(stage)
+    program.kill()
+    assert program.wait().exit_code == 0xDEAD
+    crashes.assert_nothing_left()
+    crashes.server.reset()
+    assert crashes.run("access_violation").exit_code == CRASHED
+    assert crashes.server.kinds == ["short"]
+
+
 def test_the_next_start_sends_the_short_report_and_deletes_both(crashes: CrashWorld, pairs: tuple[Pair, Pair]) -> None:
     crashes.save(0, pairs[0])
     assert crashes.run("none").exit_code == 0

@@ -83,11 +83,13 @@ def test_a_report_is_saved_when_the_full_one_cannot_be_sent(crashes: CrashWorld)
     assert [crashes.read(each).notes for each in crashes.pair(0)] == [("kept",), ("kept",)]
 
 
+# The program's receive time-out of 30 s is for a reply that has begun. How long the system waits for its beginning is the system's
+# own affair; Wine waits 21 s.
 @pytest.mark.any_processor
-def test_a_reply_that_does_not_go_on_is_given_up(crashes: CrashWorld) -> None:
-    """This takes the program's own 30 s."""
-    crashes.server.usual = Answer(hold_at=REPLIED)
+@pytest.mark.parametrize(("stage", "least"), [(BODY, 5), (REPLIED, 29)])
+def test_a_server_that_falls_silent_is_given_up(crashes: CrashWorld, stage: str, least: float) -> None:
+    crashes.server.usual = Answer(hold_at=stage)
     run = crashes.run("access_violation")
     assert run.exit_code == CRASHED
-    assert 29 < run.end - run.begin < 45
+    assert least < run.end - run.begin < 45
     assert crashes.files() == ["0.tzo", "0.tzr"]
