@@ -46,6 +46,7 @@ def test_a_report_is_saved_when_the_server_is_away(crashes: CrashWorld) -> None:
     assert short.notes == full.notes == ("kept",)
 
 
+@pytest.mark.any_processor
 def test_two_programs_that_crash_at_once_save_a_pair_each(crashes: CrashWorld) -> None:
     with crashes.server.away():
         programs = [crashes.begin("access_violation", notes=[name], name=name) for name in ("one", "other")]
