@@ -74,13 +74,16 @@ bool send_report(const crash_to_report& job, HANDLE symbol_mutex, std::span<cons
     }
 }
 
-// Saves the report and says in `text` what came of it. The symbol engine has been left by now, as on the way by which the crashing
-// thread saves a report itself.
-void save_report(const crash_to_report& job, std::span<const wchar_t> notes, dialog_text* text) {
+// Saves the report and says in `text` what came of it. The symbol engine has been left by now, and is taken once more: without it a
+// walk along the stack ends in the system's library that raised the exception, before it comes to the program.
+void save_report(const crash_to_report& job, HANDLE symbol_mutex, std::span<const wchar_t> notes,
+                 dialog_text* text) {
     if (text != nullptr) {
         text->add_failure();
     }
     try {
+        const pwrap::mutex_locker lock(symbol_mutex, INFINITE);
+        const symbol_engine engine(job.what.process);
         write_report_files(job.what, notes);
     } catch (const std::exception& failure) {
         if (text != nullptr) {
@@ -118,7 +121,7 @@ void report_crash(const crash_to_report& job) {
         throw pwrap::win_runtime_error("CreateMutexW failed");
     }
     if (!send_report(job, symbol_mutex.get(), notes, text)) {
-        save_report(job, notes, text);
+        save_report(job, symbol_mutex.get(), notes, text);
     }
 
     if (text != nullptr) {

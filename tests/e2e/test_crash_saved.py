@@ -46,6 +46,15 @@ def test_a_report_is_saved_when_the_server_is_away(crashes: CrashWorld) -> None:
     assert short.notes == full.notes == ("kept",)
 
 
+def test_a_saved_report_tells_as_much_as_one_that_is_sent(crashes: CrashWorld) -> None:
+    crashes.run("abort")
+    sent = crashes.read(crashes.server.requests[0].body)
+    with crashes.server.away():
+        crashes.run("abort")
+    for saved in (crashes.read(each) for each in crashes.pair(0)):
+        assert [(each.module, each.offset) for each in saved.frames] == [(each.module, each.offset) for each in sent.frames]
+
+
 @pytest.mark.any_processor
 def test_two_programs_that_crash_at_once_save_a_pair_each(crashes: CrashWorld) -> None:
     with crashes.server.away():

@@ -72,6 +72,14 @@ def x64_entries() -> list[dict[str, str]]:
     return json.loads(Path("build/x64-test/compile_commands.json").read_text(encoding="utf-8"))
 
 
+def native_entries() -> list[dict[str, str]]:
+    """How the native build compiles each source."""
+    folder = Path("build/native-asan")
+    with building.locked(folder):
+        building.configure("native-asan", folder)
+    return json.loads((folder / "compile_commands.json").read_text(encoding="utf-8"))
+
+
 def flags_near(header: Path, entries: list[dict[str, str]]) -> list[str]:
     """Compiler and flags of the source that is the nearest neighbour of the header, without the names of its files."""
     def nearness(entry: dict[str, str]) -> int:
@@ -98,6 +106,9 @@ def check_headers(_fix: bool) -> Iterable[str]:
             if first is None or first.group(1) != str(header):
                 yield f"{source}: does not include {header} first"
     entries = x64_entries()
+    # The tools, with their tests and the fuzz targets, are built natively alone.
+    known = {entry["file"] for entry in entries}
+    entries += [entry for entry in native_entries() if entry["file"] not in known]
     yield from complaints_of([*flags_near(header, entries), "-fsyntax-only", "-Wno-pragma-once-outside-header",
                               "-Wno-unused-const-variable", "-x", "c++", str(header)] for header in headers)
 
