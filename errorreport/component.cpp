@@ -40,21 +40,21 @@ __attribute__((noinline)) void run_alone(void (*work)()) {
 void quietly_send_pending() noexcept {
     try {
         send_pending_reports();
-    } catch (...) { // what is left is sent at the next start
+    } catch (...) { // NOLINT(bugprone-empty-catch): what is left is sent at the next start
     }
 }
 
 void quietly_report() noexcept {
     try {
         installed->report();
-    } catch (...) { // nobody is left to tell
+    } catch (...) { // NOLINT(bugprone-empty-catch): the crashing thread sees that the report is not done
     }
 }
 
 void quietly_handle_crash() noexcept {
     try {
         installed->handle_crash();
-    } catch (...) { // the process ends in any case
+    } catch (...) { // NOLINT(bugprone-empty-catch): the process ends in any case
     }
 }
 
