@@ -201,6 +201,7 @@ def idle_run(bench: Bench) -> list[Verdict]:
     update_server.Publication(bench.files, bench.key).description(path, "3040000", "Halvoro 3.4.0")
     product = bench.program(X64 / "updater/lumaris.exe")
     bare = bench.program(X64 / "bench/bench_bare_check.exe")
+    loading = bench.program(X64 / "bench/bench_bare_check_libraries.exe")
     empty = bench.program(X64 / "bench/bench_empty.exe")
 
     def start(line: str) -> float:
@@ -211,9 +212,13 @@ def idle_run(bench: Bench) -> list[Verdict]:
 
     several = Bench(bench.machine, bench.server, bench.files, bench.key, bench.runs * 5)
     ours, theirs, ratio = several.pairs(lambda: start(f'"{product}"'), lambda: start(f'"{bare}" {path}'))
+    _, loaded, loading_ratio = several.pairs(lambda: start(f'"{product}"'), lambda: start(f'"{loading}" {path}'))
     _, nothing, empty_ratio = several.pairs(lambda: start(f'"{product}"'), lambda: start(f'"{empty}"'))
-    print(f"  product {ours * 1000:.0f} ms, bare program {theirs * 1000:.0f} ms, empty program {nothing * 1000:.0f} ms")
+    print(f"  product {ours * 1000:.0f} ms, bare program {theirs * 1000:.0f} ms, with the libraries of the error reporting "
+          f"{loaded * 1000:.0f} ms, empty program {nothing * 1000:.0f} ms")
     return [Verdict("run with nothing to update: time over the bare program's", f"{ratio:.2f}", "at most 1.15", ratio <= 1.15),
+            Verdict("the same, over the bare program with the error reporting's libraries", f"{loading_ratio:.2f}",
+                    "at most 1.15", loading_ratio <= 1.15),
             Verdict("run with nothing to update: time over an empty program's", f"{empty_ratio:.1f}", "stated", True)]
 
 

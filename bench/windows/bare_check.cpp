@@ -1,6 +1,9 @@
 // What a run with nothing to update is compared with: asks the list manager and makes the same two requests, and nothing else.
 //
 //     bare_check DESCRIPTION_PATH
+//
+// Built a second time with WITH_LIBRARIES it also loads the libraries that the error reporting needs, and does nothing with them: what a
+// start costs through them alone.
 
 #include "updater/build_config.h"
 
@@ -10,9 +13,21 @@
 #include <objbase.h>
 #include <winhttp.h>
 
+#ifdef WITH_LIBRARIES
+#include <dbghelp.h>
+#define SECURITY_WIN32
+#include <security.h>
+#endif
+
 #include <string>
 
 namespace {
+
+#ifdef WITH_LIBRARIES
+// The linker takes a library in for a function's sake only.
+[[gnu::used]] const void* const loaded[] = {reinterpret_cast<const void*>(&::GetUserNameExW),
+                                            reinterpret_cast<const void*>(&::SymCleanup)};
+#endif
 
 void get(HINTERNET server, const std::wstring& path) {
     const wchar_t* accepted[] = {L"text/plain", nullptr};
