@@ -24,6 +24,9 @@ REPORT_HOST = "reports.tavrin.example"
 PACKAGE_HOST = "packages.tavrin.example"
 PROXY_HOST = "proxy.tavrin.example"
 
+# An address of its own: port 443 of the other one belongs to the servers of packages.
+REPORT_ADDRESS = "127.0.0.2"
+
 ARM64_ROOM = Path("/rooms/arm64")
 
 # The address that the program sees as the machine's own network card. It belongs to a pair whose other end is in the
@@ -98,7 +101,7 @@ def enter() -> PrivateNetwork:
         rooms.append(ARM64_ROOM)
         _prepare_room(ARM64_ROOM, work)
     network = PrivateNetwork(work, tuple(rooms))
-    hosts = f"127.0.0.1 localhost {UPDATE_HOST} {REPORT_HOST} {PACKAGE_HOST} {PROXY_HOST}\n"
+    hosts = f"127.0.0.1 localhost {UPDATE_HOST} {PACKAGE_HOST} {PROXY_HOST}\n{REPORT_ADDRESS} {REPORT_HOST}\n"
     for room in rooms:
         _bind_text(work, room / "etc/hosts", hosts)
         # No name server: a name outside the list above fails at once, without a packet and without a wait.

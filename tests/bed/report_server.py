@@ -148,7 +148,7 @@ class ReportServer:
         # A program that goes away takes its handler with it.
         self._runner = web.ServerRunner(web.Server(self._handle, handler_cancellation=True), shutdown_timeout=1)
         await self._runner.setup()
-        await web.TCPSite(self._runner, "127.0.0.1", self._port, ssl_context=self._tls).start()
+        await web.TCPSite(self._runner, isolation.REPORT_ADDRESS, self._port, ssl_context=self._tls).start()
 
     async def _stop(self) -> None:
         if self._runner is not None:

@@ -16,6 +16,7 @@ from pathlib import Path
 from .errors import BedError
 
 _PAUSE = 0.02
+_FEW_COLOURS = 16
 
 
 @dataclass(frozen=True)
@@ -96,11 +97,17 @@ class Screen:
             self._do("xdotool", "windowfocus", window.id, "key", key, accepted=(0, 1))
             time.sleep(0.1)
 
-    def picture(self, file: Path, window: Window | None = None) -> Path:
-        """Photographs a window, or the whole screen, into a PNG file."""
+    def picture(self, file: Path, window: Window, limit: float = 30) -> Path:
+        """Photographs a window into a PNG file, as soon as its icon has been drawn: it appears empty, in few colours."""
         file.parent.mkdir(parents=True, exist_ok=True)
-        self._do("import", "-window", window.id if window else "root", str(file))
-        return file
+        until = time.monotonic() + limit
+        while True:
+            self._do("import", "-window", window.id, str(file))
+            if int(self._do("identify", "-format", "%k", str(file))) > _FEW_COLOURS:
+                return file
+            if time.monotonic() > until:
+                raise BedError(f"window \"{window.title}\" stays empty for {limit} s")
+            time.sleep(_PAUSE)
 
     def _do(self, *command: str, accepted: tuple[int, ...] = (0,)) -> str:
         done = subprocess.run(command, env={**os.environ, "DISPLAY": self.display}, capture_output=True, text=True,
