@@ -7,6 +7,7 @@ import socket
 
 import pytest
 
+from bed import isolation
 from bed.report_server import BODY, FULL_WANTED, HALF, HEAD, Answer
 from crash_world import CRASHED, CrashBed, CrashWorld
 from world import DESCRIPTION, World
@@ -175,7 +176,7 @@ def test_no_report_is_lost_when_the_sender_is_killed(crashes: CrashWorld, pairs:
 def test_a_sender_killed_before_the_server_has_answered_the_call_loses_nothing(
         crashes: CrashWorld, pairs: tuple[Pair, Pair]) -> None:
     crashes.save(0, pairs[0])
-    with crashes.server.away(), socket.create_server(("127.0.0.1", 443)) as silent:
+    with crashes.server.away(), socket.create_server((isolation.REPORT_ADDRESS, 443)) as silent:
         silent.settimeout(30)
         sender = crashes.begin("none")
         connection, _ = silent.accept()
