@@ -17,7 +17,6 @@ namespace {
 
 constexpr DWORD lock_limit = 1000; // ms
 constexpr std::size_t path_limit = 260;
-constexpr std::uint16_t full_report_wanted = 449;
 
 constexpr int report_mode = stream::mode_for_reading | stream::mode_open_existing | stream::share_reading |
                             stream::hint_sequential_access;

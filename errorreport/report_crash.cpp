@@ -17,9 +17,6 @@
 namespace corvo::errorreport {
 namespace {
 
-constexpr std::uint16_t full_report_wanted =
-    449; // the server's answer to a short report of a crash that it does not know yet
-
 // The system's symbol engine, for as long as the object lives. Where it cannot be initialised a report has fewer functions.
 class symbol_engine {
 public:

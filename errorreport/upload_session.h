@@ -16,6 +16,9 @@
 
 namespace corvo::errorreport {
 
+// The status with which the server asks for the full report of the crash whose short one it got.
+inline constexpr std::uint16_t full_report_wanted = 449;
+
 class upload_session {
 public:
     // Throws pwrap::http_error "WinHttpOpen failed", "WinHttpSetTimeouts failed" or "WinHttpConnect failed".

@@ -82,38 +82,32 @@ TEST(dialog, is_shown_where_the_system_does_not_say) {
     EXPECT_EQ(1, reader.asked);
 }
 
-TEST(dialog, asks_with_yes_and_no_and_the_error_icon) {
-    message_box box(6);
-    ask_user(L"May it č?");
-    ASSERT_EQ(1U, box.boxes.size());
-    const MSGBOXPARAMSW& parameters = box.boxes[0].parameters;
+// One box was shown, with this text and style; what else it says is the same for all.
+void expect_only_box(const message_box& shown, const std::wstring& text, DWORD style) {
+    ASSERT_EQ(1U, shown.boxes.size());
+    const MSGBOXPARAMSW& parameters = shown.boxes[0].parameters;
     EXPECT_EQ(80U, parameters.cbSize);
     EXPECT_EQ(nullptr, parameters.hwndOwner);
     EXPECT_EQ(::GetModuleHandleW(nullptr), parameters.hInstance);
-    EXPECT_EQ(L"May it č?", box.boxes[0].text);
+    EXPECT_EQ(text, shown.boxes[0].text);
     EXPECT_EQ(28657U, reinterpret_cast<ULONG_PTR>(parameters.lpszCaption));
-    EXPECT_EQ(0x14U, parameters.dwStyle);
+    EXPECT_EQ(style, parameters.dwStyle);
     EXPECT_EQ(nullptr, parameters.lpszIcon);
     EXPECT_EQ(0U, parameters.dwContextHelpId);
     EXPECT_EQ(nullptr, parameters.lpfnMsgBoxCallback);
     EXPECT_EQ(0x400U, parameters.dwLanguageId);
 }
 
+TEST(dialog, asks_with_yes_and_no_and_the_error_icon) {
+    const message_box box(6);
+    ask_user(L"May it č?");
+    expect_only_box(box, L"May it č?", 0x14);
+}
+
 TEST(dialog, tells_with_ok_and_the_error_icon) {
-    message_box box(1);
+    const message_box box(1);
     tell_user(L"It was saved.");
-    ASSERT_EQ(1U, box.boxes.size());
-    const MSGBOXPARAMSW& parameters = box.boxes[0].parameters;
-    EXPECT_EQ(80U, parameters.cbSize);
-    EXPECT_EQ(nullptr, parameters.hwndOwner);
-    EXPECT_EQ(::GetModuleHandleW(nullptr), parameters.hInstance);
-    EXPECT_EQ(L"It was saved.", box.boxes[0].text);
-    EXPECT_EQ(28657U, reinterpret_cast<ULONG_PTR>(parameters.lpszCaption));
-    EXPECT_EQ(0x10U, parameters.dwStyle);
-    EXPECT_EQ(nullptr, parameters.lpszIcon);
-    EXPECT_EQ(0U, parameters.dwContextHelpId);
-    EXPECT_EQ(nullptr, parameters.lpfnMsgBoxCallback);
-    EXPECT_EQ(0x400U, parameters.dwLanguageId);
+    expect_only_box(box, L"It was saved.", 0x10);
 }
 
 TEST(dialog, sets_text_and_style_of_every_box) {
