@@ -13,6 +13,7 @@ below the cache folder, once) and then its job. It needs a Debian-like machine, 
   build    builds: arm64 (the product), x64, native, or any preset
   bench    measures, and compares with what is to be reached
   fuzz     runs the fuzz targets
+  soak     the long tests that ./dev test leaves out, each with its time
   lint     format, static analysis, headers on their own, shell scripts
   shell    a shell, or one command, in the room
 
@@ -258,6 +259,19 @@ word_fuzz() {
     check_after_failure in_room python3 toolchain/job.py fuzz "$@"
 }
 
+word_soak() {
+    if [[ ${1:-} == --help || ${1:-} == -h ]]; then
+        printf '%s\n' 'usage: ./dev soak [PART]...' '' \
+            'Builds everything and runs the parts that take too long for ./dev test, or those that are named. ./dev soak --list says what' \
+            'there is and how long each takes.' '' 'examples:' '  ./dev soak --list' '  ./dev soak fuzz'
+        return
+    fi
+    need "${product_order[@]}"
+    CI=true say_hindrances
+    job build native-asan native-fuzz x64-test arm64-test || return
+    check_after_failure in_room python3 tests/soak.py "$@"
+}
+
 word_lint() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
         printf '%s\n' 'usage: ./dev lint [--fix] [CHECK]...' '' \
@@ -291,7 +305,7 @@ main() {
     trap 'exit 130' INT
     trap 'exit 143' TERM HUP
     case $word in
-    run | test | build | bench | fuzz | lint | shell) "word_$word" "$@" ;;
+    run | test | build | bench | fuzz | soak | lint | shell) "word_$word" "$@" ;;
     --help | -h | help) help_text ;;
     '') help_text >&2; exit 2 ;;
     *) die "unknown word: $word" "See ./dev --help." ;;
