@@ -8,7 +8,7 @@
 #include "http/request/open_request.h"
 #include "http/request/session.h"
 #include "stream/basic.h"
-#include "stream/memory_file.h"
+#include "stream/bounded_memory_file.h"
 
 #include <cstdint>
 #include <exception>
@@ -19,6 +19,9 @@ namespace corvo::errorreport {
 // The status with which the server asks for the full report of the crash whose short one it got.
 inline constexpr std::uint16_t full_report_wanted = 449;
 
+// What a reply may hold: far above any message box, and enough for the page of a proxy that is shown in its place.
+inline constexpr stream::fsize max_reply_size = 1048576;
+
 class upload_session {
 public:
     // Throws pwrap::http_error "WinHttpOpen failed", "WinHttpSetTimeouts failed" or "WinHttpConnect failed".
@@ -28,7 +31,8 @@ public:
     // The reply's text is in reply_text() then; a text that cannot be decoded makes it empty and puts the reason into
     // `reception_failure`, since the report itself has arrived. Without such a failure that one is empty.
     //
-    // Throws what webio::post_chunked_request throws, and std::runtime_error for a reply that is not plain text: that one is
+    // Throws what webio::post_chunked_request throws; std::runtime_error "larger than 1048576 bytes" for a longer reply, announced
+    // or sent; and std::runtime_error for a reply that is not plain text: that one is
     // saved as Odgovor.html in the temporary folder, and shown where a user can see it.
     std::uint16_t send(stream::basic& report, std::exception_ptr& reception_failure);
 
@@ -40,7 +44,7 @@ private:
     webio::header_list m_headers;
     std::wstring m_reply_text;
     std::wstring m_saved_reply; // path of Odgovor.html, once one was written
-    stream::memory_file m_reply;
+    stream::bounded_memory_file m_reply{max_reply_size};
 };
 
 } // namespace corvo::errorreport

@@ -12,6 +12,10 @@
 
 namespace corvo::minisign {
 
+// What a signature file may hold. Real ones have about 300 bytes, and `minisign` refuses long comments; whoever sends more
+// wants memory filled before anything is known to be signed.
+inline constexpr stream::fsize max_signature_file_size = 65536;
+
 struct signature {
     char algorithm; // second algorithm byte: "D" for Ed25519 over a BLAKE2b-512 hash, "d" for the legacy kind
     key_id id;

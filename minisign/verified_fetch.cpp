@@ -4,7 +4,7 @@
 #include "http/request/request.h"
 #include "platform/format.h"
 #include "platform/last_error.h"
-#include "stream/memory_file.h"
+#include "stream/bounded_memory_file.h"
 
 #include <stdexcept>
 #include <system_error>
@@ -32,7 +32,7 @@ signature fetch_signature(const webio::connection& server, const webio::url_part
     try {
         webio::url_parts signature_url = url;
         signature_url.path += ".minisig";
-        stream::memory_file file;
+        stream::bounded_memory_file file(max_signature_file_size);
         fetch(server, signature_url, headers, "text/plain", file, nullptr);
         file.seek(0, stream::seek_beg);
         return read_signature(file);

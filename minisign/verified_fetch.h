@@ -15,6 +15,9 @@ namespace corvo::minisign {
 // `url` and `server` name the same server; `keys` is the table of trusted keys, `count` long. The destination is the caller's;
 // `progress` may be null. Runs on the calling thread and waits without a time limit of its own (the session has).
 //
+// Memory: the signature file is taken up to max_signature_file_size; how much content is taken is for `destination` to say
+// (stream/bounded_memory_file.h), since nobody has vouched for it while it arrives.
+//
 // Throws std::runtime_error: "Failed to load Minisign signature" or "Failed to load content" with the cause nested (an HTTP
 // status other than 200 is a nested std::runtime_error that reads as the bare decimal number), "Untrusted
 // Minisign key", "Unsupported Minisign signature", "Invalid Minisign signature"; corvo::user_cancelled "operation cancelled".

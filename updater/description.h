@@ -14,6 +14,10 @@
 #include <string>
 #include <string_view>
 
+// What a description may hold. Real ones have about 100 bytes; whoever sends more wants memory filled before anything is known to
+// be signed.
+inline constexpr corvo::stream::fsize max_description_size = 65536;
+
 // A missing line leaves its field empty, or 0.
 struct update_description {
     std::uint32_t version = 0;

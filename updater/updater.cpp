@@ -4,8 +4,8 @@
 #include "http/request/connection.h"
 #include "minisign/verified_fetch.h"
 #include "platform/registry.h"
+#include "stream/bounded_memory_file.h"
 #include "stream/file.h"
-#include "stream/memory_file.h"
 #include "updater/build_config.h"
 #include "updater/description.h"
 #include "updater/installer.h"
@@ -43,7 +43,7 @@ Updater::Updater(unsigned int flags)
         .path = description_path(corvo::errorreport::running_windows_version(), channel),
     };
     const webio::connection server(m_session, url);
-    corvo::stream::memory_file text;
+    corvo::stream::bounded_memory_file text(max_description_size);
     corvo::minisign::verified_fetch(server, url, {{"Pragma", "no-cache"}, {"Cache-Control", "no-cache"}},
                                     "text/plain", build_config::trusted_keys, build_config::trusted_key_count,
                                     text, nullptr);

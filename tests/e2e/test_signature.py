@@ -6,7 +6,8 @@ import base64
 
 import pytest
 
-from world import DESCRIPTION, PACKAGE, PACKAGE_CONTENT, World
+from bed.http_server import Reply
+from world import DESCRIPTION, FOLDER_URL, PACKAGE, PACKAGE_CONTENT, World
 
 OLDER = b"3030000\nolder\nhttp://updates.tavrin.example/\n"
 TOO_SHORT = "Failed to load Minisign signature: Minisign signature is too short"
@@ -118,6 +119,73 @@ def test_blanks_within_the_signature_are_skipped(world: World) -> None:
 
 def test_the_signature_of_other_content_by_the_same_key_is_refused(world: World) -> None:
     refused(world, world.sign(b"other content\n"), "Invalid Minisign signature", content=True)
+
+
+def test_the_packages_signature_is_none_of_the_description(world: World) -> None:
+    world.offer()
+    world.answer(DESCRIPTION + ".minisig", Reply(world.sign(PACKAGE_CONTENT)))
+    world.assert_failed(world.run(), "Invalid Minisign signature")
+    assert world.targets == [DESCRIPTION + ".minisig", DESCRIPTION]
+
+
+def test_the_descriptions_signature_is_none_of_the_package(world: World) -> None:
+    world.offer()
+    signature = world.server.answers[DESCRIPTION + ".minisig"]
+    world.answer(PACKAGE + ".minisig", signature)
+    world.assert_failed(world.run(), "Invalid Minisign signature")
+    assert world.targets == [DESCRIPTION + ".minisig", DESCRIPTION, PACKAGE + ".minisig", PACKAGE]
+
+
+def test_a_signed_description_in_the_packages_place_is_left_for_the_installer_to_refuse(world: World) -> None:
+    world.offer()
+    for ending in ("", ".minisig"):
+        world.answer(PACKAGE + ending, world.server.answers[DESCRIPTION + ending])
+    # What is signed does not say what it is for.
+    world.assert_installs(world.run())
+
+
+# A signature says who made a file, not that it is the newest: what can be done with an old one is as follows, and no more.
+
+
+def test_an_old_description_played_again_changes_nothing(world: World) -> None:
+    world.offer(version="3040200")
+    world.publish(DESCRIPTION, OLDER)
+    world.assert_nothing_to_do(world.run())
+
+
+def test_an_old_description_that_is_still_newer_than_the_program_installs_the_old_package(world: World) -> None:
+    world.describe(f"3040200\nHalvoro 3.4.2\n{FOLDER_URL.replace('3.4.1', '3.4.2')}\n")
+    world.publish(PACKAGE.replace("3.4.1", "3.4.2"), b"the newest package\n")
+    world.offer(version="3040100")
+    world.assert_installs(world.run())
+    assert (world.store / "Halvoro.ARM64.msi").read_bytes() == PACKAGE_CONTENT
+
+
+# Before the signature has been checked nobody vouches for a length.
+
+
+@pytest.mark.parametrize("length", [65536, 65537])
+@pytest.mark.parametrize("chunked", [False, True], ids=["announced", "chunked"])
+def test_a_signature_file_is_taken_up_to_65536_bytes(world: World, length: int, chunked: bool) -> None:
+    signature = world.sign(OLDER)
+    world.publish(DESCRIPTION, OLDER)
+    comment = b"untrusted comment: ".ljust(length - len(signature) - 1, b"x") + b"\n"
+    world.answer(DESCRIPTION + ".minisig", Reply(comment + signature, chunked=chunked))
+    if length <= 65536:
+        world.assert_nothing_to_do(world.run())
+    else:
+        world.assert_failed(world.run(), "Failed to load Minisign signature: larger than 65536 bytes")
+        assert world.targets == [DESCRIPTION + ".minisig"]
+
+
+@pytest.mark.parametrize("length", [65536, 65537])
+def test_a_description_is_taken_up_to_65536_bytes(world: World, length: int) -> None:
+    world.describe(OLDER.ljust(length, b"x"))
+    if length <= 65536:
+        world.assert_nothing_to_do(world.run())
+    else:
+        world.assert_failed(world.run(), "Failed to load content: larger than 65536 bytes")
+        assert world.targets == [DESCRIPTION + ".minisig", DESCRIPTION]
 
 
 # The package goes through the same checks.

@@ -5,6 +5,7 @@
 #include "tests/http/request/deliveries.h"
 #include "tests/http/request/expect.h"
 #include "tests/http/request/scripted_source.h"
+#include "tests/stream/expect.h"
 
 #include <gtest/gtest.h>
 
@@ -269,6 +270,41 @@ TEST_F(upload, takes_no_more_of_a_reply_than_comes) {
     upload_session session;
     send(session);
     EXPECT_EQ(L"abc", session.reply_text());
+}
+
+TEST_F(upload, takes_a_reply_of_a_million_bytes) {
+    const std::string text(1048576, 'x');
+    auto whole = test::reply(200, "", L"text/plain; charset=utf-8");
+    whole.pieces.assign(128, text.substr(0, 8192));
+    whole.content_length = 1048576;
+    http.replies.push_back(whole);
+    upload_session session;
+    send(session);
+    EXPECT_EQ(1048576u, session.reply_text().size());
+}
+
+TEST_F(upload, with_a_longer_reply_fails_as_soon_as_it_is_too_long) {
+    auto endless = test::reply(200, "", L"text/plain");
+    endless.pieces.assign(1000, std::string(8192, 'x'));
+    http.replies.push_back(endless);
+    upload_session session;
+    test::expect_throw<std::runtime_error>("larger than 1048576 bytes", [&] { send(session); });
+    EXPECT_EQ(129u, http.count("WinHttpReadData"));
+    EXPECT_EQ(L"", session.reply_text());
+    EXPECT_FALSE(failure);
+}
+
+TEST_F(upload, with_a_longer_reply_announced_fails_before_it_comes) {
+    auto announced = test::reply(200, "abc", L"text/plain");
+    announced.content_length = 1048577;
+    http.replies.push_back(announced);
+    upload_session session;
+    test::expect_throw<std::runtime_error>("larger than 1048576 bytes", [&] { send(session); });
+    EXPECT_EQ(0u, http.count("WinHttpReadData"));
+
+    http.replies.push_back(test::reply(200, "abc", L"text/plain"));
+    send(session);
+    EXPECT_EQ(L"abc", session.reply_text()) << "the session goes on";
 }
 
 TEST_F(upload, of_a_report_that_arrives_keeps_the_failure_to_read_the_reply) {

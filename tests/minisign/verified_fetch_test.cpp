@@ -2,6 +2,7 @@
 
 #include "platform/errors.h"
 #include "platform/user_cancelled.h"
+#include "stream/bounded_memory_file.h"
 #include "stream/file.h"
 #include "tests/minisign/fixtures.h"
 #include "tests/stream/expect.h"
@@ -319,6 +320,50 @@ TEST_F(verified, takes_the_key_from_a_table_of_several) {
     serve(fixtures::text);
     verified_fetch(*server, url, headers, "text/plain", keys, 3, destination, nullptr);
     EXPECT_EQ(fixtures::text, contents());
+}
+
+// A comment makes the file as long as one likes.
+std::string minisig_of_size(std::size_t size) {
+    const std::string whole(fixtures::text_minisig);
+    const std::string comment = "untrusted comment: ";
+    return comment + std::string(size - whole.size() - comment.size() - 1, 'x') + "\n" + whole;
+}
+
+TEST_F(verified, takes_a_signature_file_of_65536_bytes) {
+    serve(minisig_of_size(65536));
+    serve(fixtures::text);
+    fetch();
+    EXPECT_EQ(fixtures::text, contents());
+}
+
+TEST_F(verified, refuses_a_longer_signature_file_as_soon_as_it_is_too_long) {
+    auto endless = fake_winhttp::answer("");
+    endless.pieces.assign(1000, std::string(8192, 'x'));
+    http.replies.push_back(endless);
+    expect_nested<std::runtime_error>("Failed to load Minisign signature", "larger than 65536 bytes",
+                                      [&] { fetch(); });
+    EXPECT_EQ(9u, http.count("WinHttpReadData"));
+    EXPECT_EQ(1u, http.requests.size());
+
+    serve(minisig_of_size(65537));
+    expect_nested<std::runtime_error>("Failed to load Minisign signature", "larger than 65536 bytes",
+                                      [&] { fetch(); });
+}
+
+TEST_F(verified, takes_no_more_content_than_its_destination_allows) {
+    corvo::stream::bounded_memory_file small(fixtures::text.size());
+    serve(fixtures::text_minisig);
+    serve(fixtures::text);
+    fetch_into(small);
+    EXPECT_EQ(fixtures::text, fixtures::contents(small, small.size()));
+
+    corvo::stream::bounded_memory_file smaller(fixtures::text.size() - 1);
+    serve(fixtures::text_minisig);
+    serve(fixtures::text);
+    expect_nested<std::runtime_error>("Failed to load content",
+                                      "larger than " + std::to_string(fixtures::text.size() - 1) + " bytes",
+                                      [&] { fetch_into(smaller); });
+    EXPECT_EQ(0u, smaller.size());
 }
 
 TEST_F(verified, nests_the_status_of_a_missing_signature) {
