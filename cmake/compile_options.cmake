@@ -12,9 +12,12 @@ if(WIN32)
                             __USE_MINGW_ANSI_STDIO=0)
     # __try and __except.
     add_compile_options(-fms-extensions -Wno-language-extension-token)
-    # CodeView for the PDB beside the program. Paths of the build machine do not get into the program, so that two builds of
-    # one commit are the same bytes.
-    add_compile_options(-g -gcodeview -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=build)
+    # CodeView for the PDB beside the program. Whatever the folders are, sources are called /lumaris/..., and what is built
+    # /lumaris/build/...: two builds of one commit are the same bytes. The PDB counts, too: its hash stands in the program. The
+    # compiler's command line stays out of it: that names the true folders, or, out of the compiler cache, those of another build.
+    # Where the compiler's folder is a relative one, object files are named relative to it.
+    add_compile_options(-g -gcodeview -gno-codeview-command-line -fdebug-compilation-dir=.
+                        -ffile-prefix-map=${PROJECT_SOURCE_DIR}=/lumaris -ffile-prefix-map=${PROJECT_BINARY_DIR}=/lumaris/build)
     set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
     set(CMAKE_C_FLAGS_RELEASE "-O2 -DNDEBUG")
 endif()
