@@ -11,6 +11,7 @@ below the cache folder, once) and then its job. It needs a Debian-like machine, 
   run      shows a whole update with the ARM64 program: build, sign, publish, download, verify, install
   test     builds everything and runs all tests
   build    builds: arm64 (the product), x64, native, or any preset
+  release  makes a release: builds twice, compares, checks, signs, with checksums and a bill of materials
   bench    measures, and compares with what is to be reached
   fuzz     runs the fuzz targets
   soak     the long tests that ./dev test leaves out, each with its time
@@ -21,6 +22,7 @@ examples:
   ./dev run
   ./dev test
   ./dev build arm64 --key minisign.pub
+  ./dev release --help
   ./dev WORD --help
 
 environment:
@@ -234,6 +236,100 @@ word_run() {
     check_after_failure in_room python3 tools/demo "$@"
 }
 
+release_help() {
+    cat <<'END'
+usage: ./dev release --key KEY --update-host HOST --report-host HOST [--partner NAME] [--output FOLDER]
+                     [--certificate CERT --certificate-key KEY | --pkcs12 FILE] [--password-file FILE] [--authority CERT]
+                     [--timestamp URL [--timestamp-authority CERT]]
+       ./dev release --key KEY --update-host HOST --report-host HOST [--partner NAME] --match PROGRAM
+
+Builds lumaris.exe for ARM64 twice, in two places, compares every byte of program and PDB, checks that the program is what a release
+must be, signs it, and writes lumaris.exe, lumaris.pdb, lumaris.cdx.json (bill of materials) and SHA256SUMS. Where anything is not as
+it should be it says what, and writes nothing. docs/release.md says what is checked, and how others can check a release.
+
+  --key KEY               the trusted public key: the line that minisign prints, or a .pub file
+  --update-host HOST, --report-host HOST, --partner NAME
+                          what the release is configured with
+  --output FOLDER         where the release goes (default: build/release)
+  --certificate CERT, --certificate-key KEY
+                          signs with this certificate (PEM, with the certificates up to its root) and its key
+  --pkcs12 FILE           signs with the certificate and the key in this file
+  --password-file FILE    the password of the key or of the PKCS#12 file
+  --authority CERT        the root to check the signature against (default: what came with the certificate)
+  --timestamp URL         gets an RFC 3161 time stamp there; this step alone uses the network
+  --timestamp-authority CERT
+                          the root to check the time stamp against (default: the room's certificates)
+  --match PROGRAM         writes nothing, but says whether this released program, signed or not, is what these sources make
+  --allow-default-hosts, --allow-changes
+                          for trying it out: hosts that are reserved for examples; sources that are not committed
+
+examples:
+  ./dev release --key halvoro.pub --update-host updates.tavrin.com --report-host reports.tavrin.com \
+      --pkcs12 tavrin.p12 --password-file password --timestamp http://timestamps.tavrin.com
+  ./dev release --key halvoro.pub --allow-default-hosts
+END
+}
+
+# release_file OPTION FILE: copies the file to where the room sees it, for this run alone, and adds it to release_ship. The rest of the
+# host's files stays outside.
+release_file() {
+    [[ -f $2 && -r $2 ]] || die "$1: there is no file $2"
+    (umask 077 && mkdir -p "$run_folder/tmp/release" && cp -- "$2" "$run_folder/tmp/release/${1#--}") || die "cannot copy $2"
+    release_ship+=("$1" "/tmp/release/${1#--}")
+}
+
+word_release() {
+    local arguments=() files=() output='' match='' online='' key i release_ship=()
+    while (($#)); do
+        case $1 in
+        --help | -h) release_help; return ;;
+        --allow-default-hosts | --allow-changes) arguments+=("$1"); shift; continue ;;
+        esac
+        [[ $1 == --* ]] || die "unknown argument $1" "See ./dev release --help."
+        [[ -n ${2:-} ]] || die "unknown option $1, or nothing behind it" "See ./dev release --help."
+        case $1 in
+        --key)
+            key=$2
+            [[ ! -f $key ]] || key=$(grep -v '^untrusted comment:' "$key" | head -n 1)
+            export LUMARIS_PUBLIC_KEY=$key
+            ;;
+        --update-host) export LUMARIS_UPDATE_HOST=$2 ;;
+        --report-host) export LUMARIS_REPORT_HOST=$2 ;;
+        --partner) export LUMARIS_PARTNER=$2 ;;
+        --output) output=$2 ;;
+        --match) match=$2 ;;
+        --timestamp) online=$2 ;;
+        --certificate | --certificate-key | --pkcs12 | --password-file | --authority | --timestamp-authority) files+=("$1" "$2") ;;
+        *) die "unknown option $1" "See ./dev release --help." ;;
+        esac
+        shift 2
+    done
+    need "${products_arm64[@]}"
+    check_namespaces
+    [[ $isolation != none ]] || die "$namespaces_fault" "A release needs mounts of its own. ./dev build works without."
+    make_run_folder
+    for ((i = 0; i < ${#files[@]}; i += 2)); do release_file "${files[i]}" "${files[i + 1]}"; done
+    if [[ -n $match ]]; then
+        release_file --program "$match"
+        job_release make "${arguments[@]}" && job_release match /tmp/release/program
+        return
+    fi
+    # What was shipped before does not stay beside a release that is refused.
+    [[ -z $output ]] || rm -f -- "$output"/{lumaris.exe,lumaris.pdb,lumaris.cdx.json,SHA256SUMS}
+    job_release make "${arguments[@]}" || return
+    if [[ -n $online ]]; then
+        isolation=mounts isolation_said=1 in_room --bind /etc/resolv.conf /etc/resolv.conf \
+            python3 tools/release ship "${release_ship[@]}" --timestamp "$online" || return
+    else
+        job_release ship "${release_ship[@]}" || return
+    fi
+    [[ -n $output ]] || return 0
+    mkdir -p -- "$output" && cp -- "$here"/build/release/{lumaris.exe,lumaris.pdb,lumaris.cdx.json,SHA256SUMS} "$output/" ||
+        die "cannot write to $output"
+}
+
+job_release() { check_after_failure in_room python3 tools/release "$@"; }
+
 word_bench() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
         printf '%s\n' 'usage: ./dev bench [options of bench/run.py]' '' \
@@ -305,7 +401,7 @@ main() {
     trap 'exit 130' INT
     trap 'exit 143' TERM HUP
     case $word in
-    run | test | build | bench | fuzz | soak | lint | shell) "word_$word" "$@" ;;
+    run | test | build | release | bench | fuzz | soak | lint | shell) "word_$word" "$@" ;;
     --help | -h | help) help_text ;;
     '') help_text >&2; exit 2 ;;
     *) die "unknown word: $word" "See ./dev --help." ;;

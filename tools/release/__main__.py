@@ -1,0 +1,220 @@
+"""Makes a release: builds twice, compares, checks, signs, and writes what is shipped. `./dev release` calls it, inside the room."""
+
+from __future__ import annotations
+
+import argparse
+import hashlib
+import json
+import os
+import re
+import shutil
+import sys
+import tempfile
+from pathlib import Path
+
+sys.dont_write_bytecode = True
+ROOT = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(Path(__file__).resolve().parent))
+
+import bill  # noqa: E402  (the path to it is set above)
+import builds  # noqa: E402
+import compare  # noqa: E402
+import program  # noqa: E402
+import signing  # noqa: E402
+
+CANDIDATE = ROOT / "build/release-candidate"
+OUTPUT = ROOT / "build/release"
+SHIPPED = ("lumaris.exe", "lumaris.pdb", "lumaris.cdx.json", "SHA256SUMS")
+
+
+class Refusal(Exception):
+    """The release is refused. Each complaint is a sentence."""
+
+    def __init__(self, *complaints: str) -> None:
+        super().__init__("\n".join(complaints))
+        self.complaints = complaints
+
+
+def configuration() -> program.Configuration:
+    """What the release is configured with: the environment that the build takes its settings from, and the defaults."""
+    lists = (ROOT / "CMakeLists.txt").read_text(encoding="utf-8")
+    version = re.search(r"^project\(lumaris VERSION (\d+\.\d+\.\d+) ", lists, re.MULTILINE)
+    defaults = dict(re.findall(r'^set\((LUMARIS_\w+) "([^"]*)" CACHE STRING', lists, re.MULTILINE))
+    if version is None or not {"LUMARIS_UPDATE_HOST", "LUMARIS_REPORT_HOST"} <= defaults.keys():
+        raise Refusal("CMakeLists.txt does not say the version or the default hosts")
+
+    def setting(name: str) -> str:
+        return os.environ.get(name, defaults.get(name, "")).strip()
+
+    return program.Configuration(version=version.group(1), public_key=setting("LUMARIS_PUBLIC_KEY"),
+                                 update_host=setting("LUMARIS_UPDATE_HOST"), report_host=setting("LUMARIS_REPORT_HOST"))
+
+
+def test_key() -> program.TestKey:
+    """The key pair of the tests."""
+    def line(name: str) -> str:
+        return (ROOT / "tests/keys" / name).read_text(encoding="ascii").splitlines()[1]
+    return program.TestKey(line("test.pub"), line("test.key"))
+
+
+def check_configuration(configured: program.Configuration, allow_default_hosts: bool) -> list[str]:
+    """A release that cannot reach its servers, or that trusts no key, cannot be mended by an update either."""
+    complaints = []
+    try:
+        program.key_parts(configured.public_key)
+    except ValueError:
+        complaints.append("there is no trusted key, or it is none: give --key")
+    for what, host in (("update", configured.update_host), ("report", configured.report_host)):
+        if not program.is_laboratory_host(host):
+            continue
+        if allow_default_hosts:
+            print(f"release: WARNING: the {what} host is {host}, which no machine can reach: this release is for trying out alone", flush=True)
+        else:
+            complaints.append(f"the {what} host is {host}, which is reserved for examples and tests: give --{what}-host "
+                              "(or --allow-default-hosts for a release that only tries this out)")
+    return complaints
+
+
+def check_built(image: bytes, pdb: bytes, configured: program.Configuration) -> list[str]:
+    """All checks of what was built."""
+    allowed = program.read_allowed((Path(__file__).with_name("imports.txt")).read_text(encoding="utf-8"))
+    return [*program.check_program(image, configured, test_key(), allowed), *program.check_pdb(image, pdb),
+            *bill.check_parts(program.archives_of(pdb))]
+
+
+def remove_shipped(folder: Path) -> None:
+    """No release of a former call stays where this one fails."""
+    for name in SHIPPED:
+        (folder / name).unlink(missing_ok=True)
+
+
+def make(options: argparse.Namespace) -> None:
+    """Builds twice, compares, checks, and leaves what was built for `ship`."""
+    remove_shipped(options.output)
+    shutil.rmtree(options.candidate, ignore_errors=True)
+    configured = configuration()
+    if complaints := check_configuration(configured, options.allow_default_hosts):
+        raise Refusal(*complaints)
+    commit = builds.commit()
+    if commit.changed and not options.allow_changes:
+        raise Refusal(f"{len(commit.changed)} files are not as committed ({', '.join(commit.changed[:5])}): nobody else could build this "
+                      "(--allow-changes for a release that only tries this out)")
+    if commit.changed:
+        print("release: WARNING: the sources are not those of the commit: this release is for trying out alone", flush=True)
+
+    first, second = builds.build_here(), builds.build_elsewhere()
+    if complaints := [*compare.differences("lumaris.exe", first.program, second.program),
+                      *compare.differences("lumaris.pdb", first.pdb, second.pdb)]:
+        raise Refusal("two builds of the same sources are not the same bytes", *complaints)
+    print(f"release: both builds are the same bytes: lumaris.exe {len(first.program):,}, lumaris.pdb {len(first.pdb):,}", flush=True)
+    if complaints := check_built(first.program, first.pdb, configured):
+        raise Refusal(*complaints)
+    print("release: the program is as it must be: headers, sections, guard, imports, resources, size, keys, hosts, paths", flush=True)
+
+    options.candidate.mkdir(parents=True)
+    (options.candidate / "lumaris.exe").write_bytes(first.program)
+    (options.candidate / "lumaris.pdb").write_bytes(first.pdb)
+    (options.candidate / "candidate.json").write_text(json.dumps({
+        "version": configured.version, "time": commit.time, "commit": commit.name + (" with changes" if commit.changed else ""),
+        "properties": {"public-key": configured.public_key, "update-host": configured.update_host, "report-host": configured.report_host,
+                       "sources-sha256": hashlib.sha256((ROOT / "toolchain/sources.list").read_bytes()).hexdigest()},
+    }), encoding="utf-8")
+
+
+def checksums(files: dict[str, bytes]) -> str:
+    """The lines that `sha256sum -c` takes."""
+    return "".join(f"{hashlib.sha256(data).hexdigest()}  {name}\n" for name, data in files.items())
+
+
+def assemble(candidate: Path, output: Path, identity: signing.Identity | None) -> None:
+    """Signs the candidate where there is somebody to sign, and writes what is shipped: everything, or nothing."""
+    remove_shipped(output)
+    unsigned, pdb = (candidate / "lumaris.exe").read_bytes(), (candidate / "lumaris.pdb").read_bytes()
+    known = json.loads((candidate / "candidate.json").read_text(encoding="utf-8"))
+    shipped = unsigned
+    if identity is not None:
+        with tempfile.TemporaryDirectory(prefix="sign-") as scratch:
+            signed = Path(scratch) / "lumaris.exe"
+            signing.sign(candidate / "lumaris.exe", identity, signed)
+            print(signing.verify(signed, identity, Path(scratch)).strip(), flush=True)
+            shipped = signed.read_bytes()
+        if signing.without_signature(shipped) != unsigned:
+            raise Refusal("the signed program without its signature is not the program that was built")
+        print("release: signed; without the signature it is the program that was built, byte for byte", flush=True)
+    text = bill.make_bill(bill.Release(program=shipped, unsigned=unsigned, pdb=pdb, **known),
+                          bill.read_sources((ROOT / "toolchain/sources.list").read_text(encoding="utf-8")))
+    files = {"lumaris.exe": shipped, "lumaris.pdb": pdb, "lumaris.cdx.json": text.encode("utf-8")}
+    output.mkdir(parents=True, exist_ok=True)
+    for name, data in files.items():
+        (output / name).write_bytes(data)
+    # The checksums come last: a folder with them is whole.
+    (output / "SHA256SUMS").write_text(checksums(files), encoding="ascii")
+    for name, data in files.items():
+        print(f"release: {hashlib.sha256(data).hexdigest()}  {name} ({len(data):,} bytes)", flush=True)
+    if shipped != unsigned:
+        print(f"release: {hashlib.sha256(unsigned).hexdigest()}  lumaris.exe without its signature", flush=True)
+
+
+def ship(options: argparse.Namespace) -> None:
+    """Signs what `make` left, and writes the release."""
+    identity = None
+    if any((options.certificate, options.certificate_key, options.pkcs12)):
+        identity = signing.Identity(certificate=options.certificate, key=options.certificate_key, pkcs12=options.pkcs12,
+                                    password_file=options.password_file, authority=options.authority,
+                                    timestamp_url=options.timestamp, timestamp_authority=options.timestamp_authority)
+        if fault := identity.fault():
+            raise Refusal(fault)
+    elif any((options.password_file, options.authority, options.timestamp, options.timestamp_authority)):
+        raise Refusal("there is nobody to sign: give --certificate and --certificate-key, or --pkcs12")
+    assemble(options.candidate, options.output, identity)
+    if identity is None:
+        print("release: WARNING: the program is not signed", flush=True)
+
+
+def match(options: argparse.Namespace) -> None:
+    """Says whether a program, signed or not, is the one that `make` left."""
+    built, given = (options.candidate / "lumaris.exe").read_bytes(), options.program.read_bytes()
+    try:
+        stripped = signing.without_signature(given)
+    except ValueError as error:
+        raise Refusal(f"{options.program.name}: {error}") from error
+    if complaints := compare.differences(options.program.name, stripped, built):
+        raise Refusal(f"{options.program.name} is not what these sources make", *complaints)
+    print(f"release: {options.program.name} is what these sources make{', signed' if stripped != given else ''}", flush=True)
+
+
+def main(arguments: list[str] | None = None) -> int:
+    """Runs one step."""
+    parser = argparse.ArgumentParser(prog="./dev release", description=__doc__)
+    steps = parser.add_subparsers(dest="step", required=True)
+    step = steps.add_parser("make", help="build twice, compare, check")
+    step.add_argument("--allow-default-hosts", action="store_true")
+    step.add_argument("--allow-changes", action="store_true")
+    step.set_defaults(run=make)
+    step = steps.add_parser("ship", help="sign, and write the release")
+    for name in ("certificate", "certificate-key", "pkcs12", "password-file", "authority", "timestamp-authority"):
+        step.add_argument(f"--{name}", type=Path)
+    step.add_argument("--timestamp", metavar="URL")
+    step.set_defaults(run=ship)
+    step = steps.add_parser("match", help="compare a released program with what was made")
+    step.add_argument("program", type=Path)
+    step.set_defaults(run=match)
+    for step in steps.choices.values():
+        step.add_argument("--candidate", type=Path, default=CANDIDATE, help="what was made, before it is signed")
+        step.add_argument("--output", type=Path, default=OUTPUT)
+    options = parser.parse_args(arguments)
+    os.chdir(ROOT)
+    try:
+        options.run(options)
+    except Refusal as refusal:
+        for complaint in refusal.complaints:
+            print(f"release: REFUSED: {complaint}", file=sys.stderr, flush=True)
+        return 1
+    except (builds.BuildError, signing.SigningError, bill.BillError, OSError) as error:
+        print(f"release: REFUSED: {error}", file=sys.stderr, flush=True)
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
