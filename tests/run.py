@@ -164,7 +164,7 @@ def run_whole(suite: Suite, options: argparse.Namespace) -> Result:
 
 
 def run_pytest(suite: Suite, options: argparse.Namespace) -> Result:
-    """The tests of the folder that is named like the suite: of the set-up itself, or of two builds being the same."""
+    """The tests of the folder that is named like the suite: of the set-up itself, or of what a release must be."""
     report = RESULTS / f"{suite.name}.xml"
     arguments = [sys.executable, "-m", "pytest", str(TREE / "tests" / suite.name), "-p", "no:cacheprovider", "-rs",
                  f"--junit-xml={report}"]
@@ -208,7 +208,7 @@ SUITES = (
     Suite("fuzz", frozenset(), run_fuzz),
     Suite("native", frozenset({"unit"}), run_native),
     Suite("ground", frozenset(), run_pytest),
-    Suite("reproducible", frozenset(), run_pytest, on_request=True),
+    Suite("release", frozenset(), run_pytest),
 )
 
 
@@ -258,7 +258,7 @@ def main() -> int:
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--only", action="append", metavar="WHAT", default=[],
                         choices=sorted({suite.name for suite in SUITES}.union(*(suite.tags for suite in SUITES))),
-                        help="run only these: native, x64, arm64, unit, e2e, fuzz, ground, reproducible, or one suite such as e2e-x64; "
+                        help="run only these: native, x64, arm64, unit, e2e, fuzz, ground, release, or one suite such as e2e-x64; "
                              "may be given more than once")
     parser.add_argument("-k", metavar="NAME", help="run only the tests whose name holds this")
     parser.add_argument("--jobs", type=int, default=2, help="suites at a time (default: 2)")
