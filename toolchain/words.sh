@@ -264,8 +264,8 @@ it should be it says what, and writes nothing. docs/release.md says what is chec
                           for trying it out: hosts that are reserved for examples; sources that are not committed
 
 examples:
-  ./dev release --key halvoro.pub --update-host updates.tavrin.com --report-host reports.tavrin.com \
-      --pkcs12 tavrin.p12 --password-file password --timestamp http://timestamps.tavrin.com
+  ./dev release --key halvoro.pub --update-host updates.DOMAIN --report-host reports.DOMAIN \
+      --pkcs12 tavrin.p12 --password-file password --timestamp http://timestamps.DOMAIN
   ./dev release --key halvoro.pub --allow-default-hosts
 END
 }

@@ -469,8 +469,8 @@ def test_the_hosts_for_trying_out_are_those_that_it_is_configured_with(built: Bu
 @pytest.mark.parametrize(("host", "laboratory"), [
     ("updates.tavrin.example", True), ("example", True), ("localhost", True), ("a.localhost", True), ("x.test", True), ("y.invalid", True),
     ("127.0.0.1", True), ("127.8.8.8", True), ("example.com", True), ("www.example.org", True), ("UPDATES.TAVRIN.EXAMPLE", True),
-    ("updates.tavrin.com", False), ("updates.halvoro.internal", False), ("test.tavrin.com", False), ("testing.com", False),
-    ("128.0.0.1", False), ("example.tavrin.com", False), ("examples.com", False),
+    ("updates.tavrin.internal", False), ("updates.halvoro.internal", False), ("test.tavrin.internal", False), ("testing.com", False),
+    ("128.0.0.1", False), ("example.tavrin.internal", False), ("examples.com", False),
 ])
 def test_names_that_no_release_can_reach(host: str, laboratory: bool) -> None:
     assert program.is_laboratory_host(host) is laboratory
