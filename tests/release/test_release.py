@@ -155,6 +155,14 @@ def test_the_default_hosts_are_refused(steps: Steps, monkeypatch: pytest.MonkeyP
     assert all("--allow-default-hosts" in line for line in complaints)
 
 
+@pytest.mark.parametrize("host", ["", "http://updates.halvoro.internal", "updates.halvoro.internal:80", "updates.halvoro.internal/", "a b", "a..b"])
+def test_what_is_no_host_name_is_refused(steps: Steps, host: str, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]) -> None:
+    monkeypatch.setenv("LUMARIS_REPORT_HOST", host)
+    assert steps("make") == EXIT_REFUSED
+    assert capsys.readouterr().err == (f'release: REFUSED: the report host is "{host}", which is no host name: give it alone, without scheme, '
+                                       "port and path\n")
+
+
 def test_the_default_hosts_are_warned_of_where_they_are_allowed(release: ModuleType, tmp_path: Path, monkeypatch: pytest.MonkeyPatch,
                                                                 built: Built, environment: None, capsys: pytest.CaptureFixture[str]) -> None:
     monkeypatch.delenv("LUMARIS_UPDATE_HOST")

@@ -65,6 +65,8 @@ def check_configuration(configured: program.Configuration, allow_default_hosts: 
     except ValueError:
         complaints.append("there is no trusted key, or it is none: give --key")
     for what, host in (("update", configured.update_host), ("report", configured.report_host)):
+        if not re.fullmatch(r"[A-Za-z0-9-]+(\.[A-Za-z0-9-]+)*", host):
+            complaints.append(f"the {what} host is \"{host}\", which is no host name: give it alone, without scheme, port and path")
         if not program.is_laboratory_host(host):
             continue
         if allow_default_hosts:
