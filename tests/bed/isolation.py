@@ -34,9 +34,16 @@ ARM64_ROOM = Path("/rooms/arm64")
 CARD_ADDRESS = "10.77.0.1"
 GATEWAY_ADDRESS = "10.77.0.2"
 
+# The unit in which a disk of this bed is filled.
+PAGE = 4096
+
+# Files on such a disk, where their number does not matter. A disk without a limit could not be given one later.
+MANY = 1000
+
 _CLONE_NEWNS = 0x00020000
 _CLONE_NEWNET = 0x40000000
 _MS_RDONLY = 0x1
+_MS_REMOUNT = 0x20
 _MS_BIND = 0x1000
 _MS_REC = 0x4000
 _MS_PRIVATE = 1 << 18
@@ -73,17 +80,61 @@ class PrivateNetwork:
         """A folder in the working folder that is a disk of its own: of so many bytes, or one that cannot be written."""
         folder = self.work / name
         folder.mkdir()
-        places = [Path(f"{room}{folder}") if room != Path("/") else folder for room in self.rooms]
-        flags = _MS_RDONLY if read_only else 0
-        _mount("tmpfs", folder, kind="tmpfs", flags=flags, options=f"size={size}")
+        try:
+            with self.disk_at(folder, size, read_only=read_only):
+                yield folder
+        finally:
+            folder.rmdir()
+
+    @contextmanager
+    def disk_at(self, folder: Path, size: int, *, files: int = MANY, read_only: bool = False) -> Iterator[Disk]:
+        """A new disk in the place of a folder below the working folder; what was in there comes back with its end."""
+        # Below the working folder everything has the same path in each room.
+        folder = folder.resolve()
+        places = [folder if room == Path("/") else Path(f"{room}{folder}") for room in self.rooms]
+        _mount("tmpfs", folder, kind="tmpfs", options=_tmpfs_options(size, files))
         for place in places[1:]:
             _mount(str(folder), place, flags=_MS_BIND)
+        disk = Disk(folder, tuple(places))
         try:
-            yield folder
+            if read_only:
+                disk.set_read_only(True)
+            yield disk
         finally:
             for place in reversed(places):
                 _LIBC.umount2(os.fsencode(place), _MNT_DETACH)
-            folder.rmdir()
+
+
+@dataclass(frozen=True)
+class Disk:
+    """A disk that is mounted on a folder, and whose size and rights can be changed while it is used."""
+
+    folder: Path
+    _places: tuple[Path, ...]
+
+    def fill(self, but: int = 0) -> None:
+        """Makes it as small as what is on it, and so many bytes: what is written beyond them finds no room."""
+        system = os.statvfs(self.folder)
+        used = (system.f_blocks - system.f_bfree) * system.f_frsize
+        if used + but == 0:
+            # A tmpfs of no bytes is one without a limit.
+            (self.folder / "filler").write_bytes(b"x" * PAGE)
+            used = PAGE
+        self.resize(used + but)
+
+    def resize(self, size: int, *, files: int = MANY) -> None:
+        """From now on it has room for so many bytes, rounded up to pages, and for so many files and folders."""
+        _mount("tmpfs", self.folder, kind="tmpfs", flags=_MS_REMOUNT, options=_tmpfs_options(size, files))
+
+    def set_read_only(self, read_only: bool) -> None:
+        """Whether it can be written. Nobody may have a file open for writing when it becomes read-only."""
+        for place in self._places:
+            _mount("none", place, flags=_MS_REMOUNT | _MS_BIND | (_MS_RDONLY if read_only else 0))
+
+
+def _tmpfs_options(size: int, files: int) -> str:
+    # The folder itself counts as one.
+    return f"size={size},nr_inodes={files + 1},mode=0755"
 
 
 def enter() -> PrivateNetwork:

@@ -8,6 +8,8 @@ import shutil
 import struct
 import subprocess
 import time
+from collections.abc import Iterator
+from contextlib import contextmanager
 from dataclasses import dataclass, field
 from pathlib import Path, PureWindowsPath
 
@@ -25,7 +27,21 @@ _PREPARED = {"x64": Path("/opt/lumaris/prefix-x86_64"), "arm64": Path("/opt/luma
 
 # What the shipped programs may need on top of a bare prefix is nothing: no .NET, no HTML engine, no menus.
 _OVERRIDES = "mscoree=;mshtml=;winemenubuilder.exe=;winedbg.exe=d"
+
+# Root may do what a file's rights forbid. Without these two capabilities the rights hold for it as for anybody.
+_PRIVILEGES = "-dac_override,-dac_read_search"
+_WITHOUT_PRIVILEGE = ["setpriv", f"--ambient-caps={_PRIVILEGES}", f"--inh-caps={_PRIVILEGES}", f"--bounding-set={_PRIVILEGES}"]
+
 _TRACES = "-all,+timestamp,+eventlog,fixme+advapi,trace+exec"
+
+# How a file can be used, and shared with others.
+GENERIC_READ = 0x80000000
+GENERIC_WRITE = 0x40000000
+DELETE = 0x00010000
+READ_ATTRIBUTES = 0x80
+SHARE_READ = 1
+SHARE_WRITE = 2
+SHARE_DELETE = 4
 
 REG_SZ = 1
 REG_EXPAND_SZ = 2
@@ -87,7 +103,7 @@ class Windows:
         self.folder = network.work / (f"windows-{architecture}" + ("-on-display" if display else ""))
         self.prefix = self.folder / "prefix"
         self._agent_program = agent
-        self._enter = ["chroot", str(ARM64_ROOM)] if architecture == "arm64" else []
+        self._enter = [*_WITHOUT_PRIVILEGE, *(["chroot", str(ARM64_ROOM)] if architecture == "arm64" else [])]
         self._environment = _environment(architecture) | {"WINEPREFIX": str(self.prefix)}
         if display:
             self._environment["DISPLAY"] = display
@@ -197,6 +213,15 @@ class Windows:
         """Starts a program and does not wait for it. A name that is given again ends what was started with it before."""
         self.ask("start", name, command_line, windows_path(self.folder / f"output-{name}.txt"))
         return Started(self, name)
+
+    @contextmanager
+    def held_open(self, path: Path, access: int, share: int) -> Iterator[None]:
+        """Another program has this file open meanwhile, for this use of its own, and shares it for that of others."""
+        self.ask("hold", windows_path(path.resolve()), f"{access:x}", f"{share:x}")
+        try:
+            yield
+        finally:
+            self.ask("release")
 
     def boxes(self) -> list[Box]:
         """The message boxes that can be seen."""

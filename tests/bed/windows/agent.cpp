@@ -16,6 +16,8 @@
 //   wait NAME MILLISECONDS             ok exited|running PID CODE BEGIN END
 //   kill NAME                          ok   (the program, as it stands; its wait tells the rest)
 //   environment NAME VALUE             ok   (for the programs to come; an empty VALUE removes it)
+//   hold FILE ACCESS SHARE             ok   (has a file open until `release`, with these hexadecimal numbers)
+//   release                            ok
 //   get KEY NAME                       ok TYPE BYTES
 //   set KEY NAME TYPE BYTES            ok
 //   delete-value KEY NAME              ok
@@ -477,6 +479,26 @@ fields boxes() {
     return answer;
 }
 
+HANDLE held = INVALID_HANDLE_VALUE;
+
+fields hold(const fields& command) {
+    const auto flags = [&](std::size_t index) {
+        return static_cast<DWORD>(std::strtoul(command[index].c_str(), nullptr, 16));
+    };
+    if (held != INVALID_HANDLE_VALUE) {
+        return error(ERROR_BUSY);
+    }
+    held = CreateFileW(to_wide(command[1]).c_str(), flags(2), flags(3), nullptr, OPEN_EXISTING,
+                       FILE_ATTRIBUTE_NORMAL, nullptr);
+    return held != INVALID_HANDLE_VALUE ? fields{"ok"} : error(GetLastError());
+}
+
+fields release() {
+    const BOOL closed = CloseHandle(held);
+    held = INVALID_HANDLE_VALUE;
+    return closed != 0 ? fields{"ok"} : error(GetLastError());
+}
+
 fields set_environment(const fields& command) {
     const BOOL set = SetEnvironmentVariableW(to_wide(command[1]).c_str(),
                                              command[2].empty() ? nullptr : to_wide(command[2]).c_str());
@@ -509,6 +531,12 @@ fields execute(process_tree& tree, std::map<std::string, process_tree>& started,
     }
     if (word == "environment" && count == 3) {
         return set_environment(command);
+    }
+    if (word == "hold" && count == 4) {
+        return hold(command);
+    }
+    if (word == "release" && count == 1) {
+        return release();
     }
     if (word == "get" && count == 3) {
         return registry_get(command);
