@@ -28,7 +28,7 @@ _PREPARED = {"x64": Path("/opt/lumaris/prefix-x86_64"), "arm64": Path("/opt/luma
 # What the shipped programs may need on top of a bare prefix is nothing: no .NET, no HTML engine, no menus.
 _OVERRIDES = "mscoree=;mshtml=;winemenubuilder.exe=;winedbg.exe=d"
 
-# Root may do what a file's rights forbid. Without these two capabilities the rights hold for it as for anybody.
+# Root may do what a file's rights forbid. Without these two capabilities it may not.
 _PRIVILEGES = "-dac_override,-dac_read_search"
 _WITHOUT_PRIVILEGE = ["setpriv", f"--ambient-caps={_PRIVILEGES}", f"--inh-caps={_PRIVILEGES}", f"--bounding-set={_PRIVILEGES}"]
 
@@ -96,14 +96,18 @@ def available(architecture: str) -> str | None:
 class Windows:
     """Start it inside the private network; use it as a context manager."""
 
-    def __init__(self, architecture: str, network: PrivateNetwork, agent: Path, *, display: str | None = None) -> None:
-        """`display` is the X server on which the programs' windows appear (bed/screen.py); without one no box is seen."""
+    def __init__(self, architecture: str, network: PrivateNetwork, agent: Path, *, display: str | None = None,
+                 privileged: bool = True) -> None:
+        """`display` is the X server on which the programs' windows appear (bed/screen.py); without one no box is seen.
+
+        For programs that are not `privileged` the rights of files and folders hold, although they run as root.
+        """
         self.architecture = architecture
         self.network = network
         self.folder = network.work / (f"windows-{architecture}" + ("-on-display" if display else ""))
         self.prefix = self.folder / "prefix"
         self._agent_program = agent
-        self._enter = [*_WITHOUT_PRIVILEGE, *(["chroot", str(ARM64_ROOM)] if architecture == "arm64" else [])]
+        self._enter = [*([] if privileged else _WITHOUT_PRIVILEGE), *(["chroot", str(ARM64_ROOM)] if architecture == "arm64" else [])]
         self._environment = _environment(architecture) | {"WINEPREFIX": str(self.prefix)}
         if display:
             self._environment["DISPLAY"] = display

@@ -93,7 +93,7 @@ def bed(request: pytest.FixtureRequest) -> Iterator[Bed]:
         network.trust(authority.path)
         server = stack.enter_context(ScriptedServer(80))
         machine = stack.enter_context(
-            windows.Windows(architecture, network, build / "tests/bed/windows/agent.exe"))
+            windows.Windows(architecture, network, build / "tests/bed/windows/agent.exe", privileged=False))
         program = build / "updater/lumaris.exe"
         keys = network.work / "keys"
         keys.mkdir()
@@ -137,7 +137,7 @@ def desktop(request: pytest.FixtureRequest, bed: Bed) -> Iterator[tuple[windows.
     """A second Windows, on a screen of its own."""
     agent = _build_of(request) / "tests/bed/windows/agent.exe"
     with Screen(bed.network.work) as screen, \
-            windows.Windows(bed.machine.architecture, bed.network, agent, display=screen.display) as machine:
+            windows.Windows(bed.machine.architecture, bed.network, agent, display=screen.display, privileged=False) as machine:
         yield machine, screen
 
 
