@@ -20,7 +20,8 @@ BUILD = TREE / "build"
 RESULTS = BUILD / "test-results"
 sys.path.insert(0, str(TREE / "tests"))
 
-from bed import windows  # noqa: E402  (the path to it is set above)
+import plan  # noqa: E402  (the path to it is set above)
+from bed import windows  # noqa: E402
 
 SUITE_LIMIT = 900.0
 FUZZ_SECONDS = 5
@@ -174,6 +175,7 @@ def run_pytest(suite: Suite, options: argparse.Namespace) -> Result:
 def run_fuzz(suite: Suite, options: argparse.Namespace) -> Result:
     """Each fuzz target over its seeds and for a few seconds more."""
     result = Result()
+    cases = ElementTree.Element("testsuite", name=suite.name)
     folder = BUILD / "native-fuzz/fuzz"
     targets = sorted(file for file in folder.glob("*_fuzz") if os.access(file, os.X_OK) and file.is_file())
     if not targets:
@@ -191,11 +193,14 @@ def run_fuzz(suite: Suite, options: argparse.Namespace) -> Result:
                      f"-artifact_prefix={found}/", *([f"-dict={dictionary}"] if dictionary.exists() else []),
                      str(found / "corpus"), *([str(seeds)] if seeds.exists() else [])]
         status, output = command(suite, arguments, log_name=f"{suite.name}-{target.name}")
+        case = ElementTree.SubElement(cases, "testcase", classname=suite.name, name=target.name)
         if status == 0:
             result.passed += 1
         else:
             tail = "\n".join(f"    {line}" for line in output.strip().splitlines()[-30:])
             result.fail(f"{target.name} found something (in {found}), status {status}\n{tail}")
+            ElementTree.SubElement(case, "failure", message=f"status {status}")
+    ElementTree.ElementTree(cases).write(RESULTS / f"{suite.name}.xml", encoding="utf-8", xml_declaration=True)
     return result
 
 
@@ -296,8 +301,13 @@ def main() -> int:
             print(f"{suite.name:12} {result.passed:7} {result.failed:7} {result.skipped:8} {result.seconds:8.0f}")
     passed, failed, skipped = (sum(getattr(result, what) for result in results.values())
                                for what in ("passed", "failed", "skipped"))
-    print(f"{passed} passed, {failed} failed, {skipped} skipped")
-    return 1 if failed or not passed else 0
+    print(f"{passed} passed, {failed} failed, {skipped} skipped", flush=True)
+    if options.only or options.k:
+        return 1 if failed or not passed else 0
+    verdict = plan.check_tree(unavailable)
+    print()
+    plan.tell(verdict)
+    return 1 if failed or not passed or verdict.faults else 0
 
 
 if __name__ == "__main__":

@@ -15,6 +15,7 @@ below the cache folder, once) and then its job. It needs a Debian-like machine, 
   bench    measures, and compares with what is to be reached
   fuzz     runs the fuzz targets
   soak     the long tests that ./dev test leaves out, each with its time
+  plan     checks that every case of the test plan is proved by tests that passed
   lint     format, static analysis, headers on their own, shell scripts
   shell    a shell, or one command, in the room
 
@@ -368,6 +369,11 @@ word_soak() {
     check_after_failure in_room python3 tests/soak.py "$@"
 }
 
+word_plan() {
+    need "${products_native[@]}"
+    check_after_failure in_room python3 tests/plan.py "$@"
+}
+
 word_lint() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
         printf '%s\n' 'usage: ./dev lint [--fix] [CHECK]...' '' \
@@ -401,7 +407,7 @@ main() {
     trap 'exit 130' INT
     trap 'exit 143' TERM HUP
     case $word in
-    run | test | build | release | bench | fuzz | soak | lint | shell) "word_$word" "$@" ;;
+    run | test | build | release | bench | fuzz | soak | plan | lint | shell) "word_$word" "$@" ;;
     --help | -h | help) help_text ;;
     '') help_text >&2; exit 2 ;;
     *) die "unknown word: $word" "See ./dev --help." ;;
