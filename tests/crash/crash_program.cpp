@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <cwchar>
+#include <string>
 #include <string_view>
 
 namespace {
@@ -25,21 +26,37 @@ bool write_moment(const wchar_t* file) {
     return std::fclose(out) == 0;
 }
 
+// In code page 1250, in which each of its characters is one byte.
+std::string in_1250(const std::wstring& text) {
+    std::string bytes(text.size(), '\0');
+    ::WideCharToMultiByte(1250, 0, text.data(), static_cast<int>(text.size()), bytes.data(),
+                          static_cast<int>(bytes.size()), nullptr, nullptr);
+    return bytes;
+}
+
 } // namespace
 
 int WINAPI wWinMain(HINSTANCE, HINSTANCE, wchar_t*, int) {
     int count = 0;
     wchar_t** arguments = ::CommandLineToArgvW(::GetCommandLineW(), &count);
     const wchar_t* moment = nullptr;
+    std::size_t limit = 100000; // of the notes that follow
     for (int index = 1; index < count; index += 2) {
         const std::wstring_view option = arguments[index];
-        if (index + 1 == count || (option != L"--note" && option != L"--moment")) {
+        const wchar_t* const value = arguments[index + 1];
+        if (index + 1 == count) {
             return 2;
         }
         if (option == L"--note") {
-            corvo::errorreport::add_note(arguments[index + 1], std::wcslen(arguments[index + 1]));
+            corvo::errorreport::add_note(value, limit);
+        } else if (option == L"--narrow-note") {
+            corvo::errorreport::add_note(in_1250(value).c_str(), limit, 1250);
+        } else if (option == L"--limit") {
+            limit = static_cast<std::size_t>(std::wcstoul(value, nullptr, 10));
+        } else if (option == L"--moment") {
+            moment = value;
         } else {
-            moment = arguments[index + 1];
+            return 2;
         }
     }
     if (crash_program::waits_for_start_up) {

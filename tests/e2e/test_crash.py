@@ -9,6 +9,7 @@ import pytest
 from bed.report_server import Answer
 from bed.reports import Report
 from crash_world import CRASHED, CrashWorld
+from world import World
 
 ACCESS_VIOLATION = 0xC0000005
 STACK_OVERFLOW = 0xC00000FD
@@ -122,6 +123,22 @@ def test_a_crash_during_the_start_waits_for_earlier_reports(crashes: CrashWorld)
     report = crashes.read(crashes.server.requests[1].body, "during_start_up")
     assert (report.code, report.frames[0].function) == (ACCESS_VIOLATION, "innermost")
     crashes.assert_nothing_left()
+
+
+def test_the_updater_reports_its_own_crash_and_writes_no_event(world: World, crashes: CrashWorld) -> None:
+    """A library crashes that it asks about the network."""
+    world.offer()
+    world.bed.list_manager.answer(Crash=1)
+    run = world.run()
+    assert (run.exit_code, run.events, run.commands) == (CRASHED, (), ())
+    assert world.targets == []
+    assert crashes.server.kinds == ["short"]
+    report = crashes.read(crashes.server.requests[0].body)
+    assert (report.code, report.notes, report.frames[0].module) == (ACCESS_VIOLATION, (), "list_manager.dll")
+    assert report.frames[1].module == "lumaris.exe"
+    crashes.assert_nothing_left()
+    world.bed.list_manager.answer()
+    world.assert_installs(world.run())
 
 
 def test_a_second_crash_during_the_first_is_not_reported(crashes: CrashWorld) -> None:

@@ -98,6 +98,17 @@ def test_the_updater_sends_what_an_earlier_crash_left_and_does_its_work(
     crashes.assert_nothing_left()
 
 
+def test_the_updater_waits_for_earlier_reports_before_it_asks_about_the_network(
+        world: World, crashes: CrashWorld, pairs: tuple[Pair, Pair]) -> None:
+    """On a metered connection nothing else holds it up: without the wait it would end before the server has answered."""
+    crashes.save(0, pairs[0])
+    crashes.server.queue = [Answer(wait=1)]
+    world.bed.list_manager.answer(Cost=0x2)
+    world.assert_skipped(world.run(), 3)
+    assert [each.body for each in crashes.server.requests] == [pairs[0][0]]
+    crashes.assert_nothing_left()
+
+
 def test_the_next_start_sends_both_where_the_server_asks_for_more(crashes: CrashWorld, pairs: tuple[Pair, Pair]) -> None:
     crashes.save(0, pairs[0])
     crashes.server.queue = [FULL_WANTED]

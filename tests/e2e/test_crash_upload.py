@@ -4,8 +4,10 @@ from __future__ import annotations
 
 import pytest
 
-from bed.report_server import BODY, FULL_WANTED, HEAD, REPLIED, Answer
+from bed import certificates, isolation
+from bed.report_server import BODY, FULL_WANTED, HEAD, REPLIED, Answer, ReportServer
 from crash_world import CRASHED, CrashWorld
+from world import Bed
 
 QUICK = pytest.mark.any_processor
 NOTES = ("the first note", "druga opomba: č š ž")
@@ -38,6 +40,13 @@ def test_the_ten_newest_notes_are_sent(crashes: CrashWorld) -> None:
     crashes.run("access_violation", notes=[f"note {number}" for number in range(1, 13)])
     report = crashes.read(crashes.server.requests[0].body)
     assert report.notes == tuple(f"note {number}" for number in range(3, 13))
+
+
+@pytest.mark.any_processor
+def test_a_note_ends_at_its_limit_in_either_form(crashes: CrashWorld) -> None:
+    options = ' --limit 4 --note abcdef --narrow-note čšžabc --limit 100 --note whole --narrow-note "ves š"'
+    assert crashes.machine.run(crashes.command_line("access_violation") + options, limit=50).exit_code == CRASHED
+    assert crashes.read(crashes.server.requests[0].body).notes == ("abcd", "čšža", "whole", "ves š")
 
 
 @pytest.mark.any_processor
@@ -74,6 +83,19 @@ def test_a_cut_connection_saves_the_report(crashes: CrashWorld, stage: str) -> N
     assert crashes.run("access_violation").exit_code == CRASHED
     assert crashes.files() == ["0.tzo", "0.tzr"]
     assert crashes.read(crashes.pair(0)[0]).kind == "short"
+
+
+@pytest.mark.any_processor
+@pytest.mark.parametrize(("host", "trusted"), [(isolation.REPORT_HOST, False), ("other.tavrin.example", True)],
+                         ids=["an authority that nobody trusts", "another name"])
+def test_a_server_that_cannot_prove_its_name_gets_nothing(bed: Bed, crashes: CrashWorld, host: str, trusted: bool) -> None:
+    work = bed.network.work
+    authority = bed.authority if trusted else certificates.make_authority(work, "strange-authority")
+    made = certificates.make_server_certificate(work, authority, host, name=f"reports-{trusted}")
+    with crashes.server.away(), ReportServer(made) as impostor:
+        assert crashes.run("access_violation").exit_code == CRASHED
+        assert impostor.requests == []
+    assert crashes.files() == ["0.tzo", "0.tzr"]
 
 
 @pytest.mark.any_processor

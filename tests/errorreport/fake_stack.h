@@ -159,8 +159,12 @@ private:
     IMAGE_NT_HEADERS m_headers{};
 
     support::script<decltype(::StackWalk64)> m_walk{
-        support::StackWalk64,
-        [this](DWORD machine, HANDLE process, HANDLE thread, STACKFRAME64* frame, void* context, auto...) {
+        support::StackWalk64, [this](DWORD machine, HANDLE process, HANDLE thread, STACKFRAME64* frame,
+                                     void* context, auto reader, auto table, auto base, auto translator) {
+            EXPECT_EQ(nullptr, reader);
+            EXPECT_NE(nullptr, table); // the symbol engine's own
+            EXPECT_NE(nullptr, base);
+            EXPECT_EQ(nullptr, translator);
             return walk(machine, process, thread, frame, context);
         }};
     support::script<decltype(::SymGetModuleBase64)> m_base{

@@ -94,6 +94,19 @@ TEST(base64, goes_on_in_the_next_call_wherever_the_text_is_split) {
     }
 }
 
+// Three bytes for four letters, whatever of the text turns out to be letters.
+TEST(base64, makes_room_for_the_whole_text_beforehand) {
+    std::string output = "before";
+    base64_decoder decoder;
+    decoder.decode(std::string(4001, ' '), output);
+    EXPECT_EQ("before", output);
+    EXPECT_LE(6U + 3003U, output.capacity());
+    decoder.decode("Zm9", output); // stays pending, and counts next time
+    const std::size_t before = output.capacity();
+    decoder.decode(std::string((before - 6) / 3 * 4 + 1, ' '), output);
+    EXPECT_LE((before - 6) / 3 * 3 + 3 + 6, output.capacity());
+}
+
 TEST(base64, stays_stopped_in_later_calls) {
     std::string output;
     base64_decoder decoder;

@@ -1,5 +1,7 @@
 #include "platform/progress.h"
 
+#include "tests/stream/slots.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -42,6 +44,14 @@ using positions = std::vector<std::uint64_t>;
 
 static_assert(!std::is_copy_constructible_v<progress>);
 static_assert(std::has_virtual_destructor_v<progress>);
+
+TEST(progress, keeps_its_virtual_functions_in_slot_order) {
+    EXPECT_EQ(2U, test::slot_of(&progress::text)); // the destructor takes the first two
+    EXPECT_EQ(3U, test::slot_of(&progress::set_range));
+    EXPECT_EQ(4U, test::slot_of(&progress::set));
+    EXPECT_EQ(5U, test::slot_of(&progress::show));
+    EXPECT_EQ(6U, test::slot_of(&progress::cancel));
+}
 
 TEST(progress, ignores_everything_and_never_cancels) {
     progress indicator;

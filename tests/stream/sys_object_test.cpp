@@ -1,6 +1,7 @@
 #include "stream/sys_object.h"
 
 #include "tests/stream/expect.h"
+#include "tests/stream/slots.h"
 #include "tests/support/substitutes.h"
 
 #include <gtest/gtest.h>
@@ -41,6 +42,10 @@ protected:
                                               return TRUE;
                                           }};
 };
+
+TEST_F(sys_object_test, has_freeing_in_the_slot_behind_the_destructor) {
+    EXPECT_EQ(2U, test::slot_of(&sys_object::free)); // the destructor takes the first two
+}
 
 TEST_F(sys_object_test, starts_without_a_handle_and_releases_nothing) {
     {

@@ -4,6 +4,7 @@
 //
 //   CreateResult     result of creating the object (default S_OK)
 //   ConnectedResult  result of get_IsConnectedToInternet (default S_OK), Connected its value (default 1)
+//   Crash            1: that question crashes the program that asks it
 //   QueryResult      result of asking for INetworkCostManager (default S_OK)
 //   CostResult       result of GetCost (default S_OK), Cost its value (default 1, unrestricted)
 //
@@ -86,6 +87,9 @@ public:
     HRESULT STDMETHODCALLTYPE GetNetworkConnections(IEnumNetworkConnections**) override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE GetNetworkConnection(GUID, INetworkConnection**) override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE IsConnectedToInternet(VARIANT_BOOL* connected) override {
+        if (answer(L"Crash", 0) != 0) {
+            *static_cast<volatile int*>(nullptr) = 1;
+        }
         *connected = answer(L"Connected", 1) != 0 ? VARIANT_TRUE : VARIANT_FALSE;
         return result(L"ConnectedResult");
     }
