@@ -311,8 +311,9 @@ word_release() {
     make_run_folder
     for ((i = 0; i < ${#files[@]}; i += 2)); do release_file "${files[i]}" "${files[i + 1]}"; done
     if [[ -n $match ]]; then
-        release_file --program "$match"
-        job_release make "${arguments[@]}" && job_release match /tmp/release/program
+        [[ -f $match ]] || die "--match: there is no file $match"
+        mkdir -p "$run_folder/tmp/released" && cp -- "$match" "$run_folder/tmp/released/" || die "cannot copy $match"
+        job_release make "${arguments[@]}" && job_release match "/tmp/released/$(basename -- "$match")"
         return
     fi
     # What was shipped before does not stay beside a release that is refused.
