@@ -84,7 +84,8 @@ def start(crashes: CrashWorld) -> list[bytes]:
 
 
 @pytest.mark.parametrize("pages", [
-    0, pytest.param(1, marks=QUICK), 2, pytest.param(3, marks=QUICK), pytest.param(4, marks=QUICK), 5, 6,
+    0, pytest.param(1, marks=QUICK), pytest.param(2, marks=QUICK), pytest.param(3, marks=QUICK), pytest.param(4, marks=QUICK), 5,
+    pytest.param(6, marks=QUICK),
 ])
 def test_a_disk_that_is_full_after_so_many_pages(crashes: CrashWorld, temporary: Path, pages: int) -> None:
     """What found room is sent by the next start; the server sees where it is cut short."""
@@ -146,7 +147,7 @@ def test_the_user_reads_why_a_report_could_not_be_saved(watched: CrashWorld, pag
 # Temporary folders that are none
 
 
-@pytest.mark.parametrize("kind", ["missing", pytest.param("file", marks=QUICK), "no right to write",
+@pytest.mark.parametrize("kind", [pytest.param("missing", marks=QUICK), pytest.param("file", marks=QUICK), "no right to write",
                                   pytest.param("no right at all", marks=QUICK)])
 def test_without_a_temporary_folder_a_crash_ends_and_nothing_is_saved(crashes: CrashWorld, temporary: Path, kind: str) -> None:
     if kind == "no right to write":
@@ -174,11 +175,11 @@ def test_without_a_temporary_folder_a_crash_ends_and_nothing_is_saved(crashes: C
 # The Windows path of the folder with its backslash; "N.tzo" adds five characters. The system of this bed opens longer paths than every
 # Windows does; the program takes paths of up to 260 characters, and folders for which the system gives up to 259.
 @pytest.mark.parametrize(("length", "saved", "sent"), [
-    (254, True, True),
+    pytest.param(254, True, True, marks=QUICK),
     (255, True, True),
     pytest.param(256, True, False, marks=QUICK),
     pytest.param(259, True, False, marks=QUICK),
-    (260, False, False),
+    pytest.param(260, False, False, marks=QUICK),
     pytest.param(300, False, False, marks=QUICK),
 ])
 def test_a_temporary_folder_with_a_long_path(crashes: CrashWorld, temporary: Path, length: int, saved: bool, sent: bool) -> None:
@@ -363,6 +364,7 @@ def test_a_torn_report_is_sent_as_it_is_and_deleted(crashes: CrashWorld, tempora
 # Links
 
 
+@pytest.mark.any_processor
 def test_a_link_in_the_place_of_the_short_report_is_left_alone(crashes: CrashWorld, temporary: Path) -> None:
     (temporary / "target").write_bytes(b"somebody's")
     (temporary / "0.tzo").symlink_to("target")
@@ -393,11 +395,12 @@ def test_a_saved_report_that_is_a_link_is_read_where_it_leads(crashes: CrashWorl
 # The server's page
 
 
+@pytest.mark.any_processor
 @pytest.mark.parametrize(("kind", "kept"), [
-    pytest.param("folder", None, marks=QUICK),
+    ("folder", None),
     ("read-only", b"an earlier page"),
-    pytest.param("held", b"an earlier page", marks=QUICK),
-    pytest.param("writable", PAGE_FOR_AN_ANSWER.body, marks=QUICK),
+    ("held", b"an earlier page"),
+    ("writable", PAGE_FOR_AN_ANSWER.body),
 ])
 def test_a_page_that_cannot_be_saved_does_not_hinder_the_report(crashes: CrashWorld, temporary: Path, kind: str,
                                                                 kept: bytes | None) -> None:
@@ -421,7 +424,7 @@ def test_a_page_that_cannot_be_saved_does_not_hinder_the_report(crashes: CrashWo
 
 
 # The page takes five pages of the disk, and each report takes one.
-@pytest.mark.parametrize("pages", [pytest.param(0, marks=QUICK), 1, pytest.param(4, marks=QUICK), pytest.param(5, marks=QUICK), 6,
+@pytest.mark.parametrize("pages", [pytest.param(0, marks=QUICK), pytest.param(1, marks=QUICK), pytest.param(4, marks=QUICK), pytest.param(5, marks=QUICK), 6,
                                    pytest.param(7, marks=QUICK)])
 def test_a_disk_that_is_full_after_so_many_pages_of_the_servers_page(crashes: CrashWorld, temporary: Path, pages: int) -> None:
     """It is saved before the report, as far as there is room."""
