@@ -468,18 +468,17 @@ def test_a_temporary_folder_whose_path_is_too_long_is_none(world: World, plain: 
 @pytest.mark.any_processor
 def test_without_a_setting_the_temporary_folder_is_that_of_the_system_s_choice(world: World, plain: str) -> None:
     """Windows takes the user's profile then."""
-    names = ("TMP", "TEMP")
-    before = {name: world.machine.expand(f"%{name}%") for name in names}
+    before = {name: value for name in ("TMP", "TEMP") if (value := world.machine.expand(f"%{name}%")) != f"%{name}%"}
     profile = world.machine.expand("%USERPROFILE%") + "\\"
     package = world.machine.unix_path(profile + STORED)
     world.offer()
     try:
-        for name in names:
+        for name in before:
             world.machine.set_environment(name, "")
         with nothing_else_changes(world.machine, [package]):
             world.assert_installs(world.run(program=plain), folder=profile)
         assert package.read_bytes() == PACKAGE_CONTENT
     finally:
         package.unlink(missing_ok=True)
-        for name in names:
-            world.machine.set_environment(name, before[name])
+        for name, value in before.items():
+            world.machine.set_environment(name, value)
