@@ -158,7 +158,7 @@ def parse(text: str, file: str) -> Plan:
         if line.startswith("- "):
             finish()
             bullet, begin = [line[2:].strip()], number
-        elif bullet and line.startswith("  ") and line.strip():
+        elif bullet and re.match(r"  (?![-*+] )\s*\S", line):
             bullet.append(line.strip())
         else:
             finish()

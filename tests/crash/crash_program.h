@@ -3,10 +3,12 @@
 //
 // A program defines crash() and waits_for_start_up; crash_program.cpp holds the entry point, which reads the command line:
 //
-//     crash_KIND.exe [--note TEXT]... [--moment FILE]
+//     crash_KIND.exe [--limit N] [--note TEXT]... [--narrow-note TEXT]... [--moment FILE]
 //
-//     --note TEXT    notes this for the report; may be given again
-//     --moment FILE  writes the system time just before the crash there: 100 ns since 1601, in decimal digits
+//     --note TEXT         notes this for the report; may be given again
+//     --narrow-note TEXT  notes this as bytes in code page 1250
+//     --limit N           how much of each note that follows is noted; all of it without this
+//     --moment FILE       writes the system time just before the crash there: 100 ns since 1601, in decimal digits
 //
 // A program whose crash() comes back ends with exit code 0, one that is called wrongly with 2.
 #pragma once

@@ -13,6 +13,7 @@ from world import World
 
 ACCESS_VIOLATION = 0xC0000005
 STACK_OVERFLOW = 0xC00000FD
+FAST_FAIL = 0xC0000409
 # What the component raises for failures that are no structured exceptions, so that they come to the filter.
 TERMINATE_CALLED = 0xE0544D01
 ABORT_CALLED = 0xE0544D02
@@ -158,6 +159,12 @@ def test_a_fault_of_the_thread_that_sends_earlier_reports_ends_that_thread_only(
 
 def test_a_crash_after_the_component_has_gone_is_the_systems(crashes: CrashWorld) -> None:
     assert crashes.run("after_uninstall").exit_code == ACCESS_VIOLATION
+    assert crashes.server.requests == []
+    crashes.assert_nothing_left()
+
+
+def test_a_fast_fail_is_the_systems(crashes: CrashWorld) -> None:
+    assert crashes.run("fast_fail").exit_code == FAST_FAIL
     assert crashes.server.requests == []
     crashes.assert_nothing_left()
 

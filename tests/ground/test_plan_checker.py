@@ -225,6 +225,10 @@ def test_a_malformed_line_is_a_fault_with_its_place(tree: Tree, bullet: str) -> 
     assert only_fault(tree.check("- Writes. [`stream.writes`]", "", bullet)).startswith("plan.md:7: ")
 
 
+def test_a_case_within_a_case_is_a_fault(tree: Tree) -> None:
+    assert only_fault(tree.check("- Writes. [`stream.writes`]", "  - Reads. [`stream.reads`]")).startswith("plan.md:6: ")
+
+
 def test_a_sentence_that_stands_twice_is_a_fault(tree: Tree) -> None:
     assert only_fault(tree.check("- Reads. [`stream.reads`]", "- Reads. [`stream.writes`]")) == \
         "plan.md:6: the same case stands in line 5"

@@ -1,11 +1,13 @@
 #include "platform/errors.h"
 
 #include "tests/stream/slots.h"
+#include "tests/support/freed_memory.h"
 #include "tests/support/substitutes.h"
 
 #include <gtest/gtest.h>
 
 #include <cwchar>
+#include <new>
 #include <system_error>
 #include <type_traits>
 #include <vector>
@@ -175,6 +177,41 @@ TEST(numbered_errors, copy_message_and_number) {
 TEST(numbered_errors, read_unknown_exception_without_a_message) {
     EXPECT_STREQ("Unknown exception", pwrap::num_runtime_error<DWORD>(5, "").what());
     EXPECT_STREQ("Unknown exception", pwrap::num_runtime_error<HRESULT>(-1, "").what());
+}
+
+TEST(numbered_errors, that_cannot_be_composed_for_want_of_memory_are_bad_alloc) {
+    int buffers = 0;
+    // Allocates nothing by operator new.
+    const support::script format(
+        support::FormatMessageW,
+        [&](DWORD, LPCVOID, DWORD, DWORD, wchar_t* buffer, DWORD, va_list*) -> DWORD {
+            auto* const text = static_cast<wchar_t*>(::LocalAlloc(LMEM_FIXED, 2000 * sizeof(wchar_t)));
+            std::wmemset(text, L'x', 2000);
+            *reinterpret_cast<wchar_t**>(buffer) = text;
+            ++buffers;
+            return 2000;
+        });
+    const support::script free(support::LocalFree, [&](HLOCAL memory) {
+        --buffers;
+        return support::LocalFree.real(memory);
+    });
+    bool composed = false;
+    int refused = 0;
+    for (int allocations = 0; !composed && allocations < 100; ++allocations) {
+        {
+            const support::scarce_memory memory(allocations);
+            try {
+                const pwrap::win_runtime_error error(5, "SetEvent failed");
+                composed = true;
+            } catch (const std::bad_alloc&) {
+                ++refused;
+            }
+        }
+        EXPECT_EQ(0, buffers) << "the system's buffer is freed all the same: " << allocations;
+        EXPECT_EQ(allocations + 1, refused + (composed ? 1 : 0));
+    }
+    EXPECT_TRUE(composed);
+    EXPECT_LE(2, refused);
 }
 
 TEST(win_runtime_error, is_message_separator_and_text) {

@@ -20,6 +20,7 @@ std::atomic<std::size_t> released_count{0};
 std::atomic<const void*> watched{nullptr};
 std::atomic<bool> watched_released{false};
 std::atomic<bool> watched_zero{false};
+thread_local int allocations_left = -1; // negative: as many as are wanted
 
 void look_into(const void* block) noexcept {
     const std::string_view bytes(static_cast<const char*>(block), ::_msize(const_cast<void*>(block)));
@@ -37,6 +38,10 @@ void look_into(const void* block) noexcept {
 } // namespace
 
 void* operator new(std::size_t size) {
+    if (allocations_left >= 0 && allocations_left-- == 0) {
+        allocations_left = 0;
+        throw std::bad_alloc();
+    }
     void* const block = std::malloc(size != 0 ? size : 1);
     if (block == nullptr) {
         throw std::bad_alloc();
@@ -93,6 +98,14 @@ bool freed_memory::watched_block_was_released() const noexcept {
 
 bool freed_memory::watched_block_was_zero() const noexcept {
     return watched_zero;
+}
+
+scarce_memory::scarce_memory(int allocations) noexcept {
+    allocations_left = allocations;
+}
+
+scarce_memory::~scarce_memory() {
+    allocations_left = -1;
 }
 
 } // namespace support

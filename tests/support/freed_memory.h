@@ -27,4 +27,13 @@ public:
     bool watched_block_was_zero() const noexcept;
 };
 
+// While an object of this class lives, the thread that made it gets so many allocations of operator new, and then none.
+class scarce_memory {
+public:
+    explicit scarce_memory(int allocations) noexcept;
+    scarce_memory(const scarce_memory&) = delete;
+    scarce_memory& operator=(const scarce_memory&) = delete;
+    ~scarce_memory();
+};
+
 } // namespace support
