@@ -25,3 +25,17 @@ if(LUMARIS_SANITIZE)
     add_compile_options(-fsanitize=${LUMARIS_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     add_link_options(-fsanitize=${LUMARIS_SANITIZE})
 endif()
+if(LUMARIS_COVERAGE)
+    # Everything counts, the tests too: an inline function may be linked from any of them. Threads count together. The sources are named
+    # relative to the tree, as -ffile-prefix-map does for Windows anyway.
+    add_compile_options(-fprofile-instr-generate -fcoverage-mapping -fprofile-update=atomic
+                        -fcoverage-prefix-map=${PROJECT_SOURCE_DIR}=. -fcoverage-prefix-map=${PROJECT_BINARY_DIR}=build)
+    if(WIN32)
+        add_subdirectory(toolchain/coverage)
+        link_libraries(profile_at_end)
+        # What describes the functions is referred to by nobody.
+        add_link_options(-Wl,--no-gc-sections)
+    else()
+        add_link_options(-fprofile-instr-generate)
+    endif()
+endif()

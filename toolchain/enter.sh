@@ -73,6 +73,9 @@ in_room() {
     for name in "${room_products[@]}"; do
         [[ ! -d $(product_path "$name") ]] || options+=(--ro-bind "$(product_path "$name")" "/opt/lumaris/$name")
     done
+    # The room has no place for it, the folder of temporary things has.
+    [[ ! -d $(product_path profile-x86_64) ]] ||
+        options+=(--ro-bind "$(product_path profile-x86_64)" /run/lumaris/profile-x86_64)
     local arm64
     arm64=$(product_path room-arm64)
     if [[ -d $arm64 ]]; then

@@ -2,6 +2,7 @@
 """Jobs of ./dev that run inside the room.
 
     job.py build [--target TARGET] PRESET...     configures where needed, and builds in build/PRESET
+    job.py coverage [--whole-runs]               counts which lines the tests run
     job.py fuzz [--seconds N] [TARGET]...        runs fuzz targets of build/native-fuzz
     job.py lint [--fix] [CHECK]...               format, headers, tidy, shell, python
 """
@@ -9,14 +10,14 @@
 import argparse
 import sys
 
-from jobs import building, fuzzing, linting
+from jobs import building, coverage, fuzzing, linting
 from jobs.common import JobError
 
 
 def main() -> int:
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     words = parser.add_subparsers(dest="job", required=True)
-    for module in (building, fuzzing, linting):
+    for module in (building, coverage, fuzzing, linting):
         module.add_parser(words)
     arguments = parser.parse_args()
     try:

@@ -17,6 +17,7 @@ for arch in x86_64 aarch64; do
         'lib/libz.a lib/libsodium.a lib/libgtest.a include/sodium.h include/zlib.h' \
         build_deps.sh windows.cmake @sources "@toolchain-$arch"
 done
+product profile-x86_64 'profile run-time for coverage' 10 make_profile_x86_64 'lib/libclang_rt.profile.a' build_profile.sh @sources @toolchain-x86_64
 product prefix-x86_64 'Wine prefix for x86_64' 400 make_prefix_x86_64 'system.reg user.reg drive_c/windows/system32' build_prefix.sh @room-amd64
 product prefix-aarch64 'Wine prefix for ARM64' 400 make_prefix_aarch64 'system.reg user.reg drive_c/windows/system32' build_prefix.sh @room-arm64
 
@@ -26,6 +27,7 @@ room_products=(toolchain-x86_64 toolchain-aarch64 deps-x86_64 deps-aarch64 prefi
 products_native=(room-amd64)
 products_x64=(room-amd64 sources toolchain-x86_64 deps-x86_64)
 products_arm64=(room-amd64 sources toolchain-aarch64 deps-aarch64)
+products_coverage=(profile-x86_64)
 products_run_x64=(room-amd64 prefix-x86_64)
 products_run_arm64=(room-amd64 room-arm64 prefix-aarch64)
 
@@ -42,6 +44,10 @@ make_deps() {
 }
 make_deps_x86_64() { make_deps x86_64 "$1"; }
 make_deps_aarch64() { make_deps aarch64 "$1"; }
+make_profile_x86_64() {
+    in_room --bind "$(product_path sources)" /opt/lumaris/sources --bind "$1" /run/lumaris/profile-x86_64 \
+        /src/toolchain/build_profile.sh x86_64 /opt/lumaris/sources /run/lumaris/profile-x86_64 /tmp/profile-x86_64
+}
 make_prefix_x86_64() {
     in_room --bind "$1" /opt/lumaris/prefix-x86_64 /src/toolchain/build_prefix.sh x86_64 /opt/lumaris/prefix-x86_64
 }

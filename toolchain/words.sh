@@ -17,6 +17,7 @@ below the cache folder, once) and then its job. It needs a Debian-like machine, 
   soak     the long tests that ./dev test leaves out, each with its time
   plan     checks that every case of the test plan is proved by tests that passed
   lint     format, static analysis, headers on their own, shell scripts
+  coverage which lines of the product the tests run
   shell    a shell, or one command, in the room
 
 examples:
@@ -67,6 +68,7 @@ preset_of() {
 want_preset() {
     case $1 in
     arm64-*) wanted+=("${products_arm64[@]}") ;;
+    x64-coverage) wanted+=("${products_x64[@]}" "${products_coverage[@]}") ;;
     x64-*) wanted+=("${products_x64[@]}") ;;
     native-*) wanted+=("${products_native[@]}") ;;
     *) die "there is no preset $1" "See ./dev build --help." ;;
@@ -386,6 +388,21 @@ word_lint() {
     check_after_failure in_room python3 toolchain/job.py lint "$@"
 }
 
+word_coverage() {
+    if [[ ${1:-} == --help || ${1:-} == -h ]]; then
+        printf '%s\n' 'usage: ./dev coverage [--whole-runs] [--again]' '' \
+            'Builds native-coverage and x64-coverage, runs the unit tests of both, and says how much of each folder ran: lines, regions,' \
+            'branches, and what did not. Fails when less ran than must. See docs/coverage.md.' '' \
+            '  --whole-runs  counts whole runs of the program, too (minutes more)' \
+            '  --again       shows what the last call counted' '' 'example:' '  ./dev coverage'
+        return
+    fi
+    need "${products_native[@]}" "${products_x64[@]}" "${products_coverage[@]}" "${products_run_x64[@]}"
+    check_namespaces
+    [[ $isolation == full ]] || die "$namespaces_fault" "Programs for Windows are counted in a network of their own."
+    job coverage "$@"
+}
+
 word_shell() {
     if [[ ${1:-} == --help ]]; then
         printf '%s\n' 'usage: ./dev shell [COMMAND [ARGUMENT]...]' '' \
@@ -408,7 +425,7 @@ main() {
     trap 'exit 130' INT
     trap 'exit 143' TERM HUP
     case $word in
-    run | test | build | release | bench | fuzz | soak | plan | lint | shell) "word_$word" "$@" ;;
+    run | test | build | release | bench | fuzz | soak | plan | coverage | lint | shell) "word_$word" "$@" ;;
     --help | -h | help) help_text ;;
     '') help_text >&2; exit 2 ;;
     *) die "unknown word: $word" "See ./dev --help." ;;

@@ -50,7 +50,7 @@ def settings_of(preset: str) -> dict[str, str]:
     if preset.startswith("native-"):
         # Where there is no /proc, a program with sanitizers does not run.
         return {"LUMARIS_SANITIZE": ""} if os.environ.get("LUMARIS_NO_SANITIZERS") else {}
-    if preset.endswith("-test"):
+    if preset.endswith(("-test", "-coverage")):
         return {}
     return {name: os.environ[name].strip() for name in SETTINGS if name in os.environ}
 

@@ -1,0 +1,273 @@
+"""Counts which lines, regions and branches of the product the tests run.
+
+The portable half is what the native unit tests are built from; they run here. The Windows half is everything else; it is counted in the
+unit tests for x86-64 under Wine and, on request, in whole runs of the program and of the crashing programs. Both count for the
+sources that they share: a line has run when it ran in either.
+"""
+
+import argparse
+import json
+import re
+import shutil
+import subprocess
+import sys
+import xml.etree.ElementTree as ElementTree
+from collections.abc import Iterable
+from dataclasses import dataclass, field
+from pathlib import Path
+
+from jobs import building
+from jobs.common import JobError
+
+PRODUCT = ("platform", "stream", "http/parser", "http/request", "minisign", "errorreport", "updater")
+TOOLS = ("tools/report_reader",)
+NATIVE = Path("build/native-coverage")
+X64 = Path("build/x64-coverage")
+OUT = Path("build/coverage")
+LIMIT = 1800
+
+# Percentages below which the measurement fails, a point under what it gave: lines, regions, branches.
+UNIT_FLOORS = {"portable": (0.0, 0.0, 0.0), "Windows": (0.0, 0.0, 0.0), "tools": (0.0, 0.0, 0.0)}
+WHOLE_FLOORS = UNIT_FLOORS
+
+Position = tuple[int, ...]
+
+
+@dataclass
+class Counted:
+    """What is known of one source: each thing that can run, and whether it did."""
+
+    lines: dict[int, bool] = field(default_factory=dict)
+    regions: dict[Position, bool] = field(default_factory=dict)
+    branches: dict[Position, bool] = field(default_factory=dict)
+
+    def kinds(self) -> tuple[dict[int, bool], dict[Position, bool], dict[Position, bool]]:
+        return self.lines, self.regions, self.branches
+
+
+@dataclass
+class Sums:
+    """Of a group of sources: how many there are, and how many ran, of lines, regions and branches."""
+
+    there: list[int] = field(default_factory=lambda: [0, 0, 0])
+    ran: list[int] = field(default_factory=lambda: [0, 0, 0])
+
+    def add(self, counted: Counted) -> None:
+        for at, things in enumerate(counted.kinds()):
+            self.there[at] += len(things)
+            self.ran[at] += sum(things.values())
+
+    def percent(self, at: int) -> float:
+        return 100.0 * self.ran[at] / self.there[at] if self.there[at] else 100.0
+
+
+def add_parser(words: "argparse._SubParsersAction[argparse.ArgumentParser]") -> None:
+    parser = words.add_parser("coverage", help="count which lines the tests run")
+    parser.add_argument("--whole-runs", action="store_true", help="count whole runs of the program, too")
+    parser.add_argument("--again", action="store_true", help="show what the last call counted")
+    parser.set_defaults(run=run)
+
+
+def run(arguments: argparse.Namespace) -> None:
+    if not arguments.again:
+        building.build("native-coverage", "unit_tests")
+        building.build("x64-coverage")
+        for folder in (NATIVE / "profiles", X64 / "profiles", OUT):
+            shutil.rmtree(folder, ignore_errors=True)
+            folder.mkdir(parents=True)
+        run_native()
+        run_x64()
+        if arguments.whole_runs:
+            # The reader of reports that the whole runs look through.
+            building.build("native-asan", "read_report")
+            run_whole()
+    native = counted_in(NATIVE, [NATIVE / "tests/unit_tests"])
+    programs = [X64 / "tests/unit_tests.exe"]
+    if arguments.whole_runs:
+        programs += [X64 / "updater/lumaris.exe", *sorted((X64 / "tests/crash").glob("crash_*.exe"))]
+    windows = counted_in(X64, programs)
+    check_all_are_there(native, NATIVE)
+    check_all_are_there(windows, X64)
+    judge(native, windows, WHOLE_FLOORS if arguments.whole_runs else UNIT_FLOORS)
+
+
+# Running
+
+def perform(what: str, command: list[str], environment: dict[str, str], accepted: tuple[int, ...] = (0,)) -> None:
+    """Runs a command with a log of its own; one that fails or hangs ends the measurement."""
+    log = OUT / f"{what}.log"
+    print(f"dev: coverage: {what}", flush=True)
+    variables = [f"{name}={value}" for name, value in environment.items()]
+    try:
+        with log.open("wb") as output:
+            status = subprocess.run(["env", *variables, *command], stdin=subprocess.DEVNULL, stdout=output,
+                                    stderr=subprocess.STDOUT, timeout=LIMIT, check=False).returncode
+    except subprocess.TimeoutExpired:
+        raise JobError(f"{what} did not end within {LIMIT} s (log: {log})") from None
+    if status not in accepted:
+        tail = "\n".join(log.read_text(encoding="utf-8", errors="replace").splitlines()[-20:])
+        raise JobError(f"{what} ended with status {status} (log: {log})\n{tail}")
+
+
+def run_native() -> None:
+    perform("native-unit-tests", [str(NATIVE / "tests/unit_tests"), "--gtest_brief=1"],
+            {"LLVM_PROFILE_FILE": str(NATIVE / "profiles/unit.profraw")})
+
+
+def run_x64() -> None:
+    report = OUT / "x64-unit-tests.xml"
+    perform("x64-unit-tests",
+            [sys.executable, "-m", "bed.unit_tests", "x64", str(X64 / "tests/unit_tests.exe"),
+             str(X64 / "tests/bed/windows/agent.exe"), str(report)], {"PYTHONPATH": "tests"})
+    # The bed's status says only that the tests ended.
+    root = ElementTree.parse(report).getroot()
+    if int(root.get("failures", "1")) or int(root.get("errors", "1")) or not int(root.get("tests", "0")):
+        raise JobError(f"unit tests failed (log: {OUT}/x64-unit-tests.log)")
+
+
+def run_whole() -> None:
+    perform("x64-whole-runs", [sys.executable, "-m", "pytest", "tests/e2e", "--arch", "x64", "--build", str(X64), "-q",
+                               "-p", "no:cacheprovider"], {})
+
+
+# Counting
+
+def counted_in(folder: Path, programs: list[Path]) -> dict[str, Counted]:
+    """What the profiles below a build folder say of the sources of product and tools."""
+    profiles = sorted((folder / "profiles").glob("*.profraw"))
+    if not profiles:
+        raise JobError(f"there is no profile in {folder}/profiles: nothing was counted")
+    merged = folder / "profiles/merged.profdata"
+    names = folder / "profiles/list"
+    names.write_text("".join(f"{profile}\n" for profile in profiles), encoding="utf-8")
+    output_of(["llvm-profdata-19", "merge", "-sparse", f"-input-files={names}", "-o", str(merged)])
+    objects = [str(programs[0]), *(word for program in programs[1:] for word in ("-object", str(program)))]
+    export = ["llvm-cov-19", "export", *objects, f"-instr-profile={merged}"]
+    counted: dict[str, Counted] = {}
+    name = None
+    for line in output_of([*export, "-format=lcov", "-skip-functions"]).splitlines():
+        key, _, value = line.partition(":")
+        if key == "SF":
+            name = source_of(value)
+        elif key == "DA" and name:
+            number, count = value.split(",")[:2]
+            merge(counted.setdefault(name, Counted()).lines, int(number), int(count) > 0)
+    for file in json.loads(output_of([*export, "-format=text", "-skip-functions"]))["data"][0]["files"]:
+        name = source_of(file["filename"])
+        if name is None:
+            continue
+        of_file = counted.setdefault(name, Counted())
+        for line, column, count, has_count, is_entry, is_gap in file["segments"]:
+            if has_count and is_entry and not is_gap:
+                merge(of_file.regions, (line, column), count > 0)
+        for branch in file["branches"]:
+            place, (taken, not_taken) = tuple(branch[:4]), branch[4:6]
+            merge(of_file.branches, (*place, 1), taken > 0)
+            merge(of_file.branches, (*place, 0), not_taken > 0)
+    return counted
+
+
+def merge(things: dict, key: object, ran: bool) -> None:
+    things[key] = things.get(key, False) or ran
+
+
+def output_of(command: list[str]) -> str:
+    result = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
+    if result.returncode:
+        raise JobError(f"{command[0]} ended with status {result.returncode}\n{result.stderr.strip()}")
+    return result.stdout
+
+
+def source_of(name: str) -> str | None:
+    """The source's name relative to the tree, or None when it is neither the product's nor a tool's."""
+    name = re.sub(r"^(/src/|\.\.?/)+", "", name.replace("\\", "/"))
+    return name if name.startswith(tuple(f"{folder}/" for folder in PRODUCT + TOOLS)) else None
+
+
+def check_all_are_there(counted: dict[str, Counted], folder: Path) -> None:
+    """A source that is built and of which nothing is known would look as if it had been counted."""
+    entries = json.loads((folder / "compile_commands.json").read_text(encoding="utf-8"))
+    built = {name for entry in entries if (name := source_of(entry["file"])) and name.endswith(".cpp")}
+    without = sorted(name for name in built - set(counted) if Path(name).name != "main.cpp")
+    if without:
+        raise JobError(f"nothing was counted of {', '.join(without)}")
+
+
+# Judging
+
+def half_of(name: str, native: dict[str, Counted]) -> str:
+    if name.startswith(TOOLS):
+        return "tools"
+    return "portable" if name in native else "Windows"
+
+
+def united(native: dict[str, Counted], windows: dict[str, Counted]) -> dict[str, Counted]:
+    result: dict[str, Counted] = {}
+    for counted in (native, windows):
+        for name, of_file in counted.items():
+            target = result.setdefault(name, Counted())
+            for into, things in zip(target.kinds(), of_file.kinds()):
+                for key, ran in things.items():
+                    merge(into, key, ran)
+    return result
+
+
+def judge(native: dict[str, Counted], windows: dict[str, Counted], floors: dict[str, tuple[float, float, float]]) -> None:
+    """Prints the tables and what did not run; fails where a half is below its floor."""
+    everything = united(native, windows)
+    groups: dict[tuple[str, str], Sums] = {}
+    halves: dict[str, Sums] = {half: Sums() for half in floors}
+    product = Sums()
+    for name, counted in sorted(everything.items()):
+        half = half_of(name, native)
+        folder = next(folder for folder in PRODUCT + TOOLS if name.startswith(folder + "/"))
+        groups.setdefault((half, folder), Sums()).add(counted)
+        halves[half].add(counted)
+        if half != "tools":
+            product.add(counted)
+    list_missed(everything)
+    print(f"\n{'half':10}{'folder':22}{'lines':>22}{'regions':>22}{'branches':>22}")
+    for half in floors:
+        for (of_half, folder), sums in groups.items():
+            if of_half == half:
+                print(row(half, folder, sums))
+        print(row(half, "all of it", halves[half]))
+    print(row("product", "both halves", product))
+    too_low = [f"{half} {what}: {halves[half].percent(at):.1f} % ran, at least {floor:.1f} % must"
+               for half, limits in floors.items() for at, (what, floor) in enumerate(zip(("lines", "regions", "branches"), limits))
+               if halves[half].percent(at) < floor]
+    if too_low:
+        raise JobError("coverage is below its floor\n" + "\n".join(too_low))
+
+
+def row(half: str, folder: str, sums: Sums) -> str:
+    cells = "".join(f"{f'{sums.ran[at]} of {sums.there[at]}':>14}{sums.percent(at):6.1f} %" for at in range(3))
+    return f"{half:10}{folder:22}{cells}"
+
+
+def list_missed(everything: dict[str, Counted]) -> None:
+    """Prints the lines that did not run, and the outcomes of conditions that did not occur in lines that did."""
+    text = []
+    for name, counted in sorted(everything.items()):
+        source = Path(name) if Path(name).exists() else None
+        content = source.read_text(encoding="utf-8").splitlines() if source else []
+        for first, last in ranges(sorted(line for line, ran in counted.lines.items() if not ran)):
+            shown = content[first - 1].strip() if first <= len(content) else ""
+            text.append(f"{name}:{first}{f'-{last}' if last > first else ''}: {shown}")
+        for line, column, *_, outcome in sorted(place for place, ran in counted.branches.items() if not ran):
+            if counted.lines.get(line):
+                text.append(f"{name}:{line}:{column}: never {'true' if outcome else 'false'}")
+    (OUT / "missed.txt").write_text("".join(f"{line}\n" for line in text), encoding="utf-8")
+    print(f"\nwhat no test ran ({OUT}/missed.txt):")
+    for line in text:
+        print(f"  {line}")
+
+
+def ranges(numbers: Iterable[int]) -> list[tuple[int, int]]:
+    result: list[tuple[int, int]] = []
+    for number in numbers:
+        if result and number == result[-1][1] + 1:
+            result[-1] = (result[-1][0], number)
+        else:
+            result.append((number, number))
+    return result
