@@ -32,6 +32,11 @@ TEST(resource_string, that_cannot_be_loaded_is_empty_and_leaves_the_reason) {
     EXPECT_EQ(1814U, ::GetLastError());
 }
 
+TEST(resource_string, without_a_place_is_empty_whatever_its_length) {
+    const support::script load(support::LoadStringW, [](HINSTANCE, UINT, wchar_t*, int) -> int { return 4; });
+    EXPECT_TRUE(load_string(28656).empty());
+}
+
 TEST(resource_string, that_the_program_does_not_have_is_empty) {
     EXPECT_TRUE(load_string(1).empty()); // the system's own answer
 }

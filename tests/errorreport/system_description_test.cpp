@@ -431,6 +431,16 @@ TEST(system_description, has_no_user_name_where_it_cannot_be_read) {
     EXPECT_EQ(2U, system.user_name_sizes.size());
 }
 
+TEST(system_description, has_no_user_name_where_its_length_is_said_to_be_nothing) {
+    const support::script user(support::GetUserNameExW,
+                               [](EXTENDED_NAME_FORMAT, wchar_t*, ULONG* size) -> BOOLEAN {
+                                   *size = 0;
+                                   ::SetLastError(234);
+                                   return FALSE;
+                               });
+    EXPECT_EQ(L"", describe_system().user_name);
+}
+
 TEST(system_description, tells_of_the_real_system) {
     wchar_t name[256];
     ULONG length = 256;

@@ -70,7 +70,9 @@ public:
         }
         return memory_file::seek(offset, how);
     }
+    corvo::stream::fsize size() override { return says_empty ? 0 : memory_file::size(); }
     std::vector<std::size_t> sizes;
+    bool says_empty = false;
     std::size_t fail_at = 0;
     std::size_t longest_piece = 1000000;
     bool seek_fails = false;
@@ -252,6 +254,16 @@ TEST(content_verifies, reports_nothing_for_an_empty_file) {
     progress.cancel_at = 1;
     EXPECT_TRUE(content_verifies(file, read(fixtures::empty_minisig), test_key, &progress));
     EXPECT_TRUE(progress.positions.empty());
+}
+
+TEST(content_verifies, reports_no_position_in_a_file_that_was_empty_when_it_began) {
+    watched_file file;
+    fixtures::fill(file, fixtures::numbers());
+    file.says_empty = true;
+    indicator progress;
+    EXPECT_TRUE(content_verifies(file, read(fixtures::numbers_minisig), test_key, &progress));
+    EXPECT_TRUE(progress.positions.empty());
+    EXPECT_EQ(3, progress.asked);
 }
 
 TEST(content_verifies, stops_when_the_indicator_cancels) {
