@@ -73,7 +73,7 @@ outcome naive_read(const std::string& text) {
         if (!line.empty() && line[line.size() - 1] == '\r') {
             line.resize(line.size() - 1);
         }
-        if (!line.empty() && line.find("untrusted comment:") != 0) {
+        if (!line.empty() && !line.starts_with("untrusted comment:")) {
             decoded = naive_base64(line);
             result.line_end = end + 1;
             break;

@@ -7,7 +7,7 @@ constexpr std::uint8_t padding = 64;
 constexpr std::uint8_t invalid = 255;
 
 // The 6-bit value of each byte.
-constexpr auto values = [] {
+constexpr auto values = []() {
     std::array<std::uint8_t, 256> table{};
     table.fill(invalid);
     constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";

@@ -126,7 +126,7 @@ std::string with_answers(std::vector<answer> answers, std::vector<call>& calls) 
     return text;
 }
 
-template <class E> void expect_failure(const char* message, std::vector<answer> answers) {
+template <class E> void expect_failure(const char* message, const std::vector<answer>& answers) {
     std::string text = "what was there before";
     std::wstring wide_text = L"what was there before";
     std::string thrown;

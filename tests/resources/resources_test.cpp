@@ -40,7 +40,7 @@ protected:
     }
 
     // The same with its insertion strings in place.
-    std::wstring message(DWORD id, DWORD language, std::vector<const wchar_t*> strings) const {
+    std::wstring message(DWORD id, DWORD language, const std::vector<const wchar_t*>& strings) const {
         wchar_t buffer[1024];
         const DWORD length = ::FormatMessageW(
             FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY, m_program, id, language, buffer,

@@ -14,8 +14,16 @@ from pathlib import Path
 from jobs import building
 from jobs.common import JobError, cores
 
-SOURCE_FOLDERS = ("platform", "stream", "http", "minisign", "errorreport", "updater", "tests", "bench", "fuzz", "tools")
 PRODUCT_FOLDERS = ("platform", "stream", "http", "minisign", "errorreport", "updater")
+SOURCE_FOLDERS = (*PRODUCT_FOLDERS, "tests", "bench", "fuzz", "tools", "toolchain")
+SUPPRESSIONS = Path(__file__).parents[1] / "cppcheck.suppressions"
+# Of the tests it does not see that a lambda uses what it has captured, nor what the assertions of the framework compare: their style is
+# not looked at.
+CPPCHECK_FOLDERS = {(*PRODUCT_FOLDERS, "tools", "fuzz", "bench", "toolchain"): "warning,style,performance,portability",
+                    ("tests",): "warning,performance,portability"}
+# clang-tidy takes longer over the tests than over everything else together, since each includes the test framework: these have
+# the compiler's warnings and cppcheck.
+TIDY_FOLDERS = {"x64-test": PRODUCT_FOLDERS, "native-fuzz": ("fuzz", "tools")}
 
 
 def add_parser(words: "argparse._SubParsersAction[argparse.ArgumentParser]") -> None:
@@ -66,17 +74,15 @@ def check_format(fix: bool) -> Iterable[str]:
     return complaints_of([command]) if files else []
 
 
-def x64_entries() -> list[dict[str, str]]:
-    """How the x86-64 build compiles each source. It is built first: some sources and headers are generated."""
-    building.build("x64-test")
-    return json.loads(Path("build/x64-test/compile_commands.json").read_text(encoding="utf-8"))
-
-
-def native_entries() -> list[dict[str, str]]:
-    """How the native build compiles each source."""
-    folder = Path("build/native-asan")
-    with building.locked(folder):
-        building.configure("native-asan", folder)
+def entries_of(preset: str) -> list[dict[str, str]]:
+    """How a preset compiles each source."""
+    folder = Path("build") / preset
+    if preset == "x64-test":
+        # Some of its sources and headers are generated.
+        building.build(preset)
+    else:
+        with building.locked(folder):
+            building.configure(preset, folder)
     return json.loads((folder / "compile_commands.json").read_text(encoding="utf-8"))
 
 
@@ -105,19 +111,37 @@ def check_headers(_fix: bool) -> Iterable[str]:
             first = re.search(r'^#include\s+["<]([^">]+)[">]', source.read_text(encoding="utf-8"), re.MULTILINE)
             if first is None or first.group(1) != str(header):
                 yield f"{source}: does not include {header} first"
-    entries = x64_entries()
+    entries = entries_of("x64-test")
     # The tools, with their tests and the fuzz targets, are built natively alone.
     known = {entry["file"] for entry in entries}
-    entries += [entry for entry in native_entries() if entry["file"] not in known]
+    entries += [entry for entry in entries_of("native-asan") if entry["file"] not in known]
     yield from complaints_of([*flags_near(header, entries), "-fsyntax-only", "-Wno-pragma-once-outside-header",
                               "-Wno-unused-const-variable", "-x", "c++", str(header)] for header in headers)
 
 
 def check_tidy(_fix: bool) -> Iterable[str]:
-    files = sorted({entry["file"] for entry in x64_entries()
-                    if entry["file"].startswith(tuple(f"/src/{folder}/" for folder in PRODUCT_FOLDERS))
-                    and entry["file"].endswith(".cpp")})
-    return complaints_of(["clang-tidy-19", "--quiet", "-p", "build/x64-test", file] for file in files)
+    """clang-tidy with the static analyser of clang; .clang-tidy says what it looks for."""
+    commands = []
+    for preset, folders in TIDY_FOLDERS.items():
+        inside = tuple(f"{Path.cwd()}/{folder}/" for folder in folders)
+        files = sorted({entry["file"] for entry in entries_of(preset) if entry["file"].startswith(inside)})
+        if not files:
+            yield f"clang-tidy has nothing to look at in {', '.join(folders)}"
+        commands += [["clang-tidy-19", "--quiet", "-p", f"build/{preset}", file] for file in files if file.endswith(".cpp")]
+    yield from complaints_of(commands)
+
+
+def check_cppcheck(_fix: bool) -> Iterable[str]:
+    """A second analyser. What it says wrongly stands in the list of suppressions, each with its reason."""
+    for folders, enabled in CPPCHECK_FOLDERS.items():
+        there = [folder for folder in folders if Path(folder).exists()]
+        if not there:
+            yield f"cppcheck has nothing to look at in {', '.join(folders)}"
+            continue
+        yield from complaints_of([["cppcheck", f"--enable={enabled}", "--std=c++20", "--language=c++", "--platform=win64",
+                                   "--library=windows,googletest", "--check-level=exhaustive", "-I.", "--quiet", f"-j{cores()}",
+                                   "--error-exitcode=1", f"--suppressions-list={SUPPRESSIONS}",
+                                   "--template={file}:{line}:{column}: {severity}: {message} [{id}]", *there]])
 
 
 def check_shell(_fix: bool) -> Iterable[str]:
@@ -139,5 +163,6 @@ CHECKS: dict[str, Callable[[bool], Iterable[str]]] = {
     "headers": check_headers,
     "shell": check_shell,
     "python": check_python,
+    "cppcheck": check_cppcheck,
     "tidy": check_tidy,
 }
