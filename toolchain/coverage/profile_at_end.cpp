@@ -27,8 +27,8 @@ void write_profile() noexcept {
 [[gnu::constructor(101)]] void begin() noexcept {
     LARGE_INTEGER now;
     ::QueryPerformanceCounter(&now);
-    std::snprintf(s_name, sizeof s_name, "%s/%lu-%llx.profraw", LUMARIS_PROFILE_FOLDER, ::GetCurrentProcessId(),
-                  static_cast<unsigned long long>(now.QuadPart));
+    std::snprintf(s_name, sizeof s_name, "%s/%lu-%llx.profraw", LUMARIS_PROFILE_FOLDER,
+                  ::GetCurrentProcessId(), static_cast<unsigned long long>(now.QuadPart));
     __llvm_profile_set_filename(s_name);
     std::atexit(write_profile);
 }

@@ -27,7 +27,7 @@ OUT = Path("build/coverage")
 LIMIT = 1800
 
 # Percentages below which the measurement fails, a point under what it gave: lines, regions, branches.
-UNIT_FLOORS = {"portable": (0.0, 0.0, 0.0), "Windows": (0.0, 0.0, 0.0), "tools": (0.0, 0.0, 0.0)}
+UNIT_FLOORS = {"portable": (97.8, 98.7, 98.2), "Windows": (97.3, 97.5, 98.3), "tools": (76.5, 74.0, 77.1)}
 WHOLE_FLOORS = UNIT_FLOORS
 
 Position = tuple[int, ...]
@@ -70,8 +70,12 @@ def add_parser(words: "argparse._SubParsersAction[argparse.ArgumentParser]") -> 
 
 def run(arguments: argparse.Namespace) -> None:
     if not arguments.again:
-        building.build("native-coverage", "unit_tests")
-        building.build("x64-coverage")
+        building.build("native-coverage")
+        if arguments.whole_runs:
+            building.build("x64-coverage")
+        else:
+            for target in ("unit_tests", "bed_agent"):
+                building.build("x64-coverage", target)
         for folder in (NATIVE / "profiles", X64 / "profiles", OUT):
             shutil.rmtree(folder, ignore_errors=True)
             folder.mkdir(parents=True)
@@ -81,10 +85,11 @@ def run(arguments: argparse.Namespace) -> None:
             # The reader of reports that the whole runs look through.
             building.build("native-asan", "read_report")
             run_whole()
-    native = counted_in(NATIVE, [NATIVE / "tests/unit_tests"])
-    programs = [X64 / "tests/unit_tests.exe"]
+    # The programs themselves hold what is no part of the unit tests. That did not run, but it is there.
+    native = counted_in(NATIVE, [NATIVE / "tests/unit_tests", NATIVE / "tools/report_reader/read_report"])
+    programs = [X64 / "tests/unit_tests.exe", X64 / "updater/lumaris.exe"]
     if arguments.whole_runs:
-        programs += [X64 / "updater/lumaris.exe", *sorted((X64 / "tests/crash").glob("crash_*.exe"))]
+        programs += sorted((X64 / "tests/crash").glob("crash_*.exe"))
     windows = counted_in(X64, programs)
     check_all_are_there(native, NATIVE)
     check_all_are_there(windows, X64)
@@ -188,7 +193,7 @@ def check_all_are_there(counted: dict[str, Counted], folder: Path) -> None:
     """A source that is built and of which nothing is known would look as if it had been counted."""
     entries = json.loads((folder / "compile_commands.json").read_text(encoding="utf-8"))
     built = {name for entry in entries if (name := source_of(entry["file"])) and name.endswith(".cpp")}
-    without = sorted(name for name in built - set(counted) if Path(name).name != "main.cpp")
+    without = sorted(built - set(counted))
     if without:
         raise JobError(f"nothing was counted of {', '.join(without)}")
 
