@@ -140,6 +140,22 @@ def run_native(suite: Suite, options: argparse.Namespace) -> Result:
     return missing(program) or reported(suite, [str(program), f"--gtest_output=xml:{report}", *filters], report, (0, 1))
 
 
+def run_threads(suite: Suite, options: argparse.Namespace) -> Result:
+    """The unit tests of the portable half once more, with the sanitizer of threads."""
+    # Built here: a tree that was built for the other suites does not have it.
+    status, output = command(suite, [sys.executable, "toolchain/job.py", "build", "--target", "unit_tests", "native-tsan"],
+                             log_name=f"{suite.name}-build")
+    if status != 0:
+        result = Result()
+        result.fail(f"native-tsan could not be built\n{output[-2000:]}")
+        return result
+    program = BUILD / "native-tsan/tests/unit_tests"
+    report = RESULTS / f"{suite.name}.xml"
+    filters = [f"--gtest_filter=*{options.k}*"] if options.k else []
+    return reported(suite, [str(program), f"--gtest_output=xml:{report}", *filters], report, (0, 1),
+                    {"TSAN_OPTIONS": "halt_on_error=1"})
+
+
 def run_unit(suite: Suite, options: argparse.Namespace) -> Result:
     """The unit tests under Wine."""
     build = BUILD / f"{suite.architecture}-test"
@@ -212,6 +228,7 @@ SUITES = (
     Suite("unit-x64", frozenset({"unit", "x64"}), run_unit, "x64"),
     Suite("fuzz", frozenset(), run_fuzz),
     Suite("native", frozenset({"unit"}), run_native),
+    Suite("tsan", frozenset({"unit"}), run_threads),
     Suite("ground", frozenset(), run_pytest),
     Suite("release", frozenset(), run_pytest),
 )
@@ -263,7 +280,7 @@ def main() -> int:
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--only", action="append", metavar="WHAT", default=[],
                         choices=sorted({suite.name for suite in SUITES}.union(*(suite.tags for suite in SUITES))),
-                        help="run only these: native, x64, arm64, unit, e2e, fuzz, ground, release, or one suite such as e2e-x64; "
+                        help="run only these: native, tsan, x64, arm64, unit, e2e, fuzz, ground, release, or one suite such as e2e-x64; "
                              "may be given more than once")
     parser.add_argument("-k", metavar="NAME", help="run only the tests whose name holds this")
     parser.add_argument("--jobs", type=int, default=2, help="suites at a time (default: 2)")
