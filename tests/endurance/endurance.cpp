@@ -5,6 +5,7 @@
 //     VARIANT   of the package, as for the updater, which reads it from the same place
 //     WHAT      updates      whole runs: with a download, with the package there, with a package that the server does not have
 //               crashes      the component installed, a crash caught, composed, sent or saved, the component removed
+//               uploads      both reports of an exception composed and sent, without the system's symbol engine
 //               component    the component installed and removed, with ten notes
 //     WARM_UP   rounds before the first measurement, which fill the system's own caches
 //     ROUNDS    rounds between the two measurements
@@ -14,7 +15,9 @@
 // things are not the product's: the shell starts nothing, and the end of the process after a crash is left out.
 
 #include "errorreport/component.h"
-#include "platform/temporary_folder.h"
+#include "errorreport/compose_report.h"
+#include "errorreport/upload_session.h"
+#include "stream/memory_file.h"
 #include "tests/endurance/measures.h"
 #include "updater/run.h"
 #include "updater/updater.h"
@@ -107,6 +110,29 @@ int* volatile nowhere = nullptr;
     }
 }
 
+// Called while the exception is there. The first walk along the stack loads what the walk needs.
+LONG compose_and_send(const EXCEPTION_POINTERS* exception) {
+    using namespace corvo;
+    using enum errorreport::report_kind;
+    const errorreport::crash what{exception, ::GetCurrentThread(), ::GetCurrentProcess()};
+    errorreport::upload_session session;
+    std::exception_ptr failure;
+    for (const errorreport::report_kind kind : {brief, full}) {
+        stream::memory_file report(4096);
+        errorreport::compose_report(kind, what, std::wstring_view(L"a note", 7), report);
+        report.seek(0, stream::seek_beg);
+        require(session.send(report, failure) == 200 && failure == nullptr, "a report is sent");
+    }
+    return EXCEPTION_EXECUTE_HANDLER;
+}
+
+[[gnu::noinline]] void upload_round() {
+    __try {
+        fault();
+    } __except (compose_and_send(GetExceptionInformation())) {
+    }
+}
+
 corvo::errorreport::component& the_component() {
     static corvo::errorreport::component& made = *new corvo::errorreport::component;
     return made;
@@ -181,6 +207,8 @@ int wmain(int count, wchar_t** arguments) {
             update(variant, events);
         } else if (what == L"crashes") {
             crash_round();
+        } else if (what == L"uploads") {
+            upload_round();
         } else if (what == L"component") {
             component_round();
         } else {

@@ -14,6 +14,7 @@
 //               pause       10 ms
 //               fault, throw, abort, invalid
 //                           crashes in this way
+//               stray       an exception that is not planted, and is handled: to show that it is seen
 //               exit        std::exit, which removes the component
 //               end         ExitProcess, which does not
 //               sleep       waits for a crash of another thread to end the process, a minute at the most
@@ -107,6 +108,17 @@ void wait_microseconds(long delay) {
     } while ((now.QuadPart - begin.QuadPart) * 1000000 / frequency.QuadPart < delay);
 }
 
+[[gnu::noinline]] void raise_another() {
+    ::RaiseException(0xE0000BAD, 0, 0, nullptr);
+}
+
+[[gnu::noinline]] void handle_another() {
+    __try {
+        raise_another();
+    } __except (EXCEPTION_EXECUTE_HANDLER) {
+    }
+}
+
 bool perform(std::wstring_view deed) {
     if (deed == L"note") {
         the_component().add_note(L"main");
@@ -126,6 +138,8 @@ bool perform(std::wstring_view deed) {
         std::abort();
     } else if (deed == L"invalid") {
         std::fclose(nullptr);
+    } else if (deed == L"stray") {
+        handle_another();
     } else if (deed == L"exit") {
         std::exit(0);
     } else if (deed == L"end") {
