@@ -152,8 +152,7 @@ def run_threads(suite: Suite, options: argparse.Namespace) -> Result:
     program = BUILD / "native-tsan/tests/unit_tests"
     report = RESULTS / f"{suite.name}.xml"
     filters = [f"--gtest_filter=*{options.k}*"] if options.k else []
-    return reported(suite, [str(program), f"--gtest_output=xml:{report}", *filters], report, (0, 1),
-                    {"TSAN_OPTIONS": "halt_on_error=1"})
+    return reported(suite, [str(program), f"--gtest_output=xml:{report}", *filters], report, (0, 1))
 
 
 def run_unit(suite: Suite, options: argparse.Namespace) -> Result:
