@@ -69,7 +69,7 @@ update_description naive_read(const std::string& text) {
         line.clear();
     }
     lines.resize(lines.size() < 3 ? 3 : lines.size());
-    if (lines[0].compare(0, 3, "\xEF\xBB\xBF") == 0) {
+    if (lines[0].starts_with("\xEF\xBB\xBF")) {
         lines[0].erase(0, 3);
     }
     return {naive_version(lines[0]), lines[1], lines[2]};

@@ -4,7 +4,7 @@
     job.py build [--target TARGET] PRESET...     configures where needed, and builds in build/PRESET
     job.py coverage [--whole-runs]               counts which lines the tests run
     job.py fuzz [--seconds N] [TARGET]...        runs fuzz targets of build/native-fuzz
-    job.py lint [--fix] [CHECK]...               format, headers, tidy, shell, python
+    job.py lint [--fix] [CHECK]...               format, headers, shell, python, cppcheck, tidy
 """
 
 import argparse

@@ -380,7 +380,7 @@ word_plan() {
 word_lint() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
         printf '%s\n' 'usage: ./dev lint [--fix] [CHECK]...' '' \
-            '  CHECK   format, headers, shell, python, tidy (default: all)' \
+            '  CHECK   format, headers, shell, python, cppcheck, tidy (default: all)' \
             '  --fix   lets clang-format change the files' '' 'examples:' '  ./dev lint' '  ./dev lint --fix format'
         return
     fi

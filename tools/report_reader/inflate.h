@@ -13,7 +13,7 @@
 
 namespace corvo::report_reader {
 
-inline constexpr std::size_t inflate_limit = 256 * 1024 * 1024;
+inline constexpr std::size_t inflate_limit = std::size_t{256} * 1024 * 1024;
 
 // The bytes must be one zlib stream, whole and with nothing behind it. Throws `damage` with the offset in `compressed`
 // (where it ends, where the decompressor stopped, where the first byte too many is), and std::bad_alloc. `where` is what

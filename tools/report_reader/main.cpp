@@ -149,6 +149,7 @@ int show(const std::string& path, const options& wanted, std::vector<named_symbo
 
 int run(const options& wanted) {
     std::vector<named_symbols> pdbs;
+    pdbs.reserve(wanted.pdbs.size());
     for (const std::string& path : wanted.pdbs) {
         pdbs.push_back({path, reader::read_pdb(path)});
     }

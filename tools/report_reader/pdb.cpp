@@ -13,8 +13,6 @@
 #include <unistd.h>
 #include <utility>
 
-extern char** environ;
-
 namespace corvo::report_reader {
 
 namespace {
@@ -41,11 +39,15 @@ public:
     explicit operator bool() const noexcept { return m_handle != nullptr; }
 
     std::string text_from_start() const {
-        std::rewind(m_handle);
         std::string text;
         std::array<char, 65536> piece{};
-        while (const std::size_t length = std::fread(piece.data(), 1, piece.size(), m_handle)) {
-            text.append(piece.data(), length);
+        bool failed = std::fseek(m_handle, 0, SEEK_SET) != 0;
+        while (!failed && std::feof(m_handle) == 0) {
+            text.append(piece.data(), std::fread(piece.data(), 1, piece.size(), m_handle));
+            failed = std::ferror(m_handle) != 0;
+        }
+        if (failed) {
+            throw std::system_error(errno, std::generic_category(), "a temporary file");
         }
         return text;
     }

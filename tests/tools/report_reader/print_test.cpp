@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <cstdio>
 #include <string>
 
 namespace {
@@ -60,6 +62,53 @@ TEST(report_reader_print, a_full_report_as_text) {
         "frames, from the fault outward\n"
         "   0  lumaris.exe+0x1549 (time stamp 0x00000007, checksum 0x00000008, base 0x0000000140000000)\n"
         "      stack memory: 2 bytes from 0x0000000000001000\n");
+}
+
+TEST(report_reader_print, the_registers_of_text_are_all_of_them) {
+    report what = full_report();
+    processor_context context{};
+    context.flags = 0x40000F;
+    context.integer.emplace();
+    std::string expected = "processor context, flags 0x0040000F\n";
+    const auto line = [&](const char* format, auto... values) {
+        std::array<char, 200> buffer{};
+        ASSERT_GT(std::snprintf(buffer.data(), buffer.size(), format, values...), 0);
+        expected += buffer.data();
+    };
+    for (unsigned int at = 0; at < 29; ++at) {
+        context.integer->x[at] = 0x8000000000000000 + at;
+        line(at < 10 ? "  X%u   0x80000000000000%02X" : "  X%u  0x80000000000000%02X", at, at);
+        expected += at % 4 == 3 || at == 28 ? "\n" : "";
+    }
+    context.integer->fp = 0x91;
+    context.integer->lr = 0x92;
+    expected += "  Fp   0x0000000000000091  Lr   0x0000000000000092\n";
+    context.floating_point.emplace();
+    for (unsigned int at = 0; at < 32; ++at) {
+        context.floating_point->v[at] = {at, 0x8000000000000000 + at};
+        line(at < 10 ? "  V%u   0x80000000000000%02X00000000000000%02X"
+                     : "  V%u  0x80000000000000%02X00000000000000%02X",
+             at, at, at);
+        expected += at % 2 == 1 ? "\n" : "";
+    }
+    context.floating_point->fpcr = 0x93;
+    context.floating_point->fpsr = 0x80000094;
+    expected += "  Fpcr 0x00000093  Fpsr 0x80000094\n";
+    context.debug = debug_registers{
+        {1, 2, 3, 4, 5, 6, 7, 0x80000008}, {11, 12, 13, 14, 15, 16, 17, 18}, {21, 22}, {31, 32}};
+    expected += "  Bcr0 0x00000001  Bcr1 0x00000002  Bcr2 0x00000003  Bcr3 0x00000004\n"
+                "  Bcr4 0x00000005  Bcr5 0x00000006  Bcr6 0x00000007  Bcr7 0x80000008\n"
+                "  Bvr0 0x000000000000000B  Bvr1 0x000000000000000C  Bvr2 0x000000000000000D  Bvr3 "
+                "0x000000000000000E\n"
+                "  Bvr4 0x000000000000000F  Bvr5 0x0000000000000010  Bvr6 0x0000000000000011  Bvr7 "
+                "0x0000000000000012\n"
+                "  Wcr0 0x00000015  Wcr1 0x00000016\n"
+                "  Wvr0 0x000000000000001F  Wvr1 0x0000000000000020\n";
+    what.context = context;
+    const std::string text = to_text(what, {std::nullopt});
+    const std::size_t begin = text.find("processor context");
+    ASSERT_NE(std::string::npos, begin);
+    EXPECT_EQ(expected, text.substr(begin, text.find("frames, from") - begin));
 }
 
 TEST(report_reader_print, a_report_without_frames_says_so) {
