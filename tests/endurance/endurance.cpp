@@ -5,14 +5,15 @@
 //     VARIANT   of the package, as for the updater, which reads it from the same place
 //     WHAT      updates      whole runs: with a download, with the package there, with a package that the server does not have
 //               crashes      the component installed, a crash caught, composed, sent or saved, the component removed
+//               quick-crashes    the same where the system's symbol engine cannot be had, which takes most of the time and keeps some memory
 //               uploads      both reports of an exception composed and sent, without the system's symbol engine
 //               component    the component installed and removed, with ten notes
 //     WARM_UP   rounds before the first measurement, which fill the system's own caches
 //     ROUNDS    rounds between the two measurements
 //     LEAK      handle, memory, thread, heap, pages: loses one of these in each round, to show that it is seen
 //
-// Ends with 0 when every round did what it should, 1 when one did not, 2 when called wrongly, 3 when it cannot measure. Only two
-// things are not the product's: the shell starts nothing, and the end of the process after a crash is left out.
+// Ends with 0 when every round did what it should, 1 when one did not, 2 when called wrongly, 3 when it cannot measure. Two things
+// are not the product's: the shell starts nothing, and the end of the process after a crash is left out.
 
 #include "errorreport/component.h"
 #include "errorreport/compose_report.h"
@@ -24,6 +25,7 @@
 
 #include <windows.h>
 
+#include <dbghelp.h>
 #include <shellapi.h>
 #include <shlobj.h>
 
@@ -47,6 +49,18 @@ BOOL WINAPI do_not_end(HANDLE, UINT) {
     return TRUE;
 }
 
+bool engine_can_be_had = true;
+
+BOOL WINAPI initialise_engine(HANDLE process, const char* path, BOOL invade) {
+    if (!engine_can_be_had) {
+        ::SetLastError(ERROR_NOT_SUPPORTED);
+        return FALSE;
+    }
+    static const auto real = reinterpret_cast<decltype(&::SymInitialize)>(
+        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"dbghelp.dll"), "SymInitialize")));
+    return real(process, path, invade);
+}
+
 } // namespace
 
 // The linker takes these import pointers before the ones of the import libraries.
@@ -56,6 +70,8 @@ extern decltype(&::ShellExecuteW) const __imp_ShellExecuteW;
 decltype(&::ShellExecuteW) const __imp_ShellExecuteW = &start_nothing;
 extern decltype(&::TerminateProcess) const __imp_TerminateProcess;
 decltype(&::TerminateProcess) const __imp_TerminateProcess = &do_not_end;
+extern decltype(&::SymInitialize) const __imp_SymInitialize;
+decltype(&::SymInitialize) const __imp_SymInitialize = &initialise_engine;
 }
 
 namespace {
@@ -205,7 +221,8 @@ int wmain(int count, wchar_t** arguments) {
         }
         if (what == L"updates") {
             update(variant, events);
-        } else if (what == L"crashes") {
+        } else if (what == L"crashes" || what == L"quick-crashes") {
+            engine_can_be_had = what == L"crashes";
             crash_round();
         } else if (what == L"uploads") {
             upload_round();
