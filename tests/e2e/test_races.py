@@ -118,21 +118,36 @@ def kind_of(body: bytes) -> str | None:
     return {b"TZO1": "short", b"TZR1": "full"}.get(content[:4]) if stream.eof and not stream.unused_data else None
 
 
+Pair = tuple[bytes, bytes]
+
+
+@pytest.fixture(scope="module")
+def made_pairs() -> list[Pair]:
+    """The files of saved reports, which the tests share: a crash for each of them would take seconds."""
+    return []
+
+
 @pytest.fixture
-def pairs(crashes: CrashWorld) -> list[tuple[bytes, bytes]]:
+def pairs(crashes: CrashWorld, made_pairs: list[Pair]) -> list[Pair]:
     """The files of two crashes, which differ."""
-    with crashes.server.away():
-        crashes.run("access_violation", notes=["a crash"])
-    made = crashes.pair(0)
-    for name in crashes.files():
-        (crashes.temp / name).unlink()
-    # The same crash with other bytes: compressed less.
-    short, full = (zlib.compress(zlib.decompress(each), 1) for each in made)
-    assert (short, full) != made
-    return [made, (short, full)]
+    if not made_pairs:
+        with crashes.server.away():
+            crashes.run("access_violation", notes=["a crash"])
+        short, full = crashes.pair(0)
+        for name in crashes.files():
+            (crashes.temp / name).unlink()
+        # The other is the same crash in other bytes: compressed less.
+        made_pairs += [(short, full), (less_compressed(short), less_compressed(full))]
+        assert made_pairs[0][0] != made_pairs[1][0]
+    return made_pairs
 
 
-def perform(crashes: CrashWorld, made: Round, pairs: list[tuple[bytes, bytes]]) -> FinishedRun:
+def less_compressed(report: bytes) -> bytes:
+    """The same report in other bytes."""
+    return zlib.compress(zlib.decompress(report), 1)
+
+
+def perform(crashes: CrashWorld, made: Round, pairs: list[Pair]) -> FinishedRun:
     """Runs the program of a round."""
     crashes.server.reset()
     for name in crashes.files():
@@ -148,7 +163,7 @@ def perform(crashes: CrashWorld, made: Round, pairs: list[tuple[bytes, bytes]]) 
     return crashes.machine.run(line, limit=HANG)
 
 
-def complaints(crashes: CrashWorld, made: Round, run: FinishedRun, pairs: list[tuple[bytes, bytes]]) -> list[str]:
+def complaints(crashes: CrashWorld, made: Round, run: FinishedRun, pairs: list[Pair]) -> list[str]:
     """What is wrong with a round that has ended."""
     wrong = []
     if run.exit_code is None:
@@ -204,7 +219,7 @@ def program(crashes: CrashWorld, crash_bed: CrashBed) -> None:
 
 @pytest.mark.any_processor
 @pytest.mark.usefixtures("program")
-def test_what_goes_wrong_in_a_round_is_seen(crashes: CrashWorld, pairs: list[tuple[bytes, bytes]]) -> None:
+def test_what_goes_wrong_in_a_round_is_seen(crashes: CrashWorld, pairs: list[Pair]) -> None:
     quiet = Round(0, 1, "away", (), 0, 0, 0, ("wait",))
     run = perform(crashes, quiet, pairs)
     assert complaints(crashes, quiet, run, pairs) == []
@@ -228,7 +243,7 @@ def test_what_goes_wrong_in_a_round_is_seen(crashes: CrashWorld, pairs: list[tup
 
 
 @pytest.mark.usefixtures("program")
-def test_no_moment_is_the_wrong_one(crashes: CrashWorld, pairs: list[tuple[bytes, bytes]]) -> None:
+def test_no_moment_is_the_wrong_one(crashes: CrashWorld, pairs: list[Pair]) -> None:
     if MINUTES:
         signal.alarm(int(MINUTES * 60) + 600)
     begin = time.monotonic()
@@ -253,7 +268,7 @@ def test_no_moment_is_the_wrong_one(crashes: CrashWorld, pairs: list[tuple[bytes
 
 @pytest.mark.any_processor
 def test_a_crash_beside_a_sender_of_the_full_report_of_its_number_keeps_its_short_one(
-        crashes: CrashWorld, pairs: list[tuple[bytes, bytes]]) -> None:
+        crashes: CrashWorld, pairs: list[Pair]) -> None:
     """The number is free once the short report has gone, and the full one of that number is still open."""
     crashes.save(0, pairs[0])
     crashes.server.queue = [FULL_WANTED, Answer(hold_at=HEAD), Answer(status=503, body=b"<html></html>", content_type="text/html")]
