@@ -1,7 +1,7 @@
 // What a process holds at a moment: handles, threads, memory. For the comparison of before with after.
 //
-// Nothing here allocates between the first and the last look at the heaps. Failures end the program: a measurement that was
-// not made must not look like one that found nothing.
+// The program that is linked with it counts its objects, too. Failures end the program: a measurement that was not made must not look like
+// one that found nothing. Objects of windows and of drawing are not counted: Wine does not know how many there are.
 #pragma once
 
 #include <cstddef>
