@@ -185,7 +185,7 @@ def output_of(command: list[str]) -> str:
 
 def source_of(name: str) -> str | None:
     """The source's name relative to the tree, or None when it is neither the product's nor a tool's."""
-    name = re.sub(r"^(/src/|\.\.?/)+", "", name.replace("\\", "/"))
+    name = re.sub(r"^(/src/|/lumaris/|\.\.?/)+", "", name.replace("\\", "/"))
     return name if name.startswith(tuple(f"{folder}/" for folder in PRODUCT + TOOLS)) else None
 
 
