@@ -114,7 +114,7 @@ std::size_t count_private_bytes() {
 }
 
 void walk_heaps(measures& found) {
-    std::array<HANDLE, 64> heaps;
+    std::array<HANDLE, 256> heaps;
     found.heaps = ::GetProcessHeaps(static_cast<DWORD>(heaps.size()), heaps.data());
     require(found.heaps > 0 && found.heaps <= heaps.size(), "GetProcessHeaps");
     for (std::size_t index = 0; index < found.heaps; ++index) {
