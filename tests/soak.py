@@ -38,6 +38,9 @@ PARTS = (
          (sys.executable, "tests/endurance/long.py", "endurance")),
     Part("races", 12, "ten minutes of the error reporting's threads meeting at random moments, on both processors",
          (sys.executable, "tests/endurance/long.py", "races")),
+    Part("faults", 40, "every fault of a server at every request, and every reply cut after every byte",
+         (sys.executable, "-m", "pytest", "tests/e2e/test_server_faults.py", "tests/e2e/test_report_server_faults.py",
+          "--every-byte", "-p", "no:cacheprovider", "-q")),
 )
 
 

@@ -10,6 +10,7 @@ from __future__ import annotations
 import ctypes
 import os
 import shutil
+import socket
 import subprocess
 import tempfile
 from collections.abc import Iterator
@@ -39,6 +40,10 @@ PAGE = 4096
 
 # Files on such a disk, where their number does not matter. A disk without a limit could not be given one later.
 MANY = 1000
+
+# No name server: a name that is not in /etc/hosts fails at once, without a packet and without a wait.
+_NO_NAME_SERVER = "nameserver 127.0.0.1\noptions timeout:1 attempts:1\n"
+_NAMES_OF_FILES = "hosts: files\n"
 
 _CLONE_NEWNS = 0x00020000
 _CLONE_NEWNET = 0x40000000
@@ -74,6 +79,22 @@ class PrivateNetwork:
             bundle = room / "etc/ssl/certs/ca-certificates.crt"
             text = bundle.read_text(encoding="ascii") if bundle.exists() else ""
             _bind_text(self.work, bundle, text + "\n" + certificate.read_text(encoding="ascii"))
+
+    @contextmanager
+    def silent_name_server(self) -> Iterator[None]:
+        """Programs that start meanwhile ask a name server, which never answers, for the names that are not in /etc/hosts."""
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as server:
+            server.bind(("127.0.0.1", 53))
+            self._resolve("nameserver 127.0.0.1\noptions timeout:20 attempts:1\n", "hosts: files dns\n")
+            try:
+                yield
+            finally:
+                self._resolve(_NO_NAME_SERVER, _NAMES_OF_FILES)
+
+    def _resolve(self, servers: str, order: str) -> None:
+        for room in self.rooms:
+            _bind_text(self.work, room / "etc/resolv.conf", servers)
+            _bind_text(self.work, room / "etc/nsswitch.conf", order)
 
     @contextmanager
     def small_disk(self, name: str, size: int, *, read_only: bool = False) -> Iterator[Path]:
@@ -155,9 +176,8 @@ def enter() -> PrivateNetwork:
     hosts = f"127.0.0.1 localhost {UPDATE_HOST} {PACKAGE_HOST} {PROXY_HOST}\n{REPORT_ADDRESS} {REPORT_HOST}\n"
     for room in rooms:
         _bind_text(work, room / "etc/hosts", hosts)
-        # No name server: a name outside the list above fails at once, without a packet and without a wait.
-        _bind_text(work, room / "etc/resolv.conf", "nameserver 127.0.0.1\noptions timeout:1 attempts:1\n")
-        _bind_text(work, room / "etc/nsswitch.conf", "hosts: files\n")
+        _bind_text(work, room / "etc/resolv.conf", _NO_NAME_SERVER)
+        _bind_text(work, room / "etc/nsswitch.conf", _NAMES_OF_FILES)
     _command("ip", "link", "set", "lo", "up")
     _command("ip", "link", "add", "card0", "type", "veth", "peer", "name", "card1")
     _command("ip", "address", "add", f"{CARD_ADDRESS}/24", "dev", "card0")

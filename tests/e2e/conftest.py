@@ -15,7 +15,7 @@ import pytest
 TREE = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(TREE / "tests"))
 
-pytest.register_assert_rewrite("world", "crash_world")
+pytest.register_assert_rewrite("world", "crash_world", "faults")
 
 from bed import certificates, isolation, settings, windows  # noqa: E402  (the path to it is set above)
 from bed.http_server import ScriptedServer  # noqa: E402
@@ -36,18 +36,22 @@ def pytest_addoption(parser: pytest.Parser) -> None:
     """The processor of the program under test; a session tests one."""
     parser.addoption("--arch", choices=windows.ARCHITECTURES, default="x64", help="processor of the program under test")
     parser.addoption("--build", metavar="FOLDER", help="build folder (default: build/ARCH-test)")
+    parser.addoption("--every-byte", action="store_true",
+                     help="cut replies after every byte and not only at their seams, and let every fault meet every request")
     parser.addoption("--backwards", action="store_true", help="run the tests in the opposite order")
 
 
 def pytest_configure(config: pytest.Config) -> None:
     """Declares our marker."""
     config.addinivalue_line("markers", "any_processor: the same for every processor; runs with the quick x86-64 build only")
+    config.addinivalue_line("markers", "at_length: waits for a time-out of its own; runs with --every-byte only")
 
 
 def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
-    """Leaves out what the other processor does, and turns the order round where that is asked for."""
-    if config.getoption("--arch") == "arm64":
-        left_out = [item for item in items if item.get_closest_marker("any_processor")]
+    """Leaves out what the other processor does and what takes long, and turns the order round where that is asked for."""
+    without = [*["any_processor"] * (config.getoption("--arch") == "arm64"), *["at_length"] * (not config.getoption("--every-byte"))]
+    left_out = [item for item in items if any(item.get_closest_marker(each) for each in without)]
+    if left_out:
         items[:] = [item for item in items if item not in left_out]
         config.hook.pytest_deselected(items=left_out)
     if config.getoption("--backwards"):

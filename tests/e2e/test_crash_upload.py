@@ -5,7 +5,7 @@ from __future__ import annotations
 import pytest
 
 from bed import certificates, isolation
-from bed.report_server import BODY, FULL_WANTED, HEAD, REPLIED, Answer, ReportServer
+from bed.report_server import BODY, FULL_WANTED, HEAD, Answer, ReportServer
 from crash_world import CRASHED, CrashWorld
 from world import Bed
 
@@ -103,15 +103,3 @@ def test_a_report_is_saved_when_the_full_one_cannot_be_sent(crashes: CrashWorld)
     crashes.server.queue = [FULL_WANTED, Answer(cut_at=HEAD)]
     assert crashes.run("access_violation", notes=["kept"]).exit_code == CRASHED
     assert [crashes.read(each).notes for each in crashes.pair(0)] == [("kept",), ("kept",)]
-
-
-# The program's receive time-out of 30 s is for a reply that has begun. How long the system waits for its beginning is the system's
-# own affair; Wine waits 21 s.
-@pytest.mark.any_processor
-@pytest.mark.parametrize(("stage", "least"), [(BODY, 5), (REPLIED, 29)])
-def test_a_server_that_falls_silent_is_given_up(crashes: CrashWorld, stage: str, least: float) -> None:
-    crashes.server.usual = Answer(hold_at=stage)
-    run = crashes.run("access_violation")
-    assert run.exit_code == CRASHED
-    assert least < run.end - run.begin < 45
-    assert crashes.files() == ["0.tzo", "0.tzr"]

@@ -1,4 +1,4 @@
-"""What the network does to a run: statuses, redirections, connections cut in every phase, servers out of reach.
+"""What the network does to a run: statuses, redirections, servers out of reach. `test_server_faults.py` has the faults.
 
 The error numbers are the platform's. This one has no texts for them, so the message ends with the number alone.
 """
@@ -66,51 +66,6 @@ def test_redirected_content_needs_its_signature_all_the_same(world: World) -> No
     world.answer("/elsewhere", Reply(OLDER.replace(b"3030000", b"3040100")))
     world.answer(DESCRIPTION, Reply(b"", "302 Found", ("Location: http://packages.tavrin.example/elsewhere",)))
     world.assert_failed(world.run(), "Invalid Minisign signature")
-
-
-# What a cut connection is called: it is the platform that says when and with which number, and this one takes some
-# early ends for proper ones. What came is not signed then.
-NO_REPLY = ("WinHttpReceiveResponse failed: Error 12152", "WinHttpReceiveResponse failed: Error 12030",
-            "WinHttpReceiveResponse failed: Connection reset by peer.",
-            "WinHttpSendRequest failed: Connection reset by peer.")
-UNSIGNED = {path: f"{outer(path)}: Minisign signature is too short" if path.endswith(".minisig")
-            else "Invalid Minisign signature" for path in PHASES}
-
-
-# A reset within the headers is left out: Wine's own HTTP service then counts the failed read as minus one byte, and now
-# and again crashes on copying what it believes to have.
-@pytest.mark.parametrize("path", PHASES)
-@pytest.mark.parametrize("how", [
-    pytest.param(Cut(), id="before the reply"),
-    pytest.param(Cut(reset=True), id="before the reply, reset"),
-    pytest.param(Cut(b"HTTP/1.1 20"), id="in the status line"),
-    pytest.param(Cut(b"HTTP/1.1 20", reset=True), id="in the status line, reset"),
-    pytest.param(Cut(b"HTTP/1.1 200 OK\r\nContent-Ty"), id="in the headers"),
-])
-def test_a_connection_cut_before_the_body_ends_the_run(world: World, path: str, how: Cut) -> None:
-    world.offer()
-    world.answer(path, how)
-    run = world.run()
-    message = run.events[0].strings[-1]
-    assert message in [f"{outer(path)}: {reason}" for reason in NO_REPLY] + [UNSIGNED[path]] * (b"Content" in how.sent)
-    world.assert_failed(run, message)
-    assert set(world.targets) == set(PHASES[:PHASES.index(path) + 1])
-
-
-@pytest.mark.parametrize("path", PHASES)
-@pytest.mark.parametrize("reset", [False, True], ids=["closed", "reset"])
-def test_a_connection_cut_in_the_body_ends_the_run(world: World, path: str, reset: bool) -> None:
-    world.offer()
-    answer = world.server.answers[path]
-    assert isinstance(answer, Reply)
-    head = answer.encode().removesuffix(answer.body)
-    # Far enough for a line, not for the whole of the signature or the content.
-    world.answer(path, Cut(head + answer.body[:60], reset))
-    run = world.run()
-    message = run.events[0].strings[-1]
-    assert message == UNSIGNED[path] or message.startswith(outer(path) + ": WinHttp")
-    world.assert_failed(run, message)
-    assert world.targets == PHASES[:PHASES.index(path) + 1]
 
 
 def test_after_a_cut_download_the_next_run_fetches_the_whole_package(world: World) -> None:
