@@ -34,7 +34,7 @@ PARTS = (
          (sys.executable, "toolchain/job.py", "fuzz", "--seconds", "1800")),
     Part("coverage", 15, "which lines run in unit tests and whole runs together",
          (sys.executable, "toolchain/job.py", "coverage", "--whole-runs")),
-    Part("endurance", 20, "a hundred updates and a hundred crashes in one process and in one Windows, on both processors",
+    Part("endurance", 35, "a hundred updates and a hundred crashes in one process and in one Windows, on both processors",
          (sys.executable, "tests/endurance/long.py", "endurance")),
     Part("races", 12, "ten minutes of the error reporting's threads meeting at random moments, on both processors",
          (sys.executable, "tests/endurance/long.py", "races")),
