@@ -41,6 +41,8 @@ PARTS = (
     Part("faults", 40, "every fault of a server at every request, and every reply cut after every byte",
          (sys.executable, "-m", "pytest", "tests/e2e/test_server_faults.py", "tests/e2e/test_report_server_faults.py",
           "--every-byte", "-p", "no:cacheprovider", "-q")),
+    Part("mutations", 60, "the product broken in one place after another, which the tests must see",
+         (sys.executable, "tests/mutations/run.py")),
 )
 
 

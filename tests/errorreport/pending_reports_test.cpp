@@ -168,6 +168,18 @@ TEST_F(pending_reports, do_not_include_files_whose_short_name_alone_looks_like_o
     EXPECT_FALSE(files.has(L"1.TZO"));
 }
 
+TEST_F(pending_reports, may_have_no_name_but_the_extension) {
+    const scripted_search search(files.path() + L"*.tzo", {L".tzo"});
+    files.put(L".tzo", "short");
+    files.put(L".tzr", "full");
+    will_answer(449);
+    will_answer(200);
+    send_pending_reports();
+    EXPECT_EQ((strings{"short", "full"}), sent());
+    EXPECT_FALSE(files.has(L".tzo"));
+    EXPECT_FALSE(files.has(L".tzr"));
+}
+
 TEST_F(pending_reports, are_found_by_the_system) {
     files.put(L"0.tzo", "zero");
     files.put(L"x y.TZO", "other");

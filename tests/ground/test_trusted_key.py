@@ -1,5 +1,7 @@
 """Configuring checks the trusted key: what is missing, malformed, or public knowledge does not get into a release."""
 
+import base64
+import string
 import subprocess
 from pathlib import Path
 
@@ -59,6 +61,18 @@ def test_the_bytes_of_a_key_are_those_of_its_base64_text(configure) -> None:
     assert "-- id: 0x9d, 0x06, 0x92, 0x81, 0x97, 0x07, 0xaa, 0x47\n" in shown.stdout
     assert ("-- key: 0x58, 0xfa, 0xc3, 0x93, 0xed, 0x10, 0x7a, 0xda, 0x7f, 0x5b, 0xad, 0x58, 0xc1, 0xfd, 0x20, 0x91, "
             "0xfc, 0x2f, 0x7e, 0x58, 0xf3, 0x54, 0x0b, 0xd0, 0xd7, 0x93, 0xe9, 0x48, 0x95, 0x80, 0x47, 0xef\n") in shown.stdout
+
+
+def test_every_character_of_the_alphabet_has_its_value(configure) -> None:
+    """The keys that the other tests meet need not hold all 64 of them."""
+    alphabet = string.ascii_uppercase + string.ascii_lowercase + string.digits + "+/"
+    for part in (alphabet[:42], alphabet[22:]):
+        line = "RWQ" + "A" * 11 + part  # "Ed" and what follows it
+        content = base64.b64decode(line)
+        shown = configure(f"LUMARIS_PUBLIC_KEY={line}")
+        assert shown.returncode == 0, shown.stderr
+        for name, expected in (("id", content[2:10]), ("key", content[10:])):
+            assert f"-- {name}: {', '.join(f'0x{byte:02x}' for byte in expected)}\n" in shown.stdout
 
 
 def test_a_test_build_without_a_key_takes_the_test_key(configure) -> None:

@@ -5,6 +5,7 @@
 #include "tests/stream/expect.h"
 
 #include <gtest/gtest.h>
+#include <sodium.h>
 
 #include <algorithm>
 #include <stdexcept>
@@ -276,6 +277,12 @@ TEST(content_verifies, stops_when_the_indicator_cancels) {
     });
     EXPECT_EQ((std::vector<std::uint64_t>{490, 880}), progress.positions);
     EXPECT_EQ(2u, file.sizes.size());
+}
+
+// Without its initialisation the library hashes with the slowest code it has, and with the same result.
+TEST(content_hash, has_the_librarys_fastest_code_chosen) {
+    const content_hash hash;
+    EXPECT_EQ(1, sodium_init()) << "0: it had not been initialised";
 }
 
 TEST(content_hash, does_not_care_how_content_is_split) {

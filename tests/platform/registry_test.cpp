@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -111,6 +112,42 @@ constexpr DWORD reg_multi_sz = 7;
 constexpr DWORD reg_qword = 11;
 constexpr LSTATUS more_data = 234;
 constexpr LSTATUS invalid_data = 13;
+
+// What lay below the frame of the caller when this was called: what a function that has just returned left on the stack. Copied word by
+// word, since a call would write over it.
+constexpr std::size_t looked_at = 2048;
+wchar_t left_behind[looked_at];
+__attribute__((noinline)) void look_at_the_stack() {
+    const auto* const top = static_cast<const wchar_t*>(__builtin_frame_address(0));
+    for (std::size_t i = 0; i < looked_at; ++i) {
+        left_behind[i] = *static_cast<const volatile wchar_t*>(top - looked_at + i);
+    }
+}
+
+__attribute__((noinline)) void leave_on_the_stack(const std::wstring& text) {
+    volatile wchar_t buffer[512];
+    for (std::size_t i = 0; i < text.size() && i < 512; ++i) {
+        buffer[i] = text[i];
+    }
+}
+
+// 500 units, each of them once.
+std::wstring long_secret() {
+    std::wstring secret;
+    for (wchar_t unit = 0x4E00; secret.size() < 500; ++unit) {
+        secret += unit;
+    }
+    return secret;
+}
+
+// How often a secret, or eight units of it, is in what was left.
+std::size_t pieces_left(const std::wstring& secret) {
+    std::size_t found = 0;
+    for (std::size_t i = 0; i + 8 <= looked_at; ++i) {
+        found += static_cast<std::size_t>(secret.find(std::wstring_view(left_behind + i, 8)) != std::wstring::npos);
+    }
+    return found;
+}
 
 } // namespace
 
@@ -301,4 +338,29 @@ TEST(registry_value, returns_the_last_error_where_the_expansion_fails) {
     scripted_value long_value(
         {text_reply(more_data, reg_expand_sz, longer), text_reply(0, reg_expand_sz, longer)});
     EXPECT_EQ(8, long_value.read());
+}
+
+// It may have been a password. The text fills the first buffer, so that something of it would be found whatever came over it.
+TEST(registry_value, leaves_nothing_of_itself_on_the_stack) {
+    const std::wstring secret = long_secret();
+    for (const DWORD type : {reg_sz, reg_multi_sz, reg_expand_sz}) {
+        scripted_value value({text_reply(0, type, secret + L'\0')});
+        const support::script expand(support::ExpandEnvironmentStringsW,
+                                     [&](const wchar_t*, wchar_t* result, DWORD) -> DWORD {
+                                         *result = L'\0';
+                                         return 1;
+                                     });
+        value.read();
+        look_at_the_stack();
+        EXPECT_EQ(0U, pieces_left(secret)) << type;
+        EXPECT_EQ(type == reg_expand_sz ? L"" : secret, value.text);
+    }
+}
+
+// Proves that the look sees what is there.
+TEST(registry_value, would_be_seen_on_the_stack) {
+    const std::wstring secret = long_secret();
+    leave_on_the_stack(secret);
+    look_at_the_stack();
+    EXPECT_LT(0U, pieces_left(secret));
 }

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -198,14 +199,28 @@ TEST_F(resources, have_version_3_4_0_0) {
     EXPECT_EQ(0x00030004U, fixed.dwProductVersionMS);
     EXPECT_EQ(0x00000000U, fixed.dwProductVersionLS);
     EXPECT_EQ(1U, fixed.dwFileType); // VFT_APP
+    EXPECT_EQ(0x00040004U, fixed.dwFileOS); // VOS_NT_WINDOWS32
+    EXPECT_EQ(0U, fixed.dwFileFlags & fixed.dwFileFlagsMask) << "no debugging build, no private one";
+    EXPECT_EQ(0x3FU, fixed.dwFileFlagsMask);
     EXPECT_EQ(L"3.4.0.0", version_text(L"FileVersion"));
     EXPECT_EQ(L"3.4.0.0", version_text(L"ProductVersion"));
+}
+
+// By it whoever shows the texts finds the block that they stand in.
+TEST_F(resources, say_the_language_of_the_version_texts) {
+    void* found = nullptr;
+    UINT length = 0;
+    ASSERT_TRUE(::VerQueryValueW(version().data(), L"\\VarFileInfo\\Translation", &found, &length));
+    ASSERT_EQ(4U, length);
+    EXPECT_EQ(0x0409, static_cast<const WORD*>(found)[0]);
+    EXPECT_EQ(0x04B0, static_cast<const WORD*>(found)[1]);
 }
 
 TEST_F(resources, name_product_maker_and_program) {
     EXPECT_EQ(L"Halvoro", version_text(L"ProductName"));
     EXPECT_EQ(L"Tavrin", version_text(L"CompanyName"));
     EXPECT_EQ(L"lumaris.exe", version_text(L"OriginalFilename"));
+    EXPECT_EQ(L"lumaris", version_text(L"InternalName"));
     EXPECT_EQ(L"Lumaris, the updater of Halvoro", version_text(L"FileDescription"));
 }
 
@@ -221,6 +236,29 @@ TEST_F(resources, demand_an_administrator) {
               manifest.find("<requestedExecutionLevel level=\"requireAdministrator\" uiAccess=\"false\"/>"));
     EXPECT_NE(std::string::npos, manifest.find("version=\"3.4.0.0\""));
     EXPECT_TRUE(manifest.ends_with("</assembly>\n"));
+    // Windows 10 and 11; without it the program is told of an older system.
+    EXPECT_NE(std::string::npos,
+              manifest.find("<supportedOS Id=\"{8e0f7a12-bfb3-4fe8-b9a5-48fd50a15a9a}\"/>"));
+}
+
+// The languages are told apart by all 16 bits: a block that stands under another sublanguage is found by nobody who asks for it.
+TEST_F(resources, stand_under_the_languages_of_their_texts) {
+    const auto languages = [&](WORD type, WORD name) {
+        std::vector<WORD> found;
+        ::EnumResourceLanguagesW(
+            m_program, MAKEINTRESOURCEW(type), MAKEINTRESOURCEW(name),
+            [](HMODULE, const wchar_t*, const wchar_t*, WORD language, LONG_PTR list) -> BOOL {
+                reinterpret_cast<std::vector<WORD>*>(list)->push_back(language);
+                return TRUE;
+            },
+            reinterpret_cast<LONG_PTR>(&found));
+        std::sort(found.begin(), found.end());
+        return found;
+    };
+    EXPECT_EQ((std::vector<WORD>{0x0409, 0x0424}), languages(11, 1));
+    EXPECT_EQ((std::vector<WORD>{0x0409, 0x041C, 0x0424}), languages(6, 1792));
+    EXPECT_EQ((std::vector<WORD>{0x0409}), languages(16, 1));
+    EXPECT_EQ((std::vector<WORD>{0x0000}), languages(24, 1));
 }
 
 // Read from the program, and from the test program, which gets them the same way.

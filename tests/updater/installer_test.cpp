@@ -15,17 +15,17 @@ namespace {
 // The common program files and the folders made below them.
 class common_files {
 public:
-    explicit common_files(std::wstring path) : m_path(std::move(path)) { m_token.elevation = 1; }
+    explicit common_files(std::wstring path) : m_path(std::move(path)) { token.elevation = 1; }
 
     HRESULT result = S_OK;
     bool gives_path = true;
     std::map<std::wstring, DWORD> errors; // of folders that cannot be made
     std::vector<std::wstring> made;
     int freed = 0;
+    fakes::token token;
 
 private:
     std::wstring m_path;
-    fakes::token m_token;
     support::script<decltype(::SHGetKnownFolderPath)> m_known{
         support::SHGetKnownFolderPath,
         [this](REFKNOWNFOLDERID id, DWORD flags, HANDLE user, wchar_t** path) -> HRESULT {
@@ -140,6 +140,14 @@ TEST(download_folder, of_an_elevated_process_is_below_the_common_program_files) 
                        L"C:\\Program Files\\Common Files\\Tavrin\\Lumaris\\"}),
               files.made);
     EXPECT_EQ(1, files.freed);
+}
+
+TEST(download_folder, takes_any_number_but_0_for_elevated) {
+    for (const DWORD elevation : {1U, 2U, 0x100U, 0xFFFFFFFFU}) {
+        common_files files(L"C:\\Common");
+        files.token.elevation = elevation;
+        EXPECT_EQ(L"C:\\Common\\Tavrin\\Lumaris\\", download_folder()) << elevation;
+    }
 }
 
 TEST(download_folder, adds_no_second_backslash) {

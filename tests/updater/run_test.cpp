@@ -4,6 +4,7 @@
 #include "tests/support/fake_winhttp.h"
 #include "tests/updater/fakes.h"
 #include "tests/updater/fixtures/signed_files.h"
+#include "updater/version.h"
 
 #include <gtest/gtest.h>
 
@@ -112,6 +113,11 @@ TEST(run, checks_where_the_network_cannot_be_asked) {
     tested.publish(fixtures::same);
     expect_done(tested);
     EXPECT_EQ(2U, tested.http.requests.size());
+}
+
+TEST(own_version, has_a_byte_for_each_of_its_components) {
+    EXPECT_EQ(0x03040000U, own_version);
+    EXPECT_STREQ("3.4.0", own_version_text);
 }
 
 TEST(run, installs_a_newer_version) {

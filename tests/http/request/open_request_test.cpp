@@ -438,6 +438,30 @@ TEST_F(open_request, wipes_a_very_long_expanded_proxy_password_of_the_registry) 
     expect_proxy_password_is_wiped(http, std::wstring(600, L'p'), [&] { open(); });
 }
 
+// A password in the address is no less a secret than one for the proxy.
+TEST_F(open_request, wipes_the_password_of_the_server) {
+    const std::wstring password = L"a password longer than a short string";
+    url.user_name = "user";
+    url.password = "a password longer than a short string";
+    bool seen = false;
+    support::freed_memory memory(password);
+    support::script set(support::WinHttpSetOption,
+                        [&](HINTERNET, DWORD number, LPVOID data, DWORD length) -> BOOL {
+                            if (number == 4097) {
+                                seen = true;
+                                EXPECT_EQ(password.size(), length);
+                                EXPECT_EQ(0, std::memcmp(data, password.data(), length * sizeof(wchar_t)));
+                                memory.watch(data);
+                            }
+                            return TRUE;
+                        });
+    open();
+    EXPECT_TRUE(seen);
+    EXPECT_EQ(0u, memory.found());
+    EXPECT_TRUE(memory.watched_block_was_released());
+    EXPECT_TRUE(memory.watched_block_was_zero());
+}
+
 // The system may have put a part of the text into a buffer that turned out too small.
 TEST_F(open_request, wipes_what_an_expansion_left_in_a_buffer_too_small) {
     const std::wstring password(900, L'p');
