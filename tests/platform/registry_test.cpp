@@ -144,7 +144,8 @@ std::wstring long_secret() {
 std::size_t pieces_left(const std::wstring& secret) {
     std::size_t found = 0;
     for (std::size_t i = 0; i + 8 <= looked_at; ++i) {
-        found += static_cast<std::size_t>(secret.find(std::wstring_view(left_behind + i, 8)) != std::wstring::npos);
+        found += static_cast<std::size_t>(secret.find(std::wstring_view(left_behind + i, 8)) !=
+                                          std::wstring::npos);
     }
     return found;
 }

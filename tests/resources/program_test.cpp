@@ -49,9 +49,11 @@ protected:
     std::size_t offset_of(DWORD address) const {
         std::size_t header = m_headers + offsetof(IMAGE_NT_HEADERS64, OptionalHeader) +
                              headers.FileHeader.SizeOfOptionalHeader;
-        for (WORD i = 0; i < headers.FileHeader.NumberOfSections; ++i, header += sizeof(IMAGE_SECTION_HEADER)) {
+        for (WORD i = 0; i < headers.FileHeader.NumberOfSections;
+             ++i, header += sizeof(IMAGE_SECTION_HEADER)) {
             const auto section = at<IMAGE_SECTION_HEADER>(header);
-            if (address >= section.VirtualAddress && address - section.VirtualAddress < section.SizeOfRawData) {
+            if (address >= section.VirtualAddress &&
+                address - section.VirtualAddress < section.SizeOfRawData) {
                 return section.PointerToRawData + (address - section.VirtualAddress);
             }
         }

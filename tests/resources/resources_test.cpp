@@ -198,7 +198,7 @@ TEST_F(resources, have_version_3_4_0_0) {
     EXPECT_EQ(0x00000000U, fixed.dwFileVersionLS);
     EXPECT_EQ(0x00030004U, fixed.dwProductVersionMS);
     EXPECT_EQ(0x00000000U, fixed.dwProductVersionLS);
-    EXPECT_EQ(1U, fixed.dwFileType); // VFT_APP
+    EXPECT_EQ(1U, fixed.dwFileType);        // VFT_APP
     EXPECT_EQ(0x00040004U, fixed.dwFileOS); // VOS_NT_WINDOWS32
     EXPECT_EQ(0U, fixed.dwFileFlags & fixed.dwFileFlagsMask) << "no debugging build, no private one";
     EXPECT_EQ(0x3FU, fixed.dwFileFlagsMask);
