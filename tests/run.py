@@ -23,7 +23,7 @@ sys.path.insert(0, str(TREE / "tests"))
 import plan  # noqa: E402  (the path to it is set above)
 from bed import windows  # noqa: E402
 
-SUITE_LIMIT = 900.0
+SUITE_LIMIT = 1800.0
 FUZZ_SECONDS = 5
 
 EXAMPLES = """examples:
