@@ -36,11 +36,12 @@ any_processor_when_short = (lambda test: test) if LONG else pytest.mark.any_proc
 
 VARIANT = "-endurance"
 
-# How much more a process may hold in the end. The first two go by themselves, and are waited for; objects are counted exactly. A heap
-# hands out small blocks from larger ones, and grows in steps, until there are enough of each size: bytes and pages may differ by a few
-# of these, not by something each round.
+# How much more a process may hold in the end. The first two go by themselves, and are waited for; objects are counted exactly. Wine's heap
+# hands out small blocks from groups of them, counts a group as used while one block of it is, and has ever more groups that are half
+# empty: 2000 updates made its 340 KB 560, while its pages stayed as they were.
 ALLOWED = {"handles": 0, "threads": 0, "objects": 0, "object_bytes": 0, "heaps": 0, "modules": 0,
-           "heap_bytes": (96 if LONG else 48) << 10, "private_bytes": 512 << 10}
+           "heap_bytes": 48 << 10, "private_bytes": 512 << 10}
+ALLOWED_IN_A_ROUND = {"heap_bytes": 400}
 
 Measures = dict[str, int]
 
@@ -81,15 +82,16 @@ def measures(run: FinishedRun) -> tuple[Measures, Measures]:
     return before, after
 
 
-def grown(before: Measures, after: Measures) -> list[str]:
-    """What there is more of than is allowed."""
-    return [name for name, allowed in ALLOWED.items() if after[name] > before[name] + allowed]
+def grown(before: Measures, after: Measures, count: int) -> list[str]:
+    """What there is more of than is allowed after so many rounds."""
+    return [name for name, allowed in ALLOWED.items()
+            if after[name] > before[name] + allowed + ALLOWED_IN_A_ROUND.get(name, 0) * count]
 
 
 def test_updates_leave_the_process_as_it_was(rounds: Callable[..., FinishedRun], world: World) -> None:
     before, after = measures(rounds("updates"))
     print(before, after)
-    assert grown(before, after) == []
+    assert grown(before, after, QUICK) == []
     # Each round asks for three descriptions and three packages: one is downloaded, one is there, one is not.
     assert len(world.requests) == (QUICK_WARM_UP + QUICK) * (3 * 2 + 2 + 1 + 1)
 
@@ -111,7 +113,7 @@ def expect_crashes(rounds: Callable[..., FinishedRun], crashes: CrashWorld, what
 def test_crashes_leave_the_process_as_it_was(rounds: Callable[..., FinishedRun], crashes: CrashWorld) -> None:
     before, after = expect_crashes(rounds, crashes, "quick-crashes", QUICK_WARM_UP, QUICK)
     print(before, after)
-    assert grown(before, after) == []
+    assert grown(before, after, QUICK) == []
 
 
 # The symbol engine of Wine keeps 1.6 KB of heap each time it is set up and taken down.
@@ -124,20 +126,20 @@ def test_crashes_with_the_symbol_engine_leave_the_process_as_it_was(rounds: Call
     print(before, after)
     after["heap_bytes"] -= ENGINE_BYTES * CRASHES
     after["private_bytes"] -= ENGINE_BYTES * 4 * CRASHES
-    assert grown(before, after) == []
+    assert grown(before, after, CRASHES) == []
 
 
 def test_reports_leave_the_process_as_it_was(rounds: Callable[..., FinishedRun], crashes: CrashWorld) -> None:
     before, after = measures(rounds("uploads"))
     print(before, after)
-    assert grown(before, after) == []
+    assert grown(before, after, QUICK) == []
     assert crashes.server.kinds == ["short", "full"] * (QUICK_WARM_UP + QUICK)
 
 
 def test_installing_and_removing_leaves_the_process_as_it_was(rounds: Callable[..., FinishedRun]) -> None:
     before, after = measures(rounds("component", count=10 * QUICK))
     print(before, after)
-    assert grown(before, after) == []
+    assert grown(before, after, QUICK) == []
 
 
 @pytest.mark.parametrize(("leak", "seen"), [
@@ -149,7 +151,7 @@ def test_installing_and_removing_leaves_the_process_as_it_was(rounds: Callable[.
 ])
 def test_a_leak_in_the_process_is_seen(rounds: Callable[..., FinishedRun], leak: str, seen: list[str]) -> None:
     before, after = measures(rounds("component", leak, warm_up=3, count=120))
-    found = grown(before, after)
+    found = grown(before, after, 120)
     assert [name for name in found if name in seen] == seen, (before, after)
 
 
