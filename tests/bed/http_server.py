@@ -11,6 +11,7 @@ import socket
 import ssl
 import struct
 import threading
+import time
 from collections.abc import Iterator
 from dataclasses import dataclass, field, replace
 from typing import BinaryIO
@@ -105,6 +106,8 @@ class ScriptedServer:
     requests: list[Request] = field(default_factory=list)
     instead_of_tls: Raw | None = None
     """What is sent to whoever connects, in the place of a TLS handshake."""
+    deaf: bool = False
+    """It takes connections, and nothing that comes over them."""
     repeated: int = 0
     """Bytes that went out in repetitions, as far as the system took them."""
 
@@ -136,6 +139,7 @@ class ScriptedServer:
         self.answers = {}
         self.requests = []
         self.instead_of_tls = None
+        self.deaf = False
         self.repeated = 0
 
     @property
@@ -166,6 +170,8 @@ class ScriptedServer:
                 with self._lock:
                     self._open.remove(plain)
                     self._open.add(connection)
+            while self.deaf:
+                time.sleep(0.1)
             for asked in _requests(connection):
                 with self._lock:
                     self.requests.append(asked)
