@@ -184,8 +184,12 @@ def output_of(command: list[str]) -> str:
 
 
 def source_of(name: str) -> str | None:
-    """The source's name relative to the tree, or None when it is neither the product's nor a tool's."""
-    name = re.sub(r"^(/src/|/lumaris/|\.\.?/)+", "", name.replace("\\", "/"))
+    """The source's name relative to the tree, or None when it is neither the product's nor a tool's.
+
+    llvm-cov puts names that were made relative behind the folder of the build, which is called .. or build; what is generated lies in
+    a second build.
+    """
+    name = re.sub(r"^(/src/|/lumaris/|build/(?!build/)|\.\.?/)+", "", name.replace("\\", "/"))
     return name if name.startswith(tuple(f"{folder}/" for folder in PRODUCT + TOOLS)) else None
 
 

@@ -1,0 +1,74 @@
+"""./dev coverage knows the product's sources by every name that they get, and fails where less ran than must."""
+
+import json
+import sys
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "toolchain"))
+
+from jobs import coverage  # noqa: E402  (the path to it is set above)
+from jobs.common import JobError  # noqa: E402
+
+FLOORS = {"portable": (50.0, 50.0, 50.0), "Windows": (50.0, 50.0, 50.0), "tools": (0.0, 0.0, 0.0)}
+
+
+@pytest.mark.parametrize("name, expected", [
+    ("/src/stream/file.cpp", "stream/file.cpp"), ("./stream/file.cpp", "stream/file.cpp"), ("../stream/file.cpp", "stream/file.cpp"),
+    ("build/stream/file.cpp", "stream/file.cpp"), ("/lumaris/stream/file.cpp", "stream/file.cpp"),
+    ("..\\http\\request\\wide.cpp", "http/request/wide.cpp"), ("/src/tools/report_reader/pdb.cpp", "tools/report_reader/pdb.cpp"),
+    ("build/build/updater/build_config.cpp", None), ("/src/build/x64-coverage/updater/build_config.cpp", None),
+    ("../tests/stream/file_test.cpp", None), ("/usr/include/c++/14/string", None), ("/opt/stream/file.cpp", None),
+])
+def test_sources_have_one_name(name: str, expected: str | None) -> None:
+    assert coverage.source_of(name) == expected
+
+
+def counted(ran: int) -> coverage.Counted:
+    """A source of ten lines, regions and branches, some of which ran."""
+    return coverage.Counted({line: line <= ran for line in range(1, 11)}, {(line, 1): line <= ran for line in range(1, 11)},
+                            {(line, 1, 1, 2, 1): line <= ran for line in range(1, 11)})
+
+
+@pytest.mark.parametrize("portable, windows, below", [(5, 5, []), (4, 5, ["portable"]), (5, 4, ["Windows"]), (0, 0, ["portable", "Windows"])])
+def test_a_half_below_its_floor_fails(tmp_path: Path, monkeypatch: pytest.MonkeyPatch, portable: int, windows: int, below: list[str]) -> None:
+    monkeypatch.setattr(coverage, "OUT", tmp_path)
+    native, other = {"stream/basic.cpp": counted(portable)}, {"stream/file.cpp": counted(windows)}
+    if not below:
+        coverage.judge(native, other, FLOORS)
+        return
+    with pytest.raises(JobError) as raised:
+        coverage.judge(native, other, FLOORS)
+    for half in ("portable", "Windows"):
+        for what in ("lines", "regions", "branches"):
+            assert (f"{half} {what}: " in str(raised.value)) == (half in below)
+
+
+def test_what_ran_in_either_half_ran(tmp_path: Path, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]) -> None:
+    monkeypatch.setattr(coverage, "OUT", tmp_path)
+    other = coverage.Counted({9: True, 10: True}, {(9, 1): True, (10, 1): True}, {(9, 1, 1, 2, 1): True, (10, 1, 1, 2, 1): True})
+    coverage.judge({"stream/basic.cpp": counted(8)}, {"stream/basic.cpp": other}, FLOORS)
+    assert "10 of 10 100.0 %" in capsys.readouterr().out
+    assert (tmp_path / "missed.txt").read_text(encoding="utf-8") == ""
+
+
+def test_lines_and_outcomes_that_were_missed_are_listed(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(coverage, "OUT", tmp_path)
+    monkeypatch.chdir(tmp_path)
+    (tmp_path / "stream").mkdir()
+    (tmp_path / "stream/basic.cpp").write_text("".join(f"    line {line};\n" for line in range(1, 11)), encoding="utf-8")
+    source = counted(8)
+    source.branches[(2, 7, 2, 9, 0)] = False
+    coverage.judge({"stream/basic.cpp": source}, {}, FLOORS)
+    assert (tmp_path / "missed.txt").read_text(encoding="utf-8") == \
+        "stream/basic.cpp:9-10: line 9;\nstream/basic.cpp:2:7: never false\n"
+
+
+def test_a_source_that_was_not_counted_fails(tmp_path: Path) -> None:
+    entries = [{"file": "/src/stream/basic.cpp"}, {"file": "/src/stream/file.cpp"}, {"file": "/src/tests/stream/file_test.cpp"}]
+    (tmp_path / "compile_commands.json").write_text(json.dumps(entries), encoding="utf-8")
+    coverage.check_all_are_there({"stream/basic.cpp": counted(1), "stream/file.cpp": counted(1)}, tmp_path)
+    with pytest.raises(JobError, match="nothing was counted of stream/file.cpp$"):
+        coverage.check_all_are_there({"stream/basic.cpp": counted(1)}, tmp_path)
