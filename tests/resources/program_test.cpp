@@ -1,6 +1,7 @@
 // How the program is linked, read from the built file itself: what protects it stands in its headers, and nothing else would show
 // that a link option got lost.
 #include "platform/system_strings.h"
+#include "stream/file.h"
 
 #include <windows.h>
 
@@ -21,14 +22,11 @@ protected:
         std::wstring path;
         pwrap::GetModuleFileNameW(nullptr, path);
         path.resize(path.rfind(L'\\'));
-        const HANDLE file = ::CreateFileW((path + L"\\..\\updater\\lumaris.exe").c_str(), GENERIC_READ,
-                                          FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-        ASSERT_NE(INVALID_HANDLE_VALUE, file) << "no ../updater/lumaris.exe beside the test program";
-        m_bytes.resize(::GetFileSize(file, nullptr));
-        DWORD size = 0;
-        EXPECT_TRUE(::ReadFile(file, m_bytes.data(), static_cast<DWORD>(m_bytes.size()), &size, nullptr));
-        EXPECT_EQ(m_bytes.size(), size);
-        ::CloseHandle(file);
+        corvo::stream::file file((path + L"\\..\\updater\\lumaris.exe").c_str(),
+                                 corvo::stream::mode_for_reading);
+        ASSERT_TRUE(file.ok()) << "no ../updater/lumaris.exe beside the test program";
+        m_bytes.resize(static_cast<std::size_t>(file.size()));
+        EXPECT_EQ(m_bytes.size(), file.read(m_bytes.data(), m_bytes.size()));
         const auto dos = at<IMAGE_DOS_HEADER>(0);
         ASSERT_EQ(IMAGE_DOS_SIGNATURE, dos.e_magic);
         m_headers = static_cast<std::size_t>(dos.e_lfanew);
