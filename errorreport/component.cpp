@@ -13,6 +13,12 @@
 #include <cstring>
 #include <system_error>
 
+// In no header of the platform. Flag 2 asks without waiting; the result is then 1 where the lock was got. The cookie is what unlocks it.
+extern "C" {
+__declspec(dllimport) LONG NTAPI LdrLockLoaderLock(ULONG flags, ULONG* result, ULONG_PTR* cookie);
+__declspec(dllimport) LONG NTAPI LdrUnlockLoaderLock(ULONG flags, ULONG_PTR cookie);
+}
+
 namespace corvo::errorreport {
 namespace {
 
@@ -22,9 +28,41 @@ component* installed = nullptr;
 constexpr DWORD start_up_limit = 30000; // ms
 constexpr DWORD report_limit = 10000;
 constexpr DWORD exit_limit = 100;
+constexpr DWORD end_limit = 2000;
 
 bool ended(DWORD wait_result) noexcept {
     return wait_result == WAIT_OBJECT_0 || wait_result == WAIT_ABANDONED;
+}
+
+// Whether the lock of the system's loader was got in time. Not waited for without a limit: a library that is being loaded may itself wait
+// for what a program holds while it ends, such as the run-time library's lock of the functions to be called at the exit.
+bool lock_loader(ULONG_PTR& cookie) noexcept {
+    const ULONGLONG begin = ::GetTickCount64();
+    do {
+        ULONG result = 0;
+        if (::LdrLockLoaderLock(2, &result, &cookie) >= 0 && result == 1) {
+            return true;
+        }
+        ::Sleep(1);
+    } while (::GetTickCount64() - begin < end_limit);
+    return false;
+}
+
+// Ends a thread of a program that goes on to its end, when the thread holds neither the lock of the system's loader nor that of the heap. It
+// spends much of its time in the first, with the libraries that an upload needs; nobody would give the lock back, and the process would wait
+// for it for ever. In this order: loading allocates.
+void end_thread(HANDLE thread) noexcept {
+    ULONG_PTR cookie = 0;
+    const bool loader = lock_loader(cookie);
+    const bool heap = ::HeapLock(::GetProcessHeap()) != FALSE;
+    ::TerminateThread(thread, 1);
+    ::WaitForSingleObject(thread, end_limit); // it has not ended when the call returns
+    if (heap) {
+        ::HeapUnlock(::GetProcessHeap());
+    }
+    if (loader) {
+        ::LdrUnlockLoaderLock(0, cookie);
+    }
 }
 
 // Runs the work and keeps to itself what goes wrong in it. An exception that left one of our threads or the filter would come to
@@ -165,7 +203,7 @@ void component::uninstall() noexcept {
     give_back();
     if (m_start_up_thread) {
         if (!ended(::WaitForSingleObject(m_start_up_thread.get(), exit_limit))) {
-            ::TerminateThread(m_start_up_thread.get(), 1);
+            end_thread(m_start_up_thread.get());
         }
         m_start_up_thread.free();
     }
@@ -208,6 +246,7 @@ void component::handle_crash() {
         if (::WaitForSingleObject(m_started.get(), report_limit) == WAIT_OBJECT_0) {
             ::WaitForSingleObject(m_reporting_thread.get(), INFINITE);
         } else {
+            // Whatever it holds: who crashed may hold as much, and the process does not wait for it (end_thread would).
             ::TerminateThread(m_reporting_thread.get(), 1);
         }
         m_reporting_thread.free();

@@ -11,10 +11,17 @@
 #include <csignal>
 #include <cstdlib>
 #include <functional>
+#include <future>
 #include <map>
 #include <optional>
 #include <set>
 #include <system_error>
+#include <thread>
+
+extern "C" {
+__declspec(dllimport) LONG NTAPI LdrLockLoaderLock(ULONG flags, ULONG* result, ULONG_PTR* cookie);
+__declspec(dllimport) LONG NTAPI LdrUnlockLoaderLock(ULONG flags, ULONG_PTR cookie);
+}
 
 using corvo::errorreport::component;
 using corvo::errorreport::note_text;
@@ -275,14 +282,35 @@ TEST_F(installing, removal_ends_a_start_up_thread_that_does_not_end_by_itself) {
     wait_results[start_up_thread()] = WAIT_TIMEOUT;
     calls.clear();
     subject.uninstall();
-    EXPECT_EQ((strings{"filter", "wait thread 0 100", "end thread 0 1"}), calls);
+    EXPECT_EQ((strings{"filter", "wait thread 0 100", "end thread 0 1", "wait thread 0 2000"}), calls);
 }
 
 TEST_F(installing, removal_ends_a_start_up_thread_that_cannot_be_waited_for) {
     subject.install();
     wait_results[start_up_thread()] = WAIT_FAILED;
+    calls.clear();
     subject.uninstall();
-    EXPECT_EQ("end thread 0 1", calls.back());
+    EXPECT_EQ((strings{"filter", "wait thread 0 100", "end thread 0 1", "wait thread 0 2000"}), calls);
+}
+
+TEST_F(installing, removal_does_not_wait_for_ever_for_a_library_that_is_being_loaded) {
+    subject.install();
+    wait_results[start_up_thread()] = WAIT_TIMEOUT;
+    std::promise<void> locked;
+    std::promise<void> removed;
+    std::thread loading([&] {
+        ULONG_PTR cookie = 0;
+        ::LdrLockLoaderLock(0, nullptr, &cookie);
+        locked.set_value();
+        removed.get_future().wait();
+        ::LdrUnlockLoaderLock(0, cookie);
+    });
+    locked.get_future().wait();
+    calls.clear();
+    subject.uninstall();
+    removed.set_value();
+    loading.join();
+    EXPECT_EQ((strings{"filter", "wait thread 0 100", "end thread 0 1", "wait thread 0 2000"}), calls);
 }
 
 TEST_F(installing, removal_takes_an_abandoned_start_up_thread_for_ended) {
