@@ -108,7 +108,6 @@ class Suite:
 
     name: str
     place: str
-    on_request: bool = False
 
 
 @dataclass
@@ -266,7 +265,7 @@ def judge(name: str, kind: str, sources: Collection[str], reports: Reports, left
             faults.append(f"{name} ran on {place}, and the plan says it does not")
     if kind == "on request":
         faults += [f"{name} ran in {suite.name}, and the plan says it runs on request only"
-                   for suite, outcome in by_suite.items() if outcome.ran and not suite.on_request]
+                   for suite, outcome in by_suite.items() if outcome.ran]
     if {X64, ARM64} <= required and not {X64, ARM64} & set(left_out) and outcomes[X64].ran and outcomes[ARM64].ran:
         lacking = outcomes[X64].passed - outcomes[ARM64].passed - outcomes[ARM64].failed - set(outcomes[ARM64].skipped)
         if lacking and kind != "partly x86-64 only":
@@ -298,7 +297,7 @@ def check(document: Path, tests: Path, results: Path, suites: Collection[Suite],
     reports = read_reports(results, [suite for suite in suites if suite.name not in left_out])
     places_left_out = {suite.place for suite in suites if suite.name in left_out}
     verdict.faults += plan.faults
-    verdict.faults += [f"there is no report of {suite.name}: run ./dev test" for suite in reports.missing if not suite.on_request]
+    verdict.faults += [f"there is no report of {suite.name}: run ./dev test" for suite in reports.missing]
     judged: set[tuple[str, str]] = set()
     named: set[str] = set()
     unshown_in_all = 0
@@ -335,7 +334,7 @@ def check_tree(left_out: Collection[str] = ()) -> Verdict:
     """Checks the plan of this tree."""
     import run  # noqa: PLC0415  (it imports this module in turn)
 
-    suites = [Suite(suite.name, PLACES[suite.architecture], suite.on_request) for suite in run.SUITES]
+    suites = [Suite(suite.name, PLACES[suite.architecture]) for suite in run.SUITES]
     return check(TREE / "docs/test_plan.md", TREE / "tests", run.RESULTS, suites, left_out)
 
 

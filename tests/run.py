@@ -62,7 +62,6 @@ class Suite:
     tags: frozenset[str]
     run: Callable[[Suite, argparse.Namespace], Result]
     architecture: str | None = None
-    on_request: bool = False
 
 
 def command(suite: Suite, arguments: list[str], *, log_name: str | None = None,
@@ -234,9 +233,8 @@ SUITES = (
 
 
 def select(only: list[str]) -> list[Suite]:
-    """The suites that --only asks for, or all but those that run on request alone."""
-    return [suite for suite in SUITES
-            if (suite.name in only or suite.tags & set(only) if only else not suite.on_request)]
+    """The suites that --only asks for, or all."""
+    return [suite for suite in SUITES if not only or suite.name in only or suite.tags & set(only)]
 
 
 def perform(suites: list[Suite], options: argparse.Namespace) -> dict[str, Result]:

@@ -401,7 +401,7 @@ def test_a_saved_report_that_is_a_link_is_read_where_it_leads(crashes: CrashWorl
     ("read-only", b"an earlier page"),
     ("held", b"an earlier page"),
     ("writable", PAGE_FOR_AN_ANSWER.body),
-])
+], ids=["folder", "read-only", "held", "writable"])
 def test_a_page_that_cannot_be_saved_does_not_hinder_the_report(crashes: CrashWorld, temporary: Path, kind: str,
                                                                 kept: bytes | None) -> None:
     page = temporary / "Odgovor.html"

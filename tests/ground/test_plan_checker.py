@@ -14,7 +14,7 @@ sys.path.insert(0, str(ROOT / "tests"))
 import plan  # noqa: E402  (the path to it is set above)
 
 SUITES = (plan.Suite("unit-x64", plan.X64), plan.Suite("unit-arm64", plan.ARM64), plan.Suite("e2e-x64", plan.X64),
-          plan.Suite("e2e-arm64", plan.ARM64), plan.Suite("native", plan.NATIVE), plan.Suite("long", plan.NATIVE, on_request=True))
+          plan.Suite("e2e-arm64", plan.ARM64), plan.Suite("native", plan.NATIVE))
 SOURCE = """
 TEST(stream, reads) {
 TEST_F(stream, writes) {
@@ -182,9 +182,6 @@ def test_a_test_on_request_must_exist_and_may_not_run_every_time(tree: Tree) -> 
         "plan.md:5: soak.longer-runs does not exist"
     faults = tree.check("- Lasts. [`test_run.test_runs`] (on request: takes an hour)").faults
     assert "plan.md:5: test_run.test_runs ran in e2e-x64, and the plan says it runs on request only" in faults
-    tree.report("long", ("tests.long.test_run", "test_lasts", FAILED))
-    assert only_fault(tree.check("- Lasts. [`test_run.test_lasts`] (on request: takes an hour)")) == \
-        "plan.md:5: test_run.test_lasts failed on native"
 
 
 def test_a_note_below_a_heading_is_for_all_cases_there(tree: Tree) -> None:
