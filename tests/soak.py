@@ -30,7 +30,7 @@ class Part:
 
 
 PARTS = (
-    Part("fuzz", 210, "every fuzz target for 30 minutes",
+    Part("fuzz", 121, "every fuzz target for 30 minutes",
          (sys.executable, "toolchain/job.py", "fuzz", "--seconds", "1800")),
     Part("coverage", 15, "which lines run in unit tests and whole runs together",
          (sys.executable, "toolchain/job.py", "coverage", "--whole-runs")),

@@ -5,10 +5,13 @@ build/fuzz/NAME and reused by the next run.
 """
 
 import argparse
+import re
 import subprocess
+import time
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
-from jobs.common import JobError
+from jobs.common import JobError, cores
 
 
 def add_parser(words: "argparse._SubParsersAction[argparse.ArgumentParser]") -> None:
@@ -29,11 +32,14 @@ def run(arguments: argparse.Namespace) -> None:
     for target in arguments.targets:
         if target not in existing:
             raise JobError(f"there is no fuzz target {target}; there are {', '.join(existing)}")
-    for target in arguments.targets or existing:
-        fuzz(target, arguments.seconds)
+    with ThreadPoolExecutor(cores()) as side_by_side:
+        findings = list(side_by_side.map(lambda target: fuzz(target, arguments.seconds), arguments.targets or existing))
+    if findings := [each for each in findings if each]:
+        raise JobError("; ".join(findings))
 
 
-def fuzz(target: str, seconds: int) -> None:
+def fuzz(target: str, seconds: int) -> str:
+    """Runs one target, its output in a file beside what it finds, and tells how far it came. Returns what it found, if anything."""
     found = Path("build/fuzz") / target
     found.mkdir(parents=True, exist_ok=True)
     command = [f"build/native-fuzz/fuzz/{target}", f"-max_total_time={seconds}", "-timeout=10", "-print_final_stats=1",
@@ -45,5 +51,15 @@ def fuzz(target: str, seconds: int) -> None:
     if dictionary.is_file():
         command.insert(1, f"-dict={dictionary}")
     print(f"dev: fuzzing {target} for {seconds} s", flush=True)
-    if subprocess.run(command, stdin=subprocess.DEVNULL, check=False).returncode:
-        raise JobError(f"{target} found something: the input is in {found}")
+    log = found.with_suffix(".log")
+    begin = time.monotonic()
+    with log.open("wb") as output:
+        status = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT, check=False).returncode
+    text = log.read_text(encoding="utf-8", errors="replace")
+    inputs = re.search(r"^stat::number_of_executed_units: *(\d+)$", text, re.MULTILINE)
+    print(f"dev: {target}: {int(inputs[1]) if inputs else 0:,} inputs in {time.monotonic() - begin:.0f} s, "
+          f"{'a finding' if status else 'no finding'} (log: {log})", flush=True)
+    if not status:
+        return ""
+    print(text[-4000:], flush=True)
+    return f"{target} found something: the input is in {found}"
