@@ -165,6 +165,20 @@ TEST(read_signature, of_another_first_byte_is_no_minisign_signature) {
                                            [] { read(std::string(100, 'A') + "\n"); });
 }
 
+TEST(read_signature, begins_with_an_upper_case_e_and_nothing_else) {
+    constexpr std::string_view digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    for (unsigned first = 0; first < 256; ++first) {
+        // The first byte is in the first digit and in the upper two bits of the second, whose others are those of "D".
+        const std::string begun{digits[first >> 2], digits[(first & 3) << 4 | 'D' >> 4]};
+        if (first == 'E') {
+            EXPECT_EQ(line.substr(0, 2), begun);
+        } else {
+            test::expect_throw<std::runtime_error>("not a Minisign signature",
+                                                   [&] { read(begun + line.substr(2) + "\n"); });
+        }
+    }
+}
+
 TEST(read_signature, looks_at_the_length_before_the_first_byte) {
     expect_too_short("AAAA\n");
 }

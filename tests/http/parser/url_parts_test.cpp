@@ -122,6 +122,15 @@ TEST(parse_url, the_host_may_be_an_address) {
     expect_parts("http://[fe80::1%25eth0]/", url_scheme::http, 80, "fe80::1%25eth0", "", "", "/");
 }
 
+TEST(parse_url, the_scope_of_an_address_is_made_of_unreserved_characters) {
+    const std::string host = "fe80::1%abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-._~";
+    expect_parts("http://[" + host + "]/", url_scheme::http, 80, host, "", "", "/");
+    for (const char other : std::string_view("!\"#$%&'()*+,/:;<=>?@[\\^`{|} \t\n\x7f\x80\xff")) {
+        expect_not_a_url(std::string("http://[fe80::1%a") + other + "b]/");
+    }
+    expect_not_a_url("http://[fe80::1%]/");
+}
+
 TEST(parse_url, an_absolute_host_name_keeps_its_dot) {
     expect_parts("http://host.example./x", url_scheme::http, 80, "host.example.", "", "", "/x");
 }
