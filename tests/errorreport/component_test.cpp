@@ -86,6 +86,12 @@ private:
         return "";
     }
 
+    // The test framework watches this thread, from its first failure or trace on, with a thread of its own, which must be there before
+    // threads are only recorded: else a failure hangs.
+    bool m_watched = [] {
+        SCOPED_TRACE("first");
+        return true;
+    }();
     test::temporary_folder m_folder;
     support::script<decltype(::CreateEventW)> m_event{
         support::CreateEventW,
