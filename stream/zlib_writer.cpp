@@ -67,9 +67,6 @@ std::size_t zlib_writer::write(const void* data, std::size_t length) {
         set_input(m_zstr, bytes + taken, piece);
         const bool handed_on = deflate_all(Z_NO_FLUSH);
         taken += piece - m_zstr.avail_in;
-        // The compressor keeps no pointer into the caller's data: it would still read from it when the stream is
-        // finished.
-        set_input(m_zstr, nullptr, 0);
         if (!handed_on) {
             m_state = m_source.state();
             break;
@@ -79,6 +76,7 @@ std::size_t zlib_writer::write(const void* data, std::size_t length) {
 }
 
 void zlib_writer::finish() {
+    // What a write that failed has left is the caller's, and may be gone.
     set_input(m_zstr, nullptr, 0);
     if (!deflate_all(Z_FINISH)) {
         const unsigned int number = last_error();

@@ -266,10 +266,21 @@ TEST_F(upload, that_fails_leaves_no_text_of_the_reply_before) {
 TEST_F(upload, takes_no_more_of_a_reply_than_comes) {
     auto cut = test::reply(200, "abc", L"text/plain");
     cut.content_length = 4000;
+    http.replies.push_back(test::reply(200, "a longer reply", L"text/plain"));
     http.replies.push_back(cut);
     upload_session session;
     send(session);
+    send(session);
     EXPECT_EQ(L"abc", session.reply_text());
+}
+
+TEST_F(upload, keeps_no_more_of_an_unexpected_reply_than_comes) {
+    auto cut = test::reply(200, "<p>", L"text/html");
+    cut.content_length = 4000;
+    http.replies.push_back(cut);
+    upload_session session;
+    EXPECT_THROW(send(session), std::runtime_error);
+    EXPECT_EQ("<p>", files.contents(L"Odgovor.html"));
 }
 
 TEST_F(upload, takes_a_reply_of_a_million_bytes) {

@@ -766,6 +766,16 @@ TEST_F(scripted_file, joins_both_halves_of_the_size) {
     EXPECT_EQ(0x0102030485060708U, m_stream.size());
 }
 
+TEST_F(scripted_file, does_not_take_a_low_half_of_all_ones_for_a_failure_of_before) {
+    const support::script<DWORD(HANDLE, LPDWORD)> size(
+        support::GetFileSize, [](HANDLE, LPDWORD high) -> DWORD {
+            *high = 1;
+            return 0xFFFFFFFF; // and leaves the last error alone
+        });
+    ::SetLastError(6);
+    EXPECT_EQ(0x1FFFFFFFFU, m_stream.size());
+}
+
 TEST_F(scripted_file, fails_where_the_system_cannot_cut_it) {
     BOOL result = FALSE;
     const support::script<BOOL(HANDLE)> cut(support::SetEndOfFile, [&](HANDLE) { return result; });

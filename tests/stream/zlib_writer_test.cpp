@@ -481,6 +481,24 @@ TEST_F(zlib_writer_failing, target_leaves_its_state_when_later_writes_succeed) {
     EXPECT_NO_THROW(writer.reset());
 }
 
+TEST_F(zlib_writer_failing, target_leaves_nothing_to_read_when_the_stream_is_finished) {
+    narrow_target target(0);
+    auto writer = std::make_unique<zlib_writer>(target);
+    {
+        const bytes data = noise(100000, 9);
+        EXPECT_LT(writer->write(data.data(), data.size()), data.size());
+    }
+    target.widen();
+    int called = 0;
+    scripted_deflate = [&](z_streamp stream, int flush) {
+        ++called;
+        EXPECT_EQ(0U, stream->avail_in);
+        return real_deflate(stream, flush);
+    };
+    writer.reset();
+    EXPECT_GE(called, 1);
+}
+
 TEST_F(zlib_writer_failing, to_set_up_throws_what_the_library_says) {
     narrow_target target;
     const auto expect = [&](int result, const char* text) {
