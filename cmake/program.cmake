@@ -1,5 +1,5 @@
 # lumaris_harden(TARGET): links a Windows program or library the way the product is linked. High-entropy
-# address layout and data execution prevention, libraries from System32 only, a PDB beside it, no symbols inside. No time stamps: where
+# address layout and data execution prevention, libraries from System32 only, a PDB beside it, and so no symbols inside. No time stamps: where
 # one belongs stands a hash of the program, the same for the same content, by which an error report tells which build it comes from.
 # The PDB keeps the linker's command line and folder, and its hash gets into the program: file names are relative to the build folder,
 # which is called as the compiler calls it.
@@ -8,7 +8,7 @@ function(lumaris_harden target)
     target_link_options(${target} PRIVATE
         -Wl,--dynamicbase -Wl,--high-entropy-va -Wl,--nxcompat -Wl,--no-insert-timestamp -Wl,-Xlink=-Brepro
         -Wl,-Xlink=-dependentloadflag:0x800 -Wl,-Xlink=-pdbaltpath:%_PDB%
-        -Wl,-Xlink=-pdbsourcepath:/lumaris/build -Wl,--pdb=${beside}.pdb -Wl,-s -Wl,-Map=${beside}.map)
+        -Wl,-Xlink=-pdbsourcepath:/lumaris/build -Wl,--pdb=${beside}.pdb -Wl,-Map=${beside}.map)
 endfunction()
 
 # lumaris_gui_program(TARGET): a program of the GUI subsystem that starts at wWinMain.

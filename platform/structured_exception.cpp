@@ -11,9 +11,9 @@ namespace pwrap {
 namespace {
 
 // Decides about an exception and keeps its code, which cannot be had any more once it has been handled. The C++ library raises its
-// exceptions under codes of its own, 0x20474343 to find a handler, 0x21474343 and 0x22474343 to unwind: they go on.
+// exceptions under this code, and those go on. A filter is asked while a handler is searched for, and never while the stack is unwound.
 int handle(DWORD raised, volatile DWORD& code) noexcept {
-    if ((raised & 0xFFFFFF) == 0x474343) {
+    if (raised == 0x20474343) {
         return EXCEPTION_CONTINUE_SEARCH;
     }
     code = raised;

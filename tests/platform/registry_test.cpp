@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string_view>
 #include <vector>
@@ -356,6 +357,25 @@ TEST(registry_value, leaves_nothing_of_itself_on_the_stack) {
         EXPECT_EQ(0U, pieces_left(secret)) << type;
         EXPECT_EQ(type == reg_expand_sz ? L"" : secret, value.text);
     }
+}
+
+// The same for the block that a longer text is expanded from. The heap has it back when this looks, and may have put notes of its own there.
+TEST(registry_value, leaves_nothing_of_itself_in_the_memory_that_it_gives_back) {
+    const std::wstring secret(2000, L'x');
+    scripted_value value(
+        {text_reply(more_data, reg_expand_sz, secret), text_reply(0, reg_expand_sz, secret)});
+    const wchar_t* block = nullptr;
+    const support::script expand(support::ExpandEnvironmentStringsW,
+                                 [&](const wchar_t* source, wchar_t* result, DWORD) -> DWORD {
+                                     EXPECT_EQ(secret, source);
+                                     block = source;
+                                     *result = L'\0';
+                                     return 1;
+                                 });
+    EXPECT_EQ(0, value.read());
+    std::wstring left(secret.size(), L'\0');
+    ::ReadProcessMemory(::GetCurrentProcess(), block, left.data(), left.size() * sizeof(wchar_t), nullptr);
+    EXPECT_EQ(0, std::ranges::count(left, L'x'));
 }
 
 // Proves that the look sees what is there.
