@@ -34,14 +34,14 @@ PARTS = (
          (sys.executable, "toolchain/job.py", "fuzz", "--seconds", "1800")),
     Part("coverage", 15, "which lines run in unit tests and whole runs together",
          (sys.executable, "toolchain/job.py", "coverage", "--whole-runs")),
-    Part("endurance", 35, "a hundred updates and a hundred crashes in one process and in one Windows, on both processors",
+    Part("endurance", 25, "a hundred updates and a hundred crashes in one process and in one Windows, on both processors",
          (sys.executable, "tests/endurance/long.py", "endurance")),
     Part("races", 12, "ten minutes of the error reporting's threads meeting at random moments, on both processors",
          (sys.executable, "tests/endurance/long.py", "races")),
     Part("faults", 40, "every fault of a server at every request, and every reply cut after every byte",
          (sys.executable, "-m", "pytest", "tests/e2e/test_server_faults.py", "tests/e2e/test_report_server_faults.py",
           "--every-byte", "-p", "no:cacheprovider", "-q")),
-    Part("mutations", 60, "the product broken in one place after another, which the tests must see",
+    Part("mutations", 35, "the product broken in one place after another, which the tests must see",
          (sys.executable, "tests/mutations/run.py")),
 )
 
