@@ -215,7 +215,15 @@ def test_a_redirection_is_followed_to_http_and_https_alone(world: World, bed: Be
     to = {"itself": path, "in a circle": "/circle"}.get(location, location)
     world.answer("/circle", Reply(b"", "302 Found", (f"Location: {path}",)))
     arrives = tuple(good.body if each == TAKEN else each for each in REDIRECTIONS[location])
-    suffer(world, path, Reply(b"", "302 Found", (f"Location: {to}",)), *arrives)
+    redirection = Reply(b"", "302 Found", (f"Location: {to}",))
+    if location.startswith("https:") and TAKEN in REDIRECTIONS[location] and path.endswith(".minisig"):
+        # What follows goes through the same connection object, which this platform has left with the other server's name and port but not
+        # with its TLS: that server resets it. Windows goes back to the first server, as it does for the http addresses above.
+        world.answer(path, redirection)
+        judge(world, world.run(), {f"{outer(PHASES[PHASES.index(path) + 1])}: {reason}" for reason in faults.RESET_BY_PEER})
+        heal(world)
+    else:
+        suffer(world, path, redirection, *arrives)
 
 
 def test_a_circle_of_redirections_is_left_after_a_few(world: World) -> None:

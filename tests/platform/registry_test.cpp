@@ -372,8 +372,8 @@ TEST(registry_value, leaves_nothing_of_itself_in_the_memory_that_it_gives_back) 
                                      *result = L'\0';
                                      return 1;
                                  });
+    std::wstring left(secret.size(), L'\0'); // not afterwards, when it would come to lie in that very block
     EXPECT_EQ(0, value.read());
-    std::wstring left(secret.size(), L'\0');
     ::ReadProcessMemory(::GetCurrentProcess(), block, left.data(), left.size() * sizeof(wchar_t), nullptr);
     EXPECT_EQ(0, std::ranges::count(left, L'x'));
 }
