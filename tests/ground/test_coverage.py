@@ -66,6 +66,21 @@ def test_lines_and_outcomes_that_were_missed_are_listed(tmp_path: Path, monkeypa
         "stream/basic.cpp:9-10: line 9;\nstream/basic.cpp:2:7: never false\n"
 
 
+def test_what_did_not_run_and_is_not_explained_fails() -> None:
+    all_of_it, some = counted(10), counted(9)
+    one_sided = coverage.Counted({1: True}, {(1, 1): True}, {(1, 1, 1, 2, 1): False, (1, 1, 1, 2, 0): True})
+    missed = coverage.missed_in_product({"stream/basic.cpp": all_of_it, "stream/file.cpp": some, "http/parser/url.h": one_sided,
+                                         "tools/report_reader/pdb.cpp": some})
+    assert missed == {"stream/file.cpp", "http/parser/url.h"}
+    table = "| where | what | why |\n|---|---|---|\n| `stream/file.cpp`, `http/parser/url.h` | a failure | cannot be made |\n`stream/basic.cpp` ran.\n"
+    coverage.check_explained(missed, table, all_of_it=True)
+    with pytest.raises(JobError, match="does not say why not all of stream/cache.cpp ran$"):
+        coverage.check_explained(missed | {"stream/cache.cpp"}, table, all_of_it=True)
+    coverage.check_explained({"stream/file.cpp"}, table, all_of_it=False)
+    with pytest.raises(JobError, match="says why not all of http/parser/url.h ran, and it did$"):
+        coverage.check_explained({"stream/file.cpp"}, table, all_of_it=True)
+
+
 def test_a_source_that_was_not_counted_fails(tmp_path: Path) -> None:
     entries = [{"file": "/src/stream/basic.cpp"}, {"file": "/src/stream/file.cpp"}, {"file": "/src/tests/stream/file_test.cpp"}]
     (tmp_path / "compile_commands.json").write_text(json.dumps(entries), encoding="utf-8")

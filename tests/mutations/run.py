@@ -55,7 +55,7 @@ SUITES = {
     "native": Suite("native-asan", ("unit_tests",), 200),
     "unit": Suite("x64-test", ("unit_tests", "bed_agent"), 300),
     "arm64": Suite("arm64-test", ("unit_tests", "bed_agent"), 400),
-    "e2e": Suite("x64-test", ("lumaris", "bed_agent", "bed_list_manager", "tests/crash/all"), 400),
+    "e2e": Suite("x64-test", ("lumaris", "bed_agent", "bed_list_manager", "tests/crash/all", "tests/stress/all"), 400),
     "ground": Suite("native-asan", ("read_report",), 300),
 }
 

@@ -94,6 +94,8 @@ def run(arguments: argparse.Namespace) -> None:
     check_all_are_there(native, NATIVE)
     check_all_are_there(windows, X64)
     judge(native, windows, WHOLE_FLOORS if arguments.whole_runs else UNIT_FLOORS)
+    check_explained(missed_in_product(united(native, windows)), Path("docs/coverage.md").read_text(encoding="utf-8"),
+                    all_of_it=not arguments.whole_runs)
 
 
 # Running
@@ -251,6 +253,21 @@ def judge(native: dict[str, Counted], windows: dict[str, Counted], floors: dict[
                if halves[half].percent(at) < floor]
     if too_low:
         raise JobError("coverage is below its floor\n" + "\n".join(too_low))
+
+
+def missed_in_product(everything: dict[str, Counted]) -> set[str]:
+    """The sources of the product in which a line did not run, or a condition had one outcome only."""
+    return {name for name, counted in everything.items()
+            if name.startswith(tuple(f"{folder}/" for folder in PRODUCT)) and not (all(counted.lines.values()) and all(counted.branches.values()))}
+
+
+def check_explained(missed: set[str], document: str, *, all_of_it: bool) -> None:
+    """The table of docs/coverage.md says why these sources did not run whole; and, where that is all of it, names no others."""
+    named = {name for line in document.splitlines() if line.startswith("| `") for name in re.findall(r"`([\w/]+\.(?:cpp|h))`", line)}
+    if without := sorted(missed - named):
+        raise JobError(f"docs/coverage.md does not say why not all of {', '.join(without)} ran")
+    if all_of_it and (ran := sorted(named - missed)):
+        raise JobError(f"docs/coverage.md says why not all of {', '.join(ran)} ran, and it did")
 
 
 def row(half: str, folder: str, sums: Sums) -> str:
