@@ -38,9 +38,9 @@ VARIANT = "-endurance"
 
 # How much more a process may hold in the end. The first two go by themselves, and are waited for; objects are counted exactly. Wine's heap
 # hands out small blocks from groups of them, counts a group as used while one block of it is, and has ever more groups that are half
-# empty: 2000 updates made its 340 KB 560, while its pages stayed as they were.
+# empty: 2000 updates made its 340 KB 560, while its pages stayed as they were, and 10 uploads may make its 630 KB 690.
 ALLOWED = {"handles": 0, "threads": 0, "objects": 0, "object_bytes": 0, "heaps": 0, "modules": 0,
-           "heap_bytes": 48 << 10, "private_bytes": 512 << 10}
+           "heap_bytes": 128 << 10, "private_bytes": 512 << 10}
 ALLOWED_IN_A_ROUND = {"heap_bytes": 400}
 
 Measures = dict[str, int]

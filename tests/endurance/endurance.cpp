@@ -183,7 +183,7 @@ void lose(const std::wstring& what) {
     if (what == L"handle") {
         require(::CreateEventW(nullptr, FALSE, FALSE, nullptr) != nullptr, "an event");
     } else if (what == L"memory") {
-        void* volatile block = ::operator new(1000);
+        void* volatile block = ::operator new(4000);
         require(block != nullptr, "memory");
         block = nullptr;
     } else if (what == L"thread") {
