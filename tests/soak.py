@@ -41,7 +41,7 @@ PARTS = (
     Part("faults", 25, "every fault of a server at every request, and every reply cut after every byte",
          (sys.executable, "-m", "pytest", "tests/e2e/test_server_faults.py", "tests/e2e/test_report_server_faults.py",
           "--every-byte", "-p", "no:cacheprovider", "-q")),
-    Part("mutations", 35, "the product broken in one place after another, which the tests must see",
+    Part("mutations", 40, "the product broken in one place after another, which the tests must see",
          (sys.executable, "tests/mutations/run.py")),
 )
 
