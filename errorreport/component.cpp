@@ -5,6 +5,7 @@
 #include "errorreport/report_crash.h"
 #include "errorreport/report_files.h"
 #include "platform/errors.h"
+#include "platform/loader_lock.h"
 #include "platform/system_strings.h"
 #include "platform/text.h"
 
@@ -12,12 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <system_error>
-
-// In no header of the platform. Flag 2 asks without waiting; the result is then 1 where the lock was got. The cookie is what unlocks it.
-extern "C" {
-__declspec(dllimport) LONG NTAPI LdrLockLoaderLock(ULONG flags, ULONG* result, ULONG_PTR* cookie);
-__declspec(dllimport) LONG NTAPI LdrUnlockLoaderLock(ULONG flags, ULONG_PTR cookie);
-}
 
 namespace corvo::errorreport {
 namespace {
@@ -39,7 +34,7 @@ bool ended(DWORD wait_result) noexcept {
 bool lock_loader(ULONG_PTR& cookie) noexcept {
     const ULONGLONG begin = ::GetTickCount64();
     do {
-        ULONG result = 0;
+        ULONG result = 0; // flag 2 asks without waiting, and result 1 is the lock
         if (::LdrLockLoaderLock(2, &result, &cookie) >= 0 && result == 1) {
             return true;
         }

@@ -351,7 +351,8 @@ word_fuzz() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
         printf '%s\n' 'usage: ./dev fuzz [TARGET]... [--seconds N]' '' \
             'Builds the fuzz targets (preset native-fuzz) and runs each named one, or all, for N seconds (default 60), one on each core.' \
-            'What they find is kept in build/fuzz/TARGET, and what they print in build/fuzz/TARGET.log.' '' 'examples:' '  ./dev fuzz' '  ./dev fuzz url_parser_fuzz --seconds 600'
+            'What they find is kept in build/fuzz/TARGET, and what they print in build/fuzz/TARGET.log.' \
+            '' 'examples:' '  ./dev fuzz' '  ./dev fuzz url_parser_fuzz --seconds 600'
         return
     fi
     need "${products_native[@]}"

@@ -2,6 +2,7 @@
 #include "errorreport/component.h"
 
 #include "platform/errors.h"
+#include "platform/loader_lock.h"
 #include "tests/errorreport/fake_stack.h"
 #include "tests/stream/temporary_folder.h"
 
@@ -17,11 +18,6 @@
 #include <set>
 #include <system_error>
 #include <thread>
-
-extern "C" {
-__declspec(dllimport) LONG NTAPI LdrLockLoaderLock(ULONG flags, ULONG* result, ULONG_PTR* cookie);
-__declspec(dllimport) LONG NTAPI LdrUnlockLoaderLock(ULONG flags, ULONG_PTR cookie);
-}
 
 using corvo::errorreport::component;
 using corvo::errorreport::note_text;

@@ -4,15 +4,11 @@
 //     ends_while_locked.exe loader|heap
 
 #include "errorreport/error_reporting.h"
+#include "platform/loader_lock.h"
 
 #include <windows.h>
 
 #include <cstring>
-
-extern "C" {
-__declspec(dllimport) LONG NTAPI LdrLockLoaderLock(ULONG flags, ULONG* result, ULONG_PTR* cookie);
-__declspec(dllimport) LONG NTAPI LdrUnlockLoaderLock(ULONG flags, ULONG_PTR cookie);
-}
 
 namespace {
 

@@ -93,8 +93,8 @@ def run(arguments: argparse.Namespace) -> None:
     windows = counted_in(X64, programs)
     check_all_are_there(native, NATIVE)
     check_all_are_there(windows, X64)
-    judge(native, windows, WHOLE_FLOORS if arguments.whole_runs else UNIT_FLOORS)
-    check_explained(missed_in_product(united(native, windows)), Path("docs/coverage.md").read_text(encoding="utf-8"),
+    everything = judge(native, windows, WHOLE_FLOORS if arguments.whole_runs else UNIT_FLOORS)
+    check_explained(missed_in_product(everything), Path("docs/coverage.md").read_text(encoding="utf-8"),
                     all_of_it=not arguments.whole_runs)
 
 
@@ -227,8 +227,8 @@ def united(native: dict[str, Counted], windows: dict[str, Counted]) -> dict[str,
     return result
 
 
-def judge(native: dict[str, Counted], windows: dict[str, Counted], floors: dict[str, tuple[float, float, float]]) -> None:
-    """Prints the tables and what did not run; fails where a half is below its floor."""
+def judge(native: dict[str, Counted], windows: dict[str, Counted], floors: dict[str, tuple[float, float, float]]) -> dict[str, Counted]:
+    """Prints the tables and what did not run; fails where a half is below its floor. Returns what ran in either half."""
     everything = united(native, windows)
     groups: dict[tuple[str, str], Sums] = {}
     halves: dict[str, Sums] = {half: Sums() for half in floors}
@@ -253,6 +253,7 @@ def judge(native: dict[str, Counted], windows: dict[str, Counted], floors: dict[
                if halves[half].percent(at) < floor]
     if too_low:
         raise JobError("coverage is below its floor\n" + "\n".join(too_low))
+    return everything
 
 
 def missed_in_product(everything: dict[str, Counted]) -> set[str]:
