@@ -18,16 +18,15 @@ from contextlib import ExitStack
 from dataclasses import dataclass
 from pathlib import Path
 
+import size_report
+
 TREE = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(TREE / "tests"))
-sys.path.insert(0, str(TREE / "tools"))
 
 from bed import certificates, isolation, settings, update_server, windows  # noqa: E402  (the path to it is set above)
 from bed.report_server import BODY, FULL_WANTED, HEAD, REPLIED, Answer, ReportServer, make_report_server  # noqa: E402
 from bed.services import Nginx  # noqa: E402
 from bed.signing import KeyPair  # noqa: E402
-
-import size_report  # noqa: E402
 
 MB = 1 << 20
 X64 = TREE / "build/x64-test"
@@ -199,7 +198,7 @@ def idle_run(bench: Bench) -> list[Verdict]:
     """A run with nothing to update, from start to exit."""
     path = update_server.description_path("win10", "stable")
     update_server.Publication(bench.files, bench.key).description(path, "3040000", "Halvoro 3.4.0")
-    product = bench.program(X64 / "updater/lumaris.exe")
+    product = bench.program(X64 / "src/updater/lumaris.exe")
     bare = bench.program(X64 / "bench/bench_bare_check.exe")
     loading = bench.program(X64 / "bench/bench_bare_check_libraries.exe")
     empty = bench.program(X64 / "bench/bench_empty.exe")
@@ -284,7 +283,7 @@ def crash_time(bench: Bench) -> list[Verdict]:
 
 def size(_: Bench) -> list[Verdict]:
     """What the product for ARM64 weighs, and what takes the room."""
-    program = ARM64 / "updater/lumaris.exe"
+    program = ARM64 / "src/updater/lumaris.exe"
     print(size_report.table(program))
     taken = program.stat().st_size
     return [Verdict("lumaris.exe for ARM64, stripped", f"{taken / 1024:.0f} KB", "at most 600 KB", taken <= SIZE_LIMIT)]

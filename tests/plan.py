@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Checks docs/test_plan.md against the sources and the reports of the tests.
+"""Checks docs/test_plan.md and the pages in docs/test_plan/ against the sources and the reports of the tests.
 
 Every case of the plan is a bullet: a sentence, and the tests that prove it. A test that is named must exist and must have
 passed in the last run on x86-64 and on ARM64, unless a note behind the bracket says otherwise and why. `./dev plan` runs
@@ -73,9 +73,10 @@ class Case:
 
 @dataclass
 class Section:
-    """A heading of the second level with the cases below it."""
+    """A heading of the second level with the cases below it, and the page that it stands in."""
 
     title: str
+    file: str
     cases: list[Case] = field(default_factory=list)
 
 
@@ -165,7 +166,7 @@ def parse(text: str, file: str) -> Plan:
                 level = min(len(heading[1]), 4)
                 default_kind.update({at: "" for at in range(level, 5)})
                 if level == 2:
-                    plan.sections.append(Section(heading[2]))
+                    plan.sections.append(Section(heading[2], file))
             elif note := _HEADING_NOTE.fullmatch(line.strip()):
                 default_kind[level] = note["kind"]
                 if note["kind"] == NOT_SHOWN:
@@ -289,10 +290,25 @@ def _row(title: str, *numbers: object) -> str:
     return f"{title:38}" + "".join(f" {number:>{width}}" for number, width in zip(numbers, (6, 6, 7, 6, 7, 8, 10), strict=True))
 
 
+def pages_of(document: Path) -> list[Path]:
+    """The document, and the pages in the folder of its name."""
+    return [document, *sorted(document.with_suffix("").glob("*.md"))]
+
+
+def read_plan(document: Path) -> Plan:
+    """All pages as one plan."""
+    plan = Plan()
+    for page in pages_of(document):
+        part = parse(page.read_text(encoding="utf-8"), page.name)
+        plan.sections += part.sections
+        plan.faults += part.faults
+    return plan
+
+
 def check(document: Path, tests: Path, results: Path, suites: Collection[Suite], left_out: Collection[str] = ()) -> Verdict:
     """Checks the plan. `left_out` names the suites that cannot run on this machine, which has been said elsewhere."""
     verdict = Verdict()
-    plan = parse(document.read_text(encoding="utf-8"), document.name)
+    plan = read_plan(document)
     sources = read_sources(tests)
     reports = read_reports(results, [suite for suite in suites if suite.name not in left_out])
     places_left_out = {suite.place for suite in suites if suite.name in left_out}
@@ -316,7 +332,7 @@ def check(document: Path, tests: Path, results: Path, suites: Collection[Suite],
                 for name in group.names:
                     if (name, group.kind) not in judged:
                         judged.add((name, group.kind))
-                        verdict.faults += [f"{document.name}:{case.line}: {fault}"
+                        verdict.faults += [f"{section.file}:{case.line}: {fault}"
                                            for fault in judge(name, group.kind, sources, reports, places_left_out)]
         unshown = sum(1 for case in section.cases if not case.groups)
         count(section.title, len(section.cases), names, unshown)

@@ -1,7 +1,7 @@
 # shellcheck shell=bash
 # The products of the cache, in the order in which they can be made, and which of them a job needs.
 
-product room-amd64 'room (Debian 13, tools and Wine)' 3200 make_room_amd64 \
+product room-amd64 'room (Debian 13, tools and Wine)' 4800 make_room_amd64 \
     'usr/bin/bash usr/bin/clang++-19 usr/bin/ld.lld-19 usr/bin/cmake usr/bin/ninja usr/bin/python3 usr/bin/wixl usr/bin/minisign usr/sbin/nginx usr/lib/wine/wine64 usr/bin/qemu-aarch64 usr/bin/clang-tidy-19 opt/lumaris/sources' \
     room-amd64.packages rooms.sh
 product room-arm64 'room for ARM64 programs (Debian 13, Wine)' 1000 make_room_arm64 \

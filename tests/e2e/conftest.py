@@ -87,7 +87,7 @@ def bed(request: pytest.FixtureRequest) -> Iterator[Bed]:
     build = _build_of(request)
     if reason := windows.available(architecture):
         pytest.exit(reason, returncode=3)
-    for name in ("updater/lumaris.exe", "tests/bed/windows/agent.exe", "tests/bed/windows/list_manager.dll"):
+    for name in ("src/updater/lumaris.exe", "tests/bed/windows/agent.exe", "tests/bed/windows/list_manager.dll"):
         if not (build / name).exists():
             pytest.exit(f"{build / name} is missing: it has not been built", returncode=3)
     network = isolation.enter()
@@ -98,7 +98,7 @@ def bed(request: pytest.FixtureRequest) -> Iterator[Bed]:
         server = stack.enter_context(ScriptedServer(80))
         machine = stack.enter_context(
             windows.Windows(architecture, network, build / "tests/bed/windows/agent.exe", privileged=False))
-        program = build / "updater/lumaris.exe"
+        program = build / "src/updater/lumaris.exe"
         keys = network.work / "keys"
         keys.mkdir()
         for name in ("test.pub", "test.key"):

@@ -17,7 +17,7 @@ from jobs import building, linting  # noqa: E402  (the path to it is set above)
 from jobs.common import JobError  # noqa: E402
 
 HEADER = "#pragma once\n\nnamespace corvo {\nint twice(int number);\n} // namespace corvo\n"
-SOURCE = '#include "platform/planted.h"\n\nnamespace corvo {\nint twice(int number) {\n    return 2 * number;\n}\n} // namespace corvo\n'
+SOURCE = '#include "src/platform/planted.h"\n\nnamespace corvo {\nint twice(int number) {\n    return 2 * number;\n}\n} // namespace corvo\n'
 
 Complaints = Callable[..., str]
 
@@ -38,7 +38,7 @@ def complaints_of_fixture(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Co
         shutil.copy(ROOT / name, tmp_path / name)
 
     def complaints(check: str, **files: str) -> str:
-        tree = {"platform/planted.h": HEADER, "platform/planted.cpp": SOURCE, "tools/planted.cpp": "int planted() {\n    return 1;\n}\n",
+        tree = {"src/platform/planted.h": HEADER, "src/platform/planted.cpp": SOURCE, "tools/planted.cpp": "int planted() {\n    return 1;\n}\n",
                 "tests/planted_test.cpp": "int planted() {\n    return 1;\n}\n",
                 "dev": "#!/bin/bash\necho dev\n", ".ci/run": "#!/bin/bash\necho run\n", "tools/planted.py": "print(1)\n", **files}
         for name, text in tree.items():
@@ -49,7 +49,7 @@ def complaints_of_fixture(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Co
             folder = tmp_path / "build" / preset
             folder.mkdir(parents=True, exist_ok=True)
             entries = [{"directory": str(tmp_path), "file": str(tmp_path / name),
-                        "command": f"/usr/bin/clang++-19 -std=c++20 -Wall -Wextra -Werror -I{tmp_path} -o planted.o -c {tmp_path / name}"}
+                        "command": f"/usr/bin/clang++-19 -std=c++20 -Wall -Wextra -Werror -I{tmp_path}/src -I{tmp_path} -o planted.o -c {tmp_path / name}"}
                        for name in tree if name.endswith(".cpp")]
             (folder / "compile_commands.json").write_text(json.dumps(entries), encoding="utf-8")
         return "\n".join(linting.CHECKS[check](False))
@@ -70,14 +70,14 @@ def test_a_complaint_fails_the_job(complaints_of: Complaints, capsys: pytest.Cap
 
 
 def test_format(complaints_of: Complaints) -> None:
-    said = complaints_of("format", **{"platform/planted.cpp": SOURCE.replace("    return", "  return")})
-    assert "platform/planted.cpp:4:" in said and "[-Wclang-format-violations]" in said
+    said = complaints_of("format", **{"src/platform/planted.cpp": SOURCE.replace("    return", "  return")})
+    assert "src/platform/planted.cpp:4:" in said and "[-Wclang-format-violations]" in said
 
 
 @pytest.mark.parametrize("files, expected", [
-    ({"platform/planted.h": HEADER.replace("#pragma once\n", "")}, "platform/planted.h: no #pragma once"),
-    ({"platform/planted.cpp": "#include <vector>\n" + SOURCE}, "platform/planted.cpp: does not include platform/planted.h first"),
-    ({"platform/planted.h": HEADER.replace("int number", "std::string number")}, "use of undeclared identifier 'std'"),
+    ({"src/platform/planted.h": HEADER.replace("#pragma once\n", "")}, "src/platform/planted.h: no #pragma once"),
+    ({"src/platform/planted.cpp": "#include <vector>\n" + SOURCE}, "src/platform/planted.cpp: does not include platform/planted.h first"),
+    ({"src/platform/planted.h": HEADER.replace("int number", "std::string number")}, "use of undeclared identifier 'std'"),
 ])
 def test_headers(complaints_of: Complaints, files: dict[str, str], expected: str) -> None:
     assert expected in complaints_of("headers", **files)
@@ -97,7 +97,7 @@ def test_shell(complaints_of: Complaints, file: str) -> None:
     ("int of(const int* p) {\n    return p == 0 ? 1 : *p;\n}", "modernize-use-nullptr"),
     ("struct no {\n    no& operator=(int);\n    void operator=(const no&);\n};", "misc-unconventional-assign-operator"),
 ])
-@pytest.mark.parametrize("file", ["platform/planted.cpp", "tools/planted.cpp"])
+@pytest.mark.parametrize("file", ["src/platform/planted.cpp", "tools/planted.cpp"])
 def test_tidy(complaints_of: Complaints, file: str, mistake: str, expected: str) -> None:
     said = complaints_of("tidy", **{file: within(mistake)})
     assert expected in said and file in said
@@ -116,15 +116,15 @@ def test_tidy_needs_something_to_look_at(complaints_of: Complaints) -> None:
     ("class kept {\npublic:\n    explicit kept(int a) {}\n\nprivate:\n    int m_number;\n};", "uninitMemberVar"),
     ("int of(int a) {\n    return a / 0;\n}", "zerodiv"),
 ])
-@pytest.mark.parametrize("file", ["platform/planted.cpp", "tests/planted_test.cpp"])
+@pytest.mark.parametrize("file", ["src/platform/planted.cpp", "tests/planted_test.cpp"])
 def test_cppcheck(complaints_of: Complaints, file: str, mistake: str, expected: str) -> None:
     said = complaints_of("cppcheck", **{file: within(mistake)})
     assert f"[{expected}]" in said and file in said
 
 
 def test_cppcheck_looks_at_the_style_of_the_product(complaints_of: Complaints) -> None:
-    said = complaints_of("cppcheck", **{"platform/planted.cpp": within("int of(int a) {\n    return (a & 0) == 1 ? 1 : 2;\n}")})
-    assert "platform/planted.cpp:" in said and ": style: " in said
+    said = complaints_of("cppcheck", **{"src/platform/planted.cpp": within("int of(int a) {\n    return (a & 0) == 1 ? 1 : 2;\n}")})
+    assert "src/platform/planted.cpp:" in said and ": style: " in said
 
 
 def test_cppcheck_needs_something_to_look_at(complaints_of: Complaints) -> None:

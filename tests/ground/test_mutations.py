@@ -17,7 +17,7 @@ SPECIFICATION.loader.exec_module(mutations)
 
 GOOD = {
     "name": "one",
-    "file": "updater/version.h",
+    "file": "src/updater/version.h",
     "old": "0x03040000",
     "new": "0x03040001",
     "why": "An update would be missed.",
@@ -35,8 +35,8 @@ def test_every_break_finds_its_text_once() -> None:
     assert len(breaks) >= 60
 
 
-@pytest.mark.parametrize("folder", ["updater", "minisign", "http/request", "http/parser", "errorreport", "stream", "platform",
-                                    "resources", "cmake"])
+@pytest.mark.parametrize("folder", ["src/updater", "src/minisign", "src/http/request", "src/http/parser", "src/errorreport",
+                                    "src/stream", "src/platform", "src/resources", "toolchain/cmake"])
 def test_every_part_of_the_product_is_broken_somewhere(folder: str) -> None:
     files = [entry["file"] for entry in tomllib.loads(mutations.LIST.read_text(encoding="utf-8"))["break"]]
     assert len([file for file in files if file.startswith(folder + "/")]) >= 3
@@ -44,15 +44,15 @@ def test_every_part_of_the_product_is_broken_somewhere(folder: str) -> None:
 
 def test_an_entry_is_read() -> None:
     (found,) = mutations.read_breaks(listed(GOOD))
-    assert (found.name, found.file, found.old, found.new) == ("one", "updater/version.h", "0x03040000", "0x03040001")
+    assert (found.name, found.file, found.old, found.new) == ("one", "src/updater/version.h", "0x03040000", "0x03040001")
     assert found.watches == (mutations.Watch("unit", ("own_version.*",)),)
     assert not found.by_compiler
 
 
 @pytest.mark.parametrize(("change", "complaint"), [
-    ({"old": "0x03050000"}, "one: its text stands 0 times in updater/version.h, not once"),
-    ({"old": "own_version"}, "one: its text stands 2 times in updater/version.h, not once"),
-    ({"file": "updater/none.h"}, "one: its text stands 0 times in updater/none.h, not once"),
+    ({"old": "0x03050000"}, "one: its text stands 0 times in src/updater/version.h, not once"),
+    ({"old": "own_version"}, "one: its text stands 2 times in src/updater/version.h, not once"),
+    ({"file": "src/updater/none.h"}, "one: its text stands 0 times in src/updater/none.h, not once"),
     ({"new": "0x03040000"}, "one: it changes nothing"),
     ({"why": " "}, "does not say why it matters"),
     ({"caught_by": []}, "or what is to see it"),

@@ -240,8 +240,17 @@ def test_a_plan_without_tests_is_a_fault(tree: Tree) -> None:
     assert only_fault(tree.check("    - Reads. [`stream.reads`]")) == "plan.md: no case names a test"
 
 
+def test_the_pages_in_the_folder_of_the_plan_are_part_of_it(tree: Tree) -> None:
+    folder = tree.document.with_suffix("")
+    folder.mkdir()
+    (folder / "more.md").write_text("# More\n\n## Further streams\n\n- Reads. [`stream.flies`]\n- Not a case\n", encoding="utf-8")
+    verdict = tree.check("- Reads. [`stream.reads`]")
+    assert [fault.split(": ")[0] for fault in verdict.faults] == ["more.md:6", "more.md:5"]
+    assert any(line.startswith("Further streams") for line in verdict.lines)
+
+
 def test_the_plan_of_this_tree_can_be_read() -> None:
-    document = plan.parse((ROOT / "docs/test_plan.md").read_text(encoding="utf-8"), "docs/test_plan.md")
+    document = plan.read_plan(ROOT / "docs/test_plan.md")
     assert document.faults == []
     sources = plan.read_sources(ROOT / "tests")
     assert [name for section in document.sections for case in section.cases for group in case.groups for name in group.names

@@ -14,8 +14,8 @@ import pytest
 
 ROOT = Path(__file__).resolve().parents[2]
 PROGRAM = ROOT / "build/native-asan/tools/report_reader/read_report"
-PDB = ROOT / "build/x64-test/updater/lumaris.pdb"
-MAP = ROOT / "build/x64-test/updater/lumaris.map"
+PDB = ROOT / "build/x64-test/src/updater/lumaris.pdb"
+MAP = ROOT / "build/x64-test/src/updater/lumaris.map"
 
 # "TZO1", ARM64, access violation on writing to 0x10, no notes, then frames.
 HEAD = bytes.fromhex("545A4F31 64AA 050000C0 00000000 4915 00A0F67F0000 02000000 0100000000000000 1000000000000000")

@@ -13,7 +13,7 @@ TEST_KEY = "RWSdBpKBlweqR1j6w5PtEHraf1utWMH9IJH8L35Y81QL0NeT6UiVgEfv"
 PROJECT = f"""
 cmake_minimum_required(VERSION 3.25)
 project(key LANGUAGES NONE)
-include({ROOT}/cmake/trusted_key.cmake)
+include({ROOT}/toolchain/cmake/trusted_key.cmake)
 message(STATUS "id: ${{LUMARIS_KEY_ID_BYTES}}")
 message(STATUS "key: ${{LUMARIS_KEY_BYTES}}")
 """

@@ -53,7 +53,7 @@ def built_fixture() -> Built:
          f"-DLUMARIS_REPORT_HOST={REPORT_HOST}")
     _run("ninja", "-C", str(folder), "lumaris")
     lines = {name: (ROOT / "tests/keys" / name).read_text(encoding="ascii").splitlines()[1] for name in ("test.pub", "test.key")}
-    return Built((folder / "updater/lumaris.exe").read_bytes(), (folder / "updater/lumaris.pdb").read_bytes(),
+    return Built((folder / "src/updater/lumaris.exe").read_bytes(), (folder / "src/updater/lumaris.pdb").read_bytes(),
                  program.Configuration("3.4.0", key, UPDATE_HOST, REPORT_HOST), program.TestKey(lines["test.pub"], lines["test.key"]),
                  program.read_allowed((ROOT / "tools/release/imports.txt").read_text(encoding="utf-8")))
 

@@ -367,9 +367,9 @@ def test_debug_data_of_another_kind_is_told(built: Built) -> None:
 
 
 @pytest.mark.parametrize("name", [
-    "/src/updater/main.cpp", "/home/somebody/lumaris", "/root/build", "/tmp/x1/y", "/opt/lumaris/toolchain-aarch64/include/c++/v1/string",
-    "C:\\Users\\somebody", "D:/work/x", "\\src\\updater\\main.cpp", "updater/main.cpp", "component.cpp", "build/libz.a", "updater.h",
-    "/lumaris/updater/run.cpp", "\\toolchain\\llvm\\libcxx\\src\\string.cpp",
+    "/src/src/updater/main.cpp", "/home/somebody/lumaris", "/root/build", "/tmp/x1/y", "/opt/lumaris/toolchain-aarch64/include/c++/v1/string",
+    "C:\\Users\\somebody", "D:/work/x", "\\src\\src\\updater\\main.cpp", "src/updater/main.cpp", "component.cpp", "build/libz.a", "updater.h",
+    "/lumaris/src/updater/run.cpp", "\\toolchain\\llvm\\libcxx\\src\\string.cpp",
 ])
 @pytest.mark.parametrize("coding", ["ascii", "utf-16-le"])
 def test_a_path_of_a_machine_is_told(built: Built, name: str, coding: str) -> None:
@@ -487,7 +487,7 @@ def test_a_pdb_of_another_build_is_told(built: Built) -> None:
     assert re.fullmatch(r"the PDB is \{[0-9a-f-]{36}\}, age 1, not the one that the program asks for", complaints[0])
 
 
-@pytest.mark.parametrize("name", ["/src/updater/main.cpp", "/home/somebody/x.cpp", "/tmp/build/y.obj", "C:\\Users\\me/x.cpp"])
+@pytest.mark.parametrize("name", ["/src/src/updater/main.cpp", "/home/somebody/x.cpp", "/tmp/build/y.obj", "C:\\Users\\me/x.cpp"])
 def test_a_pdb_that_names_a_folder_of_the_machine_is_told(built: Built, name: str) -> None:
     place = built.pdb.index(b"\0/lumaris/") + 1
     longer = built.pdb[:place] + name.encode() + b"\0" + built.pdb[place + len(name) + 1:]

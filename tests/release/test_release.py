@@ -174,9 +174,9 @@ def test_the_default_hosts_are_warned_of_where_they_are_allowed(release: ModuleT
 
 def test_sources_that_are_not_committed_are_refused(release: ModuleType, tmp_path: Path, monkeypatch: pytest.MonkeyPatch, built: Built,
                                                     environment: None, capsys: pytest.CaptureFixture[str]) -> None:
-    steps = Steps(release, tmp_path, monkeypatch, (built.program, built.pdb), changed=["updater/main.cpp"])
+    steps = Steps(release, tmp_path, monkeypatch, (built.program, built.pdb), changed=["src/updater/main.cpp"])
     assert steps("make") == EXIT_REFUSED
-    assert "release: REFUSED: 1 files are not as committed (updater/main.cpp): nobody else could build this" in capsys.readouterr().err
+    assert "release: REFUSED: 1 files are not as committed (src/updater/main.cpp): nobody else could build this" in capsys.readouterr().err
     assert steps("make", "--allow-changes") == 0
     assert "release: WARNING: the sources are not those of the commit" in capsys.readouterr().out
     assert json.loads((steps.candidate / "candidate.json").read_text(encoding="utf-8"))["commit"] == "ab" * 20 + " with changes"
@@ -236,7 +236,7 @@ def test_the_version_and_the_default_hosts_are_those_of_the_build(release: Modul
 
 def test_the_copy_of_the_sources_is_what_is_not_ignored(release: ModuleType, tmp_path: Path) -> None:
     release.builds.copy_sources(tmp_path)
-    assert (tmp_path / "updater/main.cpp").read_bytes() == (ROOT / "updater/main.cpp").read_bytes()
+    assert (tmp_path / "src/updater/main.cpp").read_bytes() == (ROOT / "src/updater/main.cpp").read_bytes()
     assert (tmp_path / "CMakePresets.json").is_file()
     assert not (tmp_path / "build").exists() and not (tmp_path / ".git").exists()
 

@@ -19,7 +19,7 @@ from pathlib import Path
 from jobs import building
 from jobs.common import JobError
 
-PRODUCT = ("platform", "stream", "http/parser", "http/request", "minisign", "errorreport", "updater")
+PRODUCT = tuple(f"src/{name}" for name in ("platform", "stream", "http/parser", "http/request", "minisign", "errorreport", "updater"))
 TOOLS = ("tools/report_reader",)
 NATIVE = Path("build/native-coverage")
 X64 = Path("build/x64-coverage")
@@ -87,7 +87,7 @@ def run(arguments: argparse.Namespace) -> None:
             run_whole()
     # The programs themselves hold what is no part of the unit tests. That did not run, but it is there.
     native = counted_in(NATIVE, [NATIVE / "tests/unit_tests", NATIVE / "tools/report_reader/read_report"])
-    programs = [X64 / "tests/unit_tests.exe", X64 / "updater/lumaris.exe"]
+    programs = [X64 / "tests/unit_tests.exe", X64 / "src/updater/lumaris.exe"]
     if arguments.whole_runs:
         programs += sorted((X64 / "tests/crash").glob("crash_*.exe"))
     windows = counted_in(X64, programs)

@@ -14,8 +14,8 @@ from pathlib import Path
 from jobs import building
 from jobs.common import JobError, cores
 
-PRODUCT_FOLDERS = ("platform", "stream", "http", "minisign", "errorreport", "updater")
-SOURCE_FOLDERS = (*PRODUCT_FOLDERS, "tests", "bench", "fuzz", "tools", "toolchain")
+PRODUCT_FOLDERS = ("src",)
+SOURCE_FOLDERS = ("src", "tests", "bench", "fuzz", "tools", "toolchain")
 SUPPRESSIONS = Path(__file__).parents[1] / "cppcheck.suppressions"
 # Of the tests it does not see that a lambda uses what it has captured, nor what the assertions of the framework compare: their style is
 # not looked at.
@@ -109,8 +109,9 @@ def check_headers(_fix: bool) -> Iterable[str]:
         source = header.with_suffix(".cpp")
         if source.exists():
             first = re.search(r'^#include\s+["<]([^">]+)[">]', source.read_text(encoding="utf-8"), re.MULTILINE)
-            if first is None or first.group(1) != str(header):
-                yield f"{source}: does not include {header} first"
+            name = header.relative_to("src") if header.parts[0] == "src" else header
+            if first is None or first.group(1) != str(name):
+                yield f"{source}: does not include {name} first"
     entries = entries_of("x64-test")
     # The tools, with their tests and the fuzz targets, are built natively alone.
     known = {entry["file"] for entry in entries}
@@ -139,7 +140,7 @@ def check_cppcheck(_fix: bool) -> Iterable[str]:
             yield f"cppcheck has nothing to look at in {', '.join(folders)}"
             continue
         yield from complaints_of([["cppcheck", f"--enable={enabled}", "--std=c++20", "--language=c++", "--platform=win64",
-                                   "--library=windows,googletest", "--check-level=exhaustive", "-I.", "--quiet", f"-j{cores()}",
+                                   "--library=windows,googletest", "--check-level=exhaustive", "-Isrc", "-I.", "--quiet", f"-j{cores()}",
                                    "--error-exitcode=1", f"--suppressions-list={SUPPRESSIONS}",
                                    "--template={file}:{line}:{column}: {severity}: {message} [{id}]", *there]])
 

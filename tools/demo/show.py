@@ -240,7 +240,7 @@ class Show:
         self._timeline.add("demo", text)
 
     def _program_file(self, name: str) -> Path:
-        folder = "updater" if name == "lumaris.exe" else "tests/bed/windows"
+        folder = "src/updater" if name == "lumaris.exe" else "tests/bed/windows"
         return self._build / folder / name
 
 

@@ -35,7 +35,7 @@ class Build:
     @staticmethod
     def read(folder: Path) -> Build:
         """Reads it out of the build folder."""
-        return Build((folder / "updater/lumaris.exe").read_bytes(), (folder / "updater/lumaris.pdb").read_bytes())
+        return Build((folder / "src/updater/lumaris.exe").read_bytes(), (folder / "src/updater/lumaris.pdb").read_bytes())
 
 
 @dataclass(frozen=True)

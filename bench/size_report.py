@@ -1,6 +1,6 @@
 """Says what takes the room in a linked program, by the library that each piece came from.
 
-    python3 tools/size_report.py build/arm64-release/updater/lumaris.exe
+    python3 bench/size_report.py build/arm64-release/src/updater/lumaris.exe
 
 Runs in the room (./dev shell); reads the map that the linker wrote beside the program (PROGRAM.map).
 """
@@ -53,10 +53,10 @@ def _origin(piece: str, section: str, members: dict[str, str]) -> str:
 
 def by_origin(program: Path) -> Counter[str]:
     """Bytes of the program file by origin; they add up to its size."""
-    build = program.parents[1]
+    build = program.parents[2]
     arch = "aarch64" if "arm64" in build.name else "x86_64"
     toolchain, deps = Path(f"/opt/lumaris/toolchain-{arch}"), Path(f"/opt/lumaris/deps-{arch}")
-    ours = [archive for folder in (*sorted(_OURS), "http") for archive in sorted((build / folder).glob("**/lib*.a"))]
+    ours = [archive for folder in (*sorted(_OURS), "http") for archive in sorted((build / "src" / folder).glob("**/lib*.a"))]
     members = _members([*ours, deps / "lib/libsodium.a", *(toolchain / f"lib/lib{name}.a" for name in ("c++abi", "c++", "unwind")),
                         *sorted(toolchain.glob("resource/**/libclang_rt.builtins*.a"))])
     counted: Counter[str] = Counter()
