@@ -17,7 +17,7 @@ from jobs import building, linting  # noqa: E402  (the path to it is set above)
 from jobs.common import JobError  # noqa: E402
 
 HEADER = "#pragma once\n\nnamespace corvo {\nint twice(int number);\n} // namespace corvo\n"
-SOURCE = '#include "src/platform/planted.h"\n\nnamespace corvo {\nint twice(int number) {\n    return 2 * number;\n}\n} // namespace corvo\n'
+SOURCE = '#include "platform/planted.h"\n\nnamespace corvo {\nint twice(int number) {\n    return 2 * number;\n}\n} // namespace corvo\n'
 
 Complaints = Callable[..., str]
 
