@@ -12,6 +12,7 @@ below the cache folder, once) and then its job. It needs a Debian-like machine, 
   test     builds everything and runs all tests
   build    builds: arm64 (the product), x64, native, or any preset
   release  makes a release: builds twice, compares, checks, signs, with checksums and a bill of materials
+  installer packs the program with its task, event source and folder into lumaris-VERSION-arm64.msi
   bench    measures, and compares with what is to be reached
   fuzz     runs the fuzz targets
   soak     the long tests that ./dev test leaves out, each with its time
@@ -334,6 +335,62 @@ word_release() {
 
 job_release() { check_after_failure in_room python3 tools/release "$@"; }
 
+installer_help() {
+    cat <<'END'
+usage: ./dev installer --key KEY [--update-host HOST] [--report-host HOST] [--program PROGRAM] [--output FOLDER]
+                       [--certificate CERT --certificate-key KEY | --pkcs12 FILE] [--password-file FILE] [--authority CERT]
+
+Builds for ARM64 and packs lumaris.exe, the event source, the folder for packages and logs and the scheduled task into
+lumaris-VERSION-arm64.msi, checks the tables of the package, and signs it. packaging/installer/lumaris.wxs describes the same for
+Halvoro's own package. docs/administrators.md says how it is installed.
+
+  --key KEY               the trusted public key: the line that minisign prints, or a .pub file
+  --update-host HOST, --report-host HOST
+                          what the program is built with
+  --program PROGRAM       packs this lumaris.exe, such as the signed one of ./dev release, and not the one that is built
+  --output FOLDER         where the package goes (default: build/installer)
+  --certificate CERT, --certificate-key KEY
+                          signs with this certificate (PEM, with the certificates up to its root) and its key
+  --pkcs12 FILE           signs with the certificate and the key in this file
+  --password-file FILE    the password of the key or of the PKCS#12 file
+  --authority CERT        the root to check the signature against (default: what came with the certificate)
+
+examples:
+  ./dev installer --key halvoro.pub
+  ./dev installer --key halvoro.pub --program build/release/lumaris.exe --pkcs12 tavrin.p12 --password-file password
+END
+}
+
+word_installer() {
+    local files=() output='' key i release_ship=()
+    while (($#)); do
+        [[ $1 != --help && $1 != -h ]] || { installer_help; return; }
+        [[ $1 == --* ]] || die "unknown argument $1" "See ./dev installer --help."
+        [[ -n ${2:-} ]] || die "unknown option $1, or nothing behind it" "See ./dev installer --help."
+        case $1 in
+        --key)
+            key=$2
+            [[ ! -f $key ]] || key=$(grep -v '^untrusted comment:' "$key" | head -n 1)
+            export LUMARIS_PUBLIC_KEY=$key
+            ;;
+        --update-host) export LUMARIS_UPDATE_HOST=$2 ;;
+        --report-host) export LUMARIS_REPORT_HOST=$2 ;;
+        --output) output=$2 ;;
+        --program | --certificate | --certificate-key | --pkcs12 | --password-file | --authority) files+=("$1" "$2") ;;
+        *) die "unknown option $1" "See ./dev installer --help." ;;
+        esac
+        shift 2
+    done
+    need "${products_arm64[@]}"
+    check_namespaces
+    make_run_folder
+    for ((i = 0; i < ${#files[@]}; i += 2)); do release_file "${files[i]}" "${files[i + 1]}"; done
+    job build arm64-release || return
+    check_after_failure in_room python3 tools/installer "${release_ship[@]}" || return
+    [[ -n $output ]] || return 0
+    mkdir -p -- "$output" && cp -- "$here"/build/installer/lumaris-*-arm64.msi "$output/" || die "cannot write to $output"
+}
+
 word_bench() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
         printf '%s\n' 'usage: ./dev bench [options of bench/run.py]' '' \
@@ -426,7 +483,7 @@ main() {
     trap 'exit 130' INT
     trap 'exit 143' TERM HUP
     case $word in
-    run | test | build | release | bench | fuzz | soak | plan | coverage | lint | shell) "word_$word" "$@" ;;
+    run | test | build | release | installer | bench | fuzz | soak | plan | coverage | lint | shell) "word_$word" "$@" ;;
     --help | -h | help) help_text ;;
     '') help_text >&2; exit 2 ;;
     *) die "unknown word: $word" "See ./dev --help." ;;

@@ -99,9 +99,9 @@ class World:
         self.publish(path, text.encode() if isinstance(text, str) else text)
 
     def offer(self, *, url: str = FOLDER_URL, package: str | None = PACKAGE, content: bytes = PACKAGE_CONTENT,
-              version: str = "3040100") -> None:
+              version: str = "3040100", description: str = DESCRIPTION) -> None:
         """Offers an update: the description, and the package where one is given."""
-        self.describe(f"{version}\nHalvoro 3.4.1\n{url}\n")
+        self.describe(f"{version}\nHalvoro 3.4.1\n{url}\n", path=description)
         if package is not None:
             self.publish(package, content)
 

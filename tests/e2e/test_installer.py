@@ -1,0 +1,358 @@
+"""Lumaris's own installer package on a machine: installed, run from its task, kept through upgrades, removed without a trace."""
+
+from __future__ import annotations
+
+import re
+import shutil
+import sys
+import xml.etree.ElementTree as ElementTree
+from collections.abc import Iterator
+from dataclasses import dataclass
+from pathlib import Path
+
+import pytest
+
+from bed import settings
+from bed.snapshot import Snapshot
+from bed.windows import FinishedRun, Windows, windows_path
+from world import PACKAGE_CONTENT, Bed, World
+
+TREE = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(TREE / "tools/installer"))
+
+import package as packaging  # noqa: E402  (the path to it is set above)
+import tables as checks  # noqa: E402
+
+PROGRAM = "C:\\Program Files\\Tavrin\\Halvoro\\lumaris.exe"
+TASK = "C:\\windows\\system32\\tasks\\Tavrin\\Halvoro update"
+EVENTS = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\HalvoroUpdate"
+NAMESPACE = {"t": "http://schemas.microsoft.com/windows/2004/02/mit/task"}
+
+UNAVOIDABLE = (
+    r"HKEY_LOCAL_MACHINE\\Software\\(Classes|Microsoft\\Windows\\CurrentVersion)\\Installer(\\[^ ]+)?: None -> ",
+    r"HKEY_LOCAL_MACHINE\\System\\\w+\\Control\\ServiceCurrent -> .*",
+    r'HKEY_LOCAL_MACHINE\\System\\\w+\\Services\\Schedule -> "Start": .*',
+)
+
+# Exit codes of msiexec.
+INSTALL_FAILURE = 1603
+
+
+@dataclass
+class Installer:
+    """The packages, and the machine on which they are installed and removed."""
+
+    machine: Windows
+    bed: Bed
+    folder: Path
+    programs: Path
+
+    def package(self, version: str = "3.4.0", more: bytes = b"") -> Path:
+        """The package of a version. All carry the same programs, but for what is put behind the bytes of lumaris.exe."""
+        file = self.folder / f"lumaris-{version}.msi"
+        if more or not file.exists():
+            with (self.programs / "lumaris.exe").open("wb") as program:
+                program.write(self.bed.program_file.read_bytes() + more)
+            packaging.make(self.programs, self.machine.architecture, version, file)
+            # Windows tells the version that is being replaced so, in UPGRADINGPRODUCTCODE. Wine does not; what it removes for a
+            # newer version can then be told apart only by the name of the feature, where a removal has ALL.
+            packaging.run("msibuild", str(file), "-q", "UPDATE `Upgrade` SET `Remove` = 'Lumaris' WHERE `ActionProperty` = 'WIX_UPGRADE_DETECTED'")
+        return file
+
+    def msiexec(self, how: str, package: Path, properties: str = "") -> FinishedRun:
+        """Runs msiexec to its end."""
+        log = self.folder / "msiexec.log"
+        log.unlink(missing_ok=True)
+        return self.machine.run(f'msiexec {how} "{windows_path(package)}" /qn /norestart /l*v "{windows_path(log)}" {properties}', limit=120, settle=60)
+
+    @property
+    def log(self) -> str:
+        """What the installer logged at last."""
+        return (self.folder / "msiexec.log").read_bytes().decode("utf-8", "replace")
+
+    def install(self, version: str = "3.4.0", properties: str = "") -> None:
+        """Installs a version."""
+        run = self.msiexec("/i", self.package(version), properties)
+        assert run.exit_code == 0, self.log[-3000:]
+
+    def remove(self, version: str = "3.4.0") -> None:
+        """Removes a version."""
+        run = self.msiexec("/x", self.package(version))
+        assert run.exit_code == 0, self.log[-3000:]
+
+    def has_task(self) -> bool:
+        """Whether the task is registered."""
+        return self.machine.unix_path(TASK).exists()
+
+    def registered_task(self) -> ElementTree.Element:
+        """The definition that the last installation gave the Task Scheduler. Wine's keeps neither triggers nor actions of it."""
+        begin, end = (self.log.index(tag) for tag in ("<Task ", "</Task>"))
+        return ElementTree.fromstring(self.log[begin:end] + "</Task>")
+
+    def start_task(self, task: ElementTree.Element) -> FinishedRun:
+        """Runs the task's own command line, as the Task Scheduler does."""
+        command, = task.findall("t:Actions/t:Exec/t:Command", NAMESPACE)
+        assert not task.findall("t:Actions/t:Exec/t:Arguments", NAMESPACE)
+        return self.machine.run(f'"{command.text}"', limit=100, settle=100)
+
+
+@pytest.fixture(scope="module")
+def made(bed: Bed, request: pytest.FixtureRequest) -> Iterator[Installer]:
+    """The package of the build under test."""
+    build = bed.program_file.parents[2]
+    folder = bed.network.work / "installer"
+    programs = folder / "programs"
+    programs.mkdir(parents=True)
+    shutil.copy(build / "packaging/installer/lumaris_setup.dll", programs / "lumaris_setup.dll")
+    yield Installer(bed.machine, bed, folder, programs)
+    shutil.rmtree(folder)
+
+
+@pytest.fixture
+def installer(made: Installer, world: World) -> Iterator[Installer]:
+    """A machine on which nothing of Lumaris is installed, before and after."""
+    yield made
+    for version in ("3.4.0", "3.4.1"):
+        if (made.folder / f"lumaris-{version}.msi").exists():
+            made.msiexec("/x", made.package(version))
+
+
+def registry(machine: Windows, key: str) -> dict[str, str]:
+    """Everything below a registry key: "KEY -> VALUE = DATA"."""
+    file = machine.folder / "registry.txt"
+    file.unlink(missing_ok=True)
+    run = machine.run(f'reg export {key} "{windows_path(file)}" /y', limit=120)
+    assert run.exit_code == 0, run.output
+    entries: dict[str, str] = {}
+    current = ""
+    for line in file.read_bytes().decode("utf-16").replace("\\\r\n  ", "").splitlines():
+        if line.startswith("["):
+            current = line.strip("[]")
+            entries[current] = ""
+        elif line and current:
+            name, _, value = line.partition("=")
+            entries[f"{current} -> {name}"] = value
+    return entries
+
+
+def changed(before: dict[str, str], after: dict[str, str]) -> list[str]:
+    """What differs between two states of the registry."""
+    return [f"{name}: {before.get(name)} -> {after.get(name)}" for name in sorted(before.keys() | after.keys()) if before.get(name) != after.get(name)]
+
+
+def test_an_installation_brings_program_event_source_folder_and_task_and_its_removal_takes_them(installer: Installer, world: World) -> None:
+    machine = installer.machine
+    installer.package()
+    # As on every real Windows, ours is not the only source of events.
+    machine.set_value("HKLM\\SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\Other", "TypesSupported", 7)
+    before = [registry(machine, key) for key in ("HKLM\\Software", "HKLM\\System")]
+    drive = Snapshot(machine.unix_path("C:\\").resolve())
+    installer.install()
+
+    assert machine.unix_path(PROGRAM).read_bytes() == world.bed.program_file.read_bytes()
+    assert machine.value(EVENTS, "EventMessageFile") == PROGRAM
+    assert machine.value(EVENTS, "TypesSupported") == 7
+    assert world.store.is_dir()
+    assert installer.has_task()
+    assert [line for line in drive.changes() if not re.fullmatch(r"new - windows/Installer/[0-9a-f]+\.msi", line)] == [
+        "new d Program Files/Common Files/Tavrin", "new d Program Files/Common Files/Tavrin/Lumaris",
+        "new d Program Files/Tavrin", "new d Program Files/Tavrin/Halvoro", "new - Program Files/Tavrin/Halvoro/lumaris.exe",
+        "new d windows/Installer",
+        "new d windows/system32/tasks/Tavrin", "new - windows/system32/tasks/Tavrin/Halvoro update"]
+
+    # The program runs as the task starts it, and leaves what a run leaves. A crash, too, has left something.
+    world.offer()
+    run = installer.start_task(installer.registered_task())
+    assert (run.exit_code, [each.image for each in run.left]) == (0, ["C:\\windows\\system32\\msiexec.exe"])
+    assert (world.store / "Halvoro.ARM64.msi").read_bytes() == PACKAGE_CONTENT
+    for name in ("12345.tzo", "12345.tzr"):
+        (world.temp / name).write_bytes(b"a report that was not sent")
+    world.set_channel("beta")
+
+    installer.remove()
+    after = [registry(machine, key) for key in ("HKLM\\Software", "HKLM\\System")]
+    # Windows Installer's own keys stay, empty. Wine starts its Task Scheduler with the first task, and counts service starts.
+    assert [line for pair in zip(before, after, strict=True) for line in changed(*pair)
+            if not any(re.fullmatch(allowed, line) for allowed in UNAVOIDABLE)] == []
+    # Windows Installer's own folder stays, empty.
+    assert drive.changes() == ["new d windows/Installer"]
+
+
+def test_the_updater_replaces_itself_and_keeps_settings_and_the_changed_task(installer: Installer, world: World) -> None:
+    installer.install(properties="CHANNEL=beta PROXYUSER=updates PROXYPASSWORD=Geslo-za-posrednika TASKTIME=07:05")
+    machine = installer.machine
+    task = installer.registered_task()
+    assert task.findtext("t:Triggers/t:CalendarTrigger/t:StartBoundary", namespaces=NAMESPACE) == "2026-01-01T07:05:00"
+    # Wine shows hidden properties where Windows shows asterisks; nothing else may show the password.
+    assert {line.partition(" = ")[0] for line in installer.log.splitlines() if "Geslo-za-posrednika" in line} <= {
+        "Property(S): PROXYPASSWORD", "Property(S): LumarisStoreSettings"}
+    # What an administrator makes of the task.
+    machine.unix_path(TASK).write_bytes(machine.unix_path(TASK).read_bytes().replace(b"<Priority>7<", b"<Priority>5<"))
+    newer = installer.package("3.4.1", b"a newer program")
+    world.offer(content=newer.read_bytes(), description="/Halvoro/Lumaris/win10-beta.txt")
+
+    run = installer.start_task(task)
+    assert (run.exit_code, run.events) == (0, ())
+    assert {(each.image, each.exit_code) for each in run.left} == {("C:\\windows\\system32\\msiexec.exe", 0)}, (world.store / "Halvoro.ARM64.log").read_bytes().decode("utf-8", "replace")[-3000:]
+
+    assert machine.unix_path(PROGRAM).read_bytes() == world.bed.program_file.read_bytes() + b"a newer program"
+    assert b"<Priority>5<" in machine.unix_path(TASK).read_bytes()
+    assert machine.value(settings.UPDATER_KEY, "Channel") == "beta"
+    assert machine.value(settings.PRODUCT_KEY, "ProxyUporabnik") == "updates"
+    assert machine.value(settings.PRODUCT_KEY, "ProxyGeslo") == "Geslo-za-posrednika"
+    assert machine.value(EVENTS, "EventMessageFile") == PROGRAM
+    assert (world.store / "Halvoro.ARM64.msi").exists()
+
+    # And the way back is barred.
+    assert installer.msiexec("/i", installer.package()).exit_code == INSTALL_FAILURE
+    assert "Property(S): WIX_DOWNGRADE_DETECTED = {" in installer.log
+    assert machine.unix_path(PROGRAM).read_bytes() == world.bed.program_file.read_bytes() + b"a newer program"
+
+    installer.remove("3.4.1")
+    assert not machine.unix_path(PROGRAM).exists()
+    assert not installer.has_task()
+    assert machine.value(settings.PRODUCT_KEY, "ProxyUporabnik") is None
+    assert machine.value(settings.PRODUCT_KEY, "ProxyGeslo") is None
+    assert machine.value(settings.UPDATER_KEY, "Channel") is None
+
+
+@pytest.mark.any_processor
+def test_the_settings_of_others_in_the_product_s_key_survive_the_removal(installer: Installer) -> None:
+    machine = installer.machine
+    machine.set_value(settings.PRODUCT_KEY, "Version", "3.4.0")
+    machine.set_value(settings.PRODUCT_KEY + "\\Editor", "Colour", "blue")
+    installer.install(properties="PROXYPASSWORD=Geslo-za-posrednika")
+    installer.remove()
+    assert machine.value(settings.PRODUCT_KEY, "Version") == "3.4.0"
+    assert machine.value(settings.PRODUCT_KEY + "\\Editor", "Colour") == "blue"
+
+
+@pytest.mark.any_processor
+def test_a_machine_without_a_task_gets_none_from_an_upgrade_either(installer: Installer) -> None:
+    installer.install(properties="NOTASK=1")
+    assert not installer.has_task()
+    installer.install("3.4.1")
+    assert not installer.has_task()
+    installer.msiexec("/x", installer.package("3.4.1"))
+    installer.install("3.4.1", "NOTASK=0")
+    assert installer.has_task()
+
+
+@pytest.mark.any_processor
+@pytest.mark.parametrize("time", ["24:00", "7:05", "07:60", "noon", "07:05:00"])
+def test_a_task_time_that_is_no_time_of_day_is_refused_before_anything_is_changed(installer: Installer, time: str) -> None:
+    assert installer.msiexec("/i", installer.package(), f"TASKTIME={time}").exit_code == INSTALL_FAILURE
+    assert f'TASKTIME is "{time}"; it must be a time of day such as 07:05' in installer.log
+    assert not installer.machine.unix_path(PROGRAM).exists()
+
+
+@pytest.mark.any_processor
+@pytest.mark.parametrize("before", [False, True], ids=["first installation", "a task was there"])
+def test_a_step_that_fails_takes_back_the_task_that_this_installation_made_and_no_other(installer: Installer, before: bool) -> None:
+    if before:
+        installer.install()
+        assert installer.has_task()
+    failing = installer.folder / "failing.msi"
+    shutil.copyfile(installer.package("3.4.1"), failing)
+    # Without its data the action has no time of day, and fails.
+    packaging.run("msibuild", str(failing), "-q",
+                  "INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('Fail', 3073, 'LumarisSetup', 'make_task')")
+    packaging.run("msibuild", str(failing), "-q", "INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) VALUES ('Fail', 5900)")
+    assert installer.msiexec("/i", failing).exit_code == INSTALL_FAILURE
+    assert ("Lumaris: kept the scheduled task that was there" if before else "Lumaris: made the scheduled task") in installer.log
+    assert installer.has_task() == before
+
+
+# What Wine does not show is in the tables
+
+
+@dataclass
+class Tables:
+    """A package, and what the checks say of it."""
+
+    file: Path
+    architecture: str
+
+    def damage(self, *statements: str) -> list[str]:
+        """Changes the tables."""
+        for statement in statements:
+            packaging.run("msibuild", str(self.file), "-q", statement)
+        return checks.check(self.file, self.architecture, "3.4.0")
+
+
+@pytest.fixture
+def tables(made: Installer) -> Iterator[Tables]:
+    """A package whose tables a test may damage."""
+    file = made.folder / "damaged.msi"
+    shutil.copyfile(made.package(), file)
+    yield Tables(file, made.machine.architecture)
+
+
+def test_the_tables_of_the_package_are_as_they_must_be(tables: Tables) -> None:
+    assert tables.damage() == []
+
+
+@pytest.mark.any_processor
+@pytest.mark.parametrize(("statement", "complaint"), [
+    ("UPDATE `InstallExecuteSequence` SET `Sequence` = 6700 WHERE `Action` = 'LumarisMakeTask'",
+     "the deferred action LumarisMakeTask has the number 6700, outside of 1500 to 6600"),
+    ("UPDATE `InstallExecuteSequence` SET `Sequence` = 1401 WHERE `Action` = 'RemoveExistingProducts'",
+     "RemoveExistingProducts has the number 1401: outside of the transaction a failure does not bring the former version back"),
+    ("UPDATE `InstallExecuteSequence` SET `Condition` = 'REMOVE' WHERE `Action` = 'LumarisRemove'",
+     "LumarisRemove also runs when a newer version removes this one"),
+    ("UPDATE `InstallExecuteSequence` SET `Sequence` = 5850 WHERE `Action` = 'LumarisUnmakeTask'", "LumarisUnmakeTask does not come before LumarisMakeTask"),
+    ("UPDATE `CustomAction` SET `Type` = 1025 WHERE `Action` = 'LumarisMakeTask'", "the deferred action LumarisMakeTask runs as the user"),
+    ("UPDATE `CustomAction` SET `Type` = 3073 WHERE `Action` = 'LumarisStoreSettings'",
+     "the action LumarisStoreSettings writes the proxy's password into the log"),
+    ("UPDATE `Property` SET `Value` = 'LumarisStoreSettings' WHERE `Property` = 'MsiHiddenProperties'", "MsiHiddenProperties lacks PROXYPASSWORD"),
+    ("UPDATE `Property` SET `Value` = '2' WHERE `Property` = 'ALLUSERS'", "ALLUSERS is not 1: the package is not per machine"),
+    ("UPDATE `Property` SET `Value` = '3.4.1' WHERE `Property` = 'ProductVersion'", "ProductVersion is 3.4.1, not 3.4.0"),
+    ("DELETE FROM `LaunchCondition` WHERE `Condition` = 'NOT WIX_DOWNGRADE_DETECTED'", "the package does not refuse to take the place of a newer version"),
+    ("DELETE FROM `Upgrade` WHERE `ActionProperty` = 'WIX_DOWNGRADE_DETECTED'", "the package does not refuse to take the place of a newer version"),
+    ("UPDATE `File` SET `Version` = '' WHERE `File` = 'lumaris.exe'", "lumaris.exe has the version none, not 3.4.0.0"),
+    ("UPDATE `Component` SET `Attributes` = 0 WHERE `Component` = 'LumarisProgram'",
+     "the component LumarisProgram is one of 32 bits: its registry values would go elsewhere"),
+    ("UPDATE `MsiLockPermissionsEx` SET `SDDLText` = 'D:P(A;OICI;FA;;;WD)' WHERE `LockObject` = 'LumarisStore'",
+     "the folder of the packages does not get its rights"),
+    ("UPDATE `Property` SET `Value` = '/work/x/lumaris.exe' WHERE `Property` = 'Manufacturer'",
+     "the package holds a path of the machine that built it: /work/x"),
+])
+def test_a_package_with_a_damaged_table_is_refused(tables: Tables, statement: str, complaint: str) -> None:
+    assert tables.damage(statement) == [complaint]
+
+
+@pytest.mark.any_processor
+def test_a_package_for_another_processor_is_refused(tables: Tables) -> None:
+    packaging.run("msibuild", str(tables.file), "-s", "Lumaris", "Tavrin", "Intel;1033")
+    assert tables.damage() == ["the platform is Intel;1033, not x64;1033"]
+
+
+@pytest.mark.any_processor
+def test_two_packages_of_the_same_programs_are_the_same_bytes_and_smaller_than_program_and_150_kb(made: Installer) -> None:
+    again = made.folder / "again.msi"
+    packaging.make(made.programs, made.machine.architecture, "3.4.0", again)
+    first = made.folder / "first.msi"
+    packaging.make(made.programs, made.machine.architecture, "3.4.0", first)
+    assert again.read_bytes() == first.read_bytes()
+    assert first.stat().st_size <= made.bed.program_file.stat().st_size + 150 * 1024
+
+
+@pytest.mark.any_processor
+def test_the_task_runs_as_system_daily_on_battery_too_once_and_not_for_ever() -> None:
+    task = ElementTree.fromstring((TREE / "packaging/installer/task.xml").read_text(encoding="utf-8").partition("?>")[2])
+
+    def text(path: str) -> str | None:
+        return task.findtext("/".join(f"t:{part}" for part in path.split("/")), namespaces=NAMESPACE)
+
+    assert text("Principals/Principal/UserId") == "S-1-5-18"
+    assert text("Principals/Principal/RunLevel") == "HighestAvailable"
+    assert text("Triggers/CalendarTrigger/ScheduleByDay/DaysInterval") == "1"
+    assert text("Triggers/CalendarTrigger/RandomDelay") == "PT4H"
+    assert text("Settings/DisallowStartIfOnBatteries") == "false"
+    assert text("Settings/StopIfGoingOnBatteries") == "false"
+    assert text("Settings/StartWhenAvailable") == "true"
+    assert text("Settings/RunOnlyIfNetworkAvailable") == "false"
+    assert text("Settings/MultipleInstancesPolicy") == "IgnoreNew"
+    assert text("Settings/ExecutionTimeLimit") == "PT4H"
+    assert text("Settings/Enabled") == "true"
+    assert text("Actions/Exec/WorkingDirectory") == "%SystemRoot%\\System32"
