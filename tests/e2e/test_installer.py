@@ -103,7 +103,8 @@ def made(bed: Bed, request: pytest.FixtureRequest) -> Iterator[Installer]:
     folder = bed.network.work / "installer"
     programs = folder / "programs"
     programs.mkdir(parents=True)
-    shutil.copy(build / "packaging/installer/lumaris_setup.dll", programs / "lumaris_setup.dll")
+    shutil.copy(build / "packaging/installer/lumaris_setup.dll", programs)
+    shutil.copy(build / "tools/check/lumaris_check.exe", programs)
     yield Installer(bed.machine, bed, folder, programs)
     shutil.rmtree(folder)
 
@@ -145,6 +146,7 @@ def test_an_installation_brings_program_event_source_folder_and_task_and_its_rem
     installer.package()
     # As on every real Windows, ours is not the only source of events.
     machine.set_value("HKLM\\SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\Other", "TypesSupported", 7)
+    machine.delete_key("HKLM\\SOFTWARE\\Tavrin")
     before = [registry(machine, key) for key in ("HKLM\\Software", "HKLM\\System")]
     drive = Snapshot(machine.unix_path("C:\\").resolve())
     installer.install()
@@ -157,6 +159,7 @@ def test_an_installation_brings_program_event_source_folder_and_task_and_its_rem
     assert [line for line in drive.changes() if not re.fullmatch(r"new - windows/Installer/[0-9a-f]+\.msi", line)] == [
         "new d Program Files/Common Files/Tavrin", "new d Program Files/Common Files/Tavrin/Lumaris",
         "new d Program Files/Tavrin", "new d Program Files/Tavrin/Halvoro", "new - Program Files/Tavrin/Halvoro/lumaris.exe",
+        "new - Program Files/Tavrin/Halvoro/lumaris_check.exe",
         "new d windows/Installer",
         "new d windows/system32/tasks/Tavrin", "new - windows/system32/tasks/Tavrin/Halvoro update"]
 

@@ -20,7 +20,8 @@ import tables  # noqa: E402
 
 def collect(build: Path, program: Path | None, folder: Path) -> None:
     """Puts the programs of a build folder side by side; `program` is the released lumaris.exe, if it is another one."""
-    sources = {"lumaris.exe": program or build / "src/updater/lumaris.exe", "lumaris_setup.dll": build / "packaging/installer/lumaris_setup.dll"}
+    sources = {"lumaris.exe": program or build / "src/updater/lumaris.exe", "lumaris_check.exe": build / "tools/check/lumaris_check.exe",
+               "lumaris_setup.dll": build / "packaging/installer/lumaris_setup.dll"}
     for name, source in sources.items():
         (folder / name).write_bytes(source.read_bytes())
 
@@ -60,7 +61,7 @@ def main(arguments: list[str] | None = None) -> int:
             identity = _identity(options)
             if identity is not None:
                 # A released program has its signature.
-                _sign_programs(programs, ("lumaris_setup.dll",) if options.program else ("lumaris.exe", "lumaris_setup.dll"), identity)
+                _sign_programs(programs, ("lumaris_check.exe", "lumaris_setup.dll", *(() if options.program else ("lumaris.exe",))), identity)
             version = package.file_version(programs / "lumaris.exe").removesuffix(".0")
             unsigned = [Path(scratch) / f"{turn}.msi" for turn in ("first", "second")]
             for each in unsigned:

@@ -24,6 +24,8 @@ LIMIT = 120.0
 NAMESPACE = uuid.UUID("5b0f3f0a-6d0e-4c53-8f1b-0a1d5c8b2f11")
 
 PLATFORMS = {"arm64": "Arm64", "x64": "x64"}
+# What is installed.
+PROGRAMS = ("lumaris.exe", "lumaris_check.exe")
 SECURE = ("CHANNEL", "LUMARISNOTASK", "NOTASK", "PROXYPASSWORD", "PROXYUSER", "TASKTIME")
 HIDDEN = ("LumarisStoreSettings", "PROXYPASSWORD")
 
@@ -153,11 +155,11 @@ def pack(source: Path, package: Path, staged: Path, variables: dict[str, str]) -
 
 def make(programs: Path, architecture: str, version: str, package: Path) -> None:
     """Makes Lumaris's own package of the programs in a folder."""
-    files = {name: programs / name for name in ("lumaris.exe", "lumaris_setup.dll")}
+    files = {name: programs / name for name in (*PROGRAMS, "lumaris_setup.dll")}
     with tempfile.TemporaryDirectory(prefix="installer-") as folder:
         staged = Path(folder)
         stage(files, staged)
         # The same version is the same product whoever packs it: a second package of one version is refused, not installed beside the first.
         product = str(uuid.uuid5(NAMESPACE, f"{architecture} {version}")).upper()
         pack(SOURCES / "package.wxs", package, staged, {"version": version, "product": product})
-        finish(package, architecture, {"lumaris.exe": files["lumaris.exe"]}, subject=f"Lumaris {version}, the updater of Halvoro")
+        finish(package, architecture, {name: files[name] for name in PROGRAMS}, subject=f"Lumaris {version}, the updater of Halvoro")

@@ -8,7 +8,7 @@ from __future__ import annotations
 import re
 from pathlib import Path
 
-from package import HIDDEN, PLATFORMS, SECURE, STORE_RIGHTS, run, table
+from package import HIDDEN, PLATFORMS, PROGRAMS, SECURE, STORE_RIGHTS, run, table
 
 _DEFERRED = 0x400
 _NO_IMPERSONATION = 0x800
@@ -19,7 +19,7 @@ _IN_COMPONENT_64 = 256
 _BUILD_PATH = re.compile(rb"(?:/src/|/tmp/|/home/|/root/|/work/|[A-Za-z]:\\(?:src|build|Users)\\)[\w.-]")
 
 
-def check(package: Path, architecture: str, version: str, programs: tuple[str, ...] = ("lumaris.exe",)) -> list[str]:
+def check(package: Path, architecture: str, version: str, programs: tuple[str, ...] = PROGRAMS) -> list[str]:
     """Sentences about what is wrong, or nothing."""
     summary = dict(line.split(": ", 1) for line in run("msiinfo", "suminfo", str(package)).splitlines() if ": " in line)
     properties = {row["Property"]: row["Value"] for row in table(package, "Property")}

@@ -1,0 +1,254 @@
+"""The check of a machine: in every world its prediction is what the updater then does, and it changes nothing."""
+
+from __future__ import annotations
+
+import json
+from collections.abc import Callable
+from dataclasses import dataclass
+from typing import Any
+
+import pytest
+
+from bed import settings, windows
+from bed.http_server import Reply
+from bed.services import AuthenticatingProxy
+from bed.snapshot import nothing_else_changes
+from world import DESCRIPTION, FAILED, PACKAGE, PACKAGE_CONTENT, World
+
+EVENTS = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\HalvoroUpdate"
+STORED = "Halvoro.ARM64.msi"
+LARGE = b"a package that is larger than what a check fetches\n" * 5000
+
+HEALTHY, UNHEALTHY, NOT_CHECKABLE = 0, 1, 2
+
+
+@dataclass
+class Checked:
+    """What a check said."""
+
+    exit_code: int | None
+    said: dict[str, Any]
+
+    @property
+    def verdict(self) -> str:
+        """The sentence."""
+        text = self.said["verdict"]["sentence"]
+        assert isinstance(text, str)
+        return text
+
+    def finding(self, name: str) -> dict[str, str]:
+        """What it found about one thing."""
+        found, = (each for each in self.said["findings"] if each["name"] == name)
+        assert isinstance(found, dict)
+        return found
+
+
+Check = Callable[..., Checked]
+
+
+@pytest.fixture
+def check(world: World) -> Check:
+    """Runs the check; it may change nothing and start nothing."""
+    program = world.machine.install(world.bed.program_file.parents[2] / "tools/check/lumaris_check.exe", "lumaris_check.exe")
+
+    def run(arguments: str = "--download") -> Checked:
+        with nothing_else_changes(world.machine):
+            done = world.machine.run(f'"{program}" --json {arguments}', limit=100)
+        assert (done.left, done.commands, done.events) == ((), (), ())
+        said = json.loads(done.output)
+        assert said["verdict"]["exit_code"] == done.exit_code
+        return Checked(done.exit_code, said)
+
+    return run
+
+
+def store(world: World, content: bytes) -> None:
+    """A package from an earlier run."""
+    world.store.mkdir(parents=True)
+    (world.store / STORED).write_bytes(content)
+
+
+def cost(value: int) -> Callable[[World], None]:
+    """A network of this cost."""
+    return lambda world: world.bed.list_manager.answer(Cost=value)
+
+
+def offer_with(path: str, answer: Reply) -> Callable[[World], None]:
+    """An update, but for one answer of the server's."""
+    def arrange(world: World) -> None:
+        world.offer()
+        world.answer(path, answer)
+    return arrange
+
+
+def offer_then(more: Callable[[World], object]) -> Callable[[World], None]:
+    """An update, and something on the machine."""
+    def arrange(world: World) -> None:
+        world.offer()
+        more(world)
+    return arrange
+
+
+def a_file_in_the_place_of_the_folder(world: World) -> None:
+    """The maker's folder cannot be made."""
+    world.maker_folder.parent.mkdir(exist_ok=True)
+    world.maker_folder.write_bytes(b"")
+
+
+def a_read_only_package(world: World) -> None:
+    """The package that is there cannot be written."""
+    store(world, PACKAGE_CONTENT)
+    (world.store / STORED).chmod(0o444)
+
+
+def signed_by_another_key(world: World) -> None:
+    """A description that is signed by somebody else."""
+    text = b"3040100\nHalvoro 3.4.1\nhttp://updates.tavrin.example/Halvoro/3.4.1/\n"
+    world.publish(DESCRIPTION, text, signature=world.sign(text, key=world.bed.other_key))
+
+
+WORLDS: dict[str, Callable[[World], object]] = {
+    "nothing newer": lambda world: world.offer(version="3040000"),
+    "an update": lambda world: world.offer(),
+    "an update with a large package": lambda world: world.offer(content=LARGE),
+    "a package that is there": offer_then(lambda world: store(world, PACKAGE_CONTENT)),
+    "a stale package": offer_then(lambda world: store(world, b"stale")),
+    "a read-only package": offer_then(a_read_only_package),
+    "a folder in the place of the package": offer_then(lambda world: (world.store / STORED).mkdir(parents=True)),
+    "a file in the place of the folder": offer_then(a_file_in_the_place_of_the_folder),
+    "not connected": lambda world: world.bed.network.disconnect(),
+    "fixed cost": cost(settings.FIXED),
+    "over the data limit": cost(settings.UNRESTRICTED | settings.OVER_DATA_LIMIT),
+    "congested": cost(settings.UNRESTRICTED | settings.CONGESTED),
+    "roaming alone": offer_then(cost(settings.UNRESTRICTED | settings.ROAMING)),
+    "updates off": lambda world: world.set_channel(""),
+    "a channel of its own": lambda world: (world.set_channel("beta"), world.offer(description="/Halvoro/Lumaris/win10-beta.txt")),
+    "a channel that is ignored": offer_then(lambda world: world.set_channel("..\\beta")),
+    "no description": lambda world: None,
+    "no signature": offer_with(DESCRIPTION + ".minisig", Reply(b"not here", status=404)),
+    "a page in the place of the signature": offer_with(DESCRIPTION + ".minisig", Reply(b"<html>please log in</html>")),
+    "a changed description": offer_with(DESCRIPTION, Reply(b"3040200\nHalvoro\nhttp://updates.tavrin.example/\n")),
+    "another key": signed_by_another_key,
+    "a description without an end": offer_with(DESCRIPTION, Reply(b"x" * 65537)),
+    "no package": lambda world: world.offer(package=None),
+    "a package without content": offer_with(PACKAGE, Reply(b"gone", status=410)),
+    "a changed package": offer_with(PACKAGE, Reply(PACKAGE_CONTENT[:-1] + b"x")),
+    "an empty address": lambda world: world.offer(url="", package=None),
+    "an unknown scheme": lambda world: world.offer(url="ftp://updates.tavrin.example/", package=None),
+    "no address": lambda world: world.offer(url="!", package=None),
+}
+
+
+# Those that take different ways through the program; an emulated processor is slow.
+ON_BOTH = ("nothing newer", "an update", "a package that is there", "fixed cost", "no signature", "a changed package", "another key")
+
+
+@pytest.mark.parametrize("arrange", [pytest.param(arrange, id=name, marks=[] if name in ON_BOTH else [pytest.mark.any_processor])
+                                     for name, arrange in WORLDS.items()])
+def test_what_the_check_predicts_is_what_the_updater_then_does(world: World, check: Check, arrange: Callable[[World], object]) -> None:
+    arrange(world)
+    predicted = check().said["next_run"]
+    run = world.run()
+    messages = [each.strings[-1] for each in run.events if each.id == FAILED]
+    assert predicted == {"exit_code": run.exit_code, "message": "".join(messages), "installs": bool(world.installers(run)), "known": True}
+
+
+@pytest.mark.any_processor
+def test_a_server_that_does_not_answer_is_predicted(world: World, check: Check) -> None:
+    with world.server_stopped():
+        checked = check()
+        run = world.run()
+    assert checked.said["next_run"]["message"] == run.events[0].strings[-1]
+    assert checked.exit_code == UNHEALTHY
+    assert "cannot be reached" in checked.said["verdict"]["advice"]
+
+
+@pytest.mark.any_processor
+@pytest.mark.parametrize("password", ["right", "wrong"])
+def test_a_proxy_with_its_password_is_used_and_named_without_it(world: World, check: Check, password: str) -> None:
+    world.offer()
+    with AuthenticatingProxy(world.bed.network.work / f"check-proxy-{password}", "lumaris", "right"):
+        settings.set_proxy(world.machine, "proxy.tavrin.example:8118")
+        world.machine.set_value(settings.PRODUCT_KEY, "ProxyUporabnik", "lumaris")
+        world.machine.set_value(settings.PRODUCT_KEY, "ProxyGeslo", password)
+        checked = check()
+        run = world.run()
+    assert checked.said["next_run"]["exit_code"] == run.exit_code
+    assert [checked.said["next_run"]["message"]] == [each.strings[-1] for each in run.events] or not run.events
+    assert checked.finding("proxy")["text"] == "proxy.tavrin.example:8118, user name set, password set"
+    assert password not in json.dumps(checked.said)
+
+
+@pytest.mark.any_processor
+def test_a_large_package_is_not_fetched_unless_asked_for(world: World, check: Check) -> None:
+    world.offer(content=LARGE)
+    checked = check("")
+    assert checked.said["next_run"]["known"] is False
+    assert checked.finding("package")["text"] == "Halvoro.ARM64.msi is on the server, larger than this check fetches (--download verifies it)"
+
+
+# What is wrong with the machine
+
+
+@pytest.fixture
+def well(world: World) -> World:
+    """A machine with everything in its place but the task, which it was asked not to have."""
+    world.offer(version="3040000")
+    world.machine.set_value(EVENTS, "EventMessageFile", world.bed.program, windows.REG_EXPAND_SZ)
+    world.machine.set_value(settings.UPDATER_KEY, "NoTask", "1")
+    return world
+
+
+@pytest.mark.any_processor
+def test_a_healthy_machine_says_so(well: World, check: Check) -> None:
+    checked = check()
+    assert (checked.exit_code, checked.verdict) == (HEALTHY, "Up to date: the channel stable offers nothing newer than 3.4.0.")
+    well.machine.delete_key(EVENTS)
+
+
+@pytest.mark.any_processor
+def test_an_event_source_that_is_missing_is_a_problem(well: World, check: Check) -> None:
+    well.machine.delete_key(EVENTS)
+    checked = check()
+    assert (checked.exit_code, checked.verdict) == (UNHEALTHY, "Not healthy: the event source HalvoroUpdate is not registered.")
+
+
+@pytest.mark.any_processor
+def test_a_task_that_is_missing_is_a_problem(well: World, check: Check) -> None:
+    well.machine.delete_value(settings.UPDATER_KEY, "NoTask")
+    checked = check()
+    assert (checked.exit_code, checked.verdict) == (
+        UNHEALTHY, "Not healthy: there is no scheduled task \\Tavrin\\Halvoro update: nothing starts the updater.")
+    well.machine.delete_key(EVENTS)
+
+
+@pytest.mark.any_processor
+@pytest.mark.parametrize("encoding", ["utf-8", "utf-16"])
+def test_an_installation_that_failed_is_a_problem(well: World, check: Check, encoding: str) -> None:
+    well.store.mkdir(parents=True)
+    (well.store / "Halvoro.ARM64.log").write_bytes("Action start\r\nAction ended 3:26:25: InstallFinalize. Return value 3.\r\n".encode(encoding))
+    checked = check()
+    assert checked.exit_code == UNHEALTHY
+    assert checked.verdict == "Not healthy: the last installation failed: Action ended 3:26:25: InstallFinalize. Return value 3."
+    well.machine.delete_key(EVENTS)
+
+
+@pytest.mark.any_processor
+def test_saved_reports_are_counted(well: World, check: Check) -> None:
+    saved = [well.temp / f"{number}.tzo" for number in (1, 2)]
+    for each in saved:
+        each.write_bytes(b"")
+    assert check().finding("reports")["text"] == "2 crash reports wait for the next start"
+    for each in saved:
+        each.unlink()
+    well.machine.delete_key(EVENTS)
+
+
+@pytest.mark.any_processor
+def test_a_network_that_may_not_be_used_makes_a_machine_not_checkable(well: World, check: Check) -> None:
+    well.bed.list_manager.answer(Cost=settings.FIXED)
+    checked = check()
+    assert (checked.exit_code, checked.verdict) == (
+        NOT_CHECKABLE, "The update server was not asked: the connection is metered. A run ends with 3 then.")
+    assert checked.finding("network")["text"] == "connected, cost 0x00000002"
+    well.machine.delete_key(EVENTS)

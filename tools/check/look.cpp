@@ -1,0 +1,483 @@
+#include "tools/check/look.h"
+
+#include "errorreport/system_description.h"
+#include "errorreport/windows_version.h"
+#include "http/request/connection.h"
+#include "http/request/session.h"
+#include "minisign/verified_fetch.h"
+#include "packaging/installer/scheduled_task.h"
+#include "platform/errors.h"
+#include "platform/exception_message.h"
+#include "platform/handle.h"
+#include "platform/registry.h"
+#include "platform/temporary_folder.h"
+#include "platform/text.h"
+#include "stream/file.h"
+#include "updater/ask_network.h"
+#include "updater/build_config.h"
+#include "updater/installer.h"
+#include "updater/run.h"
+#include "updater/updater.h"
+#include "updater/version.h"
+
+#include <knownfolders.h>
+#include <shlobj.h>
+#include <winhttp.h>
+
+#include <array>
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <system_error>
+
+namespace check {
+
+namespace {
+
+constexpr wchar_t updater_key[] = L"SOFTWARE\\Tavrin\\Halvoro\\Lumaris";
+constexpr wchar_t product_key[] = L"SOFTWARE\\Tavrin\\Halvoro";
+constexpr wchar_t events_key[] = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\HalvoroUpdate";
+constexpr REGSAM for_reading = KEY_READ | KEY_WOW64_64KEY;
+
+// A server that sends an error page sends less, and a package more.
+constexpr std::uint64_t most_fetched = 65536;
+
+std::string utf8(const std::wstring& text) {
+    std::string result;
+    pwrap::wide_to_utf8(text, result);
+    return result;
+}
+
+std::string hexadecimal(std::uint32_t value) {
+    std::array<char, 16> text{};
+    std::snprintf(text.data(), text.size(), "0x%08X", static_cast<unsigned int>(value));
+    return text.data();
+}
+
+std::string version_text(std::uint32_t version) {
+    return std::to_string(version >> 24) + "." + std::to_string(version >> 16 & 255) + "." +
+           std::to_string(version >> 8 & 255);
+}
+
+bool read_value(const wchar_t* key_name, const wchar_t* name, std::wstring& value, LSTATUS& status) {
+    pwrap::reg_key key;
+    status = key.open(HKEY_LOCAL_MACHINE, key_name, for_reading);
+    if (status == ERROR_SUCCESS) {
+        status = pwrap::RegQueryStringValue(key.get(), name, value);
+    }
+    return status == ERROR_SUCCESS;
+}
+
+bool exists(const std::wstring& path) noexcept {
+    return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+// A file that is read from the disk and never written: what would be written is counted and forgotten. So the updater's own fetch can be
+// made without its consequences.
+class untouched_file final : public corvo::stream::file {
+public:
+    explicit untouched_file(std::uint64_t most) noexcept : m_most(most) {}
+
+    // Too much for a check that was not asked to fetch all of it.
+    struct enough : std::exception {};
+
+    std::size_t write(const void* /*data*/, std::size_t length) override {
+        m_taken += length;
+        if (m_taken > m_most) {
+            m_stopped = true;
+            throw enough();
+        }
+        return length;
+    }
+    void truncate() override {}
+    corvo::stream::fpos seek(corvo::stream::foff offset, corvo::stream::seek_t how) override {
+        if (valid()) {
+            return file::seek(offset, how);
+        }
+        m_state = corvo::stream::state_t::ok; // a file that does not exist yet begins empty
+        return 0;
+    }
+
+    bool stopped() const noexcept { return m_stopped; }
+    bool fetched() const noexcept { return m_taken != 0; }
+
+private:
+    std::uint64_t m_most;
+    std::uint64_t m_taken = 0;
+    bool m_stopped = false;
+};
+
+void look_at_account(findings& found) {
+    const corvo::errorreport::system_description& system = corvo::errorreport::running_system();
+    const std::string who = utf8(system.user_name);
+    if (system.elevated) {
+        found.items.push_back({"account", state::good, who + ", elevated", ""});
+    } else {
+        found.items.push_back({"account", state::unknown, who + ", not elevated",
+                               "Check again from a prompt that was started as administrator."});
+    }
+}
+
+// False when the program would stop here.
+bool look_at_network(findings& found) {
+    pwrap::com_obj<INetworkListManager> manager;
+    const gate gated = ask_network(manager);
+    std::string text = "the network list manager cannot be asked; the updater takes that for a connection";
+    VARIANT_BOOL connected = VARIANT_FALSE;
+    if (manager && SUCCEEDED(manager->IsConnectedToInternet(&connected))) {
+        text = connected != VARIANT_FALSE ? "connected" : "not connected";
+        pwrap::com_obj<INetworkCostManager> costs;
+        DWORD cost = 0;
+        if (connected != VARIANT_FALSE && SUCCEEDED(costs.query(manager, IID_INetworkCostManager)) &&
+            SUCCEEDED(costs->GetCost(&cost, nullptr))) {
+            text += ", cost " + hexadecimal(cost);
+        }
+    }
+    found.items.push_back({"network", gated == gate::open ? state::good : state::note, text, ""});
+    found.next_run.exit_code = static_cast<std::uint32_t>(gated);
+    return gated == gate::open;
+}
+
+void look_at_channel(findings& found) {
+    std::wstring value;
+    LSTATUS status = ERROR_SUCCESS;
+    found.channel = "stable";
+    if (!read_value(updater_key, L"Channel", value, status)) {
+        const bool missing = status == ERROR_FILE_NOT_FOUND || status == ERROR_PATH_NOT_FOUND;
+        found.items.push_back({"channel", state::note,
+                               missing ? "stable, since there is no value Channel"
+                                       : "stable, since the value Channel cannot be read",
+                               ""});
+    } else if (!is_plain_name(value)) {
+        found.items.push_back(
+            {"channel", state::problem,
+             "the value Channel is \"" + utf8(value) + "\", which is ignored: stable",
+             "A channel has no backslash, slash or question mark: correct the value Channel, or delete it."});
+    } else if (value.empty()) {
+        found.updates_off = true;
+        found.items.push_back({"channel", state::note, "empty: updates are switched off", ""});
+    } else {
+        found.channel = utf8(value);
+        found.items.push_back({"channel", state::good, found.channel + ", from the registry", ""});
+    }
+}
+
+struct global_memory_deleter {
+    void operator()(wchar_t* memory) const noexcept { ::GlobalFree(memory); }
+};
+
+void look_at_proxy(findings& found) {
+    WINHTTP_PROXY_INFO proxy{};
+    std::string text = "none";
+    if (::WinHttpGetDefaultProxyConfiguration(&proxy) != 0) {
+        const std::unique_ptr<wchar_t, global_memory_deleter> server(proxy.lpszProxy);
+        const std::unique_ptr<wchar_t, global_memory_deleter> bypass(proxy.lpszProxyBypass);
+        if (server && proxy.dwAccessType == WINHTTP_ACCESS_TYPE_NAMED_PROXY) {
+            text = utf8(server.get());
+        }
+    }
+    std::wstring value;
+    LSTATUS status = ERROR_SUCCESS;
+    text += read_value(product_key, L"ProxyUporabnik", value, status) ? ", user name set" : ", no user name";
+    const bool password = read_value(product_key, L"ProxyGeslo", value, status);
+    ::SecureZeroMemory(value.data(), value.size() * sizeof(wchar_t));
+    text += password                        ? ", password set"
+            : status == ERROR_ACCESS_DENIED ? ", password not readable"
+                                            : ", no password";
+    found.items.push_back({"proxy", state::note, text, ""});
+}
+
+std::wstring common_folder() {
+    wchar_t* path = nullptr;
+    const HRESULT result =
+        ::SHGetKnownFolderPath(FOLDERID_ProgramFilesCommon, KF_FLAG_DONT_VERIFY, nullptr, &path);
+    std::wstring folder = SUCCEEDED(result) ? path : L"";
+    ::CoTaskMemFree(path);
+    if (!folder.empty() && !folder.ends_with(L'\\')) {
+        folder += L'\\';
+    }
+    return folder;
+}
+
+// Where the updater would put its package; without making anything.
+std::wstring store_folder() {
+    return corvo::errorreport::running_system().elevated ? common_folder() + L"Tavrin\\Lumaris\\"
+                                                         : pwrap::temporary_folder();
+}
+
+// Throws what download_folder and open_package_file would throw for what is there. Opening for writing changes nothing as long as nothing is written.
+void open_as_the_updater_does(const std::wstring& folder, const std::wstring& package_file) {
+    const std::wstring maker = common_folder() + L"Tavrin";
+    const DWORD attributes = ::GetFileAttributesW(maker.c_str());
+    if (folder.starts_with(maker) && attributes != INVALID_FILE_ATTRIBUTES &&
+        (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+        throw pwrap::win_runtime_error(ERROR_PATH_NOT_FOUND,
+                                       "Failed to create Common\\Tavrin subfolder Lumaris");
+    }
+    const pwrap::win_handle<-1> opened(::CreateFileW(package_file.c_str(), GENERIC_READ | GENERIC_WRITE,
+                                                     FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                                     FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (opened) {
+        return;
+    }
+    const DWORD error = ::GetLastError();
+    if (error == ERROR_FILE_NOT_FOUND ||
+        (error == ERROR_PATH_NOT_FOUND && !exists(folder.substr(0, folder.size() - 1)))) {
+        return; // the updater makes them
+    }
+    throw std::system_error(static_cast<int>(error), std::system_category(), "Failed to open file");
+}
+
+void look_at_package(findings& found, const Updater& updater, const wish& wanted) {
+    if (updater.package_url.empty()) {
+        throw std::invalid_argument("update URL unavailable");
+    }
+    webio::url_parts url = webio::parse_url(updater.package_url);
+    const std::string variant =
+        is_plain_name(wanted.variant) ? pwrap::narrow_user_text(::GetACP(), wanted.variant) : std::string();
+    const std::string name = package_base_name(updater.platform_suffix, variant);
+    url.path = package_path(url.path, name);
+    const std::wstring folder = store_folder();
+    const std::wstring package_file = folder + widen_name(name) + L".msi";
+    open_as_the_updater_does(folder, package_file);
+
+    untouched_file content(wanted.whole_package ? ~std::uint64_t{0} : most_fetched);
+    content.open(package_file.c_str(), corvo::stream::mode_for_reading | corvo::stream::mode_open_existing |
+                                           corvo::stream::share_reading | corvo::stream::share_writing |
+                                           corvo::stream::share_deleting);
+    const webio::session session(std::string("Lumaris/") + own_version_text,
+                                 {.resolve = 5000, .connect = 10000, .send = 30000, .receive = 30000});
+    const webio::connection server(session, url);
+    try {
+        corvo::minisign::verified_fetch(server, url, {}, "application/octet-stream",
+                                        build_config::trusted_keys, build_config::trusted_key_count, content,
+                                        nullptr);
+    } catch (const std::exception&) {
+        if (!content.stopped()) {
+            throw;
+        }
+        found.next_run.known = false;
+    }
+    const char* const where = !content.fetched() ? "on the disk and verified"
+                              : content.stopped()
+                                  ? "on the server, larger than this check fetches (--download verifies it)"
+                                  : "on the server and verified";
+    found.items.push_back({"package", state::good, name + ".msi is " + where, ""});
+    found.next_run.installs = true;
+}
+
+// Description, offer and package: what the updater does after the network gate, with the same code and so with the same messages.
+void look_at_offer(findings& found, const wish& wanted) {
+    const char* what = "description";
+    try {
+        const Updater updater(Updater::unattended);
+        if (found.updates_off) {
+            return;
+        }
+        found.items.push_back(
+            {"description", state::good,
+             std::string("fetched from ") + build_config::update_host + ", its signature holds", ""});
+        what = "package";
+        if (updater.version <= own_version) {
+            found.items.push_back(
+                {"offer", state::good, version_text(updater.version) + ", nothing newer", ""});
+            return;
+        }
+        found.offered_version = version_text(updater.version);
+        found.items.push_back({"offer", state::good, found.offered_version, ""});
+        look_at_package(found, updater, wanted);
+    } catch (const std::exception& error) {
+        found.next_run.message = corvo::exception_message(error);
+        found.next_run.exit_code = run_failed;
+        found.items.push_back(
+            {what, state::problem, found.next_run.message, advice_for(found.next_run.message)});
+    }
+}
+
+void look_at_folder(findings& found) {
+    const std::wstring folder = store_folder();
+    const std::wstring bare = folder.substr(0, folder.size() - 1);
+    if (!exists(bare)) {
+        found.items.push_back({"folder", state::note, utf8(bare) + " does not exist yet", ""});
+        return;
+    }
+    // Asks for the right without using it.
+    const pwrap::win_handle<-1> opened(
+        ::CreateFileW(bare.c_str(), FILE_ADD_FILE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                      nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    if (opened) {
+        found.items.push_back({"folder", state::good, utf8(bare) + " can be written", ""});
+    } else if (corvo::errorreport::running_system().elevated) {
+        found.items.push_back({"folder", state::problem, utf8(bare) + " cannot be written",
+                               "Give SYSTEM and administrators full access to the folder."});
+    } else {
+        found.items.push_back({"folder", state::note, utf8(bare) + " cannot be written by this account", ""});
+    }
+}
+
+void look_at_events(findings& found) {
+    std::wstring value;
+    LSTATUS status = ERROR_SUCCESS;
+    if (!read_value(events_key, L"EventMessageFile", value, status)) {
+        found.items.push_back({"event source", state::problem,
+                               "the event source HalvoroUpdate is not registered",
+                               "Repair the installation, or register it as docs/administrators.md says."});
+    } else if (!exists(value)) {
+        found.items.push_back({"event source", state::problem,
+                               "the event source names " + utf8(value) + ", which does not exist",
+                               "Repair the installation: events show no text."});
+    } else {
+        found.items.push_back({"event source", state::good, "HalvoroUpdate, texts in " + utf8(value), ""});
+    }
+}
+
+std::wstring between(const std::wstring& text, std::wstring_view begin, std::wstring_view end) {
+    const std::size_t at = text.find(begin);
+    const std::size_t stop = at == std::wstring::npos ? at : text.find(end, at + begin.size());
+    return stop == std::wstring::npos ? std::wstring()
+                                      : text.substr(at + begin.size(), stop - at - begin.size());
+}
+
+void look_at_task(findings& found) {
+    const char* const repair =
+        "Repair the installation: msiexec /fvomus and the package makes the task again.";
+    std::wstring xml;
+    const HRESULT result = setup::read_task(xml);
+    if (FAILED(result)) {
+        std::wstring told;
+        LSTATUS status = ERROR_SUCCESS;
+        if (read_value(updater_key, L"NoTask", told, status) && told == L"1") {
+            found.items.push_back({"task", state::note, "none, as the installer was asked", ""});
+        } else if (result == HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND) ||
+                   result == HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND)) {
+            found.items.push_back(
+                {"task", state::problem,
+                 "there is no scheduled task \\Tavrin\\Halvoro update: nothing starts the updater", repair});
+        } else {
+            found.items.push_back(
+                {"task", state::unknown,
+                 "the task cannot be read (" + hexadecimal(static_cast<std::uint32_t>(result)) + ")",
+                 "Check again from a prompt that was started as administrator."});
+        }
+        return;
+    }
+    setup::task_state scheduled;
+    setup::read_task_state(scheduled);
+    const std::wstring command = between(xml, L"<Command>", L"</Command>");
+    if (!scheduled.enabled) {
+        found.items.push_back({"task", state::problem, "the task \\Tavrin\\Halvoro update is disabled",
+                               "Enable it: schtasks /change /tn \"\\Tavrin\\Halvoro update\" /enable"});
+    } else if (between(xml, L"<DisallowStartIfOnBatteries>", L"<") != L"false") {
+        found.items.push_back(
+            {"task", state::problem, "the task does not start on battery",
+             "Clear \"Start the task only if the computer is on AC power\" in its conditions."});
+    } else if (!command.empty() && !exists(command)) {
+        found.items.push_back(
+            {"task", state::problem, "the task starts " + utf8(command) + ", which does not exist", repair});
+    } else {
+        found.items.push_back({"task", state::good,
+                               "\\Tavrin\\Halvoro update, last result " +
+                                   hexadecimal(static_cast<std::uint32_t>(scheduled.last_result)),
+                               ""});
+    }
+}
+
+std::string whole_text(const std::wstring& path) {
+    corvo::stream::file file(path.c_str(), corvo::stream::mode_for_reading |
+                                               corvo::stream::mode_open_existing |
+                                               corvo::stream::share_reading | corvo::stream::share_writing |
+                                               corvo::stream::share_deleting);
+    std::string bytes;
+    std::array<char, 8192> block{};
+    while (const std::size_t taken = file.read(block.data(), block.size())) {
+        bytes.append(block.data(), taken);
+    }
+    if (bytes.size() >= 2 && bytes[0] == '\xFF' && bytes[1] == '\xFE') {
+        std::wstring wide;
+        for (std::size_t at = 2; at + 1 < bytes.size(); at += 2) {
+            wide += static_cast<wchar_t>(static_cast<unsigned char>(bytes[at]) |
+                                         static_cast<unsigned char>(bytes[at + 1]) << 8);
+        }
+        return utf8(wide);
+    }
+    return bytes;
+}
+
+// The installer's log of the last installation that the updater started: what its last action returned, or its last line.
+void look_at_log(findings& found, const wish& wanted) {
+    const std::string variant =
+        is_plain_name(wanted.variant) ? pwrap::narrow_user_text(::GetACP(), wanted.variant) : std::string();
+    const std::wstring path = store_folder() + widen_name(package_base_name(".ARM64", variant)) + L".log";
+    if (!exists(path)) {
+        found.items.push_back(
+            {"installer log", state::note, "none: the updater has started no installer yet", ""});
+        return;
+    }
+    const std::string text = whole_text(path);
+    // Names of actions are the installer's own in every language; their results are numbers: 1 done, 3 failed.
+    const std::size_t failed = text.find("Return value 3");
+    if (failed != std::string::npos) {
+        const std::size_t begin = text.rfind('\n', failed) + 1; // npos + 1 is 0
+        found.items.push_back({"installer log", state::problem,
+                               "the last installation failed: " + text.substr(begin, failed + 14 - begin),
+                               "Read " + utf8(path) + " above that line."});
+        return;
+    }
+    std::size_t end = text.find_last_not_of("\r\n ");
+    end = end == std::string::npos ? 0 : end + 1;
+    const std::size_t begin = end == 0 ? 0 : text.rfind('\n', end - 1) + 1;
+    found.items.push_back(
+        {"installer log", state::good, "ends with: " + text.substr(begin, end - begin), ""});
+}
+
+int count_files(const std::wstring& pattern) {
+    WIN32_FIND_DATAW each;
+    const pwrap::find_file search(::FindFirstFileW(pattern.c_str(), &each));
+    int count = search ? 1 : 0;
+    while (search && ::FindNextFileW(search.get(), &each) != 0) {
+        ++count;
+    }
+    return count;
+}
+
+void look_at_reports(findings& found) {
+    std::array<wchar_t, MAX_PATH> windows{};
+    ::GetWindowsDirectoryW(windows.data(), static_cast<UINT>(windows.size()));
+    // SYSTEM's, for which the task runs, and that of this account.
+    const std::wstring system_folder = std::wstring(windows.data()) + L"\\Temp\\";
+    const std::wstring own_folder = pwrap::temporary_folder();
+    int count = count_files(system_folder + L"*.tzo");
+    if (own_folder != system_folder) {
+        count += count_files(own_folder + L"*.tzo");
+    }
+    found.items.push_back({"reports", state::note,
+                           count == 0 ? "no crash report waits"
+                                      : std::to_string(count) + " crash reports wait for the next start",
+                           ""});
+}
+
+} // namespace
+
+findings look_at_machine(const wish& wanted) {
+    findings found;
+    found.own_version = own_version_text;
+    look_at_account(found);
+    const bool open = look_at_network(found);
+    const char* const windows = corvo::errorreport::running_windows_version();
+    found.items.push_back({"Windows", windows != nullptr ? state::good : state::note,
+                           windows != nullptr ? windows : "no name of its own in the description's address",
+                           ""});
+    look_at_channel(found);
+    look_at_proxy(found);
+    if (open) {
+        look_at_offer(found, wanted);
+    }
+    look_at_folder(found);
+    look_at_events(found);
+    look_at_task(found);
+    look_at_log(found, wanted);
+    look_at_reports(found);
+    return found;
+}
+
+} // namespace check
