@@ -305,8 +305,16 @@ def read_plan(document: Path) -> Plan:
     return plan
 
 
-def check(document: Path, tests: Path, results: Path, suites: Collection[Suite], left_out: Collection[str] = ()) -> Verdict:
-    """Checks the plan. `left_out` names the suites that cannot run on this machine, which has been said elsewhere."""
+def names_in_table(page: Path) -> set[str]:
+    """The tests that the last column of the page's tables names."""
+    rows = (line.rstrip().removesuffix("|") for line in page.read_text(encoding="utf-8").splitlines() if line.startswith("|"))
+    return {name for row in rows for name in re.findall(r"`(\w+\.[\w-]+)`", row.rpartition("|")[2])}
+
+
+def check(document: Path, tests: Path, results: Path, suites: Collection[Suite], left_out: Collection[str] = (),
+          quoting: Iterable[Path] = ()) -> Verdict:
+    """Checks the plan. `left_out` names the suites that cannot run on this machine, which has been said elsewhere; `quoting` are
+    pages whose tables name tests, each of which must be named by a case of the plan, too."""
     verdict = Verdict()
     plan = read_plan(document)
     sources = read_sources(tests)
@@ -341,6 +349,8 @@ def check(document: Path, tests: Path, results: Path, suites: Collection[Suite],
     count("all", sum(len(section.cases) for section in plan.sections), named, unshown_in_all)
     if not named:
         verdict.faults.append(f"{document.name}: no case names a test")
+    for page in quoting:
+        verdict.faults += [f"{page.name}: no case of the plan names {name}" for name in sorted(names_in_table(page) - named)]
     verdict.unnamed = sorted((sources | set(reports.outcomes)) - named)
     verdict.lines.append(f"{len(verdict.unnamed)} tests are named by no case")
     return verdict
@@ -351,7 +361,8 @@ def check_tree(left_out: Collection[str] = ()) -> Verdict:
     import run  # noqa: PLC0415  (it imports this module in turn)
 
     suites = [Suite(suite.name, PLACES[suite.architecture]) for suite in run.SUITES]
-    return check(TREE / "docs/test_plan.md", TREE / "tests", run.RESULTS, suites, left_out)
+    return check(TREE / "docs/test_plan.md", TREE / "tests", run.RESULTS, suites, left_out,
+                 (TREE / "SECURITY.md",))
 
 
 def tell(verdict: Verdict) -> None:

@@ -3,6 +3,7 @@
 
     job.py build [--target TARGET] PRESET...     configures where needed, and builds in build/PRESET
     job.py coverage [--whole-runs]               counts which lines the tests run
+    job.py docs                                  makes the documents' site in build/docs and checks its links
     job.py fuzz [--seconds N] [TARGET]...        runs fuzz targets of build/native-fuzz
     job.py lint [--fix] [CHECK]...               format, headers, shell, python, cppcheck, tidy
 """
@@ -10,14 +11,14 @@
 import argparse
 import sys
 
-from jobs import building, coverage, fuzzing, linting
+from jobs import building, coverage, documents, fuzzing, linting
 from jobs.common import JobError
 
 
 def main() -> int:
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     words = parser.add_subparsers(dest="job", required=True)
-    for module in (building, coverage, fuzzing, linting):
+    for module in (building, coverage, documents, fuzzing, linting):
         module.add_parser(words)
     arguments = parser.parse_args()
     try:

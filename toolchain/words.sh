@@ -19,6 +19,7 @@ below the cache folder, once) and then its job. It needs a Debian-like machine, 
   plan     checks that every case of the test plan is proved by tests that passed
   lint     format, static analysis, headers on their own, shell scripts
   coverage which lines of the product the tests run
+  docs     makes a site with search out of the documents, and checks every link
   shell    a shell, or one command, in the room
 
 examples:
@@ -404,6 +405,17 @@ word_bench() {
     check_after_failure in_room python3 bench/run.py "$@"
 }
 
+word_docs() {
+    if [[ ${1:-} == --help || ${1:-} == -h ]]; then
+        printf '%s\n' 'usage: ./dev docs' '' 'Makes a site with search out of the documents, in build/docs/site, and checks every link.' \
+            'It needs no server: open build/docs/site/index.html in a browser.' '' 'example:' '  ./dev docs'
+        return
+    fi
+    (($# == 0)) || die "unknown argument $1" "See ./dev docs --help."
+    need room-amd64
+    in_room python3 toolchain/job.py docs
+}
+
 word_fuzz() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
         printf '%s\n' 'usage: ./dev fuzz [TARGET]... [--seconds N]' '' \
@@ -483,7 +495,7 @@ main() {
     trap 'exit 130' INT
     trap 'exit 143' TERM HUP
     case $word in
-    run | test | build | release | installer | bench | fuzz | soak | plan | coverage | lint | shell) "word_$word" "$@" ;;
+    run | test | build | release | installer | bench | fuzz | soak | plan | coverage | docs | lint | shell) "word_$word" "$@" ;;
     --help | -h | help) help_text ;;
     '') help_text >&2; exit 2 ;;
     *) die "unknown word: $word" "See ./dev --help." ;;

@@ -249,6 +249,14 @@ def test_the_pages_in_the_folder_of_the_plan_are_part_of_it(tree: Tree) -> None:
     assert any(line.startswith("Further streams") for line in verdict.lines)
 
 
+def test_a_page_may_name_in_its_tables_only_tests_that_a_case_names(tree: Tree) -> None:
+    tree.check("- Reads. [`stream.reads`]")
+    page = tree.tests.parent / "SECURITY.md"
+    page.write_text("`stream.writes`\n\n| attack | test |\n|---|---|\n| `a.b` | `stream.reads`, `stream.closes` |\n", encoding="utf-8")
+    verdict = plan.check(tree.document, tree.tests, tree.results, SUITES, quoting=[page])
+    assert only_fault(verdict) == "SECURITY.md: no case of the plan names stream.closes"
+
+
 def test_the_plan_of_this_tree_can_be_read() -> None:
     document = plan.read_plan(ROOT / "docs/test_plan.md")
     assert document.faults == []
