@@ -81,7 +81,8 @@ class Bench:
         run = self.machine.run(line, limit=300)
         if run.exit_code != 0 or not result.exists():
             raise SystemExit(f"{line}: exit code {run.exit_code}")
-        return json.loads(result.read_text(encoding="ascii"))
+        found: dict[str, float] = json.loads(result.read_text(encoding="ascii"))
+        return found
 
     def pairs(self, first: Callable[[], float], second: Callable[[], float]) -> tuple[float, float, float]:
         """Lets the two take turns; the medians of both and of the ratios first/second."""

@@ -14,6 +14,10 @@
 #include <string_view>
 #include <vector>
 
+using corvo::updater::parse_version;
+using corvo::updater::read_description;
+using corvo::updater::update_description;
+
 namespace {
 
 void require(bool condition) {

@@ -96,7 +96,6 @@ class Outcome:
     failed: set[str] = field(default_factory=set)
     skipped: dict[str, str] = field(default_factory=dict)
 
-
     @property
     def ran(self) -> bool:
         """Whether the test was tried at all."""
@@ -192,15 +191,15 @@ def _read_case(text: str, line: int, default_kind: str) -> Case | str:
         if wrong := [name for name in names if not re.fullmatch(r"\w+\.[\w-]+", name)]:
             return f"`{wrong[0]}` is not the name of a test; a name is `suite.test` or `file.test`, without parameters"
         groups.append(Group(names, group["kind"] or default_kind))
-    names = [name for group in groups for name in group.names]
-    if len(names) != len(set(names)):
+    named = [name for group in groups for name in group.names]
+    if len(named) != len(set(named)):
         return f"a test is named twice: {text}"
     return Case(line, parts["sentence"], tuple(groups))
 
 
 def read_sources(tests: Path) -> set[str]:
     """The names of all tests that the sources hold."""
-    names = set()
+    names: set[str] = set()
     for file in tests.rglob("*.cpp"):
         names.update(f"{suite}.{test}" for suite, test in _CPP_TEST.findall(file.read_text(encoding="utf-8")))
     for file in tests.rglob("test_*.py"):

@@ -5,7 +5,7 @@
     job.py coverage [--whole-runs]               counts which lines the tests run
     job.py docs                                  makes the documents' site in build/docs and checks its links
     job.py fuzz [--seconds N] [TARGET]...        runs fuzz targets of build/native-fuzz
-    job.py lint [--fix] [CHECK]...               format, headers, shell, python, cppcheck, tidy
+    job.py lint [--fix] [CHECK]...               format, headers, shell, python, types, cppcheck, tidy
 """
 
 import argparse

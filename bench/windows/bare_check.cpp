@@ -62,7 +62,7 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, wchar_t* command_line, int) {
         }
         manager->Release();
     }
-    const std::string host = build_config::update_host;
+    const std::string host = corvo::build_config::update_host;
     const std::wstring path = command_line;
     const HINTERNET session = ::WinHttpOpen(L"bench", WINHTTP_ACCESS_TYPE_DEFAULT_PROXY, nullptr, nullptr, 0);
     const HINTERNET server = ::WinHttpConnect(session, std::wstring(host.begin(), host.end()).c_str(), 80, 0);

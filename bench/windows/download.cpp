@@ -22,15 +22,15 @@ bool fetch_as_product(const std::string& path, const wchar_t* file_name) {
                                  {.resolve = 5000, .connect = 10000, .send = 30000, .receive = 30000});
     const webio::url_parts url{.scheme = webio::url_scheme::http,
                                .port = 80,
-                               .host = build_config::update_host,
+                               .host = corvo::build_config::update_host,
                                .user_name = {},
                                .password = {},
                                .path = path};
     const webio::connection server(session, url);
     stream::file file(file_name, stream::mode_for_reading | stream::mode_for_writing | stream::mode_create |
                                      stream::share_reading | stream::hint_sequential_access);
-    minisign::verified_fetch(server, url, {}, "application/octet-stream", build_config::trusted_keys,
-                             build_config::trusted_key_count, file, nullptr);
+    minisign::verified_fetch(server, url, {}, "application/octet-stream", corvo::build_config::trusted_keys,
+                             corvo::build_config::trusted_key_count, file, nullptr);
     return file.ok();
 }
 
@@ -43,7 +43,7 @@ bool fetch_bare(const std::string& path, const wchar_t* file_name) {
     const HINTERNET session = ::WinHttpOpen(L"bench", WINHTTP_ACCESS_TYPE_DEFAULT_PROXY,
                                             WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS, 0);
     const HINTERNET server =
-        ::WinHttpConnect(session, webio::to_wide(build_config::update_host).c_str(), 80, 0);
+        ::WinHttpConnect(session, webio::to_wide(corvo::build_config::update_host).c_str(), 80, 0);
     const HINTERNET request =
         ::WinHttpOpenRequest(server, L"GET", webio::to_wide(path).c_str(), nullptr, nullptr, nullptr, 0);
     const HANDLE file =

@@ -15,8 +15,8 @@ int wmain(int count, wchar_t** arguments) {
     const bench::stopwatch watch;
     stream::file signature_file(arguments[2], stream::mode_for_reading | stream::share_reading);
     const minisign::signature made = minisign::read_signature(signature_file);
-    const minisign::trusted_key& key =
-        minisign::find_trusted_key(made, build_config::trusted_keys, build_config::trusted_key_count);
+    const minisign::trusted_key& key = minisign::find_trusted_key(made, corvo::build_config::trusted_keys,
+                                                                  corvo::build_config::trusted_key_count);
     stream::file package(arguments[1],
                          stream::mode_for_reading | stream::share_reading | stream::hint_sequential_access);
     const bool right = minisign::content_verifies(package, made, key, nullptr);

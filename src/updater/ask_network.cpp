@@ -1,5 +1,7 @@
 #include "updater/ask_network.h"
 
+namespace corvo::updater {
+
 gate ask_network(pwrap::com_obj<INetworkListManager>& manager) noexcept {
     // The platform documents the property as get_IsConnectedToInternet; this header has it without the prefix.
     VARIANT_BOOL connected = VARIANT_FALSE;
@@ -17,3 +19,5 @@ gate ask_network(pwrap::com_obj<INetworkListManager>& manager) noexcept {
     }
     return judge_cost(cost);
 }
+
+} // namespace corvo::updater

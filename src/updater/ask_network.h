@@ -6,6 +6,10 @@
 
 #include <netlistmgr.h>
 
+namespace corvo::updater {
+
 // Creates the network list manager in `manager` and judges what it answers. Any failure to ask leaves the gate open: a machine
 // whose network service is broken should still get updates. COM is initialised on the calling thread.
 gate ask_network(pwrap::com_obj<INetworkListManager>& manager) noexcept;
+
+} // namespace corvo::updater

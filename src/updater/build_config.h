@@ -5,7 +5,7 @@
 
 #include <cstddef>
 
-namespace build_config {
+namespace corvo::build_config {
 
 // Host name of the update server.
 extern const char update_host[];
@@ -13,4 +13,4 @@ extern const char update_host[];
 inline constexpr std::size_t trusted_key_count = 1;
 extern const corvo::minisign::trusted_key trusted_keys[trusted_key_count];
 
-} // namespace build_config
+} // namespace corvo::build_config

@@ -8,6 +8,7 @@
 
 #include <memory>
 
+namespace corvo::updater {
 namespace {
 
 struct local_memory_deleter {
@@ -29,3 +30,5 @@ std::string requested_variant() {
     const std::wstring variant = arguments[1];
     return is_plain_name(variant) ? pwrap::narrow_user_text(::GetACP(), variant) : std::string();
 }
+
+} // namespace corvo::updater

@@ -3,6 +3,7 @@
 #include "platform/ascii.h"
 #include "stream/read_line.h"
 
+namespace corvo::updater {
 namespace {
 
 int digit_value(char c) noexcept {
@@ -75,3 +76,5 @@ update_description read_description(corvo::stream::basic& source) {
     }
     return result;
 }
+
+} // namespace corvo::updater

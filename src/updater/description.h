@@ -14,6 +14,8 @@
 #include <string>
 #include <string_view>
 
+namespace corvo::updater {
+
 // What a description may hold. Real ones have about 100 bytes; whoever sends more wants memory filled before anything is known to
 // be signed.
 inline constexpr corvo::stream::fsize max_description_size = 65536;
@@ -35,3 +37,5 @@ std::uint32_t parse_version(std::string_view text) noexcept;
 // The request path of the description of `channel`, with the name of the Windows version or null for none. Throws
 // std::runtime_error "encoding error" for a channel that the C locale cannot hold.
 std::string description_path(const char* windows_version, const std::wstring& channel);
+
+} // namespace corvo::updater

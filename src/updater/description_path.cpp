@@ -2,6 +2,8 @@
 
 #include "platform/format.h"
 
+namespace corvo::updater {
+
 std::string description_path(const char* windows_version, const std::wstring& channel) {
     std::string path;
     if (windows_version != nullptr) {
@@ -11,3 +13,5 @@ std::string description_path(const char* windows_version, const std::wstring& ch
     }
     return path;
 }
+
+} // namespace corvo::updater

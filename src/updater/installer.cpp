@@ -12,6 +12,7 @@
 #include <memory>
 #include <system_error>
 
+namespace corvo::updater {
 namespace {
 
 bool elevated() noexcept {
@@ -118,3 +119,5 @@ void start_installer(const std::wstring& parameters) {
         throw pwrap::win_runtime_error("ShellExecute failed");
     }
 }
+
+} // namespace corvo::updater

@@ -5,6 +5,8 @@
 
 #include <string>
 
+namespace corvo::updater {
+
 // Whether a text from outside may become part of a file name or request path: it has no backslash, slash or question mark.
 bool is_plain_name(const std::wstring& text) noexcept;
 
@@ -34,3 +36,5 @@ std::wstring installer_parameters(const std::wstring& package_file, const std::w
 
 // Starts msiexec.exe and does not wait for it. Throws pwrap::win_runtime_error "ShellExecute failed".
 void start_installer(const std::wstring& parameters);
+
+} // namespace corvo::updater

@@ -16,5 +16,5 @@ const pwrap::event_log events(::RegisterEventSourceW(nullptr, L"HalvoroUpdate"))
 int WINAPI wWinMain(HINSTANCE, HINSTANCE, wchar_t*, int) {
     // An update may cure what crashed before, but first the crash is told.
     corvo::errorreport::wait_for_start_up_thread();
-    return run(events.get());
+    return corvo::updater::run(events.get());
 }

@@ -1,5 +1,7 @@
 #include "updater/network_gate.h"
 
+namespace corvo::updater {
+
 gate judge_cost(std::uint32_t cost) noexcept {
     // NLM_CONNECTION_COST values, written out so that the verdict builds anywhere.
     constexpr std::uint32_t level_mask = 0xffff;
@@ -19,3 +21,5 @@ gate judge_cost(std::uint32_t cost) noexcept {
     }
     return gate::open;
 }
+
+} // namespace corvo::updater

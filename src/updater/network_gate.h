@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+namespace corvo::updater {
+
 // Exit codes, and the ids of the events that go with them.
 enum class gate : int {
     open = 0,
@@ -15,3 +17,5 @@ enum class gate : int {
 // The verdict on a connection with `cost`, an NLM_CONNECTION_COST bit mask. Roaming is deliberately not looked at on its own:
 // the cost of a roaming connection is in the other bits. Portable.
 gate judge_cost(std::uint32_t cost) noexcept;
+
+} // namespace corvo::updater

@@ -11,6 +11,7 @@
 
 #include <exception>
 
+namespace corvo::updater {
 namespace {
 
 constexpr const wchar_t* product_name = L"Halvoro"; // insertion string %1 of every event
@@ -56,3 +57,5 @@ int run(HANDLE event_source) {
     }
     return 0;
 }
+
+} // namespace corvo::updater

@@ -3,6 +3,8 @@
 
 #include <windows.h>
 
+namespace corvo::updater {
+
 // Exit code of a run that failed with an exception, and id of the error event that says why.
 inline constexpr DWORD run_failed = 0x80000001;
 
@@ -11,3 +13,5 @@ inline constexpr DWORD run_failed = 0x80000001;
 //
 // Throws pwrap::com_runtime_error "CoInitialize failed", which ends the process: nothing can be done without COM.
 int run(HANDLE event_source);
+
+} // namespace corvo::updater

@@ -13,6 +13,8 @@
 
 #include <stdexcept>
 
+namespace corvo::updater {
+
 Updater::Updater(unsigned int flags)
     : platform_suffix(".ARM64"),
       m_session(std::string("Lumaris/") + own_version_text,
@@ -75,3 +77,5 @@ void Updater::install(unsigned int flags, corvo::progress<std::uint64_t>* progre
     }
     start_installer(installer_parameters(package_file, file_stem + L".log", (flags & unattended) != 0));
 }
+
+} // namespace corvo::updater

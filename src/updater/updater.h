@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <string>
 
+namespace corvo::updater {
+
 class Updater {
 public:
     // Bit of the flags: nobody watches. An empty channel then switches updates off, and the installer stays quiet.
@@ -38,3 +40,5 @@ public:
 private:
     webio::session m_session;
 };
+
+} // namespace corvo::updater

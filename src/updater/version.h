@@ -3,5 +3,9 @@
 
 #include <cstdint>
 
+namespace corvo::updater {
+
 inline constexpr std::uint32_t own_version = 0x03040000;
 inline constexpr char own_version_text[] = "3.4.0";
+
+} // namespace corvo::updater

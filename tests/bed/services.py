@@ -6,6 +6,7 @@ import socket
 import subprocess
 import time
 from pathlib import Path
+from typing import Self
 
 from .errors import BedError
 
@@ -19,7 +20,7 @@ class Service:
         self._log = log
         self._process: subprocess.Popen[bytes] | None = None
 
-    def __enter__(self) -> Service:
+    def __enter__(self) -> Self:
         with self._log.open("ab") as log:
             self._process = subprocess.Popen(self._arguments, stdin=subprocess.DEVNULL, stdout=log, stderr=log, cwd="/")
         until = time.monotonic() + 20
@@ -27,7 +28,7 @@ class Service:
             if self._process.poll() is not None or time.monotonic() > until:
                 self.__exit__()
                 raise BedError(f"{self._arguments[0]} does not listen on port {self._port}: "
-                                f"{self._log.read_text(errors='replace').strip()[-2000:]}")
+                               f"{self._log.read_text(errors='replace').strip()[-2000:]}")
             time.sleep(0.02)
         return self
 

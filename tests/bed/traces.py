@@ -54,8 +54,8 @@ def commands(trace: str) -> Iterator[ShellCommand]:
     for line in trace.splitlines():
         if found := _SHELL.search(line):
             time, *texts, show = found.groups()
-            yield ShellCommand(*(_text(text) if text.startswith('L"') else None for text in texts), int(show, 16),
-                               float(time))
+            verb, file, parameters, folder = (_text(text) if text.startswith('L"') else None for text in texts)
+            yield ShellCommand(verb, file, parameters, folder, int(show, 16), float(time))
 
 
 def event_sources(trace: str) -> list[str]:

@@ -210,7 +210,7 @@ class Windows:
             trace.seek(offset)
             text = trace.read().decode("utf-8", "replace")
         return FinishedRun(int(code, 16) if how == "exited" else None, _seconds(begin), _seconds(end),
-                            tuple(traces.events(text)), tuple(traces.commands(text)), tuple(left),
+                           tuple(traces.events(text)), tuple(traces.commands(text)), tuple(left),
                            self._output_path.read_text(encoding="utf-8", errors="replace"), text)
 
     def begin(self, name: str, command_line: str) -> Started:

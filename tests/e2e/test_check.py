@@ -95,6 +95,11 @@ def a_file_in_the_place_of_the_folder(world: World) -> None:
     world.maker_folder.write_bytes(b"")
 
 
+def a_channel_of_its_own(world: World) -> None:
+    world.set_channel("beta")
+    world.offer(description="/Halvoro/Lumaris/win10-beta.txt")
+
+
 def a_read_only_package(world: World) -> None:
     """The package that is there cannot be written."""
     store(world, PACKAGE_CONTENT)
@@ -122,16 +127,16 @@ WORLDS: dict[str, Callable[[World], object]] = {
     "congested": cost(settings.UNRESTRICTED | settings.CONGESTED),
     "roaming alone": offer_then(cost(settings.UNRESTRICTED | settings.ROAMING)),
     "updates off": lambda world: world.set_channel(""),
-    "a channel of its own": lambda world: (world.set_channel("beta"), world.offer(description="/Halvoro/Lumaris/win10-beta.txt")),
+    "a channel of its own": a_channel_of_its_own,
     "a channel that is ignored": offer_then(lambda world: world.set_channel("..\\beta")),
     "no description": lambda world: None,
-    "no signature": offer_with(DESCRIPTION + ".minisig", Reply(b"not here", status=404)),
+    "no signature": offer_with(DESCRIPTION + ".minisig", Reply(b"not here", status="404 Not Found")),
     "a page in the place of the signature": offer_with(DESCRIPTION + ".minisig", Reply(b"<html>please log in</html>")),
     "a changed description": offer_with(DESCRIPTION, Reply(b"3040200\nHalvoro\nhttp://updates.tavrin.example/\n")),
     "another key": signed_by_another_key,
     "a description without an end": offer_with(DESCRIPTION, Reply(b"x" * 65537)),
     "no package": lambda world: world.offer(package=None),
-    "a package without content": offer_with(PACKAGE, Reply(b"gone", status=410)),
+    "a package without content": offer_with(PACKAGE, Reply(b"gone", status="410 Gone")),
     "a changed package": offer_with(PACKAGE, Reply(PACKAGE_CONTENT[:-1] + b"x")),
     "an empty address": lambda world: world.offer(url="", package=None),
     "an unknown scheme": lambda world: world.offer(url="ftp://updates.tavrin.example/", package=None),

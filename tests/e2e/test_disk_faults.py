@@ -5,7 +5,6 @@ The rights of files and folders hold for the programs of the bed as for anybody,
 
 from __future__ import annotations
 
-import os
 import shutil
 from collections.abc import Callable, Iterator
 from contextlib import AbstractContextManager, contextmanager

@@ -280,7 +280,8 @@ class Tables:
         """Changes the tables."""
         for statement in statements:
             packaging.run("msibuild", str(self.file), "-q", statement)
-        return checks.check(self.file, self.architecture, "3.4.0")
+        complaints: list[str] = checks.check(self.file, self.architecture, "3.4.0")
+        return complaints
 
 
 @pytest.fixture

@@ -5,7 +5,7 @@ from __future__ import annotations
 import pytest
 
 from bed.http_server import Reply
-from world import DESCRIPTION, FOLDER_URL, PACKAGE, PACKAGE_CONTENT, World
+from world import DESCRIPTION, PACKAGE, PACKAGE_CONTENT, World
 
 STORED = "Halvoro.ARM64.msi"
 

@@ -89,19 +89,19 @@ def pytest_generate_tests(metafunc: pytest.Metafunc) -> None:
         metafunc.parametrize(("post", "position"), cases)
     elif "kind" in metafunc.fixturenames:
         names = list(kinds())
-        cases = [(POSTS[number % 2], kind) for number, kind in enumerate(names)]
+        kinds_of_posts = [(POSTS[number % 2], kind) for number, kind in enumerate(names)]
         if every:
-            cases = [(post, kind) for post in POSTS for kind in names]
+            kinds_of_posts = [(post, kind) for post in POSTS for kind in names]
         else:
             # The platform is the same as for updates: a few will do.
-            cases = cases[::16 if emulated else 6]
-        metafunc.parametrize(("post", "kind"), cases)
+            kinds_of_posts = kinds_of_posts[::16 if emulated else 6]
+        metafunc.parametrize(("post", "kind"), kinds_of_posts)
     elif "location" in metafunc.fixturenames:
-        cases = list(itertools.product(POSTS, REDIRECTIONS, LOCATIONS))
-        metafunc.parametrize(("post", "status", "location"), cases if every else cases[::5])
+        redirected = list(itertools.product(POSTS, REDIRECTIONS, LOCATIONS))
+        metafunc.parametrize(("post", "status", "location"), redirected if every else redirected[::5])
     elif "what" in metafunc.fixturenames:
-        cases = list(itertools.product(POSTS, faults.endless_bodies(THANKS, 0)))
-        metafunc.parametrize(("post", "what"), cases if every else cases[::2])
+        endless = list(itertools.product(POSTS, faults.endless_bodies(THANKS, 0)))
+        metafunc.parametrize(("post", "what"), endless if every else endless[::2])
 
 
 @pytest.fixture(scope="module")
@@ -272,7 +272,7 @@ class ByReport(InTurn):
 
     def next(self, asked: Request) -> Single:
         """The answer to this report."""
-        return (self._full if zlib.decompress(asked.body)[:4] == b"TZR1" else super()).next(asked)
+        return self._full.next(asked) if zlib.decompress(asked.body)[:4] == b"TZR1" else super().next(asked)
 
 
 @pytest.mark.any_processor

@@ -17,7 +17,7 @@ import pytest
 
 import faults
 from bed import certificates
-from bed.http_server import Answer, InTurn, Raw, Reply, ScriptedServer
+from bed.http_server import CLOSE, Answer, InTurn, Raw, Reply, ScriptedServer
 from bed.snapshot import nothing_else_changes
 from bed.windows import FinishedRun
 from faults import Fault, Message
@@ -60,10 +60,10 @@ def pytest_generate_tests(metafunc: pytest.Metafunc) -> None:
         return
     for fixture, names in (("kind", list(kinds(FORM["description"], FORM["description"]))), ("location", list(REDIRECTIONS))):
         if fixture in metafunc.fixturenames:
-            cases = [(NAMES[number % 4], name) for number, name in enumerate(names)
+            named = [(NAMES[number % 4], name) for number, name in enumerate(names)
                      if number % 4 == 0 or not name.startswith("status, ")]
             metafunc.parametrize(("request_name", fixture),
-                                 [(request, name) for request in NAMES for name in names] if every else cases[::step])
+                                 [(request, name) for request in NAMES for name in names] if every else named[::step])
 
 
 @pytest.fixture(scope="module", autouse=True)
@@ -128,7 +128,7 @@ def judge(world: World, run: FinishedRun, wanted: set[str]) -> str:
 def is_lost_with_the_connection(run: FinishedRun, path: str, answer: Answer) -> bool:
     """Whether the request after this one went out on the connection that the server was about to close behind its answer. The platform looks
     for the end before it uses a connection again, and may look too early; nothing can be said of the answer then."""
-    if path == PHASES[-1] or not isinstance(answer, Raw) or answer.then != faults.CLOSE or len(run.events) != 1:
+    if path == PHASES[-1] or not isinstance(answer, Raw) or answer.then != CLOSE or len(run.events) != 1:
         return False
     following = outer(PHASES[PHASES.index(path) + 1])
     return run.events[0].strings[-1] in {f"{following}: {reason}" for reason in faults.RESET_BY_PEER}

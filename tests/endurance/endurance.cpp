@@ -98,14 +98,14 @@ void update(const std::wstring& variant, HANDLE events) {
     const std::wstring file = package(variant);
     ::DeleteFileW(file.c_str());
     installers = 0;
-    require(run(events) == 0 && installers == 1, "an update is downloaded");
+    require(corvo::updater::run(events) == 0 && installers == 1, "an update is downloaded");
     require(::GetFileAttributesW(file.c_str()) != INVALID_FILE_ATTRIBUTES, "the package is stored");
-    require(run(events) == 0 && installers == 2, "the stored package is installed");
-    Updater other(Updater::unattended);
+    require(corvo::updater::run(events) == 0 && installers == 2, "the stored package is installed");
+    corvo::updater::Updater other(corvo::updater::Updater::unattended);
     other.variant = "-of-which-there-is-none";
     bool failed = false;
     try {
-        other.install(Updater::unattended, nullptr);
+        other.install(corvo::updater::Updater::unattended, nullptr);
     } catch (const std::runtime_error&) {
         failed = true;
     }

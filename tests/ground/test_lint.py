@@ -34,7 +34,9 @@ def complaints_of_fixture(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Co
     # The tree is not built: that is not what is looked at.
     monkeypatch.setattr(building, "build", lambda *_: None)
     monkeypatch.setattr(building, "configure", lambda *_: None)
-    for name in (".clang-format", ".clang-tidy"):
+    monkeypatch.setattr(linting, "TYPED_FOLDERS", {"tools": ()})
+    (tmp_path / "toolchain").mkdir()
+    for name in (".clang-format", ".clang-tidy", "toolchain/mypy.ini"):
         shutil.copy(ROOT / name, tmp_path / name)
 
     def complaints(check: str, **files: str) -> str:
@@ -66,7 +68,33 @@ def test_a_complaint_fails_the_job(complaints_of: Complaints, capsys: pytest.Cap
     complaints_of("python", **{"tools/planted.py": "print(\n"})
     with pytest.raises(JobError, match="lint failed: python$"):
         linting.run(Namespace(checks=["shell", "python"], fix=False))
-    assert "tools/planted.py:1: '(' was never closed" in capsys.readouterr().err
+    assert "tools/planted.py:1:7: E999 SyntaxError" in capsys.readouterr().err
+
+
+@pytest.mark.parametrize(("text", "expected"), [
+    ("import os\n", "F401 'os' imported but unused"),
+    ("print(unknown)\n", "F821 undefined name 'unknown'"),
+    ("print(1)\n\n\n\n\nprint(2)\n", "E303 too many blank lines"),
+])
+def test_python(complaints_of: Complaints, text: str, expected: str) -> None:
+    assert expected in complaints_of("python", **{"tools/planted.py": text})
+
+
+@pytest.mark.parametrize(("text", "expected"), [
+    ("def twice(number):\n    return 2 * number\n", "Function is missing a type annotation"),
+    ("def twice(number: int) -> str:\n    return 2 * number\n", "Incompatible return value type"),
+    ("def of(names: dict) -> None:\n    print(names)\n", 'Missing type parameters for generic type "dict"'),
+])
+def test_types(complaints_of: Complaints, text: str, expected: str) -> None:
+    said = complaints_of("types", **{"tools/planted.py": text})
+    assert "tools/planted.py:1: error: " in said or "tools/planted.py:2: error: " in said
+    assert expected in said
+
+
+def test_types_are_looked_at_everywhere(complaints_of: Complaints, monkeypatch: pytest.MonkeyPatch) -> None:
+    assert "bench/planted.py: in no folder whose types are looked at" in complaints_of("types", **{"bench/planted.py": "print(1)\n"})
+    monkeypatch.setattr(linting, "TYPED_FOLDERS", {"tools": (), "bench": (), "fuzz": ()})
+    assert complaints_of("types") == "mypy has nothing to look at in fuzz"
 
 
 def test_format(complaints_of: Complaints) -> None:

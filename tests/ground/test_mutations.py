@@ -3,6 +3,7 @@
 import importlib.util
 import sys
 import tomllib
+from collections.abc import Mapping
 from pathlib import Path
 
 import pytest
@@ -25,7 +26,7 @@ GOOD = {
 }
 
 
-def listed(*entries: dict[str, object]) -> str:
+def listed(*entries: Mapping[str, object]) -> str:
     """A list with these entries."""
     return "".join("[[break]]\n" + "".join(f"{key} = {value!r}\n" for key, value in entry.items()) for entry in entries)
 
@@ -59,9 +60,9 @@ def test_an_entry_is_read() -> None:
     ({"caught_by": ["nobody some.test"]}, "one: unknown suite nobody"),
     ({"more": "of it"}, "one: missing or unknown: more"),
 ])
-def test_an_entry_that_does_not_fit_is_refused(change: dict[str, object], complaint: str) -> None:
+def test_an_entry_that_does_not_fit_is_refused(change: Mapping[str, object], complaint: str) -> None:
     with pytest.raises(mutations.RunnerError, match=complaint.replace(".", r"\.")):
-        mutations.read_breaks(listed(GOOD | change))
+        mutations.read_breaks(listed({**GOOD, **change}))
 
 
 def test_a_name_is_given_once() -> None:

@@ -8,6 +8,7 @@ import re
 import struct
 import subprocess
 import zlib
+from collections.abc import Callable
 from pathlib import Path
 
 import pytest
@@ -201,7 +202,7 @@ def test_the_first_pdb_of_the_name_counts(walk: Path, tmp_path: Path) -> None:
     (lambda pdb: pdb[:1000], "the PDB cannot be read: llvm-pdbutil"),
     (lambda pdb: pdb[:32] + b"\xff" * 4064 + pdb[4096:], "the PDB cannot be read: llvm-pdbutil"),
 ], ids=["missing", "other", "cut", "scrambled"])
-def test_a_pdb_that_cannot_be_read_is_told(make, complaint: str, walk: Path, tmp_path: Path) -> None:
+def test_a_pdb_that_cannot_be_read_is_told(make: Callable[[bytes], bytes | None], complaint: str, walk: Path, tmp_path: Path) -> None:
     path = tmp_path / "lumaris.pdb"
     content = make(PDB.read_bytes())
     if content is not None:

@@ -16,6 +16,7 @@ ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tools/release"))
 
 import program  # noqa: E402  (the path to it is set above)
+from program import Configuration, TestKey  # noqa: E402  (the path to it is set above)
 
 UPDATE_HOST, REPORT_HOST = "updates.halvoro.internal", "reports.halvoro.internal"
 
@@ -26,8 +27,8 @@ class Built:
 
     program: bytes = field(repr=False)
     pdb: bytes = field(repr=False)
-    configuration: program.Configuration
-    test_key: program.TestKey
+    configuration: Configuration
+    test_key: TestKey
     allowed: dict[str, frozenset[str]]
 
     def complaints(self, image: bytes) -> list[str]:

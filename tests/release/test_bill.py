@@ -4,10 +4,12 @@ from __future__ import annotations
 
 import hashlib
 import json
+from typing import Any
 
 import bill
 import program
 import pytest
+from cyclonedx.model import HashAlgorithm, HashType
 from conftest import ROOT, Built
 
 LIST = (ROOT / "toolchain/sources.list").read_text(encoding="utf-8")
@@ -19,8 +21,9 @@ def release(**changes: object) -> bill.Release:
     return bill.Release(**{**given, **changes})  # type: ignore[arg-type]
 
 
-def document(text: str = LIST, **changes: object) -> dict:
-    return json.loads(bill.make_bill(release(**changes), bill.read_sources(text)))
+def document(text: str = LIST, **changes: object) -> dict[str, Any]:
+    made: dict[str, Any] = json.loads(bill.make_bill(release(**changes), bill.read_sources(text)))
+    return made
 
 
 def test_every_library_is_named_with_its_version_and_the_hash_of_its_source() -> None:
@@ -92,7 +95,7 @@ def test_the_schema_takes_the_bill_and_refuses_a_damaged_one() -> None:
 
 
 def test_a_bill_that_the_schema_refuses_is_not_made(monkeypatch: pytest.MonkeyPatch) -> None:
-    monkeypatch.setattr(bill, "_hashes", lambda data: [bill.HashType(alg=bill.HashAlgorithm.SHA_256, content="no hash")])
+    monkeypatch.setattr(bill, "_hashes", lambda data: [HashType(alg=HashAlgorithm.SHA_256, content="no hash")])
     with pytest.raises(bill.BillError, match="^the bill of materials is not valid: 'no hash' does not match "):
         document()
 

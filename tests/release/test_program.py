@@ -5,6 +5,7 @@ from __future__ import annotations
 import base64
 import re
 import struct
+from collections.abc import Callable
 
 import pefile
 import program
@@ -39,7 +40,7 @@ def directory(image: bytes, number: int) -> tuple[int, int, int]:
 
 def offset_of(image: bytes, address: int) -> int:
     """The offset in the file of an address relative to the image."""
-    return pefile.PE(data=image, fast_load=True).get_offset_from_rva(address)
+    return int(pefile.PE(data=image, fast_load=True).get_offset_from_rva(address))
 
 
 def resource(image: bytes, kind: int, language: int) -> tuple[int, int, int]:
@@ -433,7 +434,7 @@ def test_what_is_no_key_is_none(line: str) -> None:
     ("the text of the secret test key", lambda key: key.secret_key.encode("ascii")),
     ("the text of the secret test key in UTF-16", lambda key: key.secret_key.encode("utf-16-le")),
 ])
-def test_anything_of_the_test_key_is_told(built: Built, what: str, make) -> None:
+def test_anything_of_the_test_key_is_told(built: Built, what: str, make: Callable[[program.TestKey], bytes]) -> None:
     complaints = built.complaints(built.program + make(built.test_key))
     assert f"{what} is in the program" in complaints
 
@@ -462,8 +463,9 @@ def test_the_hosts_for_trying_out_are_those_that_it_is_configured_with(built: Bu
     configured = program.Configuration("3.4.0", built.configuration.public_key, "updates.tavrin.example", "reports.halvoro.internal")
     image = replaced(built.program, b"\0updates.halvoro.internal\0", b"\0updates.tavrin.example\0\0\0")
     assert program.check_hosts(image, configured) == []
-    assert program.check_hosts(image, built.configuration) == ["the host updates.halvoro.internal is not in the program",
-                                                                "the program names updates.tavrin.example, a host for tests or examples"]
+    assert program.check_hosts(image, built.configuration) == [
+        "the host updates.halvoro.internal is not in the program",
+        "the program names updates.tavrin.example, a host for tests or examples"]
 
 
 @pytest.mark.parametrize(("host", "laboratory"), [
@@ -502,7 +504,7 @@ def test_a_pdb_that_names_a_folder_of_the_machine_is_told(built: Built, name: st
     (lambda pdb: patched(pdb, 52, "<I", 0xFFFFFF), "the PDB has no block 16777215"),
     (lambda pdb: patched(pdb, 32, "<I", 5), "the PDB is cut off"),
 ])
-def test_a_broken_pdb_is_told(built: Built, make, complaint: str) -> None:
+def test_a_broken_pdb_is_told(built: Built, make: Callable[[bytes], bytes], complaint: str) -> None:
     assert program.check_pdb(built.program, make(built.pdb)) == [complaint]
 
 

@@ -38,7 +38,8 @@ class Steps:
         monkeypatch.chdir(folder)  # and back, as the steps change it
 
     def __call__(self, step: str, *arguments: str) -> int:
-        return self._main([step, *arguments, "--candidate", str(self.candidate), "--output", str(self.output)])
+        status: int = self._main([step, *arguments, "--candidate", str(self.candidate), "--output", str(self.output)])
+        return status
 
     def left(self) -> list[str]:
         """The files of the release."""

@@ -22,9 +22,9 @@ protected:
         std::wstring path;
         pwrap::GetModuleFileNameW(nullptr, path);
         path.resize(path.rfind(L'\\'));
-        corvo::stream::file file((path + L"\\..\\updater\\lumaris.exe").c_str(),
+        corvo::stream::file file((path + L"\\..\\src\\updater\\lumaris.exe").c_str(),
                                  corvo::stream::mode_for_reading);
-        ASSERT_TRUE(file.ok()) << "no ../updater/lumaris.exe beside the test program";
+        ASSERT_TRUE(file.ok()) << "no ../src/updater/lumaris.exe beside the test program";
         m_bytes.resize(static_cast<std::size_t>(file.size()));
         EXPECT_EQ(m_bytes.size(), file.read(m_bytes.data(), m_bytes.size()));
         const auto dos = at<IMAGE_DOS_HEADER>(0);

@@ -20,11 +20,11 @@ protected:
         std::wstring path;
         pwrap::GetModuleFileNameW(nullptr, path);
         path.resize(path.rfind(L'\\'));
-        m_path = path + L"\\..\\updater\\lumaris.exe";
+        m_path = path + L"\\..\\src\\updater\\lumaris.exe";
         m_program = ::LoadLibraryExW(m_path.c_str(), nullptr,
                                      LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE);
         ASSERT_NE(nullptr, m_program)
-            << "no ../updater/lumaris.exe beside the test program: " << ::GetLastError();
+            << "no ../src/updater/lumaris.exe beside the test program: " << ::GetLastError();
     }
     void TearDown() override {
         if (m_program != nullptr) {

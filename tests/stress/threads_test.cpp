@@ -121,7 +121,7 @@ TEST(threads, read_one_description) {
         for (int round = 0; round < rounds; ++round) {
             corvo::stream::memory_file file;
             fixtures::fill(file, "3040100\r\nHalvoro 3.4.1\nhttp://updates.tavrin.example/Halvoro/\n");
-            const update_description found = read_description(file);
+            const corvo::updater::update_description found = corvo::updater::read_description(file);
             require(found.version == 0x03040100 && found.label == "Halvoro 3.4.1", "the description is read");
         }
     });

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+using namespace corvo::updater;
+
 namespace {
 
 constexpr HRESULT failure = static_cast<HRESULT>(0x80004005);

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+using namespace corvo::updater;
+
 namespace {
 
 std::string variant_of(const std::wstring& line, UINT code_page = 1252) {

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+using namespace corvo::updater;
+
 TEST(description_path, names_the_windows_version_and_the_channel) {
     EXPECT_EQ("/Halvoro/Lumaris/win11-stable.txt", description_path("win11", L"stable"));
     EXPECT_EQ("/Halvoro/Lumaris/win10-beta.txt", description_path("win10", L"beta"));

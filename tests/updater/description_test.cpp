@@ -6,6 +6,8 @@
 
 #include <string_view>
 
+using namespace corvo::updater;
+
 namespace {
 
 update_description describe(std::string_view text) {

@@ -8,6 +8,8 @@
 
 #include <map>
 
+using namespace corvo::updater;
+
 using test::expect_system_error;
 
 namespace {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+using namespace corvo::updater;
+
 namespace {
 
 // Bits of a cost, as the network list manager gives them.

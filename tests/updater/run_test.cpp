@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+using namespace corvo::updater;
+
 using support::fake_winhttp;
 
 namespace {

@@ -12,6 +12,8 @@
 
 #include <utility>
 
+using namespace corvo::updater;
+
 using support::fake_winhttp;
 using test::expect_throw;
 

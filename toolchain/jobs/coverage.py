@@ -15,6 +15,7 @@ import xml.etree.ElementTree as ElementTree
 from collections.abc import Iterable
 from dataclasses import dataclass, field
 from pathlib import Path
+from typing import TypeVar
 
 from jobs import building
 from jobs.common import JobError
@@ -31,6 +32,7 @@ UNIT_FLOORS = {"portable": (97.8, 98.7, 98.2), "Windows": (97.3, 97.5, 98.3), "t
 WHOLE_FLOORS = UNIT_FLOORS
 
 Position = tuple[int, ...]
+Thing = TypeVar("Thing", int, Position)
 
 
 @dataclass
@@ -41,8 +43,15 @@ class Counted:
     regions: dict[Position, bool] = field(default_factory=dict)
     branches: dict[Position, bool] = field(default_factory=dict)
 
-    def kinds(self) -> tuple[dict[int, bool], dict[Position, bool], dict[Position, bool]]:
-        return self.lines, self.regions, self.branches
+    def add(self, other: "Counted") -> None:
+        """Takes over what ran in another build of the source."""
+        merge_all(self.lines, other.lines)
+        merge_all(self.regions, other.regions)
+        merge_all(self.branches, other.branches)
+
+    def outcomes(self) -> tuple[list[bool], list[bool], list[bool]]:
+        """Of every line, region and branch: whether it ran."""
+        return list(self.lines.values()), list(self.regions.values()), list(self.branches.values())
 
 
 @dataclass
@@ -53,9 +62,9 @@ class Sums:
     ran: list[int] = field(default_factory=lambda: [0, 0, 0])
 
     def add(self, counted: Counted) -> None:
-        for at, things in enumerate(counted.kinds()):
-            self.there[at] += len(things)
-            self.ran[at] += sum(things.values())
+        for at, outcomes in enumerate(counted.outcomes()):
+            self.there[at] += len(outcomes)
+            self.ran[at] += sum(outcomes)
 
     def percent(self, at: int) -> float:
         return 100.0 * self.ran[at] / self.there[at] if self.there[at] else 100.0
@@ -168,9 +177,9 @@ def counted_in(folder: Path, programs: list[Path]) -> dict[str, Counted]:
         if name is None:
             continue
         of_file = counted.setdefault(name, Counted())
-        for line, column, count, has_count, is_entry, is_gap in file["segments"]:
+        for line_number, column, times, has_count, is_entry, is_gap in file["segments"]:
             if has_count and is_entry and not is_gap:
-                merge(of_file.regions, (line, column), count > 0)
+                merge(of_file.regions, (line_number, column), times > 0)
         for branch in file["branches"]:
             place, (taken, not_taken) = tuple(branch[:4]), branch[4:6]
             merge(of_file.branches, (*place, 1), taken > 0)
@@ -178,8 +187,13 @@ def counted_in(folder: Path, programs: list[Path]) -> dict[str, Counted]:
     return counted
 
 
-def merge(things: dict, key: object, ran: bool) -> None:
+def merge(things: dict[Thing, bool], key: Thing, ran: bool) -> None:
     things[key] = things.get(key, False) or ran
+
+
+def merge_all(things: dict[Thing, bool], others: dict[Thing, bool]) -> None:
+    for key, ran in others.items():
+        merge(things, key, ran)
 
 
 def output_of(command: list[str]) -> str:
@@ -220,10 +234,7 @@ def united(native: dict[str, Counted], windows: dict[str, Counted]) -> dict[str,
     result: dict[str, Counted] = {}
     for counted in (native, windows):
         for name, of_file in counted.items():
-            target = result.setdefault(name, Counted())
-            for into, things in zip(target.kinds(), of_file.kinds()):
-                for key, ran in things.items():
-                    merge(into, key, ran)
+            result.setdefault(name, Counted()).add(of_file)
     return result
 
 
@@ -282,12 +293,12 @@ def list_missed(everything: dict[str, Counted]) -> None:
     for name, counted in sorted(everything.items()):
         source = Path(name) if Path(name).exists() else None
         content = source.read_text(encoding="utf-8").splitlines() if source else []
-        for first, last in ranges(sorted(line for line, ran in counted.lines.items() if not ran)):
+        for first, last in ranges(sorted(number for number, ran in counted.lines.items() if not ran)):
             shown = content[first - 1].strip() if first <= len(content) else ""
             text.append(f"{name}:{first}{f'-{last}' if last > first else ''}: {shown}")
-        for line, column, *_, outcome in sorted(place for place, ran in counted.branches.items() if not ran):
-            if counted.lines.get(line):
-                text.append(f"{name}:{line}:{column}: never {'true' if outcome else 'false'}")
+        for number, column, *_, outcome in sorted(place for place, ran in counted.branches.items() if not ran):
+            if counted.lines.get(number):
+                text.append(f"{name}:{number}:{column}: never {'true' if outcome else 'false'}")
     (OUT / "missed.txt").write_text("".join(f"{line}\n" for line in text), encoding="utf-8")
     print(f"\nwhat no test ran ({OUT}/missed.txt):")
     for line in text:

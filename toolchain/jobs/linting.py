@@ -24,6 +24,23 @@ CPPCHECK_FOLDERS = {(*PRODUCT_FOLDERS, "tools", "fuzz", "bench", "toolchain"): "
 # clang-tidy takes longer over the tests than over everything else together, since each includes the test framework: these have
 # the compiler's warnings and cppcheck.
 TIDY_FOLDERS = {"x64-test": PRODUCT_FOLDERS, "native-fuzz": ("fuzz", "tools")}
+PYTHON_FOLDERS = ("toolchain", "tests", "bench", "tools", "fuzz")
+PYTHON_LINE = 200
+# Folders of Python whose types are looked at, with what their programs put on the path of modules.
+TYPED_FOLDERS: dict[str, tuple[str, ...]] = {
+    "toolchain": (),
+    "tools/demo": ("tests", "tools"),
+    "tools/installer": ("tools/release", "toolchain"),
+    "tools/release": ("toolchain",),
+    "bench": ("tests",),
+    "fuzz": (),
+    "tests": ("tools/demo",),
+    "tests/e2e": ("tests", "tools/installer"),
+    "tests/endurance": ("tests", "tests/e2e"),
+    "tests/ground": ("tests", "toolchain"),
+    "tests/mutations": ("tests",),
+    "tests/release": ("tests", "tools/release"),
+}
 
 
 def add_parser(words: "argparse._SubParsersAction[argparse.ArgumentParser]") -> None:
@@ -83,7 +100,8 @@ def entries_of(preset: str) -> list[dict[str, str]]:
     else:
         with building.locked(folder):
             building.configure(preset, folder)
-    return json.loads((folder / "compile_commands.json").read_text(encoding="utf-8"))
+    entries: list[dict[str, str]] = json.loads((folder / "compile_commands.json").read_text(encoding="utf-8"))
+    return entries
 
 
 def flags_near(header: Path, entries: list[dict[str, str]]) -> list[str]:
@@ -152,11 +170,31 @@ def check_shell(_fix: bool) -> Iterable[str]:
 
 
 def check_python(_fix: bool) -> Iterable[str]:
-    for path in sorted(path for folder in ("toolchain", "tests", "bench", "tools", "fuzz") for path in Path(folder).rglob("*.py")):
-        try:
-            compile(path.read_text(encoding="utf-8"), str(path), "exec")
-        except SyntaxError as error:
-            yield f"{path}:{error.lineno}: {error.msg}"
+    """flake8: names that do not exist or are not used, and form."""
+    return complaints_of([["flake8", "--isolated", f"--max-line-length={PYTHON_LINE}", *python_folders()]])
+
+
+def python_folders() -> list[str]:
+    return [folder for folder in PYTHON_FOLDERS if Path(folder).exists()]
+
+
+def check_types(_fix: bool) -> Iterable[str]:
+    """mypy, strict. Programs of one folder import each other by their bare names, and so each folder is looked at by itself."""
+    sources_of: dict[str, list[str]] = {folder: [] for folder in TYPED_FOLDERS}
+    for path in sorted(path for folder in python_folders() for path in Path(folder).rglob("*.py")):
+        within = [folder for folder in TYPED_FOLDERS if path.is_relative_to(folder)]
+        if within:
+            sources_of[max(within, key=len)].append(str(path))
+        else:
+            yield f"{path}: in no folder whose types are looked at"
+    for folder, files in sources_of.items():
+        if not files:
+            yield f"mypy has nothing to look at in {folder}"
+            continue
+        status, text = output_of(["env", f"MYPYPATH={':'.join((folder, *TYPED_FOLDERS[folder]))}",
+                                  "mypy", "--config-file", "toolchain/mypy.ini", *files])
+        if status:
+            yield text
 
 
 CHECKS: dict[str, Callable[[bool], Iterable[str]]] = {
@@ -164,6 +202,7 @@ CHECKS: dict[str, Callable[[bool], Iterable[str]]] = {
     "headers": check_headers,
     "shell": check_shell,
     "python": check_python,
+    "types": check_types,
     "cppcheck": check_cppcheck,
     "tidy": check_tidy,
 }

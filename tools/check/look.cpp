@@ -32,6 +32,17 @@
 
 namespace check {
 
+using corvo::updater::ask_network;
+using corvo::updater::gate;
+using corvo::updater::is_plain_name;
+using corvo::updater::own_version;
+using corvo::updater::own_version_text;
+using corvo::updater::package_base_name;
+using corvo::updater::package_path;
+using corvo::updater::run_failed;
+using corvo::updater::Updater;
+using corvo::updater::widen_name;
+
 namespace {
 
 constexpr wchar_t updater_key[] = L"SOFTWARE\\Tavrin\\Halvoro\\Lumaris";
@@ -250,8 +261,8 @@ void look_at_package(findings& found, const Updater& updater, const wish& wanted
     const webio::connection server(session, url);
     try {
         corvo::minisign::verified_fetch(server, url, {}, "application/octet-stream",
-                                        build_config::trusted_keys, build_config::trusted_key_count, content,
-                                        nullptr);
+                                        corvo::build_config::trusted_keys,
+                                        corvo::build_config::trusted_key_count, content, nullptr);
     } catch (const std::exception&) {
         if (!content.stopped()) {
             throw;
@@ -276,7 +287,7 @@ void look_at_offer(findings& found, const wish& wanted) {
         }
         found.items.push_back(
             {"description", state::good,
-             std::string("fetched from ") + build_config::update_host + ", its signature holds", ""});
+             std::string("fetched from ") + corvo::build_config::update_host + ", its signature holds", ""});
         what = "package";
         if (updater.version <= own_version) {
             found.items.push_back(

@@ -210,7 +210,7 @@ class Show:
         text = installed.read_text(encoding="ascii") if installed.exists() else None
         value = machine.value(package.REGISTRY_KEY, package.REGISTRY_VALUE)
         self._timeline.add("disk", f"{package.INSTALLED_FILE}: {text.strip() if text else 'missing'}")
-        self._timeline.add("disk", f"{package.REGISTRY_KEY}, {package.REGISTRY_VALUE}: {value}")
+        self._timeline.add("disk", f"{package.REGISTRY_KEY}, {package.REGISTRY_VALUE}: {value!s}")
         self._expect("the installed file", self._package.file_text, text)
         self._expect("the installed registry value", self._package.version, value)
 

@@ -20,7 +20,8 @@ class Msf:
         self._data = data
         if not data.startswith(_MAGIC) or len(data) < 56:
             raise BrokenFile("the PDB does not begin like one")
-        self.block_size, _free, count, directory_size, _unknown, map_block = struct.unpack_from("<6I", data, 32)
+        numbers: tuple[int, ...] = struct.unpack_from("<6I", data, 32)
+        self.block_size, _free, count, directory_size, _unknown, map_block = numbers
         if self.block_size not in (512, 1024, 2048, 4096) or len(data) < count * self.block_size:
             raise BrokenFile("the PDB is cut off")
         try:

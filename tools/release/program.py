@@ -111,7 +111,8 @@ def _parse(image: bytes, *directories: str) -> pefile.PE:
 
 
 def _name(section: pefile.SectionStructure) -> str:
-    return section.Name.rstrip(b"\0").decode("ascii", "backslashreplace")
+    name: bytes = section.Name
+    return name.rstrip(b"\0").decode("ascii", "backslashreplace")
 
 
 def check_size(image: bytes) -> list[str]:
