@@ -157,7 +157,7 @@ def function_in_map(name: str) -> tuple[int, int]:
 @pytest.fixture(name="walk")
 def walk_fixture(tmp_path: Path) -> Path:
     """Two frames in functions whose place the linker's map tells, and one in another module."""
-    run, run_size = function_in_map("_Z3runPv")
+    run, run_size = function_in_map("_ZN5corvo7updater3runEPv")
     main, main_size = function_in_map("wWinMain")
     path = tmp_path / "walk.tzo"
     # The last one returns to the very end of its function, as behind a call that does not return.
@@ -172,19 +172,19 @@ def test_a_pdb_names_the_functions(walk: Path) -> None:
     shown = read("--json", walk, "--pdb", PDB)
     assert (shown.returncode, shown.stderr) == (0, "")
     first, second, third = json.loads(shown.stdout)["frames"]
-    assert (first["function"], first["function_offset"]) == ("run(void*)", 0)
+    assert (first["function"], first["function_offset"]) == ("corvo::updater::run(void*)", 0)
     assert re.search(r"/updater/run\.cpp:\d+$", first["source"])
     assert (second["function"], second["function_offset"]) == ("wWinMain", main_size)
     assert re.search(r"/updater/main\.cpp:\d+$", second["source"])
     assert "function" not in third and "source" not in third
-    assert "      run(void*)+0x0 at " in read(walk, "--pdb", PDB).stdout
+    assert "      corvo::updater::run(void*)+0x0 at " in read(walk, "--pdb", PDB).stdout
 
 
 def test_only_the_pdb_is_needed(walk: Path, tmp_path: Path) -> None:
     alone = tmp_path / "alone with blanks/lumaris.pdb"
     alone.parent.mkdir()
     alone.write_bytes(PDB.read_bytes())
-    assert "run(void*)" in read("--pdb", alone, walk).stdout
+    assert "corvo::updater::run(void*)" in read("--pdb", alone, walk).stdout
 
 
 def test_the_first_pdb_of_the_name_counts(walk: Path, tmp_path: Path) -> None:
@@ -192,7 +192,7 @@ def test_the_first_pdb_of_the_name_counts(walk: Path, tmp_path: Path) -> None:
     other.write_bytes(PDB.read_bytes())
     shown = read("--pdb", other, "--pdb", PDB, walk)
     assert shown.returncode == 0
-    assert "run(void*)" in shown.stdout
+    assert "corvo::updater::run(void*)" in shown.stdout
     assert shown.stderr == f"read_report: {other}: no frame lies in a module of that name\n"
 
 
