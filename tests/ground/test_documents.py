@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import shutil
+import subprocess
 import sys
 from pathlib import Path
 
@@ -51,6 +52,12 @@ def test_a_page_that_the_contents_leave_out_is_an_error(tree: Path) -> None:
     (tree / "docs/forgotten.md").write_text("# Forgotten\n", encoding="utf-8")
     with pytest.raises(JobError, match="forgotten.md"):
         documents.make_site(tree)
+
+
+@pytest.mark.parametrize("drawing", sorted((ROOT / "docs/images").glob("*.dot")), ids=lambda path: path.stem)
+def test_a_drawing_is_what_its_source_says(drawing: Path) -> None:
+    drawn = subprocess.run(["dot", "-Tsvg", str(drawing)], capture_output=True, timeout=60, check=True).stdout
+    assert drawing.with_suffix(".svg").read_bytes() == drawn
 
 
 def test_links_between_the_top_and_the_folder_are_kept(tree: Path) -> None:
