@@ -180,7 +180,7 @@ def run_whole(suite: Suite, options: argparse.Namespace) -> Result:
 
 
 def run_pytest(suite: Suite, options: argparse.Namespace) -> Result:
-    """The tests of the folder that is named like the suite: of the set-up itself, or of what a release must be."""
+    """The tests of the folder that is named like the suite: of the set-up itself, of what a release must be, or of the publisher's kit."""
     report = RESULTS / f"{suite.name}.xml"
     arguments = [sys.executable, "-m", "pytest", str(TREE / "tests" / suite.name), "-p", "no:cacheprovider", "-rs",
                  f"--junit-xml={report}"]
@@ -230,6 +230,7 @@ SUITES = (
     Suite("tsan", frozenset({"unit"}), run_threads),
     Suite("ground", frozenset(), run_pytest),
     Suite("release", frozenset(), run_pytest),
+    Suite("publish", frozenset(), run_pytest),
 )
 
 
@@ -278,7 +279,7 @@ def main() -> int:
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--only", action="append", metavar="WHAT", default=[],
                         choices=sorted({suite.name for suite in SUITES}.union(*(suite.tags for suite in SUITES))),
-                        help="run only these: native, tsan, x64, arm64, unit, e2e, fuzz, ground, release, or one suite such as e2e-x64; "
+                        help="run only these: native, tsan, x64, arm64, unit, e2e, fuzz, ground, release, publish, or one suite such as e2e-x64; "
                              "may be given more than once")
     parser.add_argument("-k", metavar="NAME", help="run only the tests whose name holds this")
     parser.add_argument("--jobs", type=int, default=2, help="suites at a time (default: 2)")

@@ -1,4 +1,4 @@
-"""A small but real installer package: one file and one registry value."""
+"""A small but real installer package: one file and one registry value, and the updater where one is given."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ _SOURCE = """<?xml version="1.0" encoding="utf-8"?>
   <Product Id="*" Name="Halvoro" Language="1033" Version="{version}" Manufacturer="Tavrin"
            UpgradeCode="6c1f8c0e-5d25-4f4e-9a53-0d1b6b3a7c11">
     <Package InstallerVersion="500" Compressed="yes" InstallScope="perMachine" Description="Halvoro {version}"/>
-    <Media Id="1" Cabinet="halvoro.cab" EmbedCab="yes"/>
+{guard}    <Media Id="1" Cabinet="halvoro.cab" EmbedCab="yes"/>
     <Directory Id="TARGETDIR" Name="SourceDir">
       <Directory Id="ProgramFiles64Folder">
         <Directory Id="MakerFolder" Name="Tavrin">
@@ -28,15 +28,27 @@ _SOURCE = """<?xml version="1.0" encoding="utf-8"?>
                 <RegistryValue Name="Version" Type="string" Value="{version}"/>
               </RegistryKey>
             </Component>
-          </Directory>
+{program}          </Directory>
         </Directory>
       </Directory>
     </Directory>
     <Feature Id="Everything" Level="1">
       <ComponentRef Id="Program"/>
-    </Feature>
+{reference}    </Feature>
   </Product>
 </Wix>
+"""
+
+# What a newer version refuses: to be replaced by this package. Without it Windows Installer goes back without a word.
+_GUARD = """    <MajorUpgrade DowngradeErrorMessage="A newer version of Halvoro is installed already."/>
+    <InstallExecuteSequence>
+      <RemoveExistingProducts Sequence="1510"/>
+    </InstallExecuteSequence>
+"""
+
+_PROGRAM = """            <Component Id="Updater" Guid="b6a0b6a8-8f5e-4be4-8a77-1f3d3f0e2b72" Win64="yes">
+              <File Id="lumaris.exe" Name="lumaris.exe" Source="{file}" KeyPath="yes"/>
+            </Component>
 """
 
 
@@ -49,14 +61,24 @@ class InstallerPackage:
     file_text: str
 
     @staticmethod
-    def build(folder: Path, architecture: str, version: str = "3.4.1") -> InstallerPackage:
-        """Builds "Halvoro" of this version for the processor on which the installer is to run."""
+    def build(folder: Path, architecture: str, version: str = "3.4.1", *, guarded: bool = True, program: Path | None = None) -> InstallerPackage:
+        """Builds "Halvoro" of this version for the processor on which the installer is to run.
+
+        `program` is the lumaris.exe that it brings. One that is not guarded goes back to an older version without a word.
+        """
         text = f"Halvoro {version}, installed by its own installer package.\n"
         (folder / "halvoro.txt").write_text(text, encoding="ascii")
         source = folder / "halvoro.wxs"
-        source.write_text(_SOURCE.format(version=version, file=folder / "halvoro.txt"), encoding="utf-8")
-        path = folder / f"halvoro-{architecture}.msi"
+        source.write_text(_SOURCE.format(version=version, file=folder / "halvoro.txt", guard=_GUARD if guarded else "",
+                                         program=_PROGRAM.format(file=program) if program else "",
+                                         reference='      <ComponentRef Id="Updater"/>\n' if program else ""), encoding="utf-8")
+        path = folder / f"halvoro-{version}{'' if guarded else '-unguarded'}-{architecture}.msi"
+        path.unlink(missing_ok=True)
         _run("wixl", "-a", "x64", "-o", str(path), str(source))
+        if program:
+            # Without a version Windows Installer takes a file on the disk that has one for the newer one, and keeps it.
+            _run("msibuild", str(path), "-q", f"UPDATE `File` SET `Version` = '{version}.0', `Language` = '1033' WHERE `File` = 'lumaris.exe'")
+            _run("msibuild", str(path), "-q", "DELETE FROM `MsiFileHash` WHERE `File_` = 'lumaris.exe'")
         if architecture == "arm64":
             # wixl knows no ARM64; the platform stands in the summary information alone.
             _run("msibuild", str(path), "-s", "Halvoro", "Tavrin", "Arm64;1033")

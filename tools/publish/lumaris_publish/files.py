@@ -1,0 +1,82 @@
+"""Writing files so that each is there whole, or not at all."""
+
+from __future__ import annotations
+
+import errno
+import hashlib
+import os
+import shutil
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
+from pathlib import Path
+
+from .refusal import refuse
+
+_BLOCK = 1 << 20
+
+
+@contextmanager
+def explained() -> Iterator[None]:
+    """Turns a failure of the disk into a sentence that says what to do."""
+    try:
+        yield
+    except OSError as error:
+        name = error.filename or "the publication"
+        if error.errno in (errno.ENOSPC, errno.EDQUOT, errno.EFBIG):
+            raise refuse("disk", f"no space is left for {name}: free some, and give the command again") from error
+        if error.errno in (errno.EACCES, errno.EPERM, errno.EROFS):
+            raise refuse("rights", f"{name} cannot be written ({error.strerror}): give the command as the user to whom the publication "
+                                   "belongs") from error
+        raise refuse("disk", f"{name}: {error.strerror or error}") from error
+
+
+def sync_folder(folder: Path) -> None:
+    """Makes names in a folder last."""
+    descriptor = os.open(folder, os.O_RDONLY | os.O_DIRECTORY)
+    try:
+        os.fsync(descriptor)
+    finally:
+        os.close(descriptor)
+
+
+def write_whole(file: Path, content: bytes) -> None:
+    """Writes a file beside its place and moves it there."""
+    file.parent.mkdir(parents=True, exist_ok=True)
+    partial = file.with_name(f".{file.name}.partial")
+    with partial.open("wb") as output:
+        output.write(content)
+        output.flush()
+        os.fsync(output.fileno())
+    partial.replace(file)
+    sync_folder(file.parent)
+
+
+def link_whole(link: Path, target: str) -> None:
+    """Makes a symbolic link, or lets it point elsewhere, at one stroke."""
+    partial = link.with_name(f".{link.name}.partial")
+    partial.unlink(missing_ok=True)
+    partial.symlink_to(target)
+    os.replace(partial, link)
+    sync_folder(link.parent)
+
+
+def copy_hashed(source: Path, target: Path, progress: Callable[[int], None]) -> tuple[int, str]:
+    """Copies a file; its size and SHA-256."""
+    digest = hashlib.sha256()
+    done = 0
+    with source.open("rb") as given, target.open("wb") as output:
+        while block := given.read(_BLOCK):
+            digest.update(block)
+            output.write(block)
+            done += len(block)
+            progress(done)
+        output.flush()
+    return done, digest.hexdigest()
+
+
+def remove(path: Path) -> None:
+    """Removes what is there, a folder with its content."""
+    if path.is_dir() and not path.is_symlink():
+        shutil.rmtree(path)
+    else:
+        path.unlink(missing_ok=True)

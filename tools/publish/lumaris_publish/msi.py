@@ -1,0 +1,117 @@
+"""Reading an installer package with msitools."""
+
+from __future__ import annotations
+
+import concurrent.futures
+import re
+import tempfile
+from collections.abc import Iterator
+from contextlib import contextmanager
+from dataclasses import dataclass
+from pathlib import Path
+
+from . import tools
+from .refusal import refuse
+
+Row = dict[str, str]
+
+
+@dataclass(frozen=True)
+class Package:
+    """What the tables of a package say."""
+
+    platform: str
+    properties: Row
+    upgrades: list[Row]
+    conditions: list[Row]
+    sequence: dict[str, int]
+
+    @property
+    def version(self) -> str:
+        """ProductVersion as it is written."""
+        return self.properties.get("ProductVersion", "")
+
+    @property
+    def product_code(self) -> str:
+        """The code of exactly this product."""
+        return self.properties.get("ProductCode", "").upper()
+
+    @property
+    def upgrade_code(self) -> str:
+        """The code that all versions of a product share."""
+        return self.properties.get("UpgradeCode", "").upper()
+
+    @property
+    def per_machine(self) -> bool:
+        """Whether it installs for everybody, whoever starts it."""
+        return self.properties.get("ALLUSERS") == "1"
+
+    @property
+    def refuses_to_go_back(self) -> bool:
+        """Whether it ends, and changes nothing, where a newer version is installed.
+
+        That takes an Upgrade row that only detects every higher version of the same product, a launch condition that the detected product
+        fails, and the two actions in this order; the property must reach the installer's service, too.
+        """
+        secure = set(self.properties.get("SecureCustomProperties", "").split(";"))
+        refused = {" ".join(row["Condition"].split()).lower() for row in self.conditions}
+        find, judge = self.sequence.get("FindRelatedProducts"), self.sequence.get("LaunchConditions")
+        if find is None or judge is None or find > judge:
+            return False
+        return any(row["UpgradeCode"].upper() == self.upgrade_code and not row["VersionMax"] and _flags(row) & _ONLY_DETECT
+                   and _covers_every_newer(row["VersionMin"], self.version, bool(_flags(row) & _MIN_INCLUSIVE)) and not row["Language"]
+                   and row["ActionProperty"] in secure and f"not {row['ActionProperty']}".lower() in refused for row in self.upgrades)
+
+
+_ONLY_DETECT, _MIN_INCLUSIVE = 0x2, 0x100
+
+
+def _flags(row: Row) -> int:
+    return int(row["Attributes"]) if row["Attributes"].isdigit() else 0
+
+
+def _covers_every_newer(least: str, own: str, inclusive: bool) -> bool:
+    """Whether a range from `least` on begins at the own version: higher leaves versions out, lower meets the own or older ones."""
+    def numbers(text: str) -> list[int]:
+        return [int(part) if part.isdigit() else -1 for part in [*text.split("."), "0", "0", "0"][:3]]
+    return bool(least) and numbers(least) == numbers(own) and not inclusive
+
+
+def _export(package: Path, table: str) -> list[Row]:
+    done = tools.run(["msiinfo", "export", package, table])
+    if done.returncode != 0:
+        return []  # a table that is not there
+    lines = done.stdout.decode("utf-8", "replace").splitlines()
+    columns = lines[0].split("\t")
+    return [dict(zip(columns, [*line.split("\t"), *[""] * len(columns)], strict=False)) for line in lines[3:]]
+
+
+def read(package: Path) -> Package:
+    """Reads the tables. Raises Refusal where the file is no package."""
+    with concurrent.futures.ThreadPoolExecutor(4) as pool:
+        summary = pool.submit(tools.run, ["msiinfo", "suminfo", package])
+        properties, upgrades, conditions, sequence = pool.map(
+            lambda table: _export(package, table), ("Property", "Upgrade", "LaunchCondition", "InstallExecuteSequence"))
+        said = summary.result()
+    if said.returncode != 0 or not properties:
+        raise refuse("no-package", f"{package.name} is no installer package, or it is damaged: {tools.words_of(said)}")
+    found = re.search(r"^Template: ([^;\n]*)", said.stdout.decode("utf-8", "replace"), re.MULTILINE)
+    return Package(platform=found[1].strip() if found else "", properties={row["Property"]: row["Value"] for row in properties},
+                   upgrades=upgrades, conditions=conditions,
+                   sequence={row["Action"]: int(row["Sequence"]) for row in sequence if row["Sequence"].isdigit()})
+
+
+@contextmanager
+def program_inside(package: Path, name: str = "lumaris.exe") -> Iterator[Path]:
+    """The program that a package installs, in a folder of its own."""
+    with tempfile.TemporaryDirectory(prefix="lumaris-publish-") as folder:
+        done = tools.run(["msiextract", "-C", folder, package])
+        if done.returncode != 0:
+            raise refuse("no-package", f"{package.name} cannot be unpacked: {tools.words_of(done)}")
+        found = [each for each in Path(folder).rglob("*") if each.name.lower() == name and each.is_file()]
+        if not found:
+            raise refuse("no-program", f"{package.name} brings no {name}: machines would install it again at every run; put the program of "
+                                       "the same version into it")
+        if len(found) > 1:
+            raise refuse("no-program", f"{package.name} brings {len(found)} files called {name}: put the program into it once")
+        yield found[0]

@@ -1,0 +1,54 @@
+"""Reading the lumaris.exe inside a package: version, processor, and whom it asks and trusts."""
+
+from __future__ import annotations
+
+import re
+from dataclasses import dataclass, field
+from pathlib import Path
+
+import pefile  # type: ignore[import-untyped]
+
+from .refusal import refuse
+
+# Names that no machine outside of a laboratory finds (RFC 2606, RFC 6761), and the loopback.
+_LABORATORY = re.compile(rb"(?<![A-Za-z0-9.-])(?:[A-Za-z0-9-]+\.)*[A-Za-z0-9-]+\.(?:example|invalid|test|localhost)(?![A-Za-z0-9.-])|"
+                         rb"(?<![A-Za-z0-9.-])(?:[A-Za-z0-9-]+\.)+example\.(?:com|net|org)(?![A-Za-z0-9.-])|"
+                         rb"(?<![0-9.])127\.\d+\.\d+\.\d+(?![0-9.])|(?<![A-Za-z0-9.-])localhost(?![A-Za-z0-9.-])")
+# The program explains a certificate of another host with these, whatever its hosts are.
+_EXPLANATION = b"if you requested updates.tavrin.example and the certificate says www.tavrin.example."
+
+
+@dataclass(frozen=True)
+class Program:
+    """What a program says of itself."""
+
+    version: str
+    machine: int
+    image: bytes = field(repr=False)
+
+    def trusts(self, key: bytes) -> bool:
+        """Whether these 40 bytes of key id and key are built in."""
+        return key in self.image
+
+    def names(self, host: str) -> bool:
+        """Whether this host is built in, as a text of its own."""
+        return b"\0" + host.encode("ascii") + b"\0" in self.image
+
+    @property
+    def laboratory_hosts(self) -> list[str]:
+        """The hosts in it that no machine can reach."""
+        texts = self.image.replace(_EXPLANATION, b"").replace(_EXPLANATION.decode("ascii").encode("utf-16-le"), b"")
+        return sorted({found.group().decode("ascii") for found in _LABORATORY.finditer(texts)})
+
+
+def read(file: Path) -> Program:
+    """Reads a program. Raises Refusal where it is none, or has no version."""
+    image = file.read_bytes()
+    try:
+        parsed = pefile.PE(data=image, fast_load=True)
+        parsed.parse_data_directories([pefile.DIRECTORY_ENTRY["IMAGE_DIRECTORY_ENTRY_RESOURCE"]])
+        fixed = parsed.VS_FIXEDFILEINFO[0]
+        version = ".".join(str(part) for pair in (fixed.FileVersionMS, fixed.FileVersionLS) for part in (pair >> 16, pair & 0xFFFF))
+        return Program(version, parsed.FILE_HEADER.Machine, image)
+    except (pefile.PEFormatError, AttributeError, IndexError) as error:
+        raise refuse("no-program", f"the {file.name} in the package is no Windows program with a version: build it anew") from error
