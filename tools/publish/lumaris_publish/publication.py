@@ -82,6 +82,9 @@ class Publication:
             folder.mkdir(parents=True, exist_ok=True)
         if self._pending.exists():
             said += self._finish(json.loads(self._pending.read_text(encoding="utf-8")))
+        for folder in (self.root, self.root / "state", self.root / record.PACKAGES, self.public):
+            for partial in folder.glob(".*.partial"):
+                partial.unlink()
         known = {(staged.folder, names.package_name(staged.variant)) for staged in record.load(self.root).staged}
         for folder in self.packages.iterdir():
             if folder.name.startswith("."):

@@ -16,7 +16,7 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
-from . import files, names
+from . import files
 from .refusal import refuse
 
 LOG = "log.jsonl"
@@ -158,13 +158,13 @@ def next_id(history: History) -> str:
 
 
 def offered_before(history: History, channel: str, current: str) -> str | None:
-    """The version that a channel offered before the present one."""
-    versions = [entry.version for entry in history.offers(channel)]
-    while versions and versions[-1] == current:
-        versions.pop()
-    return versions[-1] if versions else None
-
-
-def describe_variants(packages: list[Staged]) -> str:
-    """The variants of a version as people read them."""
-    return ", ".join(names.show_variant(staged.variant) for staged in packages)
+    """The version that a channel offered before the present one; what was withdrawn does not come back."""
+    offered: list[str] = []
+    for entry in history.offers(channel):
+        if entry.what == "withdraw" and entry.version in offered:
+            del offered[len(offered) - offered[::-1].index(entry.version):]
+        elif not offered or offered[-1] != entry.version:
+            offered.append(entry.version)
+    while offered and offered[-1] == current:
+        offered.pop()
+    return offered[-1] if offered else None
