@@ -21,6 +21,17 @@ find_mirror() {
         "Set LUMARIS_MIRROR to the address of a mirror that has Debian 13 (trixie)."
 }
 
+# A mirror of Ubuntu or of another system made from Debian does not have Debian 13. Anything else that is wrong with a mirror shows when
+# the rooms are made.
+check_mirror() {
+    local answer
+    answer=$(PATH=$PATH:/usr/lib/apt apt-helper download-file "$mirror/dists/trixie/Release" "$logs/Release" 2>&1) && return
+    printf '%s\n' "$answer" >>"$logs/host.log"
+    [[ ! $answer =~ "  4"[0-9][0-9]"  " ]] || die "the package mirror $mirror does not have Debian 13 (trixie): this machine is $(
+        . /etc/os-release && printf '%s' "${PRETTY_NAME:-no Debian}")" \
+        "Set LUMARIS_MIRROR to the address of a mirror of Debian itself."
+}
+
 configured_mirror() {
     local codename
     codename=$(. /etc/os-release && printf '%s' "${VERSION_CODENAME:-}")
@@ -54,6 +65,7 @@ prepare_host() {
     [[ -r /usr/share/keyrings/debian-archive-keyring.gpg ]] ||
         die "the keys of Debian's archive are missing: install the package debian-archive-keyring"
     find_mirror
+    check_mirror
 }
 
 # Sets isolation to what this machine allows: `full`; `mounts` (a room can be entered, but not with a network of its own);

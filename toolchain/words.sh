@@ -443,6 +443,12 @@ word_soak() {
 }
 
 word_plan() {
+    if [[ ${1:-} == --help || ${1:-} == -h ]]; then
+        printf '%s\n' 'usage: ./dev plan [--unnamed]' '' \
+            'Checks the test plan against the reports of the last ./dev test: every test that a case names must exist and have passed.' '' \
+            '  --unnamed   lists the tests that no case names' '' 'example:' '  ./dev plan'
+        return
+    fi
     need "${products_native[@]}"
     check_after_failure in_room python3 tests/plan.py "$@"
 }
@@ -450,7 +456,7 @@ word_plan() {
 word_lint() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
         printf '%s\n' 'usage: ./dev lint [--fix] [CHECK]...' '' \
-            '  CHECK   format, headers, shell, python, cppcheck, tidy (default: all)' \
+            '  CHECK   format, headers, shell, python, types, cppcheck, tidy (default: all)' \
             '  --fix   lets clang-format change the files' '' 'examples:' '  ./dev lint' '  ./dev lint --fix format'
         return
     fi

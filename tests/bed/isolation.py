@@ -45,8 +45,6 @@ MANY = 1000
 _NO_NAME_SERVER = "nameserver 127.0.0.1\noptions timeout:1 attempts:1\n"
 _NAMES_OF_FILES = "hosts: files\n"
 
-_CLONE_NEWNS = 0x00020000
-_CLONE_NEWNET = 0x40000000
 _MS_RDONLY = 0x1
 _MS_REMOUNT = 0x20
 _MS_BIND = 0x1000
@@ -54,7 +52,7 @@ _MS_REC = 0x4000
 _MS_PRIVATE = 1 << 18
 _MNT_DETACH = 2
 
-# The room has no mount program.
+# The room has no mount program, and Python no call for it.
 _LIBC = ctypes.CDLL(None, use_errno=True)
 
 
@@ -164,8 +162,10 @@ def enter() -> PrivateNetwork:
         raise BedError("the test bed needs root rights")
     if not os.environ.get("LUMARIS_IN_ROOM"):
         raise BedError("the test bed runs inside the room; use ./dev run, ./dev test or ./dev shell")
-    if _LIBC.unshare(_CLONE_NEWNS | _CLONE_NEWNET) != 0:
-        raise BedError(f"this machine forbids network or mount namespaces: {os.strerror(ctypes.get_errno())}")
+    try:
+        os.unshare(os.CLONE_NEWNS | os.CLONE_NEWNET)
+    except OSError as error:
+        raise BedError(f"this machine forbids network or mount namespaces: {error.strerror}") from error
     _mount("none", Path("/"), flags=_MS_REC | _MS_PRIVATE)
     work = Path(tempfile.mkdtemp(prefix="lumaris-bed.", dir=os.environ.get("LUMARIS_BED_FOLDER", "/tmp")))
     rooms = [Path("/")]

@@ -159,6 +159,36 @@ def test_an_unreachable_mirror_is_named(machine: Machine) -> None:
     assert "the package mirror http://mirror.invalid/debian cannot be reached (Could not resolve mirror.invalid)" in failed.stderr
 
 
+MIRROR = """
+set -uo pipefail
+here={root}
+. "$here/toolchain/lib.sh"
+. "$here/toolchain/host.sh"
+remove_run_folder() {{ :; }}
+mkdir -p "$logs"
+mirror=http://mirror.invalid/other
+check_mirror
+echo "goes on"
+"""
+
+
+@pytest.mark.parametrize(("answer", "status", "refused"), [
+    ("E: Failed to fetch http://mirror.invalid/other/dists/trixie/Release  404  Not Found", 100, True),
+    ("E: Failed to fetch http://mirror.invalid/other/dists/trixie/Release  Could not resolve 'mirror.invalid'", 100, False),
+    ("Get:1 http://mirror.invalid/other/dists/trixie/Release", 0, False),
+])
+def test_a_mirror_without_debian_13_says_at_once_what_to_set(machine: Machine, answer: str, status: int, refused: bool) -> None:
+    machine.program("apt-helper", f'[ "$1 $2" = "download-file http://mirror.invalid/other/dists/trixie/Release" ] || exit 3\n'
+                                  f'echo "{answer}" >&2; exit {status}')
+    said = machine.run(["bash", "-c", MIRROR.format(root=ROOT)])
+    if refused:
+        assert said.returncode == 1 and said.stdout == ""
+        assert "the package mirror http://mirror.invalid/other does not have Debian 13 (trixie): this machine is " in said.stderr
+        assert "Set LUMARIS_MIRROR to the address of a mirror of Debian itself." in said.stderr
+    else:
+        assert (said.returncode, said.stdout, said.stderr) == (0, "goes on\n", "")
+
+
 def test_a_disk_that_fills_up_is_named(machine: Machine) -> None:
     failed = machine.need(maker='echo "tar: write error: No space left on device"; false')
     assert f"set-up failed: little thing: the disk is full ({machine.cache})" in failed.stderr
