@@ -29,10 +29,18 @@ class Frame:
     time_stamp: int
     """Of the module's file header."""
     offset: int
-    function: str | None
-    """Its name, where the module's PDB was given; without the namespace and the parameters."""
+    functions: tuple[str, ...]
+    """Where symbols were given: the innermost one first, those that were put into it, and last the one that the code belongs
+    to; without namespaces and parameters."""
+    sources: tuple[str, ...]
+    """"file:line" of each of them, empty where it is not known."""
     stack: bytes
     """Full reports only; empty where the report has none."""
+
+    @property
+    def function(self) -> str | None:
+        """The innermost function, where it is known."""
+        return self.functions[0] if self.functions else None
 
 
 @dataclass(frozen=True)
@@ -54,7 +62,7 @@ class Report:
 
     def functions(self, module: str) -> list[str]:
         """The functions of a module that have a name, innermost first."""
-        return [each.function for each in self.frames if each.module == module and each.function]
+        return [name for each in self.frames if each.module == module for name in each.functions if name]
 
 
 class Reader:
@@ -64,20 +72,20 @@ class Reader:
         self._program = program
         self._file = work / "report"
 
-    def read(self, body: bytes, *, pdb: Path | None = None) -> Report:
-        """Reads a report; one that is damaged in any way fails."""
-        found = json.loads(self._run(body, pdb, "--json"))
+    def read(self, body: bytes, *, symbols: Path | None = None) -> Report:
+        """Reads a report, with the programs and PDBs of a folder; one that is damaged in any way fails."""
+        found = json.loads(self._run(body, symbols, "--json"))
         if isinstance(found, list):
             (found,) = found
         return _report(found)
 
-    def text(self, body: bytes, *, pdb: Path | None = None) -> str:
+    def text(self, body: bytes, *, symbols: Path | None = None) -> str:
         """The report as people read it."""
-        return self._run(body, pdb)
+        return self._run(body, symbols)
 
-    def _run(self, body: bytes, pdb: Path | None, *options: str) -> str:
+    def _run(self, body: bytes, symbols: Path | None, *options: str) -> str:
         self._file.write_bytes(body)
-        named = ["--pdb", str(pdb)] if pdb else []
+        named = ["--symbols", str(symbols)] if symbols else []
         done = subprocess.run([str(self._program), str(self._file), *options, *named], capture_output=True,
                               text=True, timeout=120, check=False)
         if done.returncode != 0:
@@ -88,7 +96,9 @@ class Reader:
 def _report(found: dict[str, Any]) -> Report:
     records = tuple(Record(each["code"], each["flags"], each["address"], tuple(each["parameters"]))
                     for each in found["records"])
-    frames = tuple(Frame(each["module"], each["time_stamp"], each["offset"], _plain_name(each.get("function")),
+    frames = tuple(Frame(each["module"], each["time_stamp"], each["offset"],
+                         tuple(_plain_name(place["name"]) for place in each.get("functions", [])),
+                         tuple(place["source"] or "" for place in each.get("functions", [])),
                          bytes.fromhex(each["stack"]["bytes"]) if each.get("stack") else b"")
                    for each in found["frames"])
     context = found["context"]
@@ -96,9 +106,7 @@ def _report(found: dict[str, Any]) -> Report:
                   tuple(found["notes"] or ()), frames)
 
 
-def _plain_name(name: str | None) -> str | None:
+def _plain_name(name: str) -> str:
     """`(anonymous namespace)::middle(int)` is `middle`."""
-    if not name:
-        return None
     plain = name.replace("(anonymous namespace)", "").replace("`anonymous namespace'", "")
     return plain.split("(")[0].split("::")[-1].strip() or name

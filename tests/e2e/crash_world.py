@@ -105,7 +105,7 @@ class CrashWorld:
 
     def read(self, body: bytes, kind: str | None = None) -> Report:
         """Reads a report to its last byte, with the functions of this crash program."""
-        report = self._bed.reader.read(body, pdb=self._bed.programs / f"crash_{kind}.pdb" if kind else None)
+        report = self._bed.reader.read(body, symbols=self._bed.programs if kind else None)
         assert report.machine == MACHINES[self.machine.architecture]
         return report
 

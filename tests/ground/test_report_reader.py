@@ -5,25 +5,34 @@ Its parts have unit tests; the reports here are put together by hand once more. 
 
 import json
 import re
+import shutil
 import struct
 import subprocess
+import uuid
 import zlib
 from collections.abc import Callable
 from pathlib import Path
 
+import pefile
 import pytest
 
 ROOT = Path(__file__).resolve().parents[2]
 PROGRAM = ROOT / "build/native-asan/tools/report_reader/read_report"
-PDB = ROOT / "build/x64-test/src/updater/lumaris.pdb"
-MAP = ROOT / "build/x64-test/src/updater/lumaris.map"
+BUILT = ROOT / "build/x64-test/src/updater"
+MAP = BUILT / "lumaris.map"
+PROBES = {"x64": ROOT / "build/x64-test/tests/tools/report_reader/probe", "arm64": ROOT / "build/arm64-test/tests/tools/report_reader/probe"}
+PROBE_SOURCE = ROOT / "tests/tools/report_reader/probe/symbol_probe.cpp"
 
 # "TZO1", ARM64, access violation on writing to 0x10, no notes, then frames.
 HEAD = bytes.fromhex("545A4F31 64AA 050000C0 00000000 4915 00A0F67F0000 02000000 0100000000000000 1000000000000000")
 
 
-def module(name: str) -> bytes:
-    return b"MOD1" + struct.pack("<I", len(name)) + name.encode("utf-16-le") + bytes(4)
+def module(name: str, stamp: int = 0) -> bytes:
+    return b"MOD1" + struct.pack("<I", len(name)) + name.encode("utf-16-le") + struct.pack("<I", stamp)
+
+
+def stamp_of(program: Path) -> int:
+    return int(pefile.PE(str(program), fast_load=True).FILE_HEADER.TimeDateStamp)
 
 
 def frame(offset: int) -> bytes:
@@ -49,7 +58,7 @@ def short_fixture(tmp_path: Path) -> Path:
 def test_help_has_an_example_and_the_exit_codes() -> None:
     shown = read("--help")
     assert shown.returncode == 0 and shown.stderr == ""
-    assert "examples:\n  read_report 0.tzr --pdb lumaris.pdb\n" in shown.stdout
+    assert "examples:\n  read_report 0.tzr --symbols build/release/symbols\n" in shown.stdout
     assert "exit codes: 0 " in shown.stdout
 
 
@@ -124,7 +133,7 @@ def test_a_body_with_its_chunk_framing_needs_the_option(short: Path, tmp_path: P
     assert read("--body", short).stdout == read(short).stdout
 
 
-@pytest.mark.parametrize("arguments", [[], ["--nonsense"], ["--pdb"], ["--json"]])
+@pytest.mark.parametrize("arguments", [[], ["--nonsense"], ["--symbols"], ["--json"]])
 def test_wrong_arguments_are_told_from_damage(arguments: list[str]) -> None:
     shown = read(*arguments)
     assert (shown.returncode, shown.stdout) == (2, "")
@@ -160,63 +169,185 @@ def walk_fixture(tmp_path: Path) -> Path:
     run, run_size = function_in_map("_ZN5corvo7updater3runEPv")
     main, main_size = function_in_map("wWinMain")
     path = tmp_path / "walk.tzo"
+    stamp = stamp_of(BUILT / "lumaris.exe")
     # The last one returns to the very end of its function, as behind a call that does not return.
-    path.write_bytes(zlib.compress(HEAD + module("Lumaris.EXE") + frame(run) + frame(main + main_size) + module("ntdll.dll") +
-                                   frame(run)))
+    path.write_bytes(zlib.compress(HEAD + module("Lumaris.EXE", stamp) + frame(run) + frame(main + main_size) +
+                                   module("ntdll.dll", stamp) + frame(run)))
     assert run_size > 0
     return path
 
 
-def test_a_pdb_names_the_functions(walk: Path) -> None:
-    main_size = function_in_map("wWinMain")[1]
-    shown = read("--json", walk, "--pdb", PDB)
+@pytest.fixture(name="symbols")
+def symbols_fixture(tmp_path: Path) -> Path:
+    """A folder with the program beside its PDB."""
+    folder = tmp_path / "symbols with blanks"
+    folder.mkdir()
+    for name in ("lumaris.exe", "lumaris.pdb"):
+        shutil.copyfile(BUILT / name, folder / name)
+    return folder
+
+
+def frames_of(*arguments: object) -> list[dict[str, object]]:
+    shown = read("--json", *arguments)
     assert (shown.returncode, shown.stderr) == (0, "")
-    first, second, third = json.loads(shown.stdout)["frames"]
-    assert (first["function"], first["function_offset"]) == ("corvo::updater::run(void*)", 0)
-    assert re.search(r"/updater/run\.cpp:\d+$", first["source"])
-    assert (second["function"], second["function_offset"]) == ("wWinMain", main_size)
-    assert re.search(r"/updater/main\.cpp:\d+$", second["source"])
-    assert "function" not in third and "source" not in third
-    assert "      corvo::updater::run(void*)+0x0 at " in read(walk, "--pdb", PDB).stdout
+    return list(json.loads(shown.stdout)["frames"])
 
 
-def test_only_the_pdb_is_needed(walk: Path, tmp_path: Path) -> None:
-    alone = tmp_path / "alone with blanks/lumaris.pdb"
-    alone.parent.mkdir()
-    alone.write_bytes(PDB.read_bytes())
-    assert "corvo::updater::run(void*)" in read("--pdb", alone, walk).stdout
+def test_symbols_name_the_functions(walk: Path, symbols: Path) -> None:
+    main_size = function_in_map("wWinMain")[1]
+    first, second, third = frames_of(walk, "--symbols", symbols)
+    assert (first["functions"][-1]["name"], first["function_offset"]) == ("corvo::updater::run(void*)", 0)
+    assert re.search(r"/updater/run\.cpp:\d+$", first["functions"][-1]["source"])
+    assert (second["functions"][-1]["name"], second["function_offset"]) == ("wWinMain", main_size)
+    assert re.search(r"/updater/main\.cpp:\d+$", second["functions"][-1]["source"])
+    assert "functions" not in third
+    assert "      corvo::updater::run(void*)+0x0 at " in read(walk, "--symbols", symbols).stdout
 
 
-def test_the_first_pdb_of_the_name_counts(walk: Path, tmp_path: Path) -> None:
-    other = tmp_path / "other.pdb"
-    other.write_bytes(PDB.read_bytes())
-    shown = read("--pdb", other, "--pdb", PDB, walk)
-    assert shown.returncode == 0
-    assert "corvo::updater::run(void*)" in shown.stdout
-    assert shown.stderr == f"read_report: {other}: no frame lies in a module of that name\n"
+def store_of(folder: Path, built: Path, name: str) -> Path:
+    """A symbol store in the usual layout, made by an independent reader of the program."""
+    program = pefile.PE(str(built / f"{name}.exe"))
+    stamp = f"{program.FILE_HEADER.TimeDateStamp:08X}{program.OPTIONAL_HEADER.SizeOfImage:x}"
+    content = (built / f"{name}.exe").read_bytes()
+    at = content.index(b"RSDS")
+    guid = uuid.UUID(bytes_le=content[at + 4:at + 20]).hex.upper()
+    age, = struct.unpack_from("<I", content, at + 20)
+    for file, key in ((f"{name}.exe", stamp), (f"{name}.pdb", f"{guid}{age:X}")):
+        (folder / file / key).mkdir(parents=True)
+        shutil.copyfile(built / file, folder / file / key / file)
+    return folder
 
 
-@pytest.mark.parametrize(("make", "complaint"), [
-    (lambda pdb: None, "No such file or directory"),
-    (lambda pdb: b"MZ" + pdb[2:], "this is no PDB"),
-    (lambda pdb: pdb[:1000], "the PDB cannot be read: llvm-pdbutil"),
-    (lambda pdb: pdb[:32] + b"\xff" * 4064 + pdb[4096:], "the PDB cannot be read: llvm-pdbutil"),
-], ids=["missing", "other", "cut", "scrambled"])
-def test_a_pdb_that_cannot_be_read_is_told(make: Callable[[bytes], bytes | None], complaint: str, walk: Path, tmp_path: Path) -> None:
-    path = tmp_path / "lumaris.pdb"
-    content = make(PDB.read_bytes())
-    if content is not None:
-        path.write_bytes(content)
-    shown = read(walk, "--pdb", path)
-    assert (shown.returncode, shown.stdout) == (2, "")
-    assert shown.stderr.startswith(f"read_report: {path}: ")
+def test_a_symbol_store_in_the_usual_layout_names_the_functions(walk: Path, symbols: Path, tmp_path: Path) -> None:
+    store = store_of(tmp_path / "store", BUILT, "lumaris")
+    assert frames_of(walk, "--symbols", store) == frames_of(walk, "--symbols", symbols)
+
+
+def test_the_build_of_the_report_is_found_among_others(walk: Path, symbols: Path, tmp_path: Path) -> None:
+    store = store_of(tmp_path / "store", BUILT, "lumaris")
+    program = store / "lumaris.exe"
+    # Another build of the same name, with a stamp of its own; it is never looked at.
+    other = program / "0123456710000"
+    other.mkdir()
+    (other / "lumaris.exe").write_bytes(b"another build")
+    assert frames_of(walk, "--symbols", store) == frames_of(walk, "--symbols", symbols)
+
+
+def test_the_first_folder_that_fits_counts(walk: Path, symbols: Path, tmp_path: Path) -> None:
+    (tmp_path / "empty").mkdir()
+    assert frames_of(walk, "--symbols", tmp_path / "empty", "--symbols", symbols) == frames_of(walk, "--symbols", symbols)
+
+
+def scrambled(file: Path) -> None:
+    """Keeps the first bytes, by which the file is known for what it is, and spoils what follows."""
+    content = file.read_bytes()
+    file.write_bytes(content[:32] + b"\xff" * 4064 + content[4096:])
+
+
+def of_another_build(file: Path) -> None:
+    """Another build: a time stamp of its own, and all else the same."""
+    content = bytearray(file.read_bytes())
+    header, = struct.unpack_from("<I", content, 0x3c)
+    content[header + 8] ^= 1
+    file.write_bytes(content)
+
+
+def of_another_link(file: Path) -> None:
+    """The PDB of another build: its GUID stands in the second stream, right behind version, signature and age."""
+    guid = store_guid()
+    content = file.read_bytes()
+    assert content.count(guid) == 1
+    file.write_bytes(content.replace(guid, bytes(16)))
+
+
+def store_guid() -> bytes:
+    program = (BUILT / "lumaris.exe").read_bytes()
+    at = program.index(b"RSDS")
+    return program[at + 4:at + 20]
+
+
+@pytest.mark.parametrize(("name", "spoil", "complaint"), [
+    ("lumaris.exe", of_another_build, "lumaris.exe: this is another build than the report's: its time stamp is 0x"),
+    ("lumaris.pdb", of_another_link, "lumaris.pdb: this PDB is of another build than "),
+    ("lumaris.exe", lambda file: file.write_bytes(b"MZ"), "lumaris.exe: this is no Windows program: "),
+    ("lumaris.pdb", lambda file: file.write_bytes(b"MZ"), "lumaris.pdb: this is no PDB"),
+    ("lumaris.pdb", lambda file: file.write_bytes(file.read_bytes()[:1000]), "lumaris.pdb: the PDB cannot be read: "),
+    ("lumaris.pdb", scrambled, "lumaris.pdb: the PDB cannot be read: "),
+    ("lumaris.pdb", lambda file: file.unlink(), "lumaris.exe: there is no lumaris.pdb with the identity "),
+], ids=["other-program", "other-pdb", "no-program", "no-pdb", "cut", "scrambled", "missing"])
+def test_symbols_that_do_not_fit_are_refused_by_name(name: str, spoil: Callable[[Path], object], complaint: str, walk: Path, symbols: Path) -> None:
+    spoil(symbols / name)
+    shown = read(walk, "--symbols", symbols)
+    assert shown.returncode == 2
+    assert shown.stderr.startswith(f"read_report: {symbols}/")
     assert complaint in shown.stderr
+    # The report is shown all the same, with what is certain.
+    assert shown.stdout == read(walk).stdout
 
 
-def test_without_llvm_it_says_what_is_missing(walk: Path, tmp_path: Path) -> None:
-    shown = read(walk, "--pdb", PDB, environment={"PATH": str(tmp_path)})
+def test_a_folder_that_does_not_exist_is_told(walk: Path, tmp_path: Path) -> None:
+    shown = read(walk, "--symbols", tmp_path / "missing")
     assert (shown.returncode, shown.stdout) == (2, "")
-    assert "PDBs are read with llvm-pdbutil-19 (package llvm-19), which cannot be started: No such file or directory" in shown.stderr
+    assert shown.stderr == f"read_report: {tmp_path}/missing: this is no folder\n"
+
+
+def test_the_name_of_a_module_does_not_lead_out_of_the_folder(tmp_path: Path, symbols: Path) -> None:
+    path = tmp_path / "walk.tzo"
+    stamp = stamp_of(BUILT / "lumaris.exe")
+    path.write_bytes(zlib.compress(HEAD + module("../symbols with blanks/lumaris.exe", stamp) + frame(0x1000)))
+    (tmp_path / "empty").mkdir()
+    assert "functions" not in frames_of(path, "--symbols", tmp_path / "empty")[0]
+
+
+# The places that the probe has marked, innermost function first, each with the text of its line; None stands for the marked line.
+PROBED = {
+    "plain": [("probe::plain()", None)],
+    "inlined": [("probe::leaf", None), ("probe::branch", "    leaf();"), ("probe::trunk()", "    branch();")],
+    "templated": [("probe::counter<long long, 3>::add(long long)", None)],
+    "lambda": [("operator()", None)],
+    "behind the thunk": [("probe::both::two()", None)],
+    "thunk": [("non-virtual thunk to probe::both::two()", "")],
+    "return": [("probe::through(probe::second&)", "    object.two();")],
+}
+
+
+def marked(program: Path) -> dict[str, tuple[int, int]]:
+    """Address and line of each place, out of the section that the program keeps them in."""
+    (section,) = [each for each in pefile.PE(str(program)).sections if each.Name.rstrip(b"\0") == b".probes"]
+    data = section.get_data()[:section.Misc_VirtualSize]
+    found: dict[str, tuple[int, int]] = {}
+    at = 0
+    while at < len(data):
+        address, line = struct.unpack_from("<II", data, at)
+        name = data[at + 8:data.index(b"\0", at + 8)].decode()
+        at += (8 + len(name) + 1 + 3) // 4 * 4
+        if name:
+            found[name] = (address, line)
+    return found
+
+
+@pytest.mark.parametrize("architecture", PROBES)
+def test_every_kind_of_function_is_found_with_its_line(architecture: str, tmp_path: Path) -> None:
+    folder = PROBES[architecture]
+    program = folder / "symbol_probe.exe"
+    places = marked(program)
+    assert places.keys() == PROBED.keys()
+    text = PROBE_SOURCE.read_text(encoding="utf-8").splitlines()
+    for name, (address, line) in places.items():
+        report = tmp_path / f"{name}.tzo"
+        # A return address stands in the second frame.
+        outer = module("symbol_probe.exe", stamp_of(program)) + frame(0) * (name == "return") + frame(address)
+        report.write_bytes(zlib.compress(HEAD + outer))
+        found = frames_of(report, "--symbols", folder)[-1]["functions"]
+        assert len(found) == len(PROBED[name]), (name, found)
+        for place, (function, source) in zip(found, PROBED[name], strict=True):
+            assert function in place["name"], (name, found)
+            if source == "":
+                assert place["source"] is None or "symbol_probe.cpp" in place["source"]
+                continue
+            file, number = place["source"].rsplit(":", 1)
+            assert file == "/lumaris/tests/tools/report_reader/probe/symbol_probe.cpp"
+            assert (int(number) == line) if source is None else (text[int(number) - 1] == source), (name, found)
 
 
 def page_blocks() -> list[str]:

@@ -160,11 +160,11 @@ class CrashShow:
 
     def _show_report(self, requests: list[Received]) -> None:
         """Prints the last of them as its reader reads it, and compares it with the crash."""
-        pdb = self._program_file(self._given.kind).with_suffix(".pdb")
+        symbols = self._program_file(self._given.kind).parent
         for body in [each.body for each in requests if each.whole][-1:]:
-            print("\nwhat read_report says about the report, with the PDB of the program:\n")
-            print("".join(f"    {line}\n" for line in self._reader.text(body, pdb=pdb).splitlines()))
-            report = self._reader.read(body, pdb=pdb)
+            print("\nwhat read_report says about the report, with the program and its PDB:\n")
+            print("".join(f"    {line}\n" for line in self._reader.text(body, symbols=symbols).splitlines()))
+            report = self._reader.read(body, symbols=symbols)
             self._expect("the exception code", f"0x{REPORTED[self._given.kind][0]:08X}", f"0x{report.code:08X}")
             self._expect("the notes", self._given.notes, report.notes)
 

@@ -2,9 +2,9 @@
 #include "tools/report_reader/chunk_framing.h"
 #include "tools/report_reader/inflate.h"
 #include "tools/report_reader/names.h"
-#include "tools/report_reader/pdb.h"
 #include "tools/report_reader/print.h"
 #include "tools/report_reader/report.h"
+#include "tools/report_reader/symbol_store.h"
 
 #include <CLI/CLI.hpp>
 
@@ -13,11 +13,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <system_error>
-#include <utility>
 #include <vector>
 
 namespace {
@@ -31,24 +31,22 @@ constexpr const char* footer =
     R"(A FILE is a report as the program saves it (0.tzo: short, 0.tzr: full) or uploads it: the same bytes. - is standard input.
 An upload body that was kept with its HTTP chunk framing is refused, unless --body is given.
 
-exit codes: 0 all reports are whole, 1 a report is damaged, 2 wrong arguments or a file that cannot be read
+Symbols are programs with their PDBs: a symbol store (NAME/TIME STAMP AND SIZE/NAME for programs, NAME/GUID AND AGE/NAME for
+PDBs), or a folder in which they lie beside each other. What does not fit the report is refused.
+
+exit codes: 0 all reports are whole, 1 a report is damaged, 2 wrong arguments, a file that cannot be read, or symbols that do not
+fit the report
 
 examples:
-  read_report 0.tzr --pdb lumaris.pdb
+  read_report 0.tzr --symbols build/release/symbols
   read_report --json 0.tzo | python3 -m json.tool
   read_report --body captured.bin)";
 
 struct options {
     std::vector<std::string> files;
-    std::vector<std::string> pdbs;
+    std::vector<std::string> symbols;
     bool json = false;
     bool body = false;
-};
-
-struct named_symbols {
-    std::string path;
-    reader::symbol_table symbols;
-    bool used = false;
 };
 
 // What cannot be read at all, which is no damage to a report.
@@ -99,22 +97,6 @@ reader::report read_report(const std::string& path, bool body) {
     return reader::parse_report(reader::inflate(bytes, reader::inflate_limit, reader::damaged_bytes::body));
 }
 
-reader::frame_places find_places(const reader::report& report, std::vector<named_symbols>& pdbs) {
-    reader::frame_places places(report.frames.size());
-    for (std::size_t index = 0; index < report.frames.size(); ++index) {
-        const reader::frame& frame = report.frames[index];
-        const std::string module = reader::to_utf8(report.modules[frame.module].name);
-        for (named_symbols& pdb : pdbs) {
-            if (reader::is_pdb_of(pdb.path, module)) {
-                pdb.used = true;
-                places[index] = pdb.symbols.find(frame.offset, index > 0);
-                break;
-            }
-        }
-    }
-    return places;
-}
-
 void complain(const std::string& about, const std::string& text) {
     std::fflush(stdout);
     std::fprintf(stderr, "read_report: %s: %s\n", about.c_str(), text.c_str());
@@ -127,17 +109,22 @@ void print(const std::string& text) {
 }
 
 // Shows one report and returns its exit code.
-int show(const std::string& path, const options& wanted, std::vector<named_symbols>& pdbs) {
+int show(const std::string& path, const options& wanted, reader::symbol_store& symbols) {
     const std::string name = path == "-" ? "standard input" : path;
     try {
         const reader::report report = read_report(path, wanted.body);
-        const reader::frame_places places = find_places(report, pdbs);
+        const reader::frame_places places = symbols.find(report);
         if (wanted.json) {
             print(reader::to_json(path, report, places) + "\n");
         } else {
             print(reader::printable(name) + ": " + reader::to_text(report, places));
         }
-        return 0;
+        const std::vector<std::string> refusals = symbols.take_refusals();
+        for (const std::string& refusal : refusals) {
+            std::fflush(stdout);
+            std::fprintf(stderr, "read_report: %s\n", reader::printable(refusal).c_str());
+        }
+        return refusals.empty() ? 0 : status_usage;
     } catch (const reader::damage& error) {
         complain(name, error.what());
         return status_damaged;
@@ -148,22 +135,18 @@ int show(const std::string& path, const options& wanted, std::vector<named_symbo
 }
 
 int run(const options& wanted) {
-    std::vector<named_symbols> pdbs;
-    pdbs.reserve(wanted.pdbs.size());
-    for (const std::string& path : wanted.pdbs) {
-        pdbs.push_back({path, reader::read_pdb(path)});
+    for (const std::string& folder : wanted.symbols) {
+        if (!std::filesystem::is_directory(folder)) {
+            throw unreadable(folder + ": this is no folder");
+        }
     }
+    reader::symbol_store symbols({wanted.symbols.begin(), wanted.symbols.end()});
     int status = 0;
     for (const std::string& path : wanted.files) {
-        status = std::max(status, show(path, wanted, pdbs));
+        status = std::max(status, show(path, wanted, symbols));
     }
     if (std::fflush(stdout) != 0) {
         throw std::system_error(errno, std::generic_category(), "standard output");
-    }
-    for (const named_symbols& pdb : pdbs) {
-        if (!pdb.used) {
-            complain(pdb.path, "no frame lies in a module of that name");
-        }
     }
     return status;
 }
@@ -179,9 +162,10 @@ int main(int count, char** arguments) {
     parser.add_flag("--json", wanted.json,
                     "one JSON object a line, one line a report, with everything that is in it");
     parser
-        .add_option("--pdb", wanted.pdbs,
-                    "names the functions of the module that this PDB belongs to; may be repeated")
-        ->type_name("FILE.pdb")
+        .add_option(
+            "--symbols", wanted.symbols,
+            "names functions and source lines from the programs and PDBs in this folder; may be repeated")
+        ->type_name("DIR")
         ->allow_extra_args(false);
     parser.add_flag("--body", wanted.body,
                     "the files are upload bodies: take HTTP chunk framing off, where there is any");

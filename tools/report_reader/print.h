@@ -6,14 +6,13 @@
 #include "tools/report_reader/report.h"
 #include "tools/report_reader/symbols.h"
 
-#include <optional>
 #include <string>
 #include <vector>
 
 namespace corvo::report_reader {
 
 // One for each frame of the report; empty for those of which nothing is known.
-using frame_places = std::vector<std::optional<code_place>>;
+using frame_places = std::vector<code_chain>;
 
 // Several lines, each ended by a line feed. Control characters from the report are written out.
 std::string to_text(const report& what, const frame_places& places);

@@ -4,6 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <utility>
+
 namespace corvo::report_reader {
 
 namespace {
@@ -67,7 +69,7 @@ std::string digits_of(const std::vector<std::byte>& bytes) {
     return text;
 }
 
-json frame_json(const frame& shown, const module_block& module, const std::optional<code_place>& place) {
+json frame_json(const frame& shown, const module_block& module, const code_chain& places) {
     json result{{"module", to_utf8(module.name)},
                 {"time_stamp", module.time_stamp},
                 {"checksum", nullptr},
@@ -83,12 +85,16 @@ json frame_json(const frame& shown, const module_block& module, const std::optio
     if (shown.stack) {
         result["stack"] = {{"address", shown.stack->address}, {"bytes", digits_of(shown.stack->bytes)}};
     }
-    if (place) {
-        result["function"] = place->function;
-        result["function_offset"] = place->function_offset;
-        if (!place->source.empty()) {
-            result["source"] = place->source;
+    if (!places.empty()) {
+        result["function_offset"] = places.back().function_offset;
+        result["functions"] = json::array();
+    }
+    for (const code_place& place : places) {
+        json function{{"name", place.function}, {"source", nullptr}};
+        if (!place.source.empty()) {
+            function["source"] = place.source;
         }
+        result["functions"].push_back(std::move(function));
     }
     return result;
 }

@@ -85,8 +85,7 @@ void append_context(std::string& text, const processor_context& context) {
     }
 }
 
-void append_frame(std::string& text, const report& what, std::size_t index,
-                  const std::optional<code_place>& place) {
+void append_frame(std::string& text, const report& what, std::size_t index, const code_chain& places) {
     const frame& shown = what.frames[index];
     const module_block& module = what.modules[shown.module];
     append(text, "%4zu  ", index);
@@ -99,11 +98,15 @@ void append_frame(std::string& text, const report& what, std::size_t index,
         append(text, ", base 0x%016llX", wide(*module.base));
     }
     text += ")\n";
-    if (place) {
-        text += "      " + printable(place->function);
-        append(text, "+0x%llX", wide(place->function_offset));
-        text += place->source.empty() ? "" : " at " + printable(place->source);
-        text += '\n';
+    for (std::size_t number = 0; number < places.size(); ++number) {
+        const code_place& place = places[number];
+        const bool is_inlined = number + 1 < places.size();
+        text += "      " + printable(place.function);
+        if (!is_inlined) {
+            append(text, "+0x%llX", wide(place.function_offset));
+        }
+        text += place.source.empty() ? "" : " at " + printable(place.source);
+        text += is_inlined ? ", inlined into\n" : "\n";
     }
     if (shown.stack) {
         append(text, "      stack memory: %zu bytes from 0x%016llX\n", shown.stack->bytes.size(),

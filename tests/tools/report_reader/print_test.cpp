@@ -34,7 +34,7 @@ report full_report() {
 }
 
 TEST(report_reader_print, a_short_report_as_text) {
-    const frame_places places{std::nullopt, code_place{"wWinMain", 7, "main.cpp:15"}};
+    const frame_places places{{}, {{"leaf", 0, "leaf.h:3"}, {"wWinMain", 7, "main.cpp:15"}}};
     EXPECT_EQ(to_text(short_report(), places),
               "short report, ARM64\n"
               "exception 0xC0000005 (access violation) writing to 0x0000000000000010\n"
@@ -46,12 +46,13 @@ TEST(report_reader_print, a_short_report_as_text) {
               "frames, from the fault outward\n"
               "   0  lumaris.exe+0x1549 (time stamp 0x00000007)\n"
               "   1  lumaris.exe+0x1427 (time stamp 0x00000007)\n"
+              "      leaf at leaf.h:3, inlined into\n"
               "      wWinMain+0x7 at main.cpp:15\n");
 }
 
 TEST(report_reader_print, a_full_report_as_text) {
     EXPECT_EQ(
-        to_text(full_report(), {std::nullopt}),
+        to_text(full_report(), {{}}),
         "full report, ARM64\n"
         "exception 0xE0544D02 (abort called)\n"
         "  at 0x0000000000000001, flags 0x00000000\n"
@@ -105,7 +106,7 @@ TEST(report_reader_print, the_registers_of_text_are_all_of_them) {
                 "  Wcr0 0x00000015  Wcr1 0x00000016\n"
                 "  Wvr0 0x000000000000001F  Wvr1 0x0000000000000020\n";
     what.context = context;
-    const std::string text = to_text(what, {std::nullopt});
+    const std::string text = to_text(what, {{}});
     const std::size_t begin = text.find("processor context");
     ASSERT_NE(std::string::npos, begin);
     EXPECT_EQ(expected, text.substr(begin, text.find("frames, from") - begin));
@@ -125,7 +126,7 @@ TEST(report_reader_print, a_long_name_is_shown_whole) {
 }
 
 TEST(report_reader_print, a_short_report_as_json) {
-    const frame_places places{std::nullopt, code_place{"wWinMain", 7, "main.cpp:15"}};
+    const frame_places places{{}, {{"leaf", 0, "leaf.h:3"}, {"wWinMain", 7, "main.cpp:15"}}};
     EXPECT_EQ(
         to_json("0.tzo", short_report(), places),
         R"({"file":"0.tzo","kind":"short","machine":"arm64",)"
@@ -133,18 +134,19 @@ TEST(report_reader_print, a_short_report_as_json) {
         R"("context":null,"notes":["a\u001b[2J"],"frames":[)"
         R"({"module":"lumaris.exe","time_stamp":7,"checksum":null,"base":null,"offset":5449,"stack":null},)"
         R"({"module":"lumaris.exe","time_stamp":7,"checksum":null,"base":null,"offset":5159,"stack":null,)"
-        R"("function":"wWinMain","function_offset":7,"source":"main.cpp:15"}]})");
+        R"("function_offset":7,"functions":[{"name":"leaf","source":"leaf.h:3"},{"name":"wWinMain","source":"main.cpp:15"}]}]})");
 }
 
 TEST(report_reader_print, a_full_report_as_json) {
-    EXPECT_EQ(to_json("0.tzr", full_report(), {code_place{"run", 1, ""}}),
-              R"({"file":"0.tzr","kind":"full","machine":"arm64",)"
-              R"("records":[{"code":3763621122,"flags":0,"address":1,"parameters":[]}],)"
-              R"("context":{"flags":4194305,"integer":null,)"
-              R"("control":{"fp":1,"lr":2,"sp":3,"pc":18446744073709551615,"cpsr":5},)"
-              R"("floating_point":null,"debug":null},"notes":null,"frames":[)"
-              R"({"module":"lumaris.exe","time_stamp":7,"checksum":8,"base":5368709120,"offset":5449,)"
-              R"("stack":{"address":4096,"bytes":"dead"},"function":"run","function_offset":1}]})");
+    EXPECT_EQ(
+        to_json("0.tzr", full_report(), {{{"run", 1, ""}}}),
+        R"({"file":"0.tzr","kind":"full","machine":"arm64",)"
+        R"("records":[{"code":3763621122,"flags":0,"address":1,"parameters":[]}],)"
+        R"("context":{"flags":4194305,"integer":null,)"
+        R"("control":{"fp":1,"lr":2,"sp":3,"pc":18446744073709551615,"cpsr":5},)"
+        R"("floating_point":null,"debug":null},"notes":null,"frames":[)"
+        R"({"module":"lumaris.exe","time_stamp":7,"checksum":8,"base":5368709120,"offset":5449,)"
+        R"("stack":{"address":4096,"bytes":"dead"},"function_offset":1,"functions":[{"name":"run","source":null}]}]})");
 }
 
 TEST(report_reader_print, the_registers_of_json_are_all_of_them) {
@@ -156,7 +158,7 @@ TEST(report_reader_print, the_registers_of_json_are_all_of_them) {
     context.floating_point = floating_point_registers{};
     context.floating_point->v[31] = {31, 32};
     context.debug = debug_registers{{1}, {2}, {3}, {4, 5}};
-    const std::string text = to_json("0.tzr", what, {std::nullopt});
+    const std::string text = to_json("0.tzr", what, {{}});
     for (const char* part :
          {R"("machine":"x86-64")", R"("integer":{"x":[0,0,)", R"(0,28],"fp":0,"lr":0})",
           R"({"low":31,"high":32}],"fpcr":0,"fpsr":0})",
