@@ -65,6 +65,18 @@ class Nginx(Service):
                          folder / "output.log")
 
 
+class NginxWith(Service):
+    """nginx with a configuration for its http block that somebody else has written, which listens on 127.0.0.1 and this port."""
+
+    def __init__(self, folder: Path, block: str, port: int) -> None:
+        folder.mkdir(parents=True, exist_ok=True)
+        configuration = folder / "nginx.conf"
+        temporary = "\n".join(f"  {kind}_temp_path {folder}/{kind};" for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
+        configuration.write_text(f"daemon off;\nuser root;\nworker_processes 1;\npid {folder}/nginx.pid;\nerror_log {folder}/error.log notice;\n"
+                                 f"events {{ worker_connections 512; }}\nhttp {{\n{temporary}\n  sendfile on;\n{block}\n}}\n", encoding="utf-8")
+        super().__init__(["nginx", "-c", str(configuration), "-p", str(folder), "-e", str(folder / "error.log")], port, folder / "output.log")
+
+
 class AuthenticatingProxy(Service):
     """A forward proxy that lets nobody through without this user name and password."""
 

@@ -9,7 +9,7 @@ from collections.abc import Callable, Sequence
 from dataclasses import dataclass
 from pathlib import Path
 
-from . import VERSION, init, offer, settings, stage, status
+from . import VERSION, fleet, init, keys, live, offer, push, settings, stage, status
 from .refusal import Refusal
 from .signing import Signer
 
@@ -24,12 +24,11 @@ class Word:
     arguments: Callable[[argparse.ArgumentParser], None]
     run: Callable[[argparse.Namespace], int] | None = None
     signs: Callable[[argparse.Namespace, Signer], int] | None = None
-    rootless: bool = False
 
 
 WORDS = (
     Word("init", "make a new publication", "lumaris-publish init /srv/updates --host updates.DOMAIN --public-key halvoro.pub "
-         "--channels stable,beta --windows win11,win10", init.add_arguments, run=init.run, rootless=True),
+         "--channels stable,beta --windows win11,win10", init.add_arguments, run=init.run),
     Word("stage", "check a package, copy it, sign it", "lumaris-publish stage Halvoro-3.4.1.msi --key halvoro.key --password-file password",
          stage.add_arguments, signs=stage.run),
     Word("offer", "offer a staged version to a channel", "lumaris-publish offer 3.4.1 --channel beta --key halvoro.key",
@@ -40,6 +39,11 @@ WORDS = (
          offer.add_withdraw_arguments, signs=offer.withdraw),
     Word("status", "what is offered", "lumaris-publish status", status.add_arguments, run=status.status),
     Word("log", "who published what when", "lumaris-publish log", status.add_arguments, run=status.log),
+    Word("check", "ask a live server as every client would", "lumaris-publish check --quick || mail -s updates ops@DOMAIN", live.add_arguments,
+         run=live.run),
+    Word("push", "copy the publication to a server", "lumaris-publish push web1.DOMAIN:/srv/updates/public", push.add_arguments, run=push.run),
+    Word("fleet", "which versions ask", "lumaris-publish fleet /var/log/nginx/lumaris.access.log* --svg fleet.svg", fleet.add_arguments, run=fleet.run),
+    Word("keys", "key pairs: new, rotate, drill", "lumaris-publish keys new halvoro --password-file password", keys.add_arguments, run=keys.run),
 )
 
 
@@ -55,7 +59,8 @@ def make_parser() -> argparse.ArgumentParser:
     for word in WORDS:
         sub = words.add_parser(word.name, help=word.help, description=f"{word.help[0].upper()}{word.help[1:]}.", epilog=f"example: {word.example}")
         word.arguments(sub)
-        sub.add_argument("--dry-run", action="store_true", help="say what would be done, and do nothing")
+        if word.name != "keys":  # its words have their own
+            sub.add_argument("--dry-run", action="store_true", help="say what would be done, and do nothing")
         if word.signs is not None:
             sub.add_argument("--key", type=Path, metavar="FILE", help="the secret key (default: secret_key of publish.toml)")
             sub.add_argument("--password-file", type=Path, metavar="F", help="a file with the key's password in its first line")

@@ -12,7 +12,7 @@ def everything(settings: Settings, docroot: Path) -> dict[str, str]:
     return {"nginx.conf": nginx(settings, docroot), "apache.conf": apache(settings, docroot), "web.config": iis(), "cdn.txt": cdn(settings)}
 
 
-def nginx(settings: Settings, docroot: Path, listen: str = "80") -> str:
+def nginx(settings: Settings, docroot: Path, *, listen: str = "80", log: str = "/var/log/nginx/lumaris.access.log") -> str:
     """For the http block of nginx."""
     return f"""# The updates of Halvoro, for the http block of nginx (/etc/nginx/conf.d). Made by lumaris-publish.
 
@@ -34,7 +34,7 @@ server {{
     listen {listen};
     server_name {settings.host};
     root {docroot};
-    access_log /var/log/nginx/lumaris.access.log lumaris;
+    access_log {log} lumaris;
     types {{ text/plain txt minisig; application/octet-stream msi; }}
     default_type application/octet-stream;
     # The link to the current set is looked up for every request.
