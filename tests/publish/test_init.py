@@ -53,7 +53,7 @@ def test_an_address_of_packages_that_clients_can_use_is_taken(kit: Kit, url: str
     (("--channels", "stable,Stable"), "channel-name"), (("--channels", ","), "channel-name"), (("--channels", "büta"), "channel-name"),
     (("--channels", "a b"), "channel-name"), (("--windows", "win12"), "windows-name"), (("--windows", "win11,win11"), "windows-name"),
     (("--windows", "Win11"), "windows-name"), (("--variants=-s/l",), "variant-name"), (("--variants=-sl,-SL",), "variant-name"),
-    (("--host", "http://h/"), "host"), (("--host", "h:80"), "host"), (("--host", ""), "host"), (("--host", "-h"), "host"),
+    (("--host", "http://h/"), "host"), (("--host", "h:80"), "host"), (("--host", ""), "host"), (("--host=-h",), "host"),
     (("--public-key", "RWQ"), "public-key"), (("--public-key", "x" * 56), "public-key"),
 ])
 def test_what_clients_would_not_follow_is_refused(kit: Kit, options: tuple[str, ...], fault: str) -> None:
