@@ -23,7 +23,7 @@ import size_report
 TREE = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(TREE / "tests"))
 
-from bed import certificates, isolation, settings, update_server, windows  # noqa: E402  (the path to it is set above)
+from bed import certificates, isolation, settings, update_server, version, windows  # noqa: E402  (the path to it is set above)
 from bed.report_server import BODY, FULL_WANTED, HEAD, REPLIED, Answer, ReportServer, make_report_server  # noqa: E402
 from bed.services import Nginx  # noqa: E402
 from bed.signing import KeyPair  # noqa: E402
@@ -198,7 +198,7 @@ def cached_read(bench: Bench) -> list[Verdict]:
 def idle_run(bench: Bench) -> list[Verdict]:
     """A run with nothing to update, from start to exit."""
     path = update_server.description_path("win10", "stable")
-    update_server.Publication(bench.files, bench.key).description(path, "3040000", "Halvoro 3.4.0")
+    update_server.Publication(bench.files, bench.key).description(path, version.OWN.offer, f"Halvoro {version.OWN}")
     product = bench.program(X64 / "src/updater/lumaris.exe")
     bare = bench.program(X64 / "bench/bench_bare_check.exe")
     loading = bench.program(X64 / "bench/bench_bare_check_libraries.exe")

@@ -26,7 +26,7 @@ const std::array<std::string, 8> texts{
     "https://updates.tavrin.example:8443/Halvoro/3.4.1/packages/",
     "http://user:pass:word@proxy.tavrin.example:3128/a/b/c.txt?key=value&other=1#top",
     "http://192.168.10.25:8080/Halvoro/Lumaris/",
-    "http://[2001:db8::8:800:200c:417a]:8080/Halvoro/Lumaris/?v=3.4.0",
+    "http://[2001:db8::8:800:200c:417a]:8080/Halvoro/Lumaris/?v=1.2.3",
     "wss://host/",
     "https://a-rather-long-label.another-rather-long-label.downloads.tavrin.example/a/long/path/that/goes/on/"
     "and/"

@@ -43,7 +43,7 @@ room_variables() {
         "LUMARIS_INPUTS_NATIVE=${product_hash[room-amd64]}"
         "LUMARIS_INPUTS_X64=${product_hash[room-amd64]} ${product_hash[deps-x86_64]}"
         "LUMARIS_INPUTS_ARM64=${product_hash[room-amd64]} ${product_hash[deps-aarch64]}")
-    for name in CI LUMARIS_PUBLIC_KEY LUMARIS_UPDATE_HOST LUMARIS_REPORT_HOST LUMARIS_PARTNER; do
+    for name in CI LUMARIS_PUBLIC_KEY LUMARIS_UPDATE_HOST LUMARIS_REPORT_HOST LUMARIS_PARTNER LUMARIS_VERSION; do
         [[ -z ${!name+set} ]] || variables+=("$name=${!name}")
     done
 }

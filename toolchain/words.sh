@@ -25,7 +25,7 @@ below the cache folder, once) and then its job. It needs a Debian-like machine, 
 examples:
   ./dev run
   ./dev test
-  ./dev build arm64 --key minisign.pub
+  ./dev build arm64 --key minisign.pub --partner NAME
   ./dev release --help
   ./dev WORD --help
 
@@ -34,26 +34,30 @@ environment:
   LUMARIS_MIRROR      a Debian mirror (default: the one of the machine's apt configuration)
   LUMARIS_SOURCES     a folder with the pinned source archives, for when the mirror no longer has them
   LUMARIS_PUBLIC_KEY  the trusted public key, as minisign prints it
+  LUMARIS_VERSION     builds, and tests, as this version: LUMARIS_VERSION=9.8.7 ./dev test (default: the one in CMakeLists.txt)
 END
 }
 
 build_help() {
     cat <<'END'
-usage: ./dev build [arm64|x64|native|PRESET]... [--key KEY] [--target TARGET]
+usage: ./dev build [arm64|x64|native|PRESET]... [--key KEY] [--partner NAME] [--version VERSION] [--target TARGET]
 
-  arm64    the product, lumaris.exe for Windows on ARM64 (preset arm64-release); needs the trusted key
+  arm64    the product, lumaris.exe for Windows on ARM64 (preset arm64-release); needs the trusted key and the partner
   x64      program and tests for x86-64 (preset x64-test), with the test key
   native   the portable half and its tests for this machine, with sanitizers (preset native-asan)
   PRESET   any preset of CMakePresets.json: arm64-release arm64-test x64-test native-asan native-release native-fuzz
 
 Without a name: native-asan, x64-test and arm64-test. The results are in build/PRESET.
   --key KEY        the trusted public key: the line that minisign prints, or a .pub file
+  --partner NAME   the company that the Albanian error texts name
+  --version VERSION
+                   builds as this version, such as 9.8.7 (default: the one in CMakeLists.txt)
   --target TARGET  builds only this CMake target
 
 examples:
   ./dev build
   ./dev build x64 --target unit_tests
-  ./dev build arm64 --key ~/keys/halvoro.pub
+  ./dev build arm64 --key ~/keys/halvoro.pub --partner NAME
 END
 }
 
@@ -90,6 +94,8 @@ word_build() {
             export LUMARIS_PUBLIC_KEY=$key
             shift 2
             ;;
+        --partner) [[ -n ${2:-} ]] || die "--partner needs a name"; export LUMARIS_PARTNER=$2; shift 2 ;;
+        --version) [[ -n ${2:-} ]] || die "--version needs a version"; export LUMARIS_VERSION=$2; shift 2 ;;
         --target) [[ -n ${2:-} ]] || die "--target needs a name"; arguments+=(--target "$2"); shift 2 ;;
         -*) die "unknown option $1" "See ./dev build --help." ;;
         *) presets+=("$(preset_of "$1")"); shift ;;
@@ -181,7 +187,7 @@ an isolated network, runs the program under Wine and prints what everyone saw as
   --variant=TEXT                   the program's first argument, such as --variant=-sl
   --tamper description|package|signature
                                    changes what is published after it was signed
-  --old                            offers 3.4.0, which is installed already
+  --old                            offers the version that is installed already
   --proxy                          through a proxy that asks for a password
 
 With --crash a program with the error-report component crashes instead: its message boxes are photographed and answered, and the
@@ -243,13 +249,13 @@ word_run() {
 
 release_help() {
     cat <<'END'
-usage: ./dev release --key KEY --update-host HOST --report-host HOST [--partner NAME] [--output FOLDER]
+usage: ./dev release --key KEY --update-host HOST --report-host HOST --partner NAME [--output FOLDER]
                      [--certificate CERT --certificate-key KEY | --pkcs12 FILE] [--password-file FILE] [--authority CERT]
                      [--timestamp URL [--timestamp-authority CERT]]
-       ./dev release --key KEY --update-host HOST --report-host HOST [--partner NAME] --match PROGRAM
+       ./dev release --key KEY --update-host HOST --report-host HOST --partner NAME --match PROGRAM
 
 Builds lumaris.exe for ARM64 twice, in two places, compares every byte of program and PDB, checks that the program is what a release
-must be, signs it, and writes lumaris.exe, lumaris.pdb, lumaris.cdx.json (bill of materials) and SHA256SUMS. Where anything is not as
+must be, runs it to hear its version from itself, signs it, and writes lumaris.exe, lumaris.pdb, lumaris.cdx.json (bill of materials) and SHA256SUMS. Where anything is not as
 it should be it says what, and writes nothing. docs/release.md says what is checked, and how others can check a release.
 
   --key KEY               the trusted public key: the line that minisign prints, or a .pub file
@@ -269,9 +275,9 @@ it should be it says what, and writes nothing. docs/release.md says what is chec
                           for trying it out: hosts that are reserved for examples; sources that are not committed
 
 examples:
-  ./dev release --key halvoro.pub --update-host updates.DOMAIN --report-host reports.DOMAIN \
+  ./dev release --key halvoro.pub --update-host updates.DOMAIN --report-host reports.DOMAIN --partner NAME \
       --pkcs12 tavrin.p12 --password-file password --timestamp http://timestamps.DOMAIN
-  ./dev release --key halvoro.pub --allow-default-hosts
+  ./dev release --key halvoro.pub --partner NAME --allow-default-hosts
 END
 }
 
@@ -309,9 +315,11 @@ word_release() {
         esac
         shift 2
     done
-    need "${products_arm64[@]}"
+    need "${products_arm64[@]}" "${products_run_arm64[@]}"
     check_namespaces
-    [[ $isolation != none ]] || die "$namespaces_fault" "A release needs mounts of its own. ./dev build works without."
+    [[ $isolation == full ]] || die "$namespaces_fault" "A release runs its program in a network of its own. ./dev build works without."
+    check_arm64
+    [[ -z $arm64_fault ]] || die "ARM64 programs cannot run here: $arm64_fault" "A release runs its program. ./dev build works without."
     make_run_folder
     for ((i = 0; i < ${#files[@]}; i += 2)); do release_file "${files[i]}" "${files[i + 1]}"; done
     if [[ -n $match ]]; then
@@ -338,7 +346,7 @@ job_release() { check_after_failure in_room python3 tools/release "$@"; }
 
 installer_help() {
     cat <<'END'
-usage: ./dev installer --key KEY [--update-host HOST] [--report-host HOST] [--program PROGRAM] [--output FOLDER]
+usage: ./dev installer --key KEY --partner NAME [--update-host HOST] [--report-host HOST] [--program PROGRAM] [--output FOLDER]
                        [--certificate CERT --certificate-key KEY | --pkcs12 FILE] [--password-file FILE] [--authority CERT]
 
 Builds for ARM64 and packs lumaris.exe, the event source, the folder for packages and logs and the scheduled task into
@@ -346,7 +354,7 @@ lumaris-VERSION-arm64.msi, checks the tables of the package, and signs it. packa
 Halvoro's own package. docs/administrators.md says how it is installed.
 
   --key KEY               the trusted public key: the line that minisign prints, or a .pub file
-  --update-host HOST, --report-host HOST
+  --update-host HOST, --report-host HOST, --partner NAME
                           what the program is built with
   --program PROGRAM       packs this lumaris.exe, such as the signed one of ./dev release, and not the one that is built
   --output FOLDER         where the package goes (default: build/installer)
@@ -357,8 +365,8 @@ Halvoro's own package. docs/administrators.md says how it is installed.
   --authority CERT        the root to check the signature against (default: what came with the certificate)
 
 examples:
-  ./dev installer --key halvoro.pub
-  ./dev installer --key halvoro.pub --program build/release/lumaris.exe --pkcs12 tavrin.p12 --password-file password
+  ./dev installer --key halvoro.pub --partner NAME
+  ./dev installer --key halvoro.pub --partner NAME --program build/release/lumaris.exe --pkcs12 tavrin.p12 --password-file password
 END
 }
 
@@ -376,6 +384,7 @@ word_installer() {
             ;;
         --update-host) export LUMARIS_UPDATE_HOST=$2 ;;
         --report-host) export LUMARIS_REPORT_HOST=$2 ;;
+        --partner) export LUMARIS_PARTNER=$2 ;;
         --output) output=$2 ;;
         --program | --certificate | --certificate-key | --pkcs12 | --password-file | --authority) files+=("$1" "$2") ;;
         *) die "unknown option $1" "See ./dev installer --help." ;;

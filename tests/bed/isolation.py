@@ -156,8 +156,8 @@ def _tmpfs_options(size: int, files: int) -> str:
     return f"size={size},nr_inodes={files + 1},mode=0755"
 
 
-def enter() -> PrivateNetwork:
-    """Enters the private namespaces and returns their handle."""
+def enter(*, more_names: tuple[str, ...] = ()) -> PrivateNetwork:
+    """Enters the private namespaces and returns their handle. `more_names` are further names of this machine."""
     if os.geteuid() != 0:
         raise BedError("the test bed needs root rights")
     if not os.environ.get("LUMARIS_IN_ROOM"):
@@ -173,7 +173,8 @@ def enter() -> PrivateNetwork:
         rooms.append(ARM64_ROOM)
         _prepare_room(ARM64_ROOM, work)
     network = PrivateNetwork(work, tuple(rooms))
-    hosts = f"127.0.0.1 localhost {UPDATE_HOST} {PACKAGE_HOST} {PROXY_HOST}\n{REPORT_ADDRESS} {REPORT_HOST}\n"
+    names = " ".join(("localhost", UPDATE_HOST, PACKAGE_HOST, PROXY_HOST, *more_names))
+    hosts = f"127.0.0.1 {names}\n{REPORT_ADDRESS} {REPORT_HOST}\n"
     for room in rooms:
         _bind_text(work, room / "etc/hosts", hosts)
         _bind_text(work, room / "etc/resolv.conf", _NO_NAME_SERVER)

@@ -7,6 +7,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 from .errors import BedError
+from .version import NEWER
 
 INSTALLED_FILE = "C:\\Program Files\\Tavrin\\Halvoro\\halvoro.txt"
 REGISTRY_KEY = "HKLM\\SOFTWARE\\Tavrin\\Halvoro"
@@ -61,7 +62,7 @@ class InstallerPackage:
     file_text: str
 
     @staticmethod
-    def build(folder: Path, architecture: str, version: str = "3.4.1", *, guarded: bool = True, program: Path | None = None) -> InstallerPackage:
+    def build(folder: Path, architecture: str, version: str = str(NEWER), *, guarded: bool = True, program: Path | None = None) -> InstallerPackage:
         """Builds "Halvoro" of this version for the processor on which the installer is to run.
 
         `program` is the lumaris.exe that it brings. One that is not guarded goes back to an older version without a word.

@@ -96,7 +96,7 @@ def available(architecture: str) -> str | None:
 class Windows:
     """Start it inside the private network; use it as a context manager."""
 
-    def __init__(self, architecture: str, network: PrivateNetwork, agent: Path, *, display: str | None = None,
+    def __init__(self, architecture: str, network: PrivateNetwork, agent: Path | None, *, display: str | None = None,
                  privileged: bool = True) -> None:
         """`display` is the X server on which the programs' windows appear (bed/screen.py); without one no box is seen.
 
@@ -123,6 +123,7 @@ class Windows:
     def __enter__(self) -> Windows:
         self.folder.mkdir()
         self._make_prefix()
+        assert self._agent_program is not None
         self.install(self._agent_program, "agent.exe")
         self.start()
         return self
@@ -132,16 +133,30 @@ class Windows:
 
     def start(self) -> None:
         """Starts the Wine server and the agent in it."""
-        self._server = subprocess.Popen([*self._enter, _WINE_SERVER, "-f", "-p"], env=self._environment,
-                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                        stderr=subprocess.DEVNULL, cwd="/")
-        # The first program hands its standard output to the services it starts, so it is one without a reader.
-        self._wine("wineboot", limit=180)
+        self._start_server()
         trace = self._trace_path.open("ab")
         self._agent = subprocess.Popen(
             [*self._enter, _WINE, str(self.folder / "agent.exe")], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
             stderr=trace, env=self._environment | {"WINEDEBUG": _TRACES}, cwd="/")
         trace.close()
+
+    def _start_server(self) -> None:
+        self._server = subprocess.Popen([*self._enter, _WINE_SERVER, "-f", "-p"], env=self._environment,
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                        stderr=subprocess.DEVNULL, cwd="/")
+        # The first program hands its standard output to the services it starts, so it is one without a reader.
+        self._wine("wineboot", limit=180)
+
+    def run_alone(self, program: Path, limit: float) -> None:
+        """Starts this Windows without an agent, runs one program to its end, whatever comes of it, and stops."""
+        self.folder.mkdir()
+        self._make_prefix()
+        shutil.copyfile(program, self.folder / program.name)
+        self._start_server()
+        try:
+            self._wine(str(self.folder / program.name), limit=limit, check=False)
+        finally:
+            self.stop()
 
     def stop(self) -> None:
         """Ends the agent and the server of this prefix; what was still running in it ends with them."""
@@ -173,9 +188,9 @@ class Windows:
         finally:
             _end(server)
 
-    def _wine(self, *arguments: str, limit: float) -> None:
+    def _wine(self, *arguments: str, limit: float, check: bool = True) -> None:
         subprocess.run([*self._enter, _WINE, *arguments], env=self._environment, stdin=subprocess.DEVNULL,
-                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=limit, check=True, cwd="/")
+                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=limit, check=check, cwd="/")
 
     # Files
 

@@ -4,11 +4,11 @@ from __future__ import annotations
 
 import pytest
 
-from bed import settings
+from bed import settings, version
 from bed.windows import REG_BINARY, REG_DWORD, REG_EXPAND_SZ, REG_MULTI_SZ, REG_SZ
 from world import DESCRIPTION, World
 
-OLDER = "3030000\nolder\nhttp://updates.tavrin.example/\n"
+OLDER = f"{version.OLDER.offer}\nolder\nhttp://updates.tavrin.example/\n"
 
 
 def assert_asks_for(world: World, path: str) -> None:
@@ -94,7 +94,7 @@ def test_the_description_is_asked_for_afresh_and_as_text(world: World) -> None:
     for request in world.requests:
         assert request.method == "GET"
         assert request.header("Host") == "updates.tavrin.example"
-        assert request.header("User-Agent") == "Lumaris/3.4.0"
+        assert request.header("User-Agent") == f"Lumaris/{version.OWN}"
         assert request.header("Accept") == "text/plain"
         assert request.header("Cache-Control") == "no-cache"
         assert request.header("Pragma") == "no-cache"

@@ -9,11 +9,11 @@ from typing import Any
 
 import pytest
 
-from bed import settings, windows
+from bed import settings, version, windows
 from bed.http_server import Reply
 from bed.services import AuthenticatingProxy
 from bed.snapshot import nothing_else_changes
-from world import DESCRIPTION, FAILED, PACKAGE, PACKAGE_CONTENT, World
+from world import DESCRIPTION, FAILED, FOLDER_URL, PACKAGE, PACKAGE_CONTENT, World
 
 EVENTS = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\HalvoroUpdate"
 STORED = "Halvoro.ARM64.msi"
@@ -108,12 +108,12 @@ def a_read_only_package(world: World) -> None:
 
 def signed_by_another_key(world: World) -> None:
     """A description that is signed by somebody else."""
-    text = b"3040100\nHalvoro 3.4.1\nhttp://updates.tavrin.example/Halvoro/3.4.1/\n"
+    text = f"{version.NEWER.offer}\nHalvoro\n{FOLDER_URL}\n".encode()
     world.publish(DESCRIPTION, text, signature=world.sign(text, key=world.bed.other_key))
 
 
 WORLDS: dict[str, Callable[[World], object]] = {
-    "nothing newer": lambda world: world.offer(version="3040000"),
+    "nothing newer": lambda world: world.offer(version=version.OWN.offer),
     "an update": lambda world: world.offer(),
     "an update with a large package": lambda world: world.offer(content=LARGE),
     "a package that is there": offer_then(lambda world: store(world, PACKAGE_CONTENT)),
@@ -132,7 +132,7 @@ WORLDS: dict[str, Callable[[World], object]] = {
     "no description": lambda world: None,
     "no signature": offer_with(DESCRIPTION + ".minisig", Reply(b"not here", status="404 Not Found")),
     "a page in the place of the signature": offer_with(DESCRIPTION + ".minisig", Reply(b"<html>please log in</html>")),
-    "a changed description": offer_with(DESCRIPTION, Reply(b"3040200\nHalvoro\nhttp://updates.tavrin.example/\n")),
+    "a changed description": offer_with(DESCRIPTION, Reply(f"{version.NEWEST.offer}\nHalvoro\nhttp://updates.tavrin.example/\n".encode())),
     "another key": signed_by_another_key,
     "a description without an end": offer_with(DESCRIPTION, Reply(b"x" * 65537)),
     "no package": lambda world: world.offer(package=None),
@@ -198,7 +198,7 @@ def test_a_large_package_is_not_fetched_unless_asked_for(world: World, check: Ch
 @pytest.fixture
 def well(world: World) -> World:
     """A machine with everything in its place but the task, which it was asked not to have."""
-    world.offer(version="3040000")
+    world.offer(version=version.OWN.offer)
     world.machine.set_value(EVENTS, "EventMessageFile", world.bed.program, windows.REG_EXPAND_SZ)
     world.machine.set_value(settings.UPDATER_KEY, "NoTask", "1")
     return world
@@ -207,7 +207,7 @@ def well(world: World) -> World:
 @pytest.mark.any_processor
 def test_a_healthy_machine_says_so(well: World, check: Check) -> None:
     checked = check()
-    assert (checked.exit_code, checked.verdict) == (HEALTHY, "Up to date: the channel stable offers nothing newer than 3.4.0.")
+    assert (checked.exit_code, checked.verdict) == (HEALTHY, f"Up to date: the channel stable offers nothing newer than {version.OWN}.")
     well.machine.delete_key(EVENTS)
 
 

@@ -7,7 +7,7 @@ import socket
 
 import pytest
 
-from bed import isolation
+from bed import isolation, version
 from bed.report_server import BODY, FULL_WANTED, HALF, HEAD, Answer
 from crash_world import CRASHED, CrashBed, CrashWorld
 from world import DESCRIPTION, World
@@ -91,7 +91,7 @@ def test_the_next_start_sends_the_short_report_and_deletes_both(crashes: CrashWo
 def test_the_updater_sends_what_an_earlier_crash_left_and_does_its_work(
         world: World, crashes: CrashWorld, pairs: tuple[Pair, Pair]) -> None:
     crashes.save(0, pairs[0])
-    world.describe("3040000\nHalvoro 3.4.0\nhttp://updates.tavrin.example/\n")
+    world.describe(f"{version.OWN.offer}\nHalvoro\nhttp://updates.tavrin.example/\n")
     world.assert_nothing_to_do(world.run())
     assert world.targets == [DESCRIPTION + ".minisig", DESCRIPTION]
     assert [each.body for each in crashes.server.requests] == [pairs[0][0]]

@@ -4,25 +4,29 @@ from __future__ import annotations
 
 import pytest
 
+from bed import version as versions
 from world import DESCRIPTION, FOLDER_URL, PACKAGE, World
+
+OWN, NEWER, OLDER = versions.OWN.offer, versions.NEWER.offer, versions.OLDER.offer
+OWN_NUMBER = versions.OWN.number
 
 
 @pytest.mark.parametrize("version", [
-    "3030000",  # older
-    "303ffff",
-    "3040000",  # the same
-    "0x3040000",
-    "03040000",
+    OLDER,
+    f"{OWN_NUMBER - 1:x}",
+    OWN,
+    f"0x{OWN}",
+    f"0{OWN}",
     "0",
     "",
     "no hexadecimal digits",
-    "zzz3050000",
+    f"zzz{NEWER}",
     "-ffffffffff",  # an overflow with a minus sign gives 0
     "-ffffffff",  # the complement of all ones is 0
-    "-fcfbffff",  # the complement of this is the same version
-    "\ufeff3040000",
-    "3040000\r",
-    " \t\v\f3040000 \t",
+    f"-{0xFFFFFFFF ^ OWN_NUMBER:x}",  # the complement of this is the same version
+    f"\ufeff{OWN}",
+    f"{OWN}\r",
+    f" \t\v\f{OWN} \t",
 ])
 def test_this_version_is_no_update(world: World, version: str) -> None:
     world.describe(f"{version}\nlabel\n{FOLDER_URL}\n")
@@ -31,21 +35,21 @@ def test_this_version_is_no_update(world: World, version: str) -> None:
 
 
 @pytest.mark.parametrize("version", [
-    "3040001",
-    "3040100",
-    "4000000",
-    "0x3050000",
-    "0X3050000",
-    "+3050000",
-    "3050000 and more text",
+    f"{OWN_NUMBER + 1:x}",
+    NEWER,
+    f"{OWN_NUMBER + 0x1000000:x}",
+    f"0x{NEWER}",
+    f"0X{NEWER}",
+    f"+{NEWER}",
+    f"{NEWER} and more text",
     "ffffffff",  # all ones
     "ffffffffff",  # an overflow
     "-0",  # the complement of 0
     "-1",
-    "-fcfbfffe",  # the complement of this is one more than the own version
-    "\ufeff3040100",
-    "3040100\r",
-    " \t\v\f3040100 \t",
+    f"-{0xFFFFFFFF ^ (OWN_NUMBER + 1):x}",  # the complement of this is one more than the own version
+    f"\ufeff{NEWER}",
+    f"{NEWER}\r",
+    f" \t\v\f{NEWER} \t",
     "beef",
 ])
 def test_this_version_is_an_update_unless_it_is_small(world: World, version: str) -> None:
@@ -60,37 +64,37 @@ def test_this_version_is_an_update_unless_it_is_small(world: World, version: str
 
 def test_a_byte_order_mark_with_windows_line_ends_reads_like_the_plain_form(world: World) -> None:
     world.offer()
-    world.describe(b"\xef\xbb\xbf3040100\r\nHalvoro 3.4.1\r\nhttp://updates.tavrin.example/Halvoro/3.4.1/\r\n")
+    world.describe(f"\ufeff{NEWER}\r\nHalvoro\r\n{FOLDER_URL}\r\n")
     world.assert_installs(world.run())
 
 
 def test_lines_are_trimmed(world: World) -> None:
     world.offer()
-    world.describe(b" \t3040100 \r\n label \n\t http://updates.tavrin.example/Halvoro/3.4.1/ \v\f\r\n")
+    world.describe(f" \t{NEWER} \r\n label \n\t {FOLDER_URL} \v\f\r\n")
     world.assert_installs(world.run())
 
 
 def test_further_lines_are_ignored(world: World) -> None:
     world.offer()
-    world.describe(b"3040100\nlabel\nhttp://updates.tavrin.example/Halvoro/3.4.1/\nftp://else.where/\nunfinished")
+    world.describe(f"{NEWER}\nlabel\n{FOLDER_URL}\nftp://else.where/\nunfinished")
     world.assert_installs(world.run())
 
 
-@pytest.mark.parametrize("text", [b"", b"\n", b"3040100", b"3040100\r"])
-def test_a_version_without_its_line_end_does_not_count(world: World, text: bytes) -> None:
+@pytest.mark.parametrize("text", ["", "\n", NEWER, f"{NEWER}\r"])
+def test_a_version_without_its_line_end_does_not_count(world: World, text: str) -> None:
     world.describe(text)
     world.assert_nothing_to_do(world.run())
 
 
 @pytest.mark.parametrize("text", [
-    b"3040100\n",
-    b"3040100\nlabel\n",
-    b"3040100\nlabel\n\n",
-    b"3040100\nlabel\n \t\r\n",
-    b"3040100\nlabel\nhttp://updates.tavrin.example/Halvoro/3.4.1/",  # no line end
-    b"3040100\rlabel\rhttp://updates.tavrin.example/Halvoro/3.4.1/\r\n",  # a lone carriage return ends no line
+    f"{NEWER}\n",
+    f"{NEWER}\nlabel\n",
+    f"{NEWER}\nlabel\n\n",
+    f"{NEWER}\nlabel\n \t\r\n",
+    f"{NEWER}\nlabel\n{FOLDER_URL}",  # no line end
+    f"{NEWER}\rlabel\r{FOLDER_URL}\r\n",  # a lone carriage return ends no line
 ])
-def test_an_update_without_an_address_cannot_be_fetched(world: World, text: bytes) -> None:
+def test_an_update_without_an_address_cannot_be_fetched(world: World, text: str) -> None:
     world.describe(text)
     world.assert_failed(world.run(), "update URL unavailable")
     assert world.targets == [DESCRIPTION + ".minisig", DESCRIPTION]

@@ -13,6 +13,7 @@ from pathlib import Path
 import pytest
 
 from bed import settings
+from bed import version as versions
 from bed.snapshot import Snapshot
 from bed.windows import FinishedRun, Windows, windows_path
 from world import PACKAGE_CONTENT, Bed, World
@@ -23,6 +24,7 @@ sys.path.insert(0, str(TREE / "tools/installer"))
 import package as packaging  # noqa: E402  (the path to it is set above)
 import tables as checks  # noqa: E402
 
+OWN, NEWER = str(versions.OWN), str(versions.NEWER)
 PROGRAM = "C:\\Program Files\\Tavrin\\Halvoro\\lumaris.exe"
 TASK = "C:\\windows\\system32\\tasks\\Tavrin\\Halvoro update"
 EVENTS = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\HalvoroUpdate"
@@ -47,7 +49,7 @@ class Installer:
     folder: Path
     programs: Path
 
-    def package(self, version: str = "3.4.0", more: bytes = b"") -> Path:
+    def package(self, version: str = OWN, more: bytes = b"") -> Path:
         """The package of a version. All carry the same programs, but for what is put behind the bytes of lumaris.exe."""
         file = self.folder / f"lumaris-{version}.msi"
         if more or not file.exists():
@@ -70,12 +72,12 @@ class Installer:
         """What the installer logged at last."""
         return (self.folder / "msiexec.log").read_bytes().decode("utf-8", "replace")
 
-    def install(self, version: str = "3.4.0", properties: str = "") -> None:
+    def install(self, version: str = OWN, properties: str = "") -> None:
         """Installs a version."""
         run = self.msiexec("/i", self.package(version), properties)
         assert run.exit_code == 0, self.log[-3000:]
 
-    def remove(self, version: str = "3.4.0") -> None:
+    def remove(self, version: str = OWN) -> None:
         """Removes a version."""
         run = self.msiexec("/x", self.package(version))
         assert run.exit_code == 0, self.log[-3000:]
@@ -113,7 +115,7 @@ def made(bed: Bed, request: pytest.FixtureRequest) -> Iterator[Installer]:
 def installer(made: Installer, world: World) -> Iterator[Installer]:
     """A machine on which nothing of Lumaris is installed, before and after."""
     yield made
-    for version in ("3.4.0", "3.4.1"):
+    for version in (OWN, NEWER):
         if (made.folder / f"lumaris-{version}.msi").exists():
             made.msiexec("/x", made.package(version))
 
@@ -191,7 +193,7 @@ def test_the_updater_replaces_itself_and_keeps_settings_and_the_changed_task(ins
         "Property(S): PROXYPASSWORD", "Property(S): LumarisStoreSettings"}
     # What an administrator makes of the task.
     machine.unix_path(TASK).write_bytes(machine.unix_path(TASK).read_bytes().replace(b"<Priority>7<", b"<Priority>5<"))
-    newer = installer.package("3.4.1", b"a newer program")
+    newer = installer.package(NEWER, b"a newer program")
     world.offer(content=newer.read_bytes(), description="/Halvoro/Lumaris/win10-beta.txt")
 
     run = installer.start_task(task)
@@ -211,7 +213,7 @@ def test_the_updater_replaces_itself_and_keeps_settings_and_the_changed_task(ins
     assert "Property(S): WIX_DOWNGRADE_DETECTED = {" in installer.log
     assert machine.unix_path(PROGRAM).read_bytes() == world.bed.program_file.read_bytes() + b"a newer program"
 
-    installer.remove("3.4.1")
+    installer.remove(NEWER)
     assert not machine.unix_path(PROGRAM).exists()
     assert not installer.has_task()
     assert machine.value(settings.PRODUCT_KEY, "ProxyUporabnik") is None
@@ -222,11 +224,11 @@ def test_the_updater_replaces_itself_and_keeps_settings_and_the_changed_task(ins
 @pytest.mark.any_processor
 def test_the_settings_of_others_in_the_product_s_key_survive_the_removal(installer: Installer) -> None:
     machine = installer.machine
-    machine.set_value(settings.PRODUCT_KEY, "Version", "3.4.0")
+    machine.set_value(settings.PRODUCT_KEY, "Version", "9.9.9")
     machine.set_value(settings.PRODUCT_KEY + "\\Editor", "Colour", "blue")
     installer.install(properties="PROXYPASSWORD=Geslo-za-posrednika")
     installer.remove()
-    assert machine.value(settings.PRODUCT_KEY, "Version") == "3.4.0"
+    assert machine.value(settings.PRODUCT_KEY, "Version") == "9.9.9"
     assert machine.value(settings.PRODUCT_KEY + "\\Editor", "Colour") == "blue"
 
 
@@ -234,10 +236,10 @@ def test_the_settings_of_others_in_the_product_s_key_survive_the_removal(install
 def test_a_machine_without_a_task_gets_none_from_an_upgrade_either(installer: Installer) -> None:
     installer.install(properties="NOTASK=1")
     assert not installer.has_task()
-    installer.install("3.4.1")
+    installer.install(NEWER)
     assert not installer.has_task()
-    installer.msiexec("/x", installer.package("3.4.1"))
-    installer.install("3.4.1", "NOTASK=0")
+    installer.msiexec("/x", installer.package(NEWER))
+    installer.install(NEWER, "NOTASK=0")
     assert installer.has_task()
 
 
@@ -256,7 +258,7 @@ def test_a_step_that_fails_takes_back_the_task_that_this_installation_made_and_n
         installer.install()
         assert installer.has_task()
     failing = installer.folder / "failing.msi"
-    shutil.copyfile(installer.package("3.4.1"), failing)
+    shutil.copyfile(installer.package(NEWER), failing)
     # Without its data the action has no time of day, and fails.
     packaging.run("msibuild", str(failing), "-q",
                   "INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('Fail', 3073, 'LumarisSetup', 'make_task')")
@@ -280,7 +282,7 @@ class Tables:
         """Changes the tables."""
         for statement in statements:
             packaging.run("msibuild", str(self.file), "-q", statement)
-        complaints: list[str] = checks.check(self.file, self.architecture, "3.4.0")
+        complaints: list[str] = checks.check(self.file, self.architecture, OWN)
         return complaints
 
 
@@ -310,10 +312,10 @@ def test_the_tables_of_the_package_are_as_they_must_be(tables: Tables) -> None:
      "the action LumarisStoreSettings writes the proxy's password into the log"),
     ("UPDATE `Property` SET `Value` = 'LumarisStoreSettings' WHERE `Property` = 'MsiHiddenProperties'", "MsiHiddenProperties lacks PROXYPASSWORD"),
     ("UPDATE `Property` SET `Value` = '2' WHERE `Property` = 'ALLUSERS'", "ALLUSERS is not 1: the package is not per machine"),
-    ("UPDATE `Property` SET `Value` = '3.4.1' WHERE `Property` = 'ProductVersion'", "ProductVersion is 3.4.1, not 3.4.0"),
+    (f"UPDATE `Property` SET `Value` = '{NEWER}' WHERE `Property` = 'ProductVersion'", f"ProductVersion is {NEWER}, not {OWN}"),
     ("DELETE FROM `LaunchCondition` WHERE `Condition` = 'NOT WIX_DOWNGRADE_DETECTED'", "the package does not refuse to take the place of a newer version"),
     ("DELETE FROM `Upgrade` WHERE `ActionProperty` = 'WIX_DOWNGRADE_DETECTED'", "the package does not refuse to take the place of a newer version"),
-    ("UPDATE `File` SET `Version` = '' WHERE `File` = 'lumaris.exe'", "lumaris.exe has the version none, not 3.4.0.0"),
+    ("UPDATE `File` SET `Version` = '' WHERE `File` = 'lumaris.exe'", f"lumaris.exe has the version none, not {OWN}.0"),
     ("UPDATE `Component` SET `Attributes` = 0 WHERE `Component` = 'LumarisProgram'",
      "the component LumarisProgram is one of 32 bits: its registry values would go elsewhere"),
     ("UPDATE `MsiLockPermissionsEx` SET `SDDLText` = 'D:P(A;OICI;FA;;;WD)' WHERE `LockObject` = 'LumarisStore'",
@@ -334,9 +336,9 @@ def test_a_package_for_another_processor_is_refused(tables: Tables) -> None:
 @pytest.mark.any_processor
 def test_two_packages_of_the_same_programs_are_the_same_bytes_and_smaller_than_program_and_150_kb(made: Installer) -> None:
     again = made.folder / "again.msi"
-    packaging.make(made.programs, made.machine.architecture, "3.4.0", again)
+    packaging.make(made.programs, made.machine.architecture, OWN, again)
     first = made.folder / "first.msi"
-    packaging.make(made.programs, made.machine.architecture, "3.4.0", first)
+    packaging.make(made.programs, made.machine.architecture, OWN, first)
     assert again.read_bytes() == first.read_bytes()
     assert first.stat().st_size <= made.bed.program_file.stat().st_size + 150 * 1024
 

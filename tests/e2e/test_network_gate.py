@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import pytest
 
-from bed import traces
+from bed import traces, version
 from world import DESCRIPTION, World
 
 E_FAIL = 0x80004005
@@ -12,13 +12,13 @@ E_NOINTERFACE = 0x80004002
 
 
 def test_without_a_default_route_the_check_is_put_off(world: World) -> None:
-    world.describe("3030000\nolder\nhttp://updates.tavrin.example/\n")
+    world.describe(f"{version.OLDER.offer}\nolder\nhttp://updates.tavrin.example/\n")
     world.bed.network.disconnect()
     world.assert_skipped(world.run(), 2)
 
 
 def test_with_a_default_route_the_check_is_done(world: World) -> None:
-    world.describe("3030000\nolder\nhttp://updates.tavrin.example/\n")
+    world.describe(f"{version.OLDER.offer}\nolder\nhttp://updates.tavrin.example/\n")
     world.assert_nothing_to_do(world.run())
     assert world.targets == [DESCRIPTION + ".minisig", DESCRIPTION]
 
@@ -36,7 +36,7 @@ def test_with_a_default_route_the_check_is_done(world: World) -> None:
     (0x00060000, 5),  # unknown, congested and roaming
 ])
 def test_a_costly_connection_puts_the_check_off(world: World, cost: int, code: int) -> None:
-    world.describe("3030000\nolder\nhttp://updates.tavrin.example/\n")
+    world.describe(f"{version.OLDER.offer}\nolder\nhttp://updates.tavrin.example/\n")
     world.bed.list_manager.answer(Cost=cost)
     world.assert_skipped(world.run(), code)
 
@@ -48,7 +48,7 @@ def test_a_costly_connection_puts_the_check_off(world: World, cost: int, code: i
     0x00040000,  # unknown, roaming
 ])
 def test_a_free_connection_lets_the_check_go_on(world: World, cost: int) -> None:
-    world.describe("3030000\nolder\nhttp://updates.tavrin.example/\n")
+    world.describe(f"{version.OLDER.offer}\nolder\nhttp://updates.tavrin.example/\n")
     world.bed.list_manager.answer(Cost=cost)
     world.assert_nothing_to_do(world.run())
     assert world.targets == [DESCRIPTION + ".minisig", DESCRIPTION]
@@ -66,7 +66,7 @@ def test_not_connected_comes_before_the_cost(world: World) -> None:
     {"CostResult": E_FAIL, "Cost": 0x2},
 ], ids=lambda answers: next(iter(answers)))
 def test_a_list_manager_that_fails_lets_the_check_go_on(world: World, answers: dict[str, int]) -> None:
-    world.describe("3030000\nolder\nhttp://updates.tavrin.example/\n")
+    world.describe(f"{version.OLDER.offer}\nolder\nhttp://updates.tavrin.example/\n")
     world.bed.list_manager.answer(**answers)
     world.assert_nothing_to_do(world.run())
     assert world.targets == [DESCRIPTION + ".minisig", DESCRIPTION]

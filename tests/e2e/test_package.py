@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import pytest
 
+from bed import version
 from bed.http_server import Reply
 from world import DESCRIPTION, PACKAGE, PACKAGE_CONTENT, World
 
@@ -25,7 +26,7 @@ def test_the_package_is_asked_for_as_binary_and_without_more_headers(world: Worl
     assert signature.header("Accept") == "text/plain"
     assert package.header("Accept") == "application/octet-stream"
     for request in (signature, package):
-        assert request.header("User-Agent") == "Lumaris/3.4.0"
+        assert request.header("User-Agent") == f"Lumaris/{version.OWN}"
         assert request.header("Host") == "updates.tavrin.example"
         assert request.header("Cache-Control") is None
         assert request.header("Pragma") is None

@@ -8,7 +8,7 @@ from pathlib import Path
 
 import pytest
 
-from bed import settings
+from bed import settings, version
 from bed.services import AuthenticatingProxy
 from world import FAILED, World
 
@@ -74,7 +74,7 @@ def test_the_policies_write_the_values_that_the_program_reads_and_never_the_pass
 
 def test_the_channel_policy_sets_the_channel(world: World) -> None:
     world.machine.set_value(*place("Channel"), "beta")
-    world.offer(version="3040000", description="/Halvoro/Lumaris/win10-beta.txt")
+    world.offer(version=version.OWN.offer, description="/Halvoro/Lumaris/win10-beta.txt")
     world.assert_nothing_to_do(world.run())
     assert world.targets == ["/Halvoro/Lumaris/win10-beta.txt.minisig", "/Halvoro/Lumaris/win10-beta.txt"]
 
@@ -93,7 +93,7 @@ def test_the_policy_that_switches_updates_off_keeps_the_program_from_asking(worl
 
 
 def test_the_proxy_user_policy_is_the_name_that_the_proxy_gets(world: World) -> None:
-    world.offer(version="3040000")
+    world.offer(version=version.OWN.offer)
     with AuthenticatingProxy(world.bed.network.work / "policy-proxy", "updates", "Geslo"):
         settings.set_proxy(world.machine, "proxy.tavrin.example:8118")
         world.machine.set_value(settings.PRODUCT_KEY, "ProxyGeslo", "Geslo")

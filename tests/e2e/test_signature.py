@@ -6,10 +6,11 @@ import base64
 
 import pytest
 
+from bed import version
 from bed.http_server import Reply
 from world import DESCRIPTION, FOLDER_URL, PACKAGE, PACKAGE_CONTENT, World
 
-OLDER = b"3030000\nolder\nhttp://updates.tavrin.example/\n"
+OLDER = f"{version.OLDER.offer}\nolder\nhttp://updates.tavrin.example/\n".encode()
 TOO_SHORT = "Failed to load Minisign signature: Minisign signature is too short"
 
 
@@ -47,7 +48,7 @@ def test_a_legacy_signature_of_the_trusted_key_is_refused(world: World) -> None:
 
 
 def test_changed_content_is_refused(world: World) -> None:
-    refused(world, world.sign(OLDER.replace(b"3030000", b"3040100")), "Invalid Minisign signature", content=True)
+    refused(world, world.sign(OLDER.replace(version.OLDER.offer.encode(), version.NEWER.offer.encode())), "Invalid Minisign signature", content=True)
 
 
 @pytest.mark.parametrize("position", [10, 41, 42, 73])
@@ -148,15 +149,15 @@ def test_a_signed_description_in_the_packages_place_is_left_for_the_installer_to
 
 
 def test_an_old_description_played_again_changes_nothing(world: World) -> None:
-    world.offer(version="3040200")
+    world.offer(version=version.NEWEST.offer)
     world.publish(DESCRIPTION, OLDER)
     world.assert_nothing_to_do(world.run())
 
 
 def test_an_old_description_that_is_still_newer_than_the_program_installs_the_old_package(world: World) -> None:
-    world.describe(f"3040200\nHalvoro 3.4.2\n{FOLDER_URL.replace('3.4.1', '3.4.2')}\n")
+    world.describe(f"{version.NEWEST.offer}\nHalvoro\n{FOLDER_URL.replace('3.4.1', '3.4.2')}\n")
     world.publish(PACKAGE.replace("3.4.1", "3.4.2"), b"the newest package\n")
-    world.offer(version="3040100")
+    world.offer(version=version.NEWER.offer)
     world.assert_installs(world.run())
     assert (world.store / "Halvoro.ARM64.msi").read_bytes() == PACKAGE_CONTENT
 

@@ -7,11 +7,12 @@ from __future__ import annotations
 
 import pytest
 
+from bed import version
 from bed.http_server import Cut, Reply
 from bed.windows import FinishedRun
 from world import DESCRIPTION, PACKAGE, PACKAGE_CONTENT, World
 
-OLDER = b"3030000\nolder\nhttp://updates.tavrin.example/\n"
+OLDER = f"{version.OLDER.offer}\nolder\nhttp://updates.tavrin.example/\n".encode()
 PHASES = [DESCRIPTION + ".minisig", DESCRIPTION, PACKAGE + ".minisig", PACKAGE]
 
 
@@ -63,7 +64,7 @@ def test_a_redirection_is_followed(world: World, status: str) -> None:
 
 def test_redirected_content_needs_its_signature_all_the_same(world: World) -> None:
     world.publish(DESCRIPTION, OLDER)
-    world.answer("/elsewhere", Reply(OLDER.replace(b"3030000", b"3040100")))
+    world.answer("/elsewhere", Reply(OLDER.replace(version.OLDER.offer.encode(), version.NEWER.offer.encode())))
     world.answer(DESCRIPTION, Reply(b"", "302 Found", ("Location: http://packages.tavrin.example/elsewhere",)))
     world.assert_failed(world.run(), "Invalid Minisign signature")
 

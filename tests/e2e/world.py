@@ -9,6 +9,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 from bed import isolation, settings, traces
+from bed import version as versions
 from bed.certificates import Certificate
 from bed.http_server import Answer, Reply, Request, ScriptedServer
 from bed.signing import KeyPair
@@ -99,9 +100,9 @@ class World:
         self.publish(path, text.encode() if isinstance(text, str) else text)
 
     def offer(self, *, url: str = FOLDER_URL, package: str | None = PACKAGE, content: bytes = PACKAGE_CONTENT,
-              version: str = "3040100", description: str = DESCRIPTION) -> None:
+              version: str = versions.NEWER.offer, description: str = DESCRIPTION) -> None:
         """Offers an update: the description, and the package where one is given."""
-        self.describe(f"{version}\nHalvoro 3.4.1\n{url}\n", path=description)
+        self.describe(f"{version}\nHalvoro {versions.NEWER}\n{url}\n", path=description)
         if package is not None:
             self.publish(package, content)
 

@@ -19,8 +19,8 @@ SPECIFICATION.loader.exec_module(mutations)
 GOOD = {
     "name": "one",
     "file": "src/updater/version.h",
-    "old": "0x03040000",
-    "new": "0x03040001",
+    "old": "const std::uint32_t",
+    "new": "const std::int32_t",
     "why": "An update would be missed.",
     "caught_by": ["unit own_version.*"],
 }
@@ -45,16 +45,16 @@ def test_every_part_of_the_product_is_broken_somewhere(folder: str) -> None:
 
 def test_an_entry_is_read() -> None:
     (found,) = mutations.read_breaks(listed(GOOD))
-    assert (found.name, found.file, found.old, found.new) == ("one", "src/updater/version.h", "0x03040000", "0x03040001")
+    assert (found.name, found.file, found.old, found.new) == ("one", "src/updater/version.h", "const std::uint32_t", "const std::int32_t")
     assert found.watches == (mutations.Watch("unit", ("own_version.*",)),)
     assert not found.by_compiler
 
 
 @pytest.mark.parametrize(("change", "complaint"), [
-    ({"old": "0x03050000"}, "one: its text stands 0 times in src/updater/version.h, not once"),
+    ({"old": "const std::uint64_t"}, "one: its text stands 0 times in src/updater/version.h, not once"),
     ({"old": "own_version"}, "one: its text stands 2 times in src/updater/version.h, not once"),
     ({"file": "src/updater/none.h"}, "one: its text stands 0 times in src/updater/none.h, not once"),
-    ({"new": "0x03040000"}, "one: it changes nothing"),
+    ({"new": "const std::uint32_t"}, "one: it changes nothing"),
     ({"why": " "}, "does not say why it matters"),
     ({"caught_by": []}, "or what is to see it"),
     ({"caught_by": ["nobody some.test"]}, "one: unknown suite nobody"),

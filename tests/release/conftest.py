@@ -15,10 +15,15 @@ import pytest
 ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tools/release"))
 
+sys.path.append(str(ROOT / "tests"))
+
 import program  # noqa: E402  (the path to it is set above)
-from program import Configuration, TestKey  # noqa: E402  (the path to it is set above)
+from bed import version  # noqa: E402
+from program import Configuration, TestKey  # noqa: E402
 
 UPDATE_HOST, REPORT_HOST = "updates.halvoro.internal", "reports.halvoro.internal"
+# With what the resource scripts and the formats have to double.
+PARTNER = "Partneri \"Provë\" 100%"
 
 
 @dataclass(frozen=True)
@@ -51,11 +56,12 @@ def built_fixture() -> Built:
         _run("minisign", "-G", "-W", "-f", "-p", str(folder / "test-release.pub"), "-s", str(folder / "test-release.key"))
     key = (folder / "test-release.pub").read_text(encoding="ascii").splitlines()[1]
     _run("cmake", "--preset", "arm64-release", "-B", str(folder), f"-DLUMARIS_PUBLIC_KEY={key}", f"-DLUMARIS_UPDATE_HOST={UPDATE_HOST}",
-         f"-DLUMARIS_REPORT_HOST={REPORT_HOST}")
+         f"-DLUMARIS_REPORT_HOST={REPORT_HOST}", f"-DLUMARIS_PARTNER={PARTNER}", f"-DLUMARIS_VERSION={version.OWN}")
     _run("ninja", "-C", str(folder), "lumaris")
     lines = {name: (ROOT / "tests/keys" / name).read_text(encoding="ascii").splitlines()[1] for name in ("test.pub", "test.key")}
     return Built((folder / "src/updater/lumaris.exe").read_bytes(), (folder / "src/updater/lumaris.pdb").read_bytes(),
-                 program.Configuration("3.4.0", key, UPDATE_HOST, REPORT_HOST), program.TestKey(lines["test.pub"], lines["test.key"]),
+                 program.Configuration(str(version.OWN), key, UPDATE_HOST, REPORT_HOST, PARTNER),
+                 program.TestKey(lines["test.pub"], lines["test.key"]),
                  program.read_allowed((ROOT / "tools/release/imports.txt").read_text(encoding="utf-8")))
 
 

@@ -16,7 +16,7 @@ LIST = (ROOT / "toolchain/sources.list").read_text(encoding="utf-8")
 
 
 def release(**changes: object) -> bill.Release:
-    given = {"version": "3.4.0", "commit": "0123abcd", "time": 1_700_000_000, "properties": {"update-host": "updates.halvoro.internal"},
+    given = {"version": "12.3.45", "commit": "0123abcd", "time": 1_700_000_000, "properties": {"update-host": "updates.halvoro.internal"},
              "program": b"signed", "unsigned": b"unsigned", "pdb": b"pdb"}
     return bill.Release(**{**given, **changes})  # type: ignore[arg-type]
 
@@ -55,7 +55,7 @@ def test_another_source_makes_another_bill() -> None:
 
 def test_the_program_is_named_with_its_hashes() -> None:
     component = document()["metadata"]["component"]
-    assert component["name"] == "lumaris.exe" and component["version"] == "3.4.0"
+    assert component["name"] == "lumaris.exe" and component["version"] == "12.3.45"
     assert component["hashes"] == [{"alg": "SHA-256", "content": hashlib.sha256(b"signed").hexdigest()},
                                    {"alg": "SHA-512", "content": hashlib.sha512(b"signed").hexdigest()}]
     assert {entry["name"]: entry["value"] for entry in component["properties"]} == {

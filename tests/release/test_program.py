@@ -10,8 +10,12 @@ from collections.abc import Callable
 import pefile
 import program
 import pytest
-from conftest import ROOT, Built
+from bed import version
+from conftest import PARTNER, ROOT, Built
 from msf import BrokenFile, Msf
+
+OWN, NEWER = str(version.OWN), str(version.NEWER)
+PATCH = version.OWN.parts[2]
 
 
 def replaced(image: bytes, old: bytes, new: bytes, count: int | None = 1) -> bytes:
@@ -234,7 +238,7 @@ def test_a_resource_in_another_language_is_told(built: Built, kind: int, languag
 
 def test_a_program_without_resources_lacks_each_of_them(built: Built) -> None:
     offset, _, _ = directory(built.program, 2)
-    complaints = program.check_resources(patched(built.program, offset, "<II", 0, 0), "3.4.0")
+    complaints = program.check_resources(patched(built.program, offset, "<II", 0, 0), OWN)
     assert len(complaints) == 7
     assert all(complaint.endswith(" is missing") for complaint in complaints)
 
@@ -313,15 +317,23 @@ def test_a_message_table_that_is_cut_off_is_told(built: Built, offset: int, valu
     assert built.complaints(patched(built.program, start + offset, "<I", value)) == [f"the message table in English cannot be read: {fault}"]
 
 
+def test_another_partner_is_told(built: Built) -> None:
+    assert program.check_partner(built.program, PARTNER) == []
+    assert program.check_partner(built.program, "Tavrin") == [
+        f"the string {number} in Albanian does not name the partner Tavrin" for number in (28659, 28661, 28662, 28663)]
+    image = replaced(built.program, PARTNER.replace("%", "%%").encode("utf-16-le"), PARTNER.replace("%", "xy").encode("utf-16-le"), 2)
+    assert built.complaints(image) == [f"the string {number} in Albanian does not name the partner {PARTNER}" for number in (28661, 28662)]
+
+
 @pytest.mark.parametrize("name", ["FileVersion", "ProductVersion"])
 def test_another_version_is_told(built: Built, name: str) -> None:
     fixed = pefile.PE(data=built.program).VS_FIXEDFILEINFO[0]
-    image = patched(built.program, fixed.get_field_absolute_offset(f"{name}MS"), "<I", 0x00030003)
-    assert built.complaints(image) == [f"the version block's {name} is 3.3.0.0, not 3.4.0.0"]
+    image = patched(built.program, fixed.get_field_absolute_offset(f"{name}MS"), "<I", 0x00FE00FD)
+    assert built.complaints(image) == [f"the version block's {name} is 254.253.{PATCH}.0, not {OWN}.0"]
 
 
 @pytest.mark.parametrize(("old", "new", "complaint"), [
-    ("FileVersion\0\x003.4.0.0", "FileVersion\0\x003.4.0.1", "the version block's text FileVersion is '3.4.0.1', not '3.4.0.0'"),
+    (f"FileVersion\0\0{OWN}.0", f"FileVersion\0\0{OWN}.1", f"the version block's text FileVersion is '{OWN}.1', not '{OWN}.0'"),
     ("lumaris.exe", "updater.exe", "the version block's text OriginalFilename is 'updater.exe', not 'lumaris.exe'"),
 ])
 def test_another_text_of_the_version_is_told(built: Built, old: str, new: str, complaint: str) -> None:
@@ -329,10 +341,10 @@ def test_another_text_of_the_version_is_told(built: Built, old: str, new: str, c
 
 
 def test_a_release_of_another_version_is_told(built: Built) -> None:
-    complaints = program.check_resources(built.program, "3.5.0")
-    assert "the version block's FileVersion is 3.4.0.0, not 3.5.0.0" in complaints
-    assert "the version block's text ProductVersion is '3.4.0.0', not '3.5.0.0'" in complaints
-    assert "the manifest's version is ['3.4.0.0'], not 3.5.0.0" in complaints
+    complaints = program.check_resources(built.program, NEWER)
+    assert f"the version block's FileVersion is {OWN}.0, not {NEWER}.0" in complaints
+    assert f"the version block's text ProductVersion is '{OWN}.0', not '{NEWER}.0'" in complaints
+    assert f"the manifest's version is ['{OWN}.0'], not {NEWER}.0" in complaints
 
 
 @pytest.mark.parametrize(("old", "new", "found"), [
@@ -460,7 +472,7 @@ def test_a_configured_host_that_is_not_inside_is_told(built: Built, host: str) -
 
 
 def test_the_hosts_for_trying_out_are_those_that_it_is_configured_with(built: Built) -> None:
-    configured = program.Configuration("3.4.0", built.configuration.public_key, "updates.tavrin.example", "reports.halvoro.internal")
+    configured = program.Configuration(OWN, built.configuration.public_key, "updates.tavrin.example", "reports.halvoro.internal", "Partneri")
     image = replaced(built.program, b"\0updates.halvoro.internal\0", b"\0updates.tavrin.example\0\0\0")
     assert program.check_hosts(image, configured) == []
     assert program.check_hosts(image, built.configuration) == [

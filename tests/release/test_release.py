@@ -11,7 +11,8 @@ from pathlib import Path
 from types import ModuleType
 
 import pytest
-from conftest import REPORT_HOST, ROOT, UPDATE_HOST, Built, Signer
+from bed import version, windows
+from conftest import PARTNER, REPORT_HOST, ROOT, UPDATE_HOST, Built, Signer
 
 EXIT_REFUSED = 1
 
@@ -22,6 +23,7 @@ def environment_fixture(built: Built, monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setenv("LUMARIS_PUBLIC_KEY", built.configuration.public_key)
     monkeypatch.setenv("LUMARIS_UPDATE_HOST", UPDATE_HOST)
     monkeypatch.setenv("LUMARIS_REPORT_HOST", REPORT_HOST)
+    monkeypatch.setenv("LUMARIS_PARTNER", PARTNER)
 
 
 class Steps:
@@ -35,6 +37,9 @@ class Steps:
         monkeypatch.setattr(builds, "build_here", lambda: builds.Build(*first))
         monkeypatch.setattr(builds, "build_elsewhere", lambda: builds.Build(*(second or first)))
         monkeypatch.setattr(builds, "commit", lambda: builds.Commit("ab" * 20, 1_700_000_000, changed or []))
+        # Running the emulated program takes its time; one test does it.
+        self.named = f"Lumaris/{version.OWN}"
+        monkeypatch.setattr(release.asking, "user_agent", lambda _image, _host: self.named)
         monkeypatch.chdir(folder)  # and back, as the steps change it
 
     def __call__(self, step: str, *arguments: str) -> int:
@@ -88,6 +93,7 @@ def test_a_signed_release_is_shipped_signed(steps: Steps, built: Built, signer: 
     assert properties["lumaris:unsigned-sha256"] == hashlib.sha256(built.program).hexdigest()
     assert properties["lumaris:commit"] == "ab" * 20
     assert properties["lumaris:update-host"] == UPDATE_HOST
+    assert properties["lumaris:partner"] == PARTNER
 
 
 def test_the_same_release_is_the_same_bytes_again(steps: Steps) -> None:
@@ -228,11 +234,39 @@ def test_a_released_program_is_matched_with_what_the_sources_make(steps: Steps, 
     assert capsys.readouterr().err == "release: REFUSED: plain.exe: this is no Windows program\n"
 
 
+@pytest.mark.parametrize("named", ["Lumaris/0.0.1", f"Lumaris/{version.OWN}.0", f"lumaris/{version.OWN}", ""])
+def test_a_program_that_calls_itself_another_version_is_refused(steps: Steps, named: str, capsys: pytest.CaptureFixture[str]) -> None:
+    steps.named = named
+    assert steps("make") == EXIT_REFUSED
+    assert capsys.readouterr().err == (f'release: REFUSED: the program calls itself "{named}" to the update server, and this release is '
+                                       f"Lumaris/{version.OWN}\n")
+    assert not steps.candidate.exists()
+
+
+def test_the_program_itself_is_asked_for_its_version(release: ModuleType, built: Built) -> None:
+    if reason := windows.available("arm64"):
+        pytest.skip(reason)
+    assert release.asking.user_agent(built.program, UPDATE_HOST) == f"Lumaris/{version.OWN}"
+    # One that asks another server is not heard.
+    with pytest.raises(release.asking.AskingError, match="it asked nothing of elsewhere.halvoro.internal"):
+        release.asking.user_agent(built.program, "elsewhere.halvoro.internal")
+
+
+def test_a_release_without_a_partner_is_refused(steps: Steps, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]) -> None:
+    monkeypatch.delenv("LUMARIS_PARTNER")
+    assert steps("make") == EXIT_REFUSED
+    assert capsys.readouterr().err == "release: REFUSED: there is no partner whom the Albanian texts name: give --partner\n"
+
+
 def test_the_version_and_the_default_hosts_are_those_of_the_build(release: ModuleType, monkeypatch: pytest.MonkeyPatch) -> None:
     for name in ("LUMARIS_PUBLIC_KEY", "LUMARIS_UPDATE_HOST", "LUMARIS_REPORT_HOST"):
         monkeypatch.delenv(name, raising=False)
+    monkeypatch.delenv("LUMARIS_PARTNER", raising=False)
     configured = release.configuration()
-    assert (configured.version, configured.update_host, configured.report_host) == ("3.4.0", "updates.tavrin.example", "reports.tavrin.example")
+    assert (configured.version, configured.update_host, configured.report_host, configured.partner) == (
+        str(version.OWN), "updates.tavrin.example", "reports.tavrin.example", "")
+    monkeypatch.setenv("LUMARIS_VERSION", "12.3.45")
+    assert release.configuration().version == "12.3.45"
 
 
 def test_the_copy_of_the_sources_is_what_is_not_ignored(release: ModuleType, tmp_path: Path) -> None:
@@ -244,6 +278,6 @@ def test_the_copy_of_the_sources_is_what_is_not_ignored(release: ModuleType, tmp
 
 def test_the_program_is_started_as_the_word_starts_it(tmp_path: Path) -> None:
     done = subprocess.run([sys.executable, "tools/release", "make", "--candidate", str(tmp_path / "c"), "--output", str(tmp_path / "o")], cwd=ROOT,
-                          env={**os.environ, "LUMARIS_PUBLIC_KEY": ""}, capture_output=True, text=True, timeout=60, check=False)
+                          env={**os.environ, "LUMARIS_PUBLIC_KEY": "", "LUMARIS_PARTNER": PARTNER}, capture_output=True, text=True, timeout=60, check=False)
     assert done.returncode == EXIT_REFUSED
     assert "release: REFUSED: there is no trusted key, or it is none: give --key\n" in done.stderr

@@ -1,6 +1,7 @@
 // The program's resources, read from the built program by way of the system, as the event viewer and the
 // loader do.
 #include "platform/system_strings.h"
+#include "tests/support/expected_version.h"
 #include "tests/support/string_table.h"
 
 #include <windows.h>
@@ -187,23 +188,24 @@ TEST_F(resources, take_the_insertion_strings_of_the_events) {
               message(0x80000001, english, {L"Halvoro", L"100 %1 of it"}));
 }
 
-TEST_F(resources, have_version_3_4_0_0) {
+TEST_F(resources, have_the_version_that_was_built) {
     void* found = nullptr;
     UINT length = 0;
     ASSERT_TRUE(::VerQueryValueW(version().data(), L"\\", &found, &length));
     ASSERT_EQ(sizeof(VS_FIXEDFILEINFO), length);
     const auto& fixed = *static_cast<const VS_FIXEDFILEINFO*>(found);
     EXPECT_EQ(0xFEEF04BDU, fixed.dwSignature);
-    EXPECT_EQ(0x00030004U, fixed.dwFileVersionMS);
-    EXPECT_EQ(0x00000000U, fixed.dwFileVersionLS);
-    EXPECT_EQ(0x00030004U, fixed.dwProductVersionMS);
-    EXPECT_EQ(0x00000000U, fixed.dwProductVersionLS);
+    EXPECT_EQ(expected::major << 16 | expected::minor, fixed.dwFileVersionMS);
+    EXPECT_EQ(expected::patch << 16, fixed.dwFileVersionLS);
+    EXPECT_EQ(expected::major << 16 | expected::minor, fixed.dwProductVersionMS);
+    EXPECT_EQ(expected::patch << 16, fixed.dwProductVersionLS);
     EXPECT_EQ(1U, fixed.dwFileType);        // VFT_APP
     EXPECT_EQ(0x00040004U, fixed.dwFileOS); // VOS_NT_WINDOWS32
     EXPECT_EQ(0U, fixed.dwFileFlags & fixed.dwFileFlagsMask) << "no debugging build, no private one";
     EXPECT_EQ(0x3FU, fixed.dwFileFlagsMask);
-    EXPECT_EQ(L"3.4.0.0", version_text(L"FileVersion"));
-    EXPECT_EQ(L"3.4.0.0", version_text(L"ProductVersion"));
+    const std::string four = std::string(expected::version) + ".0";
+    EXPECT_EQ(std::wstring(four.begin(), four.end()), version_text(L"FileVersion"));
+    EXPECT_EQ(std::wstring(four.begin(), four.end()), version_text(L"ProductVersion"));
 }
 
 // By it whoever shows the texts finds the block that they stand in.
@@ -234,7 +236,7 @@ TEST_F(resources, demand_an_administrator) {
     EXPECT_EQ(0, manifest.find("<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\n<assembly "));
     EXPECT_NE(std::string::npos,
               manifest.find("<requestedExecutionLevel level=\"requireAdministrator\" uiAccess=\"false\"/>"));
-    EXPECT_NE(std::string::npos, manifest.find("version=\"3.4.0.0\""));
+    EXPECT_NE(std::string::npos, manifest.find(std::string("version=\"") + expected::version + ".0\""));
     EXPECT_TRUE(manifest.ends_with("</assembly>\n"));
     // Windows 10 and 11; without it the program is told of an older system.
     EXPECT_NE(std::string::npos,

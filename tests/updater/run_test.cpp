@@ -1,9 +1,10 @@
 #include "updater/run.h"
 
 #include "platform/errors.h"
+#include "signed_files.h"
+#include "tests/support/expected_version.h"
 #include "tests/support/fake_winhttp.h"
 #include "tests/updater/fakes.h"
-#include "tests/updater/fixtures/signed_files.h"
 #include "updater/version.h"
 
 #include <gtest/gtest.h>
@@ -118,8 +119,8 @@ TEST(run, checks_where_the_network_cannot_be_asked) {
 }
 
 TEST(own_version, has_a_byte_for_each_of_its_components) {
-    EXPECT_EQ(0x03040000U, own_version);
-    EXPECT_STREQ("3.4.0", own_version_text);
+    EXPECT_EQ(expected::number, own_version);
+    EXPECT_STREQ(expected::version, own_version_text);
 }
 
 TEST(run, installs_a_newer_version) {

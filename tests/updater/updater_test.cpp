@@ -3,13 +3,16 @@
 #include "errorreport/windows_version.h"
 #include "platform/errors.h"
 #include "platform/exception_message.h"
+#include "signed_files.h"
 #include "tests/stream/expect.h"
+#include "tests/support/expected_version.h"
 #include "tests/support/fake_winhttp.h"
 #include "tests/updater/fakes.h"
-#include "tests/updater/fixtures/signed_files.h"
 
 #include <gtest/gtest.h>
 
+#include <iterator>
+#include <string>
 #include <utility>
 
 using namespace corvo::updater;
@@ -95,7 +98,7 @@ TEST(updater, opens_one_session_with_its_user_agent_and_time_outs) {
     const Updater updater(1);
     ASSERT_EQ(1U, remote.http.sessions.size());
     const auto& session = remote.http.sessions[0];
-    EXPECT_EQ(L"Lumaris/3.4.0", session.user_agent);
+    EXPECT_EQ(L"Lumaris/" + std::wstring(std::begin(expected::version), std::end(expected::version) - 1), session.user_agent);
     EXPECT_EQ(0U, session.access_type);
     EXPECT_FALSE(session.has_proxy_name);
     EXPECT_FALSE(session.has_bypass_list);
@@ -136,8 +139,8 @@ TEST(updater, has_the_descriptions_version_label_and_address) {
     remote.publish(fixtures::newer);
     const Updater updater(1);
     EXPECT_EQ(L"stable", updater.channel);
-    EXPECT_EQ(0x03040100U, updater.version);
-    EXPECT_EQ("Halvoro 3.4.1", updater.label);
+    EXPECT_EQ(expected::next_number, updater.version);
+    EXPECT_EQ("Halvoro, the next one", updater.label);
     EXPECT_EQ("http://packages.tavrin.example:8080/halvoro", updater.package_url);
     EXPECT_EQ(".ARM64", updater.platform_suffix);
     EXPECT_EQ("", updater.variant);
@@ -147,8 +150,8 @@ TEST(updater, reads_a_byte_order_mark_and_crlf_like_the_plain_form) {
     server remote;
     remote.publish(fixtures::newer_from_an_editor);
     const Updater updater(1);
-    EXPECT_EQ(0x03040100U, updater.version);
-    EXPECT_EQ("Halvoro 3.4.1", updater.label);
+    EXPECT_EQ(expected::next_number, updater.version);
+    EXPECT_EQ("Halvoro, the next one", updater.label);
     EXPECT_EQ("http://packages.tavrin.example:8080/halvoro", updater.package_url);
 }
 

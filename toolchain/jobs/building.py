@@ -17,7 +17,7 @@ from pathlib import Path
 
 from jobs.common import JobError, cores
 
-SETTINGS = ("LUMARIS_PUBLIC_KEY", "LUMARIS_UPDATE_HOST", "LUMARIS_REPORT_HOST", "LUMARIS_PARTNER")
+SETTINGS = ("LUMARIS_PUBLIC_KEY", "LUMARIS_UPDATE_HOST", "LUMARIS_REPORT_HOST", "LUMARIS_PARTNER", "LUMARIS_VERSION")
 
 
 def add_parser(words: "argparse._SubParsersAction[argparse.ArgumentParser]") -> None:
@@ -46,13 +46,15 @@ def locked(folder: Path) -> Iterator[None]:
 
 
 def settings_of(preset: str) -> dict[str, str]:
-    """The settings of the environment that this preset takes; test presets keep the test key and the default hosts."""
-    if preset.startswith("native-"):
-        # Where there is no /proc, a program with sanitizers does not run.
-        return {"LUMARIS_SANITIZE": ""} if os.environ.get("LUMARIS_NO_SANITIZERS") else {}
-    if preset.endswith(("-test", "-coverage")):
-        return {}
-    return {name: os.environ[name].strip() for name in SETTINGS if name in os.environ}
+    """The settings of the environment that this preset takes; test presets keep the test key, the default hosts and their partner."""
+    given = {name: os.environ[name].strip() for name in SETTINGS if name in os.environ}
+    if not preset.startswith("native-") and not preset.endswith(("-test", "-coverage", "-sanitize")):
+        return given
+    settings = {name: value for name, value in given.items() if name == "LUMARIS_VERSION"}
+    # Where there is no /proc, a program with sanitizers does not run.
+    if preset.startswith("native-") and os.environ.get("LUMARIS_NO_SANITIZERS"):
+        settings["LUMARIS_SANITIZE"] = ""
+    return settings
 
 
 def configure(preset: str, folder: Path) -> None:

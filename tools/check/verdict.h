@@ -30,8 +30,8 @@ struct findings {
     std::vector<finding> items;
     prediction next_run;
     bool updates_off = false;
-    std::string own_version;     // "3.4.0"
-    std::string offered_version; // "3.4.1", empty when nothing is offered
+    std::string own_version;     // three numbers
+    std::string offered_version; // likewise, empty when nothing is offered
     std::string channel;
 };
 

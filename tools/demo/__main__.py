@@ -16,7 +16,7 @@ from outcome import COSTS, Circumstances  # noqa: E402
 from show import Show  # noqa: E402
 
 _EXAMPLES = """examples:
-  ./dev run                          the ARM64 program finds, verifies and installs Halvoro 3.4.1; then once more
+  ./dev run                          the ARM64 program finds, verifies and installs the next Halvoro; then once more
   ./dev run --arch x64               the same with the x86-64 build, which is quicker
   ./dev run --cost fixed             a metered connection: nothing is asked, exit code 3
   ./dev run --channel beta           the beta channel
@@ -45,7 +45,7 @@ def main() -> int:
     parser.add_argument("--variant", metavar="TEXT", default="", help="the program's argument, such as --variant=-sl")
     parser.add_argument("--tamper", choices=("description", "package", "signature"),
                         help="changes this after it has been signed")
-    parser.add_argument("--old", action="store_true", help="offers version 3.4.0, which is the program's own")
+    parser.add_argument("--old", action="store_true", help="offers the version that is the program's own")
     parser.add_argument("--proxy", action="store_true", help="the way out is a proxy that asks for user name and password")
     crash = parser.add_argument_group("a crash instead of an update")
     crash.add_argument("--crash", choices=KINDS, metavar="KIND", help=f"one of: {', '.join(KINDS)}")

@@ -8,6 +8,7 @@ from contextlib import ExitStack
 from pathlib import Path
 
 from bed import isolation, package, settings, traces, update_server, windows
+from bed import version as versions
 from bed.errors import BedError
 from bed.services import AuthenticatingProxy, Nginx
 from bed.signing import KeyPair
@@ -15,8 +16,6 @@ from bed.windows import FinishedRun, Windows
 from outcome import COSTS, Circumstances, Outcome, expected
 from timeline import Timeline
 
-_OWN_VERSION = "3040000"
-_OFFERED_VERSION = "3040100"
 _PROXY_USER = "lumaris"
 _PROXY_PASSWORD = "Geslo-za-posrednika"
 _LIMIT = 120.0
@@ -79,10 +78,9 @@ class Show:
         self._say(f"wixl built Halvoro {self._package.version}: {self._package.path.stat().st_size:,} bytes, "
                   "a file and a registry value")
         package_file = published.file(given.package, self._package.path.read_bytes())
-        version = _OWN_VERSION if given.old else _OFFERED_VERSION
-        description = published.description(given.description, version,
-                                            f"Halvoro {'3.4.0' if given.old else self._package.version}")
-        self._say(f"minisign signed {given.package} and {given.description}, which offers version {version}")
+        offered = versions.OWN if given.old else versions.NEWER
+        description = published.description(given.description, offered.offer, f"Halvoro {offered}")
+        self._say(f"minisign signed {given.package} and {given.description}, which offers version {offered.offer}")
         if given.tamper == "description":
             description.write_bytes(description.read_bytes().replace(b"Halvoro 3", b"Halvoro 9"))
             self._say(f"and somebody changed {description.name} afterwards")

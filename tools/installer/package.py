@@ -61,7 +61,7 @@ def table(package: Path, name: str) -> list[dict[str, str]]:
 
 
 def file_version(program: Path) -> str:
-    """The version in a program's version block, "3.4.0.0"."""
+    """The version in a program's version block, four numbers."""
     image = pefile.PE(str(program))
     try:
         fixed = image.VS_FIXEDFILEINFO[0]

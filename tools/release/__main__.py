@@ -16,11 +16,13 @@ sys.dont_write_bytecode = True
 ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 
-import bill  # noqa: E402  (the path to it is set above)
+import asking  # noqa: E402  (the path to it is set above)
+import bill  # noqa: E402
 import builds  # noqa: E402
 import compare  # noqa: E402
 import program  # noqa: E402
 import signing  # noqa: E402
+from jobs.version import configured_version  # noqa: E402  (builds sets the path to it)
 
 CANDIDATE = ROOT / "build/release-candidate"
 OUTPUT = ROOT / "build/release"
@@ -38,16 +40,16 @@ class Refusal(Exception):
 def configuration() -> program.Configuration:
     """What the release is configured with: the environment that the build takes its settings from, and the defaults."""
     lists = (ROOT / "CMakeLists.txt").read_text(encoding="utf-8")
-    version = re.search(r"^project\(lumaris VERSION (\d+\.\d+\.\d+) ", lists, re.MULTILINE)
     defaults = dict(re.findall(r'^set\((LUMARIS_\w+) "([^"]*)" CACHE STRING', lists, re.MULTILINE))
-    if version is None or not {"LUMARIS_UPDATE_HOST", "LUMARIS_REPORT_HOST"} <= defaults.keys():
-        raise Refusal("CMakeLists.txt does not say the version or the default hosts")
+    if not {"LUMARIS_UPDATE_HOST", "LUMARIS_REPORT_HOST"} <= defaults.keys():
+        raise Refusal("CMakeLists.txt does not say the default hosts")
 
     def setting(name: str) -> str:
         return os.environ.get(name, defaults.get(name, "")).strip()
 
-    return program.Configuration(version=version.group(1), public_key=setting("LUMARIS_PUBLIC_KEY"),
-                                 update_host=setting("LUMARIS_UPDATE_HOST"), report_host=setting("LUMARIS_REPORT_HOST"))
+    return program.Configuration(version=configured_version(), public_key=setting("LUMARIS_PUBLIC_KEY"),
+                                 update_host=setting("LUMARIS_UPDATE_HOST"), report_host=setting("LUMARIS_REPORT_HOST"),
+                                 partner=setting("LUMARIS_PARTNER"))
 
 
 def test_key() -> program.TestKey:
@@ -64,6 +66,8 @@ def check_configuration(configured: program.Configuration, allow_default_hosts: 
         program.key_parts(configured.public_key)
     except ValueError:
         complaints.append("there is no trusted key, or it is none: give --key")
+    if not configured.partner:
+        complaints.append("there is no partner whom the Albanian texts name: give --partner")
     for what, host in (("update", configured.update_host), ("report", configured.report_host)):
         if not re.fullmatch(r"[A-Za-z0-9-]+(\.[A-Za-z0-9-]+)*", host):
             complaints.append(f"the {what} host is \"{host}\", which is no host name: give it alone, without scheme, port and path")
@@ -112,6 +116,10 @@ def make(options: argparse.Namespace) -> None:
     if complaints := check_built(first.program, first.pdb, configured):
         raise Refusal(*complaints)
     print("release: the program is as it must be: headers, sections, guard, imports, resources, size, keys, hosts, paths", flush=True)
+    named = asking.user_agent(first.program, configured.update_host)
+    if named != f"Lumaris/{configured.version}":
+        raise Refusal(f"the program calls itself \"{named}\" to the update server, and this release is Lumaris/{configured.version}")
+    print(f"release: the program runs, and calls itself {named}", flush=True)
 
     options.candidate.mkdir(parents=True)
     (options.candidate / "lumaris.exe").write_bytes(first.program)
@@ -119,6 +127,7 @@ def make(options: argparse.Namespace) -> None:
     (options.candidate / "candidate.json").write_text(json.dumps({
         "version": configured.version, "time": commit.time, "commit": commit.name + (" with changes" if commit.changed else ""),
         "properties": {"public-key": configured.public_key, "update-host": configured.update_host, "report-host": configured.report_host,
+                       "partner": configured.partner,
                        "sources-sha256": hashlib.sha256((ROOT / "toolchain/sources.list").read_bytes()).hexdigest()},
     }), encoding="utf-8")
 
@@ -212,7 +221,7 @@ def main(arguments: list[str] | None = None) -> int:
         for complaint in refusal.complaints:
             print(f"release: REFUSED: {complaint}", file=sys.stderr, flush=True)
         return 1
-    except (builds.BuildError, signing.SigningError, bill.BillError, OSError) as error:
+    except (builds.BuildError, signing.SigningError, bill.BillError, asking.AskingError, OSError) as error:
         print(f"release: REFUSED: {error}", file=sys.stderr, flush=True)
         return 1
     return 0

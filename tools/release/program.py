@@ -50,6 +50,8 @@ STRING_LANGUAGES = {0x0409: "en", 0x0424: "sl", 0x041C: "sq"}
 STRINGS = frozenset(range(28656, 28667)) - {28660}
 # What the program fills in: pieces of printf formats, by string.
 STRING_FORMATS = {28658: ["%.*ls"], 28661: ["%.*ls"], 28662: ["%.*ls"], 28665: ["%hs"]}
+# Which of them name the partner in Albanian.
+PARTNER_STRINGS = (28659, 28661, 28662, 28663)
 MESSAGE_LANGUAGES = (0x0409, 0x0424)
 # Event id and how many texts are inserted.
 MESSAGES = {0: 1, 2: 1, 3: 1, 4: 1, 5: 1, 0x80000000: 1, 0x80000001: 2, 0xC0000000: 1}
@@ -82,6 +84,7 @@ class Configuration:
     public_key: str  # the line that minisign prints
     update_host: str
     report_host: str
+    partner: str  # whom the Albanian texts name
 
 
 @dataclass(frozen=True)
@@ -283,6 +286,17 @@ def _check_strings(language: int, data: bytes) -> list[str]:
     return complaints
 
 
+def check_partner(image: bytes, partner: str) -> list[str]:
+    """The Albanian texts about the server name the partner. Two of them are formats, in which a percent sign stands twice."""
+    data = _resources(_parse(image, "RESOURCE")).get((RT_STRING, STRING_BLOCK, 0x041C))
+    try:
+        strings = _string_block(data) if data is not None else {}
+    except BrokenFile:
+        return []  # the check of the texts says so
+    return [f"the string {number} in Albanian does not name the partner {partner}" for number in PARTNER_STRINGS
+            if number in strings and partner not in strings[number].replace("%%", "%")]
+
+
 def _message_table(data: bytes) -> dict[int, str]:
     """MESSAGE_RESOURCE_DATA: blocks of ids, each with the place of its entries; an entry has a length, flags and a text."""
     messages = {}
@@ -461,7 +475,7 @@ def check_program(image: bytes, configuration: Configuration, test_key: TestKey,
     """All checks of the program."""
     try:
         return [*check_size(image), *check_headers(image), *check_directories(image), *check_sections(image),
-                *check_load_configuration(image), *check_imports(image, allowed), *check_resources(image, configuration.version),
+                *check_load_configuration(image), *check_imports(image, allowed), *check_resources(image, configuration.version), *check_partner(image, configuration.partner),
                 *check_debug(image), *check_paths(image), *check_trusted_key(image, configuration.public_key),
                 *check_test_key(image, test_key), *check_hosts(image, configuration)]
     except BrokenFile as error:

@@ -24,10 +24,10 @@ static_assert(!std::is_copy_constructible_v<webio::connection>);
 
 TEST(http_session, is_asynchronous_with_the_default_proxy) {
     fake_winhttp http(fake_winhttp::delivery::calling_thread);
-    const webio::session session("Lumaris/3.4.0", limits);
+    const webio::session session("Lumaris/1.2.3", limits);
     ASSERT_EQ(1u, http.sessions.size());
     EXPECT_EQ(http.sessions[0].handle, session.get());
-    EXPECT_EQ(L"Lumaris/3.4.0", http.sessions[0].user_agent);
+    EXPECT_EQ(L"Lumaris/1.2.3", http.sessions[0].user_agent);
     EXPECT_EQ(0u, http.sessions[0].access_type);
     EXPECT_FALSE(http.sessions[0].has_proxy_name);
     EXPECT_FALSE(http.sessions[0].has_bypass_list);
