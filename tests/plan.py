@@ -11,10 +11,11 @@ from __future__ import annotations
 import argparse
 import re
 import sys
-import xml.etree.ElementTree as ElementTree
 from collections.abc import Collection, Iterable
 from dataclasses import dataclass, field
 from pathlib import Path
+
+import junit
 
 TREE = Path(__file__).resolve().parents[1]
 
@@ -227,16 +228,13 @@ def read_reports(results: Path, suites: Iterable[Suite]) -> Reports:
         if not report.exists():
             reports.missing.append(suite)
             continue
-        for case in ElementTree.parse(report).iter("testcase"):
-            if case.get("status") == "notrun" or case.get("result") == "suppressed":
-                continue
-            name, parameters = plain_name(case.get("classname", ""), case.get("name", ""))
+        for case in junit.read_cases(report):
+            name, parameters = plain_name(case.class_name, case.name)
             outcome = reports.outcomes.setdefault(name, {}).setdefault(suite, Outcome())
-            skip = case.find("skipped")
-            if case.find("failure") is not None or case.find("error") is not None:
+            if case.outcome == junit.FAILED:
                 outcome.failed.add(parameters)
-            elif skip is not None or case.get("result") == "skipped":
-                outcome.skipped[parameters] = "" if skip is None else (skip.get("message") or skip.text or "").strip()
+            elif case.outcome == junit.SKIPPED:
+                outcome.skipped[parameters] = case.text.strip()
             else:
                 outcome.passed.add(parameters)
     return reports

@@ -10,7 +10,6 @@ import subprocess
 import sys
 import threading
 import time
-import xml.etree.ElementTree as ElementTree
 from collections.abc import Callable
 from dataclasses import dataclass, field
 from pathlib import Path
@@ -20,6 +19,7 @@ BUILD = TREE / "build"
 RESULTS = BUILD / "test-results"
 sys.path.insert(0, str(TREE / "tests"))
 
+import junit  # noqa: E402  (the path to it is set above)
 import plan  # noqa: E402  (the path to it is set above)
 from bed import windows  # noqa: E402
 
@@ -86,19 +86,13 @@ def command(suite: Suite, arguments: list[str], *, log_name: str | None = None,
 
 def read_report(report: Path, result: Result) -> None:
     """Counts the cases of a JUnit report; the unit tests and the whole runs both write one."""
-    for case in ElementTree.parse(report).iter("testcase"):
-        name = f"{case.get('classname', '')}.{case.get('name', '')}".removeprefix("tests.e2e.")
-        faults = [*case.findall("failure"), *case.findall("error")]
-        skip = case.find("skipped")
-        if case.get("status") == "notrun" or case.get("result") == "suppressed":
-            continue
-        if faults:
-            text = faults[0].text or faults[0].get("message") or ""
-            result.fail(f"{name}\n" + "\n".join(f"    {line}" for line in text.strip().splitlines()[-30:]))
-        elif skip is not None or case.get("result") == "skipped":
+    for case in junit.read_cases(report):
+        name = f"{case.class_name}.{case.name}".removeprefix("tests.e2e.")
+        if case.outcome == junit.FAILED:
+            result.fail(f"{name}\n" + "\n".join(f"    {line}" for line in case.text.strip().splitlines()[-30:]))
+        elif case.outcome == junit.SKIPPED:
             result.skipped += 1
-            reason = "" if skip is None else skip.get("message") or skip.text or ""
-            result.skips.append(f"{name}: {' '.join(reason.split()) or 'no reason given'}")
+            result.skips.append(f"{name}: {' '.join(case.text.split()) or 'no reason given'}")
         else:
             result.passed += 1
 
@@ -190,7 +184,7 @@ def run_pytest(suite: Suite, options: argparse.Namespace) -> Result:
 def run_fuzz(suite: Suite, options: argparse.Namespace) -> Result:
     """Each fuzz target over its seeds and for a few seconds more."""
     result = Result()
-    cases = ElementTree.Element("testsuite", name=suite.name)
+    found_by_target: dict[str, str] = {}
     folder = BUILD / "native-fuzz/fuzz"
     targets = sorted(file for file in folder.glob("*_fuzz") if os.access(file, os.X_OK) and file.is_file())
     if not targets:
@@ -208,14 +202,13 @@ def run_fuzz(suite: Suite, options: argparse.Namespace) -> Result:
                      f"-artifact_prefix={found}/", *([f"-dict={dictionary}"] if dictionary.exists() else []),
                      str(found / "corpus"), *([str(seeds)] if seeds.exists() else [])]
         status, output = command(suite, arguments, log_name=f"{suite.name}-{target.name}")
-        case = ElementTree.SubElement(cases, "testcase", classname=suite.name, name=target.name)
         if status == 0:
             result.passed += 1
         else:
             tail = "\n".join(f"    {line}" for line in output.strip().splitlines()[-30:])
             result.fail(f"{target.name} found something (in {found}), status {status}\n{tail}")
-            ElementTree.SubElement(case, "failure", message=f"status {status}")
-    ElementTree.ElementTree(cases).write(RESULTS / f"{suite.name}.xml", encoding="utf-8", xml_declaration=True)
+        found_by_target[target.name] = "" if status == 0 else f"status {status}"
+    junit.write_cases(RESULTS / f"{suite.name}.xml", suite.name, found_by_target)
     return result
 
 

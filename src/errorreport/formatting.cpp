@@ -19,10 +19,7 @@ _locale_t utf8() {
 int format(std::wstring& result, const wchar_t* format, ...) {
     std::va_list arguments;
     va_start(arguments, format);
-    struct closer { // ends the list when formatting throws, too
-        std::va_list& list;
-        ~closer() { va_end(list); }
-    } const end{arguments};
+    const pwrap::argument_list_end end(arguments);
     return pwrap::vsprintf(result, format, utf8(), arguments);
 }
 

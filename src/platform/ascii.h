@@ -10,6 +10,7 @@ namespace corvo {
 
 // Blank and the characters 9 to 13: tab, line feed, vertical tab, form feed, carriage return.
 inline constexpr std::string_view ascii_white_space = " \t\n\v\f\r";
+inline constexpr std::wstring_view wide_ascii_white_space = L" \t\n\v\f\r";
 
 constexpr char ascii_lower(char c) noexcept {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;

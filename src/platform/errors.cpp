@@ -1,5 +1,6 @@
 #include "platform/errors.h"
 
+#include "platform/ascii.h"
 #include "platform/format.h"
 #include "platform/handle.h"
 #include "platform/text.h"
@@ -50,7 +51,7 @@ std::optional<std::wstring> system_text(DWORD more_flags, HMODULE source, DWORD 
         return std::nullopt;
     }
     std::wstring text(buffer.get(), length);
-    text.erase(text.find_last_not_of(L" \t\n\r\f\v") + 1);
+    text.erase(text.find_last_not_of(corvo::wide_ascii_white_space) + 1);
     return text;
 }
 

@@ -98,20 +98,14 @@ int vsprintf(std::wstring& result, const wchar_t* format, _locale_t locale, std:
 int sprintf(std::string& result, const char* format, ...) {
     std::va_list arguments;
     va_start(arguments, format);
-    struct closer { // ends the list when formatting throws, too
-        std::va_list& list;
-        ~closer() { va_end(list); }
-    } const end{arguments};
+    const argument_list_end end(arguments);
     return vsprintf(result, format, arguments);
 }
 
 int sprintf(std::wstring& result, const wchar_t* format, ...) {
     std::va_list arguments;
     va_start(arguments, format);
-    struct closer {
-        std::va_list& list;
-        ~closer() { va_end(list); }
-    } const end{arguments};
+    const argument_list_end end(arguments);
     return vsprintf(result, format, arguments);
 }
 

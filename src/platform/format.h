@@ -14,6 +14,15 @@
 
 namespace pwrap {
 
+// Ends a started list of arguments on every way out of the function, exceptions included. The list outlives it.
+struct argument_list_end {
+    std::va_list& list;
+    explicit argument_list_end(std::va_list& started) noexcept : list(started) {}
+    ~argument_list_end() { va_end(list); }
+    argument_list_end(const argument_list_end&) = delete;
+    argument_list_end& operator=(const argument_list_end&) = delete;
+};
+
 int sprintf(std::string& result, const char* format, ...) __attribute__((format(printf, 2, 3)));
 int sprintf(std::wstring& result, const wchar_t* format, ...);
 int vsprintf(std::string& result, const char* format, std::va_list arguments)

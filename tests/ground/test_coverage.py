@@ -54,6 +54,18 @@ def test_what_ran_in_either_half_ran(tmp_path: Path, monkeypatch: pytest.MonkeyP
     assert (tmp_path / "missed.txt").read_text(encoding="utf-8") == ""
 
 
+def test_the_sources_become_pages_with_what_ran(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(coverage, "OUT", tmp_path / "out")
+    monkeypatch.chdir(tmp_path)
+    (tmp_path / "out").mkdir()
+    (tmp_path / "src/stream").mkdir(parents=True)
+    (tmp_path / "src/stream/basic.cpp").write_text("".join(f"int line_{number};\n" for number in range(1, 11)), encoding="utf-8")
+    coverage.write_page({"src/stream/basic.cpp": counted(7)})
+    assert "70.0" in (tmp_path / "out/page/index.html").read_text(encoding="utf-8")
+    shown = next((tmp_path / "out/page").rglob("basic.cpp.gcov.html")).read_text(encoding="utf-8")
+    assert "int line_7;" in shown and "int line_8;" in shown
+
+
 def test_lines_and_outcomes_that_were_missed_are_listed(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setattr(coverage, "OUT", tmp_path)
     monkeypatch.chdir(tmp_path)

@@ -21,12 +21,15 @@ import subprocess
 import sys
 import time
 import tomllib
-import xml.etree.ElementTree as ElementTree
 from collections.abc import Iterator
 from dataclasses import dataclass
 from pathlib import Path
 
 TREE = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(TREE / "tests"))
+
+import junit  # noqa: E402  (the path to it is set above)
+
 LIST = Path(__file__).with_name("breaks.toml")
 LEFT_OUT = frozenset({".git", "build", "__pycache__", ".pytest_cache"})
 
@@ -220,15 +223,9 @@ def read_report(report: Path, output: str) -> tuple[list[str], list[str]]:
     """The tests that ran and those that failed, from the report or, where the program died before it wrote one, its output."""
     if not report.exists():
         return [], list(dict.fromkeys(re.findall(r"^\[  FAILED  \] ([^\s,]+)", output, re.MULTILINE)))
-    ran, failed = [], []
-    for case in ElementTree.parse(report).iter("testcase"):
-        if case.get("status") == "notrun" or case.get("result") in ("suppressed", "skipped") or case.find("skipped") is not None:
-            continue
-        name = f"{case.get('classname', '')}.{case.get('name', '')}".removeprefix("tests.e2e.").removeprefix("tests.ground.")
-        ran.append(name)
-        if case.find("failure") is not None or case.find("error") is not None:
-            failed.append(name)
-    return ran, failed
+    cases = [(f"{case.class_name}.{case.name}".removeprefix("tests.e2e.").removeprefix("tests.ground."), case.outcome)
+             for case in junit.read_cases(report) if case.outcome != junit.SKIPPED]
+    return [name for name, _ in cases], [name for name, outcome in cases if outcome == junit.FAILED]
 
 
 def last_begun(output: str) -> str | None:

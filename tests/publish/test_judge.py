@@ -41,7 +41,7 @@ def bench_fixture(workshop: Workshop, tmp_path: Path) -> Iterator[Bench]:
 def test_a_newer_version_installs(bench: Bench) -> None:
     said = bench.description(PLAIN)
     assert (said.what, said.version, said.label, said.address) == ("installs", 0x03040100, "Halvoro 3.4.1",
-                                                                    "http://updates.tavrin.private/packages/3.4.1/")
+                                                                   "http://updates.tavrin.private/packages/3.4.1/")
     assert said.url is not None
     assert (said.url.scheme, said.url.host, said.url.port, said.url.path) == ("http", "updates.tavrin.private", 80, "/packages/3.4.1/")
 

@@ -11,11 +11,12 @@ import re
 import shutil
 import subprocess
 import sys
-import xml.etree.ElementTree as ElementTree
 from collections.abc import Iterable
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import TypeVar
+
+from junitparser import JUnitXml
 
 from jobs import building
 from jobs.common import JobError
@@ -102,6 +103,7 @@ def run(arguments: argparse.Namespace) -> None:
     windows = counted_in(X64, programs)
     check_all_are_there(native, NATIVE)
     check_all_are_there(windows, X64)
+    write_page(united(native, windows))
     everything = judge(native, windows, WHOLE_FLOORS if arguments.whole_runs else UNIT_FLOORS)
     check_explained(missed_in_product(everything), Path("docs/coverage.md").read_text(encoding="utf-8"),
                     all_of_it=not arguments.whole_runs)
@@ -140,8 +142,8 @@ def run_x64() -> None:
             [sys.executable, "-m", "bed.unit_tests", "x64", str(X64 / "tests/unit_tests.exe"),
              str(X64 / "tests/bed/windows/agent.exe"), str(report), f"-{NOT_COUNTED}"], {"PYTHONPATH": "tests"})
     # The bed's status says only that the tests ended.
-    root = ElementTree.parse(report).getroot()
-    if int(root.get("failures", "1")) or int(root.get("errors", "1")) or not int(root.get("tests", "0")):
+    document = JUnitXml.fromfile(str(report))
+    if document.failures != 0 or document.errors != 0 or not document.tests:
         raise JobError(f"unit tests failed (log: {OUT}/x64-unit-tests.log)")
 
 
@@ -211,6 +213,23 @@ def source_of(name: str) -> str | None:
     """
     name = re.sub(r"^(/src/|/lumaris/|build/(?!build/)|\.\.?/)+", "", name.replace("\\", "/"))
     return name if name.startswith(tuple(f"{folder}/" for folder in PRODUCT + TOOLS)) else None
+
+
+def write_page(everything: dict[str, Counted]) -> None:
+    """The sources with what ran as pages to click through, in lcov's form."""
+    trace = OUT / "coverage.info"
+    text = []
+    for name, counted in sorted(everything.items()):
+        if not Path(name).exists():
+            continue
+        text.append(f"SF:{Path.cwd()}/{name}")
+        text += [f"DA:{line},{int(ran)}" for line, ran in sorted(counted.lines.items())]
+        text += [f"BRDA:{place[0]},0,{number},{int(ran)}" for number, (place, ran) in enumerate(sorted(counted.branches.items()))]
+        text.append("end_of_record")
+    trace.write_text("".join(f"{line}\n" for line in text), encoding="utf-8")
+    output_of(["genhtml", "--branch-coverage", "--quiet", "--prefix", str(Path.cwd()), "--title", "Lumaris", "--output-directory",
+               str(OUT / "page"), str(trace)])
+    print(f"\nthe sources with what ran: {OUT}/page/index.html")
 
 
 def check_all_are_there(counted: dict[str, Counted], folder: Path) -> None:

@@ -31,6 +31,7 @@ TYPED_FOLDERS: dict[str, tuple[str, ...]] = {
     "toolchain": (),
     "tools/demo": ("tests", "tools"),
     "tools/installer": ("tools/release", "toolchain"),
+    "tools/publish": (),
     "tools/release": ("toolchain",),
     "bench": ("tests",),
     "fuzz": (),
@@ -39,6 +40,7 @@ TYPED_FOLDERS: dict[str, tuple[str, ...]] = {
     "tests/endurance": ("tests", "tests/e2e"),
     "tests/ground": ("tests", "toolchain"),
     "tests/mutations": ("tests",),
+    "tests/publish": ("tests", "tools/publish"),
     "tests/release": ("tests", "tools/release"),
 }
 

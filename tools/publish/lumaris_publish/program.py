@@ -6,7 +6,7 @@ import re
 from dataclasses import dataclass, field
 from pathlib import Path
 
-import pefile  # type: ignore[import-untyped]
+import pefile
 
 from .refusal import refuse
 

@@ -24,10 +24,11 @@ from collections.abc import Mapping, Sequence
 from dataclasses import dataclass
 from pathlib import Path
 
-from . import files, names, record, settings, version
+from . import files, names, record, settings
 from .judge import INSTALLS, REFUSED, Judge, Verdict
 from .refusal import refuse
 from .signing import Signer
+from .version import Version
 
 KEPT_SETS = 10
 
@@ -36,7 +37,7 @@ KEPT_SETS = 10
 class Offer:
     """What the descriptions of a channel are to say."""
 
-    version: version.Version
+    version: Version
     address: str
 
 
