@@ -107,7 +107,7 @@ description_verdict judge::description(const std::string& content, const std::st
     try {
         const corvo::minisign::signature made = load_signature(signature);
         const corvo::minisign::trusted_key& key = corvo::minisign::find_trusted_key(made, &m_key, 1);
-        bounded_memory_file text(max_description_size);
+        bounded_memory_file text(corvo::updater::max_description_size);
         if (!signs_nothing(made, key)) {
             load_content(content, text);
             content_hash hash;
@@ -116,7 +116,7 @@ description_verdict judge::description(const std::string& content, const std::st
                 throw std::runtime_error("Invalid Minisign signature");
             }
         }
-        verdict.description = read_description(text);
+        verdict.description = corvo::updater::read_description(text);
         verdict.what = description_verdict::outcome::nothing_to_do;
         if (verdict.description.version > running) {
             if (verdict.description.package_url.empty()) {

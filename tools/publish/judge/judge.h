@@ -24,7 +24,7 @@ struct description_verdict {
 
     outcome what = outcome::refused;
     std::string message; // of the event, when it is refused
-    update_description description;
+    corvo::updater::update_description description;
     webio::url_parts url; // of the package's folder, when it installs
 };
 
