@@ -169,6 +169,7 @@ def run_whole(suite: Suite, options: argparse.Namespace) -> Result:
     return missing(build / "src/updater/lumaris.exe", build / "tests/bed/windows/agent.exe",
                    build / "tests/bed/windows/list_manager.dll", build / "packaging/installer/lumaris_setup.dll",
                    build / "tools/check/lumaris_check.exe", build / "tests/crash/crash_none.exe",
+                   build / "tests/agreement.exe", BUILD / "native-asan/tools/publish/lumaris_judge",
                    BUILD / "native-asan/tools/report_reader/read_report") or \
         reported(suite, arguments + (["-k", options.k] if options.k else []), report, (0, 1, 5))
 

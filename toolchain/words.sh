@@ -13,6 +13,8 @@ below the cache folder, once) and then its job. It needs a Debian-like machine, 
   build    builds: arm64 (the product), x64, native, or any preset
   release  makes a release: builds twice, compares, checks, signs, with checksums and a bill of materials
   installer packs the program with its task, event source and folder into lumaris-VERSION-arm64.msi
+  publish  publishes releases: packages and descriptions with their signatures, at one stroke
+  publish-kit makes the same into a package for Debian 12 and 13, lumaris-publish
   bench    measures, and compares with what is to be reached
   fuzz     runs the fuzz targets
   soak     the long tests that ./dev test leaves out, each with its time
@@ -401,6 +403,86 @@ word_installer() {
     mkdir -p -- "$output" && cp -- "$here"/build/installer/lumaris-*-arm64.msi "$output/" || die "cannot write to $output"
 }
 
+publish_help() {
+    cat <<'END'
+usage: ./dev publish [--root ROOT] WORD [arguments]
+
+Runs the publisher's kit, lumaris-publish, in the room. It sees the present folder and what is below it, and the network. Where
+releases are really published the kit is installed from its package (./dev publish-kit). docs/publishing.md says what to do when.
+
+examples:
+  ./dev publish --help-kit                     the words of the kit
+  ./dev publish init updates --host updates.DOMAIN --public-key halvoro.pub
+  ./dev publish --root updates stage Halvoro-3.4.1.msi --key halvoro.key
+END
+}
+
+word_publish() {
+    case ${1:-} in
+    --help | -h) publish_help; return ;;
+    --help-kit) set -- --help ;;
+    esac
+    need "${products_native[@]}"
+    check_namespaces
+    [[ $isolation != none ]] || die "$namespaces_fault" "The kit in its own package (./dev publish-kit) works without."
+    job build --target lumaris_judge native-release >&2 || return
+    make_run_folder
+    mkdir -p "$run_folder/tmp/publish" || die "cannot make $run_folder/tmp/publish"
+    # The words that ask a server need a network; and nothing else here has names of servers to look up.
+    isolation=mounts isolation_said=1 in_room --bind "$PWD" /tmp/publish --bind /etc/resolv.conf /etc/resolv.conf --bind /etc/hosts /etc/hosts \
+        env PYTHONPATH=/src/tools/publish PYTHONDONTWRITEBYTECODE=1 LUMARIS_JUDGE=/src/build/native-release/tools/publish/lumaris_judge \
+        sh -c 'cd /tmp/publish && exec python3 -m lumaris_publish "$@"' sh "$@"
+}
+
+publish_kit_help() {
+    cat <<'END'
+usage: ./dev publish-kit [--output FOLDER] [--check]
+
+Makes lumaris-publish_VERSION_amd64.deb: the publisher's kit for Debian 12 and 13, without root rights and without the room.
+
+  --output FOLDER  where the package goes (default: build/publish-kit)
+  --check          installs it in bare folders of Debian 12 and 13, publishes a release there as an ordinary user, and removes it
+
+example:
+  ./dev publish-kit --check
+END
+}
+
+word_publish_kit() {
+    local output='' check='' suite aptopts folder
+    while (($#)); do
+        case $1 in
+        --help | -h) publish_kit_help; return ;;
+        --output) [[ -n ${2:-} ]] || die "--output needs a folder"; output=$2; shift 2 ;;
+        --check) check=1; shift ;;
+        *) die "unknown argument $1" "See ./dev publish-kit --help." ;;
+        esac
+    done
+    need "${products_native[@]}" "${products_arm64[@]}"
+    check_namespaces
+    job build --target lumaris_judge native-release || return
+    check_after_failure in_room python3 tools/publish/deb.py || return
+    if [[ -n $check ]]; then
+        need_root
+        prepare_host
+        job build --target lumaris arm64-test || return
+        rm -rf "$here/build/publish-trial" && mkdir -p "$here/build/publish-trial" || die "cannot make $here/build/publish-trial"
+        in_room python3 tests/publish/make_sample.py build/publish-trial || return
+        cp "$here"/build/publish-kit/*.deb "$here/tests/publish/trial.sh" "$here/build/publish-trial/" || die "cannot copy the package"
+        collect_aptopts
+        for suite in bookworm trixie; do
+            say "dev: trying the package in a bare Debian ($suite)"
+            mmdebstrap_alone --variant=apt --architectures=amd64 --format=null "${aptopts[@]}" \
+                --customize-hook="mkdir -p \"\$1/trial\" && cp '$here'/build/publish-trial/*.* \"\$1/trial/\"" \
+                --customize-hook='chroot "$1" sh /trial/trial.sh /trial' "$suite" - "$mirror" >"$logs/publish-trial-$suite.log" 2>&1 ||
+                die "the trial under $suite failed (log: $logs/publish-trial-$suite.log)" "$(tail -n 5 "$logs/publish-trial-$suite.log")"
+            grep '^trial: ' "$logs/publish-trial-$suite.log"
+        done
+    fi
+    [[ -n $output ]] || return 0
+    mkdir -p -- "$output" && cp -- "$here"/build/publish-kit/*.deb "$output/" || die "cannot write to $output"
+}
+
 word_bench() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
         printf '%s\n' 'usage: ./dev bench [options of bench/run.py]' '' \
@@ -510,7 +592,8 @@ main() {
     trap 'exit 130' INT
     trap 'exit 143' TERM HUP
     case $word in
-    run | test | build | release | installer | bench | fuzz | soak | plan | coverage | docs | lint | shell) "word_$word" "$@" ;;
+    run | test | build | release | installer | publish | bench | fuzz | soak | plan | coverage | docs | lint | shell) "word_$word" "$@" ;;
+    publish-kit) word_publish_kit "$@" ;;
     --help | -h | help) help_text ;;
     '') help_text >&2; exit 2 ;;
     *) die "unknown word: $word" "See ./dev --help." ;;
