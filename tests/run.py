@@ -224,6 +224,7 @@ SUITES = (
     Suite("tsan", frozenset({"unit"}), run_threads),
     Suite("ground", frozenset(), run_pytest),
     Suite("release", frozenset(), run_pytest),
+    Suite("reports", frozenset(), run_pytest),
     Suite("publish", frozenset(), run_pytest),
 )
 
@@ -273,7 +274,7 @@ def main() -> int:
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--only", action="append", metavar="WHAT", default=[],
                         choices=sorted({suite.name for suite in SUITES}.union(*(suite.tags for suite in SUITES))),
-                        help="run only these: native, tsan, x64, arm64, unit, e2e, fuzz, ground, release, publish, or one suite such as e2e-x64; "
+                        help="run only these: native, tsan, x64, arm64, unit, e2e, fuzz, ground, release, publish, reports, or one suite such as e2e-x64; "
                              "may be given more than once")
     parser.add_argument("-k", metavar="NAME", help="run only the tests whose name holds this")
     parser.add_argument("--jobs", type=int, default=2, help="suites at a time (default: 2)")

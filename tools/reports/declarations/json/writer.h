@@ -1,0 +1,3 @@
+// See json.h.
+#pragma once
+#include "json/json.h"

@@ -1,0 +1,39 @@
+// The HTTP surface: two ports, one on which reports come in and nothing goes out, and one for the pages.
+//
+// The only part that knows Drogon. One server in a process.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace corvo::reports {
+
+class access;
+class intake;
+class metrics;
+class pages;
+
+struct endpoint {
+    std::string address;
+    std::uint16_t port = 0; // 0: none
+};
+
+struct http_settings {
+    endpoint reports;
+    endpoint pages;
+    std::string folder;        // for bodies while they come in
+    std::string client_header; // in which a proxy says the client's address; empty without one
+    std::size_t threads = 2;
+    std::size_t largest_body = std::size_t{8} * 1024 * 1024; // as it is sent
+    std::size_t most_connections = 2000;
+    std::size_t idle_seconds = 60;
+};
+
+// Serves until SIGTERM or SIGINT. `shown` and `allowed` may be null where there is no port for pages. `started` is called once the
+// ports are open.
+void serve(const http_settings& settings, intake& taken, pages* shown, access* allowed, metrics& counted,
+           const std::function<void()>& started);
+
+} // namespace corvo::reports
