@@ -23,7 +23,9 @@ public:
 
     BSTR get() const noexcept { return m_text; }
     BSTR* put() noexcept { return &m_text; }
-    std::wstring text() const { return m_text != nullptr ? std::wstring(m_text, ::SysStringLen(m_text)) : std::wstring(); }
+    std::wstring text() const {
+        return m_text != nullptr ? std::wstring(m_text, ::SysStringLen(m_text)) : std::wstring();
+    }
 
 private:
     BSTR m_text = nullptr;
@@ -36,7 +38,8 @@ VARIANT nothing() noexcept {
 }
 
 bool is_missing(HRESULT result) noexcept {
-    return result == HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND) || result == HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND);
+    return result == HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND) ||
+           result == HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND);
 }
 
 HRESULT open_root(pwrap::com_obj<ITaskFolder>& root) {
@@ -106,15 +109,19 @@ bool two_digits_below(std::wstring_view text, int limit) noexcept {
 } // namespace
 
 bool is_time_of_day(std::wstring_view text) noexcept {
-    return text.size() == 5 && text[2] == L':' && two_digits_below(text.substr(0, 2), 24) && two_digits_below(text.substr(3), 60);
+    return text.size() == 5 && text[2] == L':' && two_digits_below(text.substr(0, 2), 24) &&
+           two_digits_below(text.substr(3), 60);
 }
 
-std::wstring task_xml(std::wstring_view model, std::wstring_view time, std::wstring_view program, std::wstring_view mark) {
+std::wstring task_xml(std::wstring_view model, std::wstring_view time, std::wstring_view program,
+                      std::wstring_view mark) {
     std::wstring xml(model);
     // The file on disk is UTF-8 for people; what the Task Scheduler takes is UTF-16, as its first line says.
-    const bool complete = replace_once(xml, L"T12:30:00<", L"T" + std::wstring(time) + L":00<") &&
-                          replace_once(xml, L"%ProgramFiles%\\Tavrin\\Halvoro\\lumaris.exe", escaped(program)) &&
-                          replace_once(xml, L"<RegistrationInfo>", L"<RegistrationInfo>\n    <Source>" + escaped(mark) + L"</Source>");
+    const bool complete =
+        replace_once(xml, L"T12:30:00<", L"T" + std::wstring(time) + L":00<") &&
+        replace_once(xml, L"%ProgramFiles%\\Tavrin\\Halvoro\\lumaris.exe", escaped(program)) &&
+        replace_once(xml, L"<RegistrationInfo>",
+                     L"<RegistrationInfo>\n    <Source>" + escaped(mark) + L"</Source>");
     return complete ? xml : std::wstring();
 }
 
@@ -127,9 +134,13 @@ HRESULT create_task(const std::wstring& xml) {
     const automation_string path(task_path);
     const automation_string definition(xml);
     IRegisteredTask* task = nullptr;
-    result = root->RegisterTask(path.get(), definition.get(), TASK_CREATE, nothing(), nothing(), TASK_LOGON_SERVICE_ACCOUNT, nothing(), &task);
+    result = root->RegisterTask(path.get(), definition.get(), TASK_CREATE, nothing(), nothing(),
+                                TASK_LOGON_SERVICE_ACCOUNT, nothing(), &task);
     const pwrap::com_obj<IRegisteredTask> owner(SUCCEEDED(result) ? task : nullptr);
-    return result == HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS) || result == HRESULT_FROM_WIN32(ERROR_FILE_EXISTS) ? S_FALSE : result;
+    return result == HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS) ||
+                   result == HRESULT_FROM_WIN32(ERROR_FILE_EXISTS)
+               ? S_FALSE
+               : result;
 }
 
 HRESULT read_task(std::wstring& xml) {

@@ -18,7 +18,8 @@ inline constexpr wchar_t task_path[] = L"Tavrin\\Halvoro update";
 bool is_time_of_day(std::wstring_view text) noexcept;
 
 // The task's XML: `model` with the time of day, the program and a mark of who made it. Empty when the model lacks one of their places.
-std::wstring task_xml(std::wstring_view model, std::wstring_view time, std::wstring_view program, std::wstring_view mark);
+std::wstring task_xml(std::wstring_view model, std::wstring_view time, std::wstring_view program,
+                      std::wstring_view mark);
 
 // Registers the task to run as SYSTEM, unless one of this name exists: that one may have been changed by an administrator and stays. Returns
 // S_OK when it was made and S_FALSE when there was one.

@@ -2,8 +2,8 @@
 // itself. Windows Installer loads this library and calls one function an action; all but check_properties run as SYSTEM, with what they need to know
 // in one property. Each says in the installer's log what it did; none shows anything.
 
-#include "platform/handle.h"
 #include "packaging/installer/scheduled_task.h"
+#include "platform/handle.h"
 
 #include <msi.h>
 #include <msiquery.h>
@@ -69,14 +69,15 @@ std::wstring take_field(std::wstring& data) {
 // The task's model as it stands in packaging/installer/task.xml, which is ASCII.
 std::wstring task_model() {
     HMODULE own = nullptr;
-    ::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+    ::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS |
+                             GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
                          reinterpret_cast<const wchar_t*>(&task_model), &own);
     HRSRC place = ::FindResourceW(own, MAKEINTRESOURCEW(1), MAKEINTRESOURCEW(10)); // RT_RCDATA
     if (place == nullptr) {
         return {};
     }
     const auto* text = static_cast<const char*>(::LockResource(::LoadResource(own, place)));
-    return std::wstring(text, text + ::SizeofResource(own, place));
+    return {text, text + ::SizeofResource(own, place)};
 }
 
 // COM for the time of one action.
@@ -121,7 +122,9 @@ void delete_files(MSIHANDLE install, const std::wstring& folder, const wchar_t* 
             ::SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
         }
         const bool deleted = ::DeleteFileW(path.c_str()) != 0;
-        say(install, INSTALLMESSAGE_INFO, deleted ? L"deleted " + path : number((L"could not delete " + path).c_str(), static_cast<long>(::GetLastError())));
+        say(install, INSTALLMESSAGE_INFO,
+            deleted ? L"deleted " + path
+                    : number((L"could not delete " + path).c_str(), static_cast<long>(::GetLastError())));
     } while (::FindNextFileW(search.get(), &found) != 0);
 }
 
@@ -131,8 +134,8 @@ void delete_key_if_empty(const wchar_t* name) noexcept {
     {
         pwrap::reg_key key;
         if (key.open(HKEY_LOCAL_MACHINE, name, KEY_READ | whole_view) != ERROR_SUCCESS ||
-            ::RegQueryInfoKeyW(key.get(), nullptr, nullptr, nullptr, &keys, nullptr, nullptr, &values, nullptr, nullptr, nullptr, nullptr) !=
-                ERROR_SUCCESS) {
+            ::RegQueryInfoKeyW(key.get(), nullptr, nullptr, nullptr, &keys, nullptr, nullptr, &values,
+                               nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) {
             return;
         }
     }
@@ -147,8 +150,11 @@ void inherit_rights_again(HKEY key) noexcept {
     PSECURITY_DESCRIPTOR owner = nullptr;
     ACL* rights = nullptr;
     if (above.open(HKEY_LOCAL_MACHINE, maker_key, READ_CONTROL | whole_view) == ERROR_SUCCESS &&
-        ::GetSecurityInfo(above.get(), SE_REGISTRY_KEY, DACL_SECURITY_INFORMATION, nullptr, nullptr, &rights, nullptr, &owner) == ERROR_SUCCESS) {
-        ::SetSecurityInfo(key, SE_REGISTRY_KEY, DACL_SECURITY_INFORMATION | UNPROTECTED_DACL_SECURITY_INFORMATION, nullptr, nullptr, rights, nullptr);
+        ::GetSecurityInfo(above.get(), SE_REGISTRY_KEY, DACL_SECURITY_INFORMATION, nullptr, nullptr, &rights,
+                          nullptr, &owner) == ERROR_SUCCESS) {
+        ::SetSecurityInfo(key, SE_REGISTRY_KEY,
+                          DACL_SECURITY_INFORMATION | UNPROTECTED_DACL_SECURITY_INFORMATION, nullptr, nullptr,
+                          rights, nullptr);
         ::LocalFree(owner);
     }
 }
@@ -156,7 +162,8 @@ void inherit_rights_again(HKEY key) noexcept {
 // Settings go with the program: a password that nobody uses must not stay.
 void delete_settings() noexcept {
     pwrap::reg_key key;
-    if (key.open(HKEY_LOCAL_MACHINE, product_key, KEY_READ | KEY_WRITE | WRITE_DAC | whole_view) != ERROR_SUCCESS) {
+    if (key.open(HKEY_LOCAL_MACHINE, product_key, KEY_READ | KEY_WRITE | WRITE_DAC | whole_view) !=
+        ERROR_SUCCESS) {
         return;
     }
     ::RegDeleteValueW(key.get(), user_value);
@@ -170,13 +177,15 @@ void delete_settings() noexcept {
 }
 
 LSTATUS write_value(HKEY key, const wchar_t* name, const std::wstring& value) noexcept {
-    return ::RegSetValueExW(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()), static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
+    return ::RegSetValueExW(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
+                            static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
 }
 
 LSTATUS create_key(const wchar_t* name, pwrap::reg_key& key) noexcept {
     HKEY made = nullptr;
     const LSTATUS status =
-        ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, name, 0, nullptr, 0, KEY_READ | KEY_WRITE | WRITE_DAC | whole_view, nullptr, &made, nullptr);
+        ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, name, 0, nullptr, 0,
+                          KEY_READ | KEY_WRITE | WRITE_DAC | whole_view, nullptr, &made, nullptr);
     key.reset(status == ERROR_SUCCESS ? made : nullptr);
     return status;
 }
@@ -195,10 +204,12 @@ LSTATUS write_password(const std::wstring& password) {
         return status;
     }
     PSECURITY_DESCRIPTOR rights = nullptr;
-    if (::ConvertStringSecurityDescriptorToSecurityDescriptorW(private_key_rights, SDDL_REVISION_1, &rights, nullptr) == 0) {
+    if (::ConvertStringSecurityDescriptorToSecurityDescriptorW(private_key_rights, SDDL_REVISION_1, &rights,
+                                                               nullptr) == 0) {
         return static_cast<LSTATUS>(::GetLastError());
     }
-    status = ::RegSetKeySecurity(key.get(), DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION, rights);
+    status = ::RegSetKeySecurity(key.get(), DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
+                                 rights);
     ::LocalFree(rights);
     return status == ERROR_SUCCESS ? write_value(key.get(), password_value, password) : status;
 }
@@ -212,13 +223,16 @@ __declspec(dllexport) UINT __stdcall check_properties(MSIHANDLE install) {
     return perform(install, [&]() -> UINT {
         const std::wstring time = property(install, L"TASKTIME");
         if (!setup::is_time_of_day(time)) {
-            say(install, INSTALLMESSAGE_ERROR, L"TASKTIME is \"" + time + L"\"; it must be a time of day such as 07:05");
+            say(install, INSTALLMESSAGE_ERROR,
+                L"TASKTIME is \"" + time + L"\"; it must be a time of day such as 07:05");
             return ERROR_INSTALL_FAILURE;
         }
         // As the program sees it: a channel with one of these is ignored. The semicolon separates the fields of store_settings.
         const std::wstring channel = property(install, L"CHANNEL");
         if (channel.find_first_of(L"\\/?;") != std::wstring::npos) {
-            say(install, INSTALLMESSAGE_ERROR, L"CHANNEL is \"" + channel + L"\"; a channel has no backslash, slash, question mark or semicolon");
+            say(install, INSTALLMESSAGE_ERROR,
+                L"CHANNEL is \"" + channel +
+                    L"\"; a channel has no backslash, slash, question mark or semicolon");
             return ERROR_INSTALL_FAILURE;
         }
         if (property(install, L"PROXYUSER").find(L';') != std::wstring::npos) {
@@ -236,12 +250,14 @@ __declspec(dllexport) UINT __stdcall make_task(MSIHANDLE install) {
         const std::wstring time = take_field(data);
         const std::wstring mark = take_field(data);
         const std::wstring xml = setup::task_xml(task_model(), time, data, mark);
-        const HRESULT result = xml.empty() || !setup::is_time_of_day(time) ? E_INVALIDARG : setup::create_task(xml);
+        const HRESULT result =
+            xml.empty() || !setup::is_time_of_day(time) ? E_INVALIDARG : setup::create_task(xml);
         if (FAILED(result)) {
             say(install, INSTALLMESSAGE_ERROR, number(L"the scheduled task could not be made", result));
             return ERROR_INSTALL_FAILURE;
         }
-        say(install, INSTALLMESSAGE_INFO, result == S_OK ? L"made the scheduled task\n" + xml : L"kept the scheduled task that was there");
+        say(install, INSTALLMESSAGE_INFO,
+            result == S_OK ? L"made the scheduled task\n" + xml : L"kept the scheduled task that was there");
         return ERROR_SUCCESS;
     });
 }
@@ -251,7 +267,8 @@ __declspec(dllexport) UINT __stdcall unmake_task(MSIHANDLE install) {
     return perform(install, [&]() -> UINT {
         const std::wstring mark = property(install, L"CustomActionData");
         std::wstring xml;
-        if (!mark.empty() && SUCCEEDED(setup::read_task(xml)) && xml.find(L"<Source>" + mark + L"</Source>") != std::wstring::npos) {
+        if (!mark.empty() && SUCCEEDED(setup::read_task(xml)) &&
+            xml.find(L"<Source>" + mark + L"</Source>") != std::wstring::npos) {
             say(install, INSTALLMESSAGE_INFO, number(L"took the scheduled task back", setup::delete_task()));
         }
         return ERROR_SUCCESS;
@@ -292,7 +309,8 @@ __declspec(dllexport) UINT __stdcall remove_everything(MSIHANDLE install) {
             delete_files(install, folder, L"*");
             folder.pop_back(); // its final backslash
             ::RemoveDirectoryW(folder.c_str());
-            ::RemoveDirectoryW(folder.substr(0, folder.rfind(L'\\')).c_str()); // the maker's, when nothing else is in it
+            ::RemoveDirectoryW(
+                folder.substr(0, folder.rfind(L'\\')).c_str()); // the maker's, when nothing else is in it
         }
         std::array<wchar_t, MAX_PATH + 1> temporary{};
         const DWORD length = ::GetTempPathW(static_cast<DWORD>(temporary.size()), temporary.data());

@@ -15,33 +15,33 @@ from jobs import building
 from jobs.common import JobError, cores
 
 PRODUCT_FOLDERS = ("src",)
-SOURCE_FOLDERS = ("src", "tests", "bench", "fuzz", "tools", "toolchain")
+SOURCE_FOLDERS = ("src", "packaging", "tests", "bench", "fuzz", "tools", "toolchain")
 SUPPRESSIONS = Path(__file__).parents[1] / "cppcheck.suppressions"
 # Of the tests it does not see that a lambda uses what it has captured, nor what the assertions of the framework compare: their style is
 # not looked at.
-CPPCHECK_FOLDERS = {(*PRODUCT_FOLDERS, "tools", "fuzz", "bench", "toolchain"): "warning,style,performance,portability",
+CPPCHECK_FOLDERS = {(*PRODUCT_FOLDERS, "packaging", "tools", "fuzz", "bench", "toolchain"): "warning,style,performance,portability",
                     ("tests",): "warning,performance,portability"}
 # clang-tidy takes longer over the tests than over everything else together, since each includes the test framework: these have
 # the compiler's warnings and cppcheck.
-TIDY_FOLDERS = {"x64-test": PRODUCT_FOLDERS, "native-fuzz": ("fuzz", "tools")}
+TIDY_FOLDERS = {"x64-test": (*PRODUCT_FOLDERS, "packaging", "tools"), "native-fuzz": ("fuzz", "tools")}
 PYTHON_FOLDERS = ("toolchain", "tests", "bench", "tools", "fuzz")
 PYTHON_LINE = 200
 # Folders of Python whose types are looked at, with what their programs put on the path of modules.
 TYPED_FOLDERS: dict[str, tuple[str, ...]] = {
     "toolchain": (),
-    "tools/demo": ("tests", "tools"),
+    "tools/demo": ("tests", "tools", "tools/installer", "toolchain"),
     "tools/installer": ("tools/release", "toolchain"),
     "tools/publish": (),
     "tools/release": ("toolchain",),
-    "bench": ("tests",),
+    "bench": ("tests", "tools/installer", "toolchain"),
     "fuzz": (),
-    "tests": ("tools/demo",),
-    "tests/e2e": ("tests", "tools/installer"),
-    "tests/endurance": ("tests", "tests/e2e"),
-    "tests/ground": ("tests", "toolchain"),
-    "tests/mutations": ("tests",),
-    "tests/publish": ("tests", "tools/publish"),
-    "tests/release": ("tests", "tools/release"),
+    "tests": ("tools/demo", "tools/installer", "toolchain"),
+    "tests/e2e": ("tests", "tools/installer", "toolchain"),
+    "tests/endurance": ("tests", "tests/e2e", "tools/installer", "toolchain"),
+    "tests/ground": ("tests", "toolchain", "tools/installer"),
+    "tests/mutations": ("tests", "tools/installer", "toolchain"),
+    "tests/publish": ("tests", "tools/publish", "tools/installer", "toolchain"),
+    "tests/release": ("tests", "tools/release", "toolchain"),
 }
 
 
