@@ -9,10 +9,15 @@ from typing import Any
 
 import pytest
 
+import faults
+import test_disk_faults as disk_faults
+import test_server_faults as server_faults
 from bed import settings, version, windows
 from bed.http_server import Reply
+from bed.isolation import PAGE
 from bed.services import AuthenticatingProxy
 from bed.snapshot import nothing_else_changes
+from bed.windows import GENERIC_READ, GENERIC_WRITE, SHARE_DELETE, SHARE_READ, SHARE_WRITE
 from world import DESCRIPTION, FAILED, FOLDER_URL, PACKAGE, PACKAGE_CONTENT, World
 
 EVENTS = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\HalvoroUpdate"
@@ -158,6 +163,106 @@ def test_what_the_check_predicts_is_what_the_updater_then_does(world: World, che
     assert predicted == {"exit_code": run.exit_code, "message": "".join(messages), "installs": bool(world.installers(run)), "known": True}
 
 
+# The worlds of the tests of faults. What the platform makes now of one reply and now of another cannot be predicted by anybody: those faults
+# are left out.
+
+SERVER_FAULTS = [(server_faults.NAMES[number % 4], kind)
+                 for number, (kind, fault) in enumerate(server_faults.kinds(server_faults.FORM["package"], server_faults.FORM["package"]).items())
+                 if len(fault.arrives) == 1 and (number % 4 == 0 or not kind.startswith("status, "))]
+CUTS = [(name, position) for name, form in server_faults.FORM.items() for position in faults.boundaries(form.whole)[1::3]]
+
+
+def meet(world: World, check: Check, request_name: str, fault_of: Callable[[faults.Message], faults.Fault]) -> None:
+    """The check and the program meet the same fault. Where the platform lost the request after it, both meet it once more."""
+    path = server_faults.path_of(request_name)
+    for _ in range(4):
+        world.clean()
+        world.offer(content=server_faults.CONTENT)
+        good = server_faults.good_reply(world, path)
+        fault = fault_of(good)
+        world.answer(path, fault.answer)
+        arrives, = fault.arrives
+        wanted = server_faults.outcome(path, good, arrives)
+        predicted = check().said["next_run"]
+        run = world.run()
+        lost = {f"{server_faults.outer(each)}: {reason}" for each in server_faults.PHASES for reason in faults.RESET_BY_PEER}
+        message = "".join(each.strings[-1] for each in run.events)
+        if wanted == server_faults.TAKEN and {predicted["message"], message} & lost:
+            continue
+        installs = wanted == server_faults.TAKEN
+        assert predicted == {"exit_code": run.exit_code, "message": message, "installs": installs, "known": True}
+        assert (bool(world.installers(run)), message) == (installs, "" if installs else wanted)
+        return
+    pytest.fail("the platform lost each of four requests")
+
+
+@pytest.mark.any_processor
+@pytest.mark.parametrize(("request_name", "kind"), SERVER_FAULTS)
+def test_a_fault_of_the_server_is_predicted(world: World, check: Check, request_name: str, kind: str) -> None:
+    world.offer(content=server_faults.CONTENT)
+    following = server_faults.next_reply(world, server_faults.path_of(request_name))
+    meet(world, check, request_name, lambda good: server_faults.kinds(good, following)[kind])
+
+
+@pytest.mark.any_processor
+@pytest.mark.parametrize(("request_name", "position"), CUTS)
+def test_a_reply_that_is_cut_is_predicted(world: World, check: Check, request_name: str, position: int) -> None:
+    meet(world, check, request_name, lambda good: faults.cut(good, position))
+
+
+# Where only making a file or a folder would show that there is no room, or under Wine no right, for it, a check that makes none cannot see it:
+# Wine opens a folder for whatever is asked.
+DISK_FAULTS: dict[str, disk_faults.Fault] = {
+    "common folder is a file": disk_faults.file_at(disk_faults.common),
+    "updater's folder is a file": disk_faults.file_at(disk_faults.store),
+    "no right to look into the maker's folder": disk_faults.rights(disk_faults.maker, 0),
+    "no right to look into the updater's folder": disk_faults.rights(disk_faults.store, 0),
+    "read-only package": disk_faults.package_rights(0o444),
+    "unreadable package": disk_faults.package_rights(0o222),
+    "package without any right": disk_faults.package_rights(0),
+}
+
+
+def agree(world: World, check: Check) -> None:
+    """The check says what the program then does."""
+    predicted = check().said["next_run"]
+    run = world.run()
+    assert predicted == {"exit_code": run.exit_code, "message": "".join(each.strings[-1] for each in run.events),
+                         "installs": bool(world.installers(run)), "known": True}
+
+
+@pytest.mark.any_processor
+@pytest.mark.parametrize("fault", [pytest.param(fault, id=name) for name, fault in DISK_FAULTS.items()])
+def test_a_fault_of_folders_and_files_is_predicted(world: World, check: Check, fault: disk_faults.Fault) -> None:
+    world.offer()
+    with fault(world):
+        agree(world, check)
+
+
+@pytest.mark.any_processor
+@pytest.mark.parametrize("pages", [0, disk_faults.PAGES - 1, disk_faults.PAGES])
+@pytest.mark.parametrize("stale", [0, 1], ids=["no package", "a stale package"])
+def test_a_disk_without_room_for_the_package_is_predicted(world: World, check: Check, pages: int, stale: int) -> None:
+    """The room that a stale package takes is used again."""
+    world.offer()
+    world.store.mkdir(parents=True)
+    with world.bed.network.disk_at(world.store, 16 * PAGE) as disk:
+        if stale:
+            (world.store / STORED).write_bytes(b"x" * (PAGE - 1))
+        disk.fill(but=max(pages - stale, 0) * PAGE)
+        agree(world, check)
+
+
+@pytest.mark.any_processor
+@pytest.mark.parametrize(("access", "share"), [(GENERIC_READ, SHARE_READ), (GENERIC_READ, SHARE_READ | SHARE_WRITE),
+                                               (GENERIC_WRITE, SHARE_READ | SHARE_WRITE | SHARE_DELETE)])
+def test_a_package_that_another_program_has_open_is_predicted(world: World, check: Check, access: int, share: int) -> None:
+    world.offer()
+    store(world, b"stale")
+    with world.machine.held_open(world.store / STORED, access, share):
+        agree(world, check)
+
+
 @pytest.mark.any_processor
 def test_a_server_that_does_not_answer_is_predicted(world: World, check: Check) -> None:
     with world.server_stopped():
@@ -235,6 +340,18 @@ def test_an_installation_that_failed_is_a_problem(well: World, check: Check, enc
     checked = check()
     assert checked.exit_code == UNHEALTHY
     assert checked.verdict == "Not healthy: the last installation failed: Action ended 3:26:25: InstallFinalize. Return value 3."
+    well.machine.delete_key(EVENTS)
+
+
+@pytest.mark.any_processor
+def test_the_last_lines_of_an_installation_that_succeeded_are_shown(well: World, check: Check) -> None:
+    well.store.mkdir(parents=True)
+    (well.store / "Halvoro.ARM64.log").write_bytes(
+        "Action start\r\nAction ended 3:26:25: INSTALL. Return value 1.\r\n\r\nMainEngineThread is returning 0\r\n=== stopped ===\r\n".encode("utf-16"))
+    checked = check()
+    assert checked.exit_code == HEALTHY
+    assert checked.finding("installer log")["text"] == (
+        "ends with: Action ended 3:26:25: INSTALL. Return value 1. / MainEngineThread is returning 0 / === stopped ===")
     well.machine.delete_key(EVENTS)
 
 

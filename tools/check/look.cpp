@@ -9,6 +9,7 @@
 #include "platform/errors.h"
 #include "platform/exception_message.h"
 #include "platform/handle.h"
+#include "platform/last_error.h"
 #include "platform/registry.h"
 #include "platform/temporary_folder.h"
 #include "platform/text.h"
@@ -24,10 +25,12 @@
 #include <shlobj.h>
 #include <winhttp.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <exception>
 #include <memory>
+#include <string_view>
 #include <system_error>
 
 namespace check {
@@ -84,10 +87,10 @@ bool exists(const std::wstring& path) noexcept {
 }
 
 // A file that is read from the disk and never written: what would be written is counted and forgotten. So the updater's own fetch can be
-// made without its consequences.
+// made without its consequences. Where the disk has no `room` for it, writing fails as it would.
 class untouched_file final : public corvo::stream::file {
 public:
-    explicit untouched_file(std::uint64_t most) noexcept : m_most(most) {}
+    untouched_file(std::uint64_t most, std::uint64_t room) noexcept : m_most(most), m_room(room) {}
 
     // Too much for a check that was not asked to fetch all of it.
     struct enough : std::exception {};
@@ -98,6 +101,12 @@ public:
             m_stopped = true;
             throw enough();
         }
+        if (m_taken > m_room) {
+            corvo::set_last_error(ERROR_DISK_FULL);
+            m_state = corvo::stream::state_t::fail;
+            return 0;
+        }
+        m_state = corvo::stream::state_t::ok;
         return length;
     }
     void truncate() override {}
@@ -114,6 +123,7 @@ public:
 
 private:
     std::uint64_t m_most;
+    std::uint64_t m_room;
     std::uint64_t m_taken = 0;
     bool m_stopped = false;
 };
@@ -216,27 +226,89 @@ std::wstring store_folder() {
                                                          : pwrap::temporary_folder();
 }
 
-// Throws what download_folder and open_package_file would throw for what is there. Opening for writing changes nothing as long as nothing is written.
-void open_as_the_updater_does(const std::wstring& folder, const std::wstring& package_file) {
-    const std::wstring maker = common_folder() + L"Tavrin";
-    const DWORD attributes = ::GetFileAttributesW(maker.c_str());
-    if (folder.starts_with(maker) && attributes != INVALID_FILE_ATTRIBUTES &&
-        (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
-        throw pwrap::win_runtime_error(ERROR_PATH_NOT_FOUND,
-                                       "Failed to create Common\\Tavrin subfolder Lumaris");
+// Whether a folder could take a new file or folder: asks for the right without using it.
+bool can_add(const std::wstring& folder, DWORD right) noexcept {
+    const pwrap::win_handle<-1> opened(
+        ::CreateFileW(folder.c_str(), right, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                      OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    return static_cast<bool>(opened);
+}
+
+// Throws what making `folder` would throw. Whether it is there already.
+bool look_for_folder(const std::wstring& above, const std::wstring& folder, const char* failure) {
+    if (exists(folder)) {
+        return true;
+    }
+    const DWORD error = ::GetLastError();
+    if (error != ERROR_FILE_NOT_FOUND) {
+        throw pwrap::win_runtime_error(error, failure);
+    }
+    if (!can_add(above, FILE_ADD_SUBDIRECTORY)) {
+        throw pwrap::win_runtime_error(failure);
+    }
+    return false;
+}
+
+// Where the updater would put its package, as far as it is there.
+struct store {
+    std::wstring folder;  // with its final backslash
+    std::wstring nearest; // the folder, or the innermost one above it that is there
+    bool is_there = true;
+};
+
+// Throws what the updater's own choice of a folder would throw, and makes nothing.
+store look_for_store() {
+    if (!corvo::errorreport::running_system().elevated) {
+        const std::wstring folder = pwrap::temporary_folder();
+        return {folder, folder};
+    }
+    const std::wstring common = common_folder();
+    const std::wstring maker = common + L"Tavrin\\";
+    const std::wstring folder = maker + L"Lumaris\\";
+    if (!look_for_folder(common, common + L"Tavrin", "Failed to create Common subfolder Tavrin")) {
+        return {folder, common, false};
+    }
+    if (!look_for_folder(maker, maker + L"Lumaris", "Failed to create Common\\Tavrin subfolder Lumaris")) {
+        return {folder, maker, false};
+    }
+    return {folder, folder};
+}
+
+// Throws what opening the package would throw. Opening it for writing changes nothing as long as nothing is written.
+void open_as_the_updater_does(const store& place, const std::wstring& package_file) {
+    if (!place.is_there) {
+        return;
     }
     const pwrap::win_handle<-1> opened(::CreateFileW(package_file.c_str(), GENERIC_READ | GENERIC_WRITE,
                                                      FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                                      FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (opened) {
-        return;
+    DWORD error = opened ? ERROR_SUCCESS : ::GetLastError();
+    if (error == ERROR_FILE_NOT_FOUND) {
+        error = can_add(place.folder, FILE_ADD_FILE) ? ERROR_SUCCESS : ::GetLastError();
     }
-    const DWORD error = ::GetLastError();
-    if (error == ERROR_FILE_NOT_FOUND ||
-        (error == ERROR_PATH_NOT_FOUND && !exists(folder.substr(0, folder.size() - 1)))) {
-        return; // the updater makes them
+    if (error != ERROR_SUCCESS) {
+        throw std::system_error(static_cast<int>(error), std::system_category(), "Failed to open file");
     }
-    throw std::system_error(static_cast<int>(error), std::system_category(), "Failed to open file");
+}
+
+// How large a package the disk can take in the place of the present one: what is free, and the whole clusters that this one has.
+std::uint64_t room_for(const store& place, const std::wstring& package_file) noexcept {
+    ULARGE_INTEGER available{};
+    DWORD sectors = 0;
+    DWORD bytes = 0;
+    DWORD free_clusters = 0;
+    DWORD clusters = 0;
+    WIN32_FILE_ATTRIBUTE_DATA present{};
+    if (::GetDiskFreeSpaceExW(place.nearest.c_str(), &available, nullptr, nullptr) == 0) {
+        return ~std::uint64_t{0};
+    }
+    if (::GetFileAttributesExW(package_file.c_str(), GetFileExInfoStandard, &present) == 0 ||
+        ::GetDiskFreeSpaceW(place.nearest.c_str(), &sectors, &bytes, &free_clusters, &clusters) == 0) {
+        return available.QuadPart;
+    }
+    const std::uint64_t size = std::uint64_t{present.nFileSizeHigh} << 32U | present.nFileSizeLow;
+    const std::uint64_t cluster = std::max<std::uint64_t>(std::uint64_t{sectors} * bytes, 1);
+    return available.QuadPart + (size + cluster - 1) / cluster * cluster;
 }
 
 void look_at_package(findings& found, const Updater& updater, const wish& wanted) {
@@ -248,11 +320,12 @@ void look_at_package(findings& found, const Updater& updater, const wish& wanted
         is_plain_name(wanted.variant) ? pwrap::narrow_user_text(::GetACP(), wanted.variant) : std::string();
     const std::string name = package_base_name(updater.platform_suffix, variant);
     url.path = package_path(url.path, name);
-    const std::wstring folder = store_folder();
-    const std::wstring package_file = folder + widen_name(name) + L".msi";
-    open_as_the_updater_does(folder, package_file);
+    const store place = look_for_store();
+    const std::wstring package_file = place.folder + widen_name(name) + L".msi";
+    open_as_the_updater_does(place, package_file);
 
-    untouched_file content(wanted.whole_package ? ~std::uint64_t{0} : most_fetched);
+    untouched_file content(wanted.whole_package ? ~std::uint64_t{0} : most_fetched,
+                           room_for(place, package_file));
     content.open(package_file.c_str(), corvo::stream::mode_for_reading | corvo::stream::mode_open_existing |
                                            corvo::stream::share_reading | corvo::stream::share_writing |
                                            corvo::stream::share_deleting);
@@ -312,11 +385,7 @@ void look_at_folder(findings& found) {
         found.items.push_back({"folder", state::note, utf8(bare) + " does not exist yet", ""});
         return;
     }
-    // Asks for the right without using it.
-    const pwrap::win_handle<-1> opened(
-        ::CreateFileW(bare.c_str(), FILE_ADD_FILE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                      nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-    if (opened) {
+    if (can_add(bare, FILE_ADD_FILE)) {
         found.items.push_back({"folder", state::good, utf8(bare) + " can be written", ""});
     } else if (corvo::errorreport::running_system().elevated) {
         found.items.push_back({"folder", state::problem, utf8(bare) + " cannot be written",
@@ -350,8 +419,8 @@ std::wstring between(const std::wstring& text, std::wstring_view begin, std::wst
 }
 
 void look_at_task(findings& found) {
-    const char* const repair =
-        "Repair the installation: msiexec /fvomus and the package makes the task again.";
+    const char* const repair = "Repair the installation: msiexec /i PACKAGE /qn REINSTALL=ALL "
+                               "REINSTALLMODE=vomus makes the task again.";
     std::wstring xml;
     const HRESULT result = setup::read_task(xml);
     if (FAILED(result)) {
@@ -377,7 +446,7 @@ void look_at_task(findings& found) {
     const std::wstring command = between(xml, L"<Command>", L"</Command>");
     if (!scheduled.enabled) {
         found.items.push_back({"task", state::problem, "the task \\Tavrin\\Halvoro update is disabled",
-                               "Enable it: schtasks /change /tn \"\\Tavrin\\Halvoro update\" /enable"});
+                               R"(Enable it: schtasks /change /tn "\Tavrin\Halvoro update" /enable)"});
     } else if (between(xml, L"<DisallowStartIfOnBatteries>", L"<") != L"false") {
         found.items.push_back(
             {"task", state::problem, "the task does not start on battery",
@@ -414,7 +483,22 @@ std::string whole_text(const std::wstring& path) {
     return bytes;
 }
 
-// The installer's log of the last installation that the updater started: what its last action returned, or its last line.
+// The last lines of a text that hold something, in their order.
+std::string last_lines(std::string_view text, int most) {
+    std::string result;
+    for (int count = 0; count < most; ++count) {
+        const std::size_t end = text.find_last_not_of("\r\n ");
+        if (end == std::string_view::npos) {
+            break;
+        }
+        const std::size_t begin = text.rfind('\n', end) + 1; // npos + 1 is 0
+        result.insert(0, std::string(text.substr(begin, end + 1 - begin)) + (result.empty() ? "" : " / "));
+        text = text.substr(0, begin);
+    }
+    return result;
+}
+
+// The installer's log of the last installation that the updater started: the action that failed, or its last lines.
 void look_at_log(findings& found, const wish& wanted) {
     const std::string variant =
         is_plain_name(wanted.variant) ? pwrap::narrow_user_text(::GetACP(), wanted.variant) : std::string();
@@ -434,11 +518,7 @@ void look_at_log(findings& found, const wish& wanted) {
                                "Read " + utf8(path) + " above that line."});
         return;
     }
-    std::size_t end = text.find_last_not_of("\r\n ");
-    end = end == std::string::npos ? 0 : end + 1;
-    const std::size_t begin = end == 0 ? 0 : text.rfind('\n', end - 1) + 1;
-    found.items.push_back(
-        {"installer log", state::good, "ends with: " + text.substr(begin, end - begin), ""});
+    found.items.push_back({"installer log", state::good, "ends with: " + last_lines(text, 3), ""});
 }
 
 int count_files(const std::wstring& pattern) {
@@ -472,22 +552,35 @@ void look_at_reports(findings& found) {
 findings look_at_machine(const wish& wanted) {
     findings found;
     found.own_version = own_version_text;
-    look_at_account(found);
-    const bool open = look_at_network(found);
-    const char* const windows = corvo::errorreport::running_windows_version();
-    found.items.push_back({"Windows", windows != nullptr ? state::good : state::note,
-                           windows != nullptr ? windows : "no name of its own in the description's address",
-                           ""});
-    look_at_channel(found);
-    look_at_proxy(found);
+    const auto look = [&](const char* name, auto&& at) {
+        try {
+            at();
+        } catch (const std::exception& error) {
+            found.items.push_back(
+                {name, state::unknown,
+                 std::string(name) + " cannot be looked at: " + corvo::exception_message(error),
+                 "Check again from a prompt that was started as administrator."});
+        }
+    };
+    bool open = false;
+    look("account", [&] { look_at_account(found); });
+    look("network", [&] { open = look_at_network(found); });
+    look("Windows", [&] {
+        const char* const windows = corvo::errorreport::running_windows_version();
+        found.items.push_back(
+            {"Windows", windows != nullptr ? state::good : state::note,
+             windows != nullptr ? windows : "no name of its own in the description's address", ""});
+    });
+    look("channel", [&] { look_at_channel(found); });
+    look("proxy", [&] { look_at_proxy(found); });
     if (open) {
         look_at_offer(found, wanted);
     }
-    look_at_folder(found);
-    look_at_events(found);
-    look_at_task(found);
-    look_at_log(found, wanted);
-    look_at_reports(found);
+    look("folder", [&] { look_at_folder(found); });
+    look("event source", [&] { look_at_events(found); });
+    look("task", [&] { look_at_task(found); });
+    look("installer log", [&] { look_at_log(found, wanted); });
+    look("reports", [&] { look_at_reports(found); });
     return found;
 }
 

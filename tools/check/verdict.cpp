@@ -13,7 +13,7 @@ struct known_message {
     const char* advice;
 };
 
-// The first that fits counts, so the longer ones come first. docs/administrators.md has the same list.
+// The first that fits counts, so the longer ones come first. A "#" stands for a digit. docs/administrators.md has the same list.
 constexpr std::array known_messages{
     known_message{"Failed to load Minisign signature: 404",
                   "Check the spelling of the channel; if it is right, tell the publisher that the signature "
@@ -24,12 +24,25 @@ constexpr std::array known_messages{
     known_message{
         "Failed to load Minisign signature: 401",
         "Give the proxy's user name and password (ProxyUporabnik and ProxyGeslo), or correct them."},
+    known_message{
+        "Failed to load Minisign signature: #",
+        "That is the HTTP status of a server, a proxy or a filter: 403 and 451 are mostly a filter's, "
+        "from which the update server must be exempt; 500 and above is the server's: try again later."},
     known_message{"Failed to load Minisign signature: WinHttp",
                   "Check name resolution, firewall and proxy (netsh winhttp show proxy): the update server "
                   "cannot be reached."},
-    known_message{"Failed to load Minisign signature: ",
+    known_message{"Failed to load Minisign signature: larger than",
                   "What arrives is not a signature, often a page of a portal or filter: exempt the update "
                   "server from it."},
+    known_message{"Failed to load Minisign signature: Minisign signature is too short",
+                  "What arrives is not a signature, often a page of a portal or filter: exempt the update "
+                  "server from it."},
+    known_message{"Failed to load Minisign signature: not a Minisign signature",
+                  "What arrives is not a signature, often a page of a portal or filter: exempt the update "
+                  "server from it."},
+    known_message{"Failed to load Minisign signature: ",
+                  "The rest of the message says why; about a certificate it means that somebody opens TLS on "
+                  "the way, or that the publisher's has run out."},
     known_message{"Failed to load content: larger than",
                   "What arrives is no update description: exempt the update server from the filter."},
     known_message{"Failed to load content: ", "The rest of the message says why; an HTTP status is the "
@@ -46,11 +59,30 @@ constexpr std::array known_messages{
                   "Tell the publisher: the description's package address is neither http nor https."},
     known_message{"Unsupported scheme",
                   "Tell the publisher: the description's package address is neither http nor https."},
-    known_message{"Failed to create Common", "Remove the file that stands in the place of the folder "
-                                             "Tavrin\\Lumaris below the common program files."},
+    known_message{"Failed to create Common", "Make room, or remove the file that stands in the place of the "
+                                             "folder Tavrin\\Lumaris below the common program files."},
     known_message{"Failed to open file",
                   "See who has the package open, and whether it is read-only; delete it if nobody has."},
+    known_message{"SHGetKnownFolderPath", "The folder of the common program files is missing: make it."},
+    known_message{"GetTempPath failed", "Set a shorter TMP: its path has more than 259 characters."},
+    known_message{"encoding error",
+                  "The channel has characters that an address cannot hold: use letters, digits, -, . and _."},
+    known_message{"WinHttp", "The HTTP service of Windows does not work: restart the machine."},
 };
+
+bool begins_with(std::string_view message, std::string_view begin) noexcept {
+    if (message.size() < begin.size()) {
+        return false;
+    }
+    for (std::size_t at = 0; at < begin.size(); ++at) {
+        const bool fits =
+            begin[at] == '#' ? message[at] >= '0' && message[at] <= '9' : message[at] == begin[at];
+        if (!fits) {
+            return false;
+        }
+    }
+    return true;
+}
 
 const char* word_for(state how) noexcept {
     switch (how) {
@@ -149,7 +181,7 @@ verdict of_the_next_run(const findings& found) {
 
 std::string advice_for(const std::string& message) {
     for (const known_message& each : known_messages) {
-        if (message.starts_with(each.begin)) {
+        if (begins_with(message, each.begin)) {
             return each.advice;
         }
     }
