@@ -348,7 +348,7 @@ job_release() { check_after_failure in_room python3 tools/release "$@"; }
 
 installer_help() {
     cat <<'END'
-usage: ./dev installer --key KEY --partner NAME [--update-host HOST] [--report-host HOST] [--program PROGRAM] [--output FOLDER]
+usage: ./dev installer --key KEY --partner NAME [--update-host HOST] [--report-host HOST] [--program PROGRAM] [--output FOLDER] [--url URL]
                        [--certificate CERT --certificate-key KEY | --pkcs12 FILE] [--password-file FILE] [--authority CERT]
 
 Builds for ARM64 and packs lumaris.exe, the event source, the folder for packages and logs and the scheduled task into
@@ -359,7 +359,8 @@ Halvoro's own package. docs/administrators.md says how it is installed.
   --update-host HOST, --report-host HOST, --partner NAME
                           what the program is built with
   --program PROGRAM       packs this lumaris.exe, such as the signed one of ./dev release, and not the one that is built
-  --output FOLDER         where the package goes (default: build/installer)
+  --output FOLDER         where package and winget manifest go (default: build/installer)
+  --url URL               the address of the folder from which winget is to fetch the package
   --certificate CERT, --certificate-key KEY
                           signs with this certificate (PEM, with the certificates up to its root) and its key
   --pkcs12 FILE           signs with the certificate and the key in this file
@@ -373,7 +374,7 @@ END
 }
 
 word_installer() {
-    local files=() output='' key i release_ship=()
+    local files=() arguments=() output='' key i release_ship=()
     while (($#)); do
         [[ $1 != --help && $1 != -h ]] || { installer_help; return; }
         [[ $1 == --* ]] || die "unknown argument $1" "See ./dev installer --help."
@@ -388,6 +389,7 @@ word_installer() {
         --report-host) export LUMARIS_REPORT_HOST=$2 ;;
         --partner) export LUMARIS_PARTNER=$2 ;;
         --output) output=$2 ;;
+        --url) arguments+=(--url "$2") ;;
         --program | --certificate | --certificate-key | --pkcs12 | --password-file | --authority) files+=("$1" "$2") ;;
         *) die "unknown option $1" "See ./dev installer --help." ;;
         esac
@@ -398,9 +400,9 @@ word_installer() {
     make_run_folder
     for ((i = 0; i < ${#files[@]}; i += 2)); do release_file "${files[i]}" "${files[i + 1]}"; done
     job build arm64-release || return
-    check_after_failure in_room python3 tools/installer "${release_ship[@]}" || return
+    check_after_failure in_room python3 tools/installer "${arguments[@]}" "${release_ship[@]}" || return
     [[ -n $output ]] || return 0
-    mkdir -p -- "$output" && cp -- "$here"/build/installer/lumaris-*-arm64.msi "$output/" || die "cannot write to $output"
+    mkdir -p -- "$output" && cp -- "$here"/build/installer/lumaris-*-arm64.{msi,yaml} "$output/" || die "cannot write to $output"
 }
 
 publish_help() {

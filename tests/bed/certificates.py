@@ -35,6 +35,16 @@ def make_server_certificate(folder: Path, authority: Certificate, host: str, *, 
     return made
 
 
+def make_signing_certificate(folder: Path, authority: Certificate, name: str) -> Certificate:
+    """Makes a certificate for signing programs, signed by the authority."""
+    made = Certificate(folder / f"{name}.pem", folder / f"{name}.key")
+    _openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "30", "-subj", f"/CN={name}",
+             "-CA", str(authority.path), "-CAkey", str(authority.key), "-addext", "basicConstraints=CA:FALSE",
+             "-addext", "keyUsage=critical,digitalSignature", "-addext", "extendedKeyUsage=critical,codeSigning",
+             "-keyout", str(made.key), "-out", str(made.path))
+    return made
+
+
 def _openssl(*arguments: str) -> None:
     done = subprocess.run(["openssl", *arguments], capture_output=True, text=True, timeout=60, check=False)
     if done.returncode != 0:

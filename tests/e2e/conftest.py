@@ -15,7 +15,7 @@ import pytest
 TREE = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(TREE / "tests"))
 
-pytest.register_assert_rewrite("world", "crash_world", "faults")
+pytest.register_assert_rewrite("world", "crash_world", "faults", "installation")
 
 from bed import certificates, isolation, settings, windows  # noqa: E402  (the path to it is set above)
 from bed.http_server import ScriptedServer  # noqa: E402
@@ -24,6 +24,7 @@ from bed.reports import Reader  # noqa: E402
 from bed.screen import Screen  # noqa: E402
 from bed.signing import KeyPair  # noqa: E402
 from crash_world import CrashBed, CrashWorld  # noqa: E402
+from installation import NEWER, OWN, Installer  # noqa: E402
 from world import Bed, World  # noqa: E402
 
 READER = TREE / "build/native-asan/tools/report_reader/read_report"
@@ -116,6 +117,28 @@ def world(bed: Bed) -> Iterator[World]:
     fresh.clean()
     with fresh:
         yield fresh
+
+
+@pytest.fixture(scope="module")
+def made(bed: Bed) -> Iterator[Installer]:
+    """The package of the build under test."""
+    build = bed.program_file.parents[2]
+    folder = bed.network.work / "installer"
+    programs = folder / "programs"
+    programs.mkdir(parents=True)
+    shutil.copy(build / "packaging/installer/lumaris_setup.dll", programs)
+    shutil.copy(build / "tools/check/lumaris_check.exe", programs)
+    yield Installer(bed.machine, bed, folder, programs)
+    shutil.rmtree(folder)
+
+
+@pytest.fixture
+def installer(made: Installer, world: World) -> Iterator[Installer]:
+    """A machine on which nothing of Lumaris is installed, before and after."""
+    yield made
+    for version in (OWN, NEWER):
+        if (made.folder / f"lumaris-{version}.msi").exists():
+            made.msiexec("/x", made.package(version))
 
 
 @pytest.fixture(scope="session")

@@ -1,4 +1,7 @@
-"""Makes lumaris-VERSION-arm64.msi: Lumaris in an installer package of its own, checked, and signed where a certificate is given."""
+"""Makes lumaris-VERSION-arm64.msi: Lumaris in an installer package of its own, checked, and signed where a certificate is given.
+
+Beside it goes lumaris-VERSION-arm64.yaml, with which winget installs it from a private source.
+"""
 
 from __future__ import annotations
 
@@ -16,12 +19,12 @@ sys.path.append(str(ROOT / "tools/release"))
 import package  # noqa: E402  (the path to it is set above)
 import signing  # noqa: E402
 import tables  # noqa: E402
+import winget  # noqa: E402
 
 
 def collect(build: Path, program: Path | None, folder: Path) -> None:
     """Puts the programs of a build folder side by side; `program` is the released lumaris.exe, if it is another one."""
-    sources = {"lumaris.exe": program or build / "src/updater/lumaris.exe", "lumaris_check.exe": build / "tools/check/lumaris_check.exe",
-               "lumaris_setup.dll": build / "packaging/installer/lumaris_setup.dll"}
+    sources = package.programs_of(build) | ({"lumaris.exe": program} if program else {})
     for name, source in sources.items():
         (folder / name).write_bytes(source.read_bytes())
 
@@ -52,6 +55,7 @@ def main(arguments: list[str] | None = None) -> int:
     for name in ("certificate", "certificate-key", "pkcs12", "password-file", "authority", "timestamp-authority"):
         parser.add_argument(f"--{name}", type=Path)
     parser.add_argument("--timestamp", metavar="URL")
+    parser.add_argument("--url", default="https://downloads.tavrin.example/lumaris", help="where winget is to fetch the package: the folder's address")
     options = parser.parse_args(arguments)
     try:
         with tempfile.TemporaryDirectory(prefix="installer-") as scratch:
@@ -79,6 +83,7 @@ def main(arguments: list[str] | None = None) -> int:
             else:
                 made.write_bytes(unsigned[0].read_bytes())
                 print("installer: WARNING: the package is not signed", flush=True)
+            made.with_suffix(".yaml").write_text(winget.manifest(made, options.architecture, f"{options.url.rstrip('/')}/{made.name}"), encoding="ascii")
             content, carried = made.read_bytes(), (programs / "lumaris.exe").stat().st_size
     except (package.PackagingError, signing.SigningError, OSError) as error:
         for line in str(error).splitlines():

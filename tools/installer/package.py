@@ -153,6 +153,12 @@ def pack(source: Path, package: Path, staged: Path, variables: dict[str, str]) -
     run("wixl", "-a", "x64", "-I", str(SOURCES), *definitions, "-o", str(package), str(source))
 
 
+def programs_of(build: Path) -> dict[str, Path]:
+    """What a package needs of a build folder."""
+    return {"lumaris.exe": build / "src/updater/lumaris.exe", "lumaris_check.exe": build / "tools/check/lumaris_check.exe",
+            "lumaris_setup.dll": build / "packaging/installer/lumaris_setup.dll"}
+
+
 def make(programs: Path, architecture: str, version: str, package: Path) -> None:
     """Makes Lumaris's own package of the programs in a folder."""
     files = {name: programs / name for name in (*PROGRAMS, "lumaris_setup.dll")}

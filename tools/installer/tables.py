@@ -68,7 +68,8 @@ def _check_sequence(package: Path) -> list[str]:
             faults.append(f"the action {name} writes the proxy's password into the log")
     for first, second in (("LumarisUnmakeTask", "LumarisMakeTask"), ("LumarisUnmakeTaskData", "LumarisUnmakeTask"),
                           ("LumarisMakeTaskData", "LumarisMakeTask"), ("LumarisStoreSettingsData", "LumarisStoreSettings"),
-                          ("LumarisRemoveData", "LumarisRemove"), ("InstallFiles", "LumarisMakeTask"), ("RemoveFiles", "LumarisRemove")):
+                          ("LumarisRemoveData", "LumarisRemove"), ("InstallFiles", "LumarisMakeTask"), ("RemoveFiles", "LumarisRemove"),
+                          ("PublishProduct", "LumarisStoreSettings")):
         if numbers.get(first, 0) >= numbers.get(second, 0):
             faults.append(f"{first} does not come before {second}")
     removal = numbers.get("RemoveExistingProducts", 0)
