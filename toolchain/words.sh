@@ -257,7 +257,7 @@ usage: ./dev release --key KEY --update-host HOST --report-host HOST --partner N
        ./dev release --key KEY --update-host HOST --report-host HOST --partner NAME --match PROGRAM
 
 Builds lumaris.exe for ARM64 twice, in two places, compares every byte of program and PDB, checks that the program is what a release
-must be, runs it to hear its version from itself, signs it, and writes lumaris.exe, lumaris.pdb, lumaris.cdx.json (bill of materials) and SHA256SUMS. Where anything is not as
+must be, runs it to hear its version from itself, signs it, and writes lumaris.exe, lumaris.pdb, lumaris.cdx.json (bill of materials), THIRD-PARTY-NOTICES.txt and SHA256SUMS. Where anything is not as
 it should be it says what, and writes nothing. docs/release.md says what is checked, and how others can check a release.
 
   --key KEY               the trusted public key: the line that minisign prints, or a .pub file
@@ -331,7 +331,7 @@ word_release() {
         return
     fi
     # What was shipped before does not stay beside a release that is refused.
-    [[ -z $output ]] || rm -f -- "$output"/{lumaris.exe,lumaris.pdb,lumaris.cdx.json,SHA256SUMS}
+    [[ -z $output ]] || rm -f -- "$output"/{lumaris.exe,lumaris.pdb,lumaris.cdx.json,THIRD-PARTY-NOTICES.txt,SHA256SUMS}
     job_release make "${arguments[@]}" || return
     if [[ -n $online ]]; then
         isolation=mounts isolation_said=1 in_room --bind /etc/resolv.conf /etc/resolv.conf \
@@ -340,7 +340,7 @@ word_release() {
         job_release ship "${release_ship[@]}" || return
     fi
     [[ -n $output ]] || return 0
-    mkdir -p -- "$output" && cp -- "$here"/build/release/{lumaris.exe,lumaris.pdb,lumaris.cdx.json,SHA256SUMS} "$output/" ||
+    mkdir -p -- "$output" && cp -- "$here"/build/release/{lumaris.exe,lumaris.pdb,lumaris.cdx.json,THIRD-PARTY-NOTICES.txt,SHA256SUMS} "$output/" ||
         die "cannot write to $output"
 }
 

@@ -12,6 +12,7 @@ import uuid
 import zlib
 from collections.abc import Callable
 from pathlib import Path
+from typing import Any
 
 import pefile
 import pytest
@@ -187,7 +188,7 @@ def symbols_fixture(tmp_path: Path) -> Path:
     return folder
 
 
-def frames_of(*arguments: object) -> list[dict[str, object]]:
+def frames_of(*arguments: object) -> list[dict[str, Any]]:
     shown = read("--json", *arguments)
     assert (shown.returncode, shown.stderr) == (0, "")
     return list(json.loads(shown.stdout)["frames"])

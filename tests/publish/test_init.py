@@ -26,8 +26,8 @@ def make(kit: Kit, *options: str) -> list[str]:
 
 def test_a_new_publication_can_be_read_again(kit: Kit) -> None:
     known = settings.load(kit.root)
-    assert (known.host, known.public_key, known.channels, known.windows, known.variants) == (HOST, kit.key.line, ("stable", "beta"),
-                                                                                            ("win11", "win10"), ("",))
+    assert (known.host, known.public_key) == (HOST, kit.key.line)
+    assert (known.channels, known.windows, known.variants) == (("stable", "beta"), ("win11", "win10"), ("",))
     assert settings.load(kit.root).text() == (kit.root / "publish.toml").read_text(encoding="utf-8")
 
 

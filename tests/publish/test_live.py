@@ -331,7 +331,7 @@ def test_a_push_that_is_killed_leaves_the_old_set_or_the_new(offered: Kit, works
     offered.done("offer", "3.4.2", "--channel", "stable,beta")
     pushed = tmp_path / "pushed"
     shutil.copytree(there, pushed, symlinks=True)
-    outcomes = []
+    outcomes: list[int] = []
     for number in range(1, 100):
         shutil.rmtree(there)
         shutil.copytree(pushed, there, symlinks=True)

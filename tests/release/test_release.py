@@ -59,7 +59,7 @@ def steps_fixture(release: ModuleType, tmp_path: Path, monkeypatch: pytest.Monke
 def test_an_unsigned_release_is_the_program_as_it_was_built(steps: Steps, built: Built, capsys: pytest.CaptureFixture[str]) -> None:
     assert steps("make") == 0
     assert steps("ship") == 0
-    assert steps.left() == ["SHA256SUMS", "lumaris.cdx.json", "lumaris.exe", "lumaris.pdb"]
+    assert steps.left() == ["SHA256SUMS", "THIRD-PARTY-NOTICES.txt", "lumaris.cdx.json", "lumaris.exe", "lumaris.pdb"]
     assert (steps.output / "lumaris.exe").read_bytes() == built.program
     assert (steps.output / "lumaris.pdb").read_bytes() == built.pdb
     said = capsys.readouterr().out
@@ -70,7 +70,7 @@ def test_an_unsigned_release_is_the_program_as_it_was_built(steps: Steps, built:
 def test_the_checksums_are_those_of_what_is_shipped(steps: Steps) -> None:
     assert (steps("make"), steps("ship")) == (0, 0)
     done = subprocess.run(["sha256sum", "-c", "SHA256SUMS"], cwd=steps.output, capture_output=True, text=True, timeout=60, check=False)
-    assert (done.returncode, done.stdout) == (0, "lumaris.exe: OK\nlumaris.pdb: OK\nlumaris.cdx.json: OK\n")
+    assert (done.returncode, done.stdout) == (0, "lumaris.exe: OK\nlumaris.pdb: OK\nlumaris.cdx.json: OK\nTHIRD-PARTY-NOTICES.txt: OK\n")
     with (steps.output / "lumaris.pdb").open("ab") as file:
         file.write(b"x")
     done = subprocess.run(["sha256sum", "-c", "SHA256SUMS"], cwd=steps.output, capture_output=True, text=True, timeout=60, check=False)

@@ -26,22 +26,23 @@ CPPCHECK_FOLDERS = {(*PRODUCT_FOLDERS, "packaging", "tools", "fuzz", "bench", "t
 TIDY_FOLDERS = {"x64-test": (*PRODUCT_FOLDERS, "packaging", "tools"), "native-fuzz": ("fuzz", "tools")}
 PYTHON_FOLDERS = ("toolchain", "tests", "bench", "tools", "fuzz")
 PYTHON_LINE = 200
-# Folders of Python whose types are looked at, with what their programs put on the path of modules.
+# Folders of Python whose types are looked at, with what their programs put on the path of modules beside COMMON_PATHS.
+COMMON_PATHS = ("tests", "toolchain", "tools/installer")
 TYPED_FOLDERS: dict[str, tuple[str, ...]] = {
     "toolchain": (),
-    "tools/demo": ("tests", "tools", "tools/installer", "toolchain"),
-    "tools/installer": ("tools/release", "toolchain"),
+    "tools/demo": ("tools",),
+    "tools/installer": ("tools/release",),
     "tools/publish": (),
-    "tools/release": ("toolchain",),
-    "bench": ("tests", "tools/installer", "toolchain"),
+    "tools/release": (),
+    "bench": (),
     "fuzz": (),
-    "tests": ("tools/demo", "tools/installer", "toolchain"),
-    "tests/e2e": ("tests", "tools/installer", "toolchain"),
-    "tests/endurance": ("tests", "tests/e2e", "tools/installer", "toolchain"),
-    "tests/ground": ("tests", "toolchain", "tools/installer"),
-    "tests/mutations": ("tests", "tools/installer", "toolchain"),
-    "tests/publish": ("tests", "tools/publish", "tools/installer", "toolchain"),
-    "tests/release": ("tests", "tools/release", "toolchain"),
+    "tests": ("tools/demo",),
+    "tests/e2e": ("tools/installer",),
+    "tests/endurance": ("tests/e2e",),
+    "tests/ground": (),
+    "tests/mutations": (),
+    "tests/publish": ("tools/publish",),
+    "tests/release": ("tools/release",),
 }
 
 
@@ -193,7 +194,7 @@ def check_types(_fix: bool) -> Iterable[str]:
         if not files:
             yield f"mypy has nothing to look at in {folder}"
             continue
-        status, text = output_of(["env", f"MYPYPATH={':'.join((folder, *TYPED_FOLDERS[folder]))}",
+        status, text = output_of(["env", f"MYPYPATH={':'.join(dict.fromkeys((folder, *TYPED_FOLDERS[folder], *COMMON_PATHS)))}",
                                   "mypy", "--config-file", "toolchain/mypy.ini", *files])
         if status:
             yield text

@@ -20,13 +20,14 @@ import asking  # noqa: E402  (the path to it is set above)
 import bill  # noqa: E402
 import builds  # noqa: E402
 import compare  # noqa: E402
+import notices  # noqa: E402
 import program  # noqa: E402
 import signing  # noqa: E402
 from jobs.version import configured_version  # noqa: E402  (builds sets the path to it)
 
 CANDIDATE = ROOT / "build/release-candidate"
 OUTPUT = ROOT / "build/release"
-SHIPPED = ("lumaris.exe", "lumaris.pdb", "lumaris.cdx.json", "SHA256SUMS")
+SHIPPED = ("lumaris.exe", "lumaris.pdb", "lumaris.cdx.json", "THIRD-PARTY-NOTICES.txt", "SHA256SUMS")
 
 
 class Refusal(Exception):
@@ -152,9 +153,10 @@ def assemble(candidate: Path, output: Path, identity: signing.Identity | None) -
         if signing.without_signature(shipped) != unsigned:
             raise Refusal("the signed program without its signature is not the program that was built")
         print("release: signed; without the signature it is the program that was built, byte for byte", flush=True)
-    text = bill.make_bill(bill.Release(program=shipped, unsigned=unsigned, pdb=pdb, **known),
-                          bill.read_sources((ROOT / "toolchain/sources.list").read_text(encoding="utf-8")))
-    files = {"lumaris.exe": shipped, "lumaris.pdb": pdb, "lumaris.cdx.json": text.encode("utf-8")}
+    sources = bill.read_sources((ROOT / "toolchain/sources.list").read_text(encoding="utf-8"))
+    text = bill.make_bill(bill.Release(program=shipped, unsigned=unsigned, pdb=pdb, **known), sources)
+    files = {"lumaris.exe": shipped, "lumaris.pdb": pdb, "lumaris.cdx.json": text.encode("utf-8"),
+             notices.NAME: notices.make_notices(known["version"], sources).encode("utf-8")}
     output.mkdir(parents=True, exist_ok=True)
     for name, data in files.items():
         (output / name).write_bytes(data)
