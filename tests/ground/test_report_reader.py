@@ -301,7 +301,7 @@ def test_the_name_of_a_module_does_not_lead_out_of_the_folder(tmp_path: Path, sy
 
 
 # The places that the probe has marked, innermost function first, each with the text of its line; None stands for the marked line.
-PROBED = {
+PROBED: dict[str, list[tuple[str, str | None]]] = {
     "plain": [("probe::plain()", None)],
     "inlined": [("probe::leaf", None), ("probe::branch", "    leaf();"), ("probe::trunk()", "    branch();")],
     "templated": [("probe::counter<long long, 3>::add(long long)", None)],

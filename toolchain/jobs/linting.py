@@ -37,12 +37,13 @@ TYPED_FOLDERS: dict[str, tuple[str, ...]] = {
     "bench": (),
     "fuzz": (),
     "tests": ("tools/demo",),
-    "tests/e2e": ("tools/installer",),
+    "tests/e2e": ("tools/installer", "tools/publish"),
     "tests/endurance": ("tests/e2e",),
     "tests/ground": (),
     "tests/mutations": (),
     "tests/publish": ("tools/publish",),
     "tests/release": ("tools/release",),
+    "tests/reports": (),
 }
 
 
