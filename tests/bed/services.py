@@ -73,7 +73,7 @@ class NginxWith(Service):
         configuration = folder / "nginx.conf"
         temporary = "\n".join(f"  {kind}_temp_path {folder}/{kind};" for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
         configuration.write_text(f"daemon off;\nuser root;\nworker_processes 1;\npid {folder}/nginx.pid;\nerror_log {folder}/error.log notice;\n"
-                                 f"events {{ worker_connections 512; }}\nhttp {{\n{temporary}\n  sendfile on;\n{block}\n}}\n", encoding="utf-8")
+                                 f"events {{ worker_connections 512; }}\nhttp {{\n{temporary}\n  access_log {folder}/access.log;\n  sendfile on;\n{block}\n}}\n", encoding="utf-8")
         super().__init__(["nginx", "-c", str(configuration), "-p", str(folder), "-e", str(folder / "error.log")], port, folder / "output.log")
 
 

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import re
 from pathlib import Path
 
 from .settings import Settings
@@ -14,27 +15,29 @@ def everything(settings: Settings, docroot: Path) -> dict[str, str]:
 
 def nginx(settings: Settings, docroot: Path, *, listen: str = "80", log: str = "/var/log/nginx/lumaris.access.log") -> str:
     """For the http block of nginx."""
+    # Names of our own: one nginx may have several publications.
+    mine = "lumaris_" + re.sub(r"[^A-Za-z0-9]", "_", settings.host)
     return f"""# The updates of Halvoro, for the http block of nginx (/etc/nginx/conf.d). Made by lumaris-publish.
 
 # The host stands in the place of the remote user: lumaris-publish fleet finds out who still asks an old one.
-log_format lumaris '$remote_addr - $host [$time_local] "$request" $status $body_bytes_sent "$http_referer" "$http_user_agent"';
+log_format {mine} '$remote_addr - $host [$time_local] "$request" $status $body_bytes_sent "$http_referer" "$http_user_agent"';
 
 # A client asks for the signature of a description, then for the description. A switch between the two would show it files that do not belong
 # together. So the first answer names its set in a cookie, which the client sends with the second request, and gets that set's file.
-map $cookie_lumaris_set $lumaris_folder {{
+map $cookie_lumaris_set ${mine}_folder {{
     default "";
-    "~^(?<lumaris_asked>[0-9]+)$" "/sets/$lumaris_asked";
+    "~^(?<{mine}_asked>[0-9]+)$" "/sets/${mine}_asked";
 }}
-map $lumaris_root $lumaris_set {{
+map ${mine}_root ${mine}_set {{
     default "";
-    "~/sets/(?<lumaris_found>[0-9]+)$" $lumaris_found;
+    "~/sets/(?<{mine}_found>[0-9]+)$" ${mine}_found;
 }}
 
 server {{
     listen {listen};
     server_name {settings.host};
     root {docroot};
-    access_log {log} lumaris;
+    access_log {log} {mine};
     types {{ text/plain txt minisig; application/octet-stream msi; }}
     default_type application/octet-stream;
     # The link to the current set is looked up for every request.
@@ -43,18 +46,18 @@ server {{
     location ~ ^/Halvoro/.+\\.txt\\.minisig$ {{
         root {docroot}/current;
         # Resolved here, once: the file and the cookie come from the same set.
-        set $lumaris_root $realpath_root;
+        set ${mine}_root $realpath_root;
         rewrite ^ /.set$uri last;
     }}
     location /.set/ {{
         internal;
-        alias $lumaris_root/;
+        alias ${mine}_root/;
         add_header Cache-Control "no-cache";
-        add_header Set-Cookie "lumaris_set=$lumaris_set; Path=/Halvoro/";
+        add_header Set-Cookie "lumaris_set=${mine}_set; Path=/Halvoro/";
     }}
     location ~ ^/Halvoro/.+\\.txt$ {{
         add_header Cache-Control "no-cache";
-        try_files $lumaris_folder$uri $uri =404;
+        try_files ${mine}_folder$uri $uri =404;
     }}
     location /packages/ {{
         add_header Cache-Control "public, max-age=31536000, immutable";

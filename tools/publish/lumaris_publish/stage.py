@@ -45,7 +45,7 @@ def run(options: argparse.Namespace, signer: Signer) -> int:
                 progress = terminal.Progress("copying", given.stat().st_size)
                 size, digest = files.copy_hashed(given, made / name, progress)
                 progress.end()
-                checking = pool.submit(checks.check, made / name, settings, history, options.variant)
+                checking = pool.submit(checks.check, made / name, settings, history, options.variant, digest)
                 clients.send("ahead", made / name)
                 found = checking.result()
                 accepted = _judge_version(found, options, history, digest)
