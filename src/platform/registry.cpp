@@ -18,8 +18,7 @@ template <std::size_t Size> struct stack_text {
 
 class heap_text {
 public:
-    explicit heap_text(std::size_t size)
-        : m_size(size), m_units(std::make_unique<wchar_t[]>(size)) {} // zeroed
+    explicit heap_text(std::size_t size) : m_size(size), m_units(std::make_unique<wchar_t[]>(size)) {}
     heap_text(const heap_text&) = delete;
     heap_text& operator=(const heap_text&) = delete;
     ~heap_text() { ::SecureZeroMemory(m_units.get(), m_size * sizeof(wchar_t)); }
@@ -79,9 +78,14 @@ LSTATUS RegQueryStringValue(HKEY key, const wchar_t* name, std::wstring& text) {
         cut_terminator(text);
         return status;
     case REG_EXPAND_SZ: {
-        const heap_text block(std::size_t{units} + 1); // zeroed, so always terminated
+        const heap_text block(std::size_t{units} + 1);
         status = ::RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(block.get()), &size);
-        return status == ERROR_SUCCESS ? expand(block.get(), text) : status;
+        if (status != ERROR_SUCCESS) {
+            return status;
+        }
+        // Not left to a block of zeros: an odd byte goes into the last unit, which would not end the text any more.
+        block.get()[size / sizeof(wchar_t)] = L'\0';
+        return expand(block.get(), text);
     }
     default:
         return ERROR_INVALID_DATA;

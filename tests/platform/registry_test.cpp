@@ -232,9 +232,33 @@ TEST_F(registry, ignores_the_odd_byte_of_a_damaged_string) {
     set_bytes(reg_sz, odd.data(), odd.size());
     EXPECT_EQ(std::wstring(1000, L'\x7878'), read());
     set_bytes(reg_expand_sz, odd.data(), odd.size());
-    EXPECT_EQ(std::wstring(1000, L'\x7878'), read().substr(0, 1000));
+    EXPECT_EQ(std::wstring(1000, L'\x7878'), read());
+    set_bytes(reg_multi_sz, odd.data(), odd.size());
+    EXPECT_EQ(std::wstring(1000, L'\x7878'), read());
     set_bytes(reg_expand_sz, "a\0b\0c", 5);
     EXPECT_EQ(L"ab", read());
+    for (const DWORD type : {reg_sz, reg_multi_sz, reg_expand_sz}) {
+        set_bytes(type, "c", 1);
+        EXPECT_EQ(L"", read());
+    }
+}
+
+// Each size around that of the first buffer, odd ones too: what is handed to the system for expanding ends where the value ends.
+TEST_F(registry, hands_a_terminated_text_to_the_system_for_expanding) {
+    const std::vector<char> bytes(4200, 'x');
+    std::size_t given = 0;
+    const support::script expand(support::ExpandEnvironmentStringsW,
+                                 [&](const wchar_t* source, wchar_t* result, DWORD) -> DWORD {
+                                     given = std::wcslen(source);
+                                     *result = L'\0';
+                                     return 1;
+                                 });
+    for (const std::size_t size :
+         {1U, 2U, 3U, 1021U, 1022U, 1023U, 1024U, 1025U, 1026U, 1027U, 2047U, 4199U}) {
+        set_bytes(reg_expand_sz, bytes.data(), size);
+        EXPECT_EQ(L"", read());
+        EXPECT_EQ(size / 2, given) << size;
+    }
 }
 
 TEST_F(registry, has_no_string_in_values_of_other_types) {

@@ -489,8 +489,11 @@ BOOL fake_winhttp::query(HINTERNET request, DWORD level, LPVOID buffer, LPDWORD 
             const std::wstring& text = record->answer.raw_headers;
             const auto bytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));
             const DWORD needed = bytes + DWORD{sizeof(wchar_t)};
+            if (buffer != nullptr) {
+                raw_header_rooms.push_back(*size);
+            }
             if (buffer == nullptr) {
-                *size = needed;
+                *size = needed + raw_header_size_excess;
                 error = raw_header_size_succeeds ? 0 : ERROR_INSUFFICIENT_BUFFER;
             } else if (*size < needed) {
                 *size = needed;

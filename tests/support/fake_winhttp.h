@@ -72,6 +72,8 @@ public:
     // "/raw", "/length".
     std::map<std::string, std::deque<DWORD>> failures;
     bool raw_header_size_succeeds = false; // the query for the size succeeds without a buffer
+    DWORD raw_header_size_excess = 0;      // bytes by which the query for the size reports too many
+    std::vector<DWORD> raw_header_rooms;   // the bytes that each query for the raw headers had room for
 
     // Run at each call of the product, with the name as in `calls`: before anything happens, and before it
     // returns.

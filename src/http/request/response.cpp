@@ -34,7 +34,9 @@ std::string query_raw_headers(HINTERNET request) {
             "WinHttpQueryHeaders(WINHTTP_QUERY_RAW_HEADERS) failed to enumerate buffer length");
     }
     // The reported size counts bytes and the terminator, which a string has of its own.
-    std::wstring wide(size / sizeof(wchar_t) > 0 ? size / sizeof(wchar_t) - 1 : 0, L'\0');
+    const DWORD units = size / sizeof(wchar_t);
+    std::wstring wide(units > 0 ? units - 1 : 0, L'\0');
+    size = units * sizeof(wchar_t); // an odd byte has no room in the string
     if (!::WinHttpQueryHeaders(request, WINHTTP_QUERY_RAW_HEADERS_CRLF, WINHTTP_HEADER_NAME_BY_INDEX,
                                wide.data(), &size, WINHTTP_NO_HEADER_INDEX)) {
         throw pwrap::http_error("WinHttpQueryHeaders(WINHTTP_QUERY_RAW_HEADERS) failed");

@@ -89,6 +89,19 @@ TEST_F(response, may_have_empty_raw_headers) {
     EXPECT_EQ("", webio::query_raw_headers(request.get()));
 }
 
+// A size that is no number of characters: the odd byte has no room in the text.
+TEST_F(response, whose_raw_header_size_is_odd_is_read_into_the_room_there_is) {
+    for (const DWORD excess : {DWORD{1}, DWORD{3}}) {
+        receive({.raw_headers = L"HTTP/1.1 200\r\n"});
+        http.raw_header_size_excess = excess;
+        http.raw_header_rooms.clear();
+        const std::string block = webio::query_raw_headers(request.get());
+        EXPECT_EQ("HTTP/1.1 200\r\n", block.substr(0, 14));
+        // 14 characters and the terminator, and what else is whole.
+        EXPECT_EQ((std::vector<DWORD>{30 + (excess - 1)}), http.raw_header_rooms);
+    }
+}
+
 TEST_F(response, whose_raw_header_size_fails_with_another_error_throws) {
     receive({});
     http.failures["WinHttpQueryHeaders/size"] = {12019};
