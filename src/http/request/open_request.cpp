@@ -150,22 +150,19 @@ void open_request(pwrap::http& request, pwrap::win_handle<0>& done, const connec
     }
 }
 
-void send_request(const pwrap::http& request, DWORD_PTR context) {
-    while (!::WinHttpSendRequest(request.get(), WINHTTP_NO_ADDITIONAL_HEADERS, 0, WINHTTP_NO_REQUEST_DATA, 0,
-                                 0, context)) {
+std::optional<DWORD> send_request(HINTERNET request, DWORD_PTR context, const exchange& state) noexcept {
+    while (!::WinHttpSendRequest(request, WINHTTP_NO_ADDITIONAL_HEADERS, 0, WINHTTP_NO_REQUEST_DATA, 0, 0,
+                                 context)) {
         const DWORD error = ::GetLastError();
-        if (!request) {
-            // A notification that came during the call has failed and closed the request. The closing notification ends the
-            // exchange, now or later, and the notification's failure is the cause.
-            return;
-        }
-        if (error != ERROR_WINHTTP_RESEND_REQUEST) {
-            // The context is known to WinHTTP by now. Without this, closing the handle of the half-made request would still
-            // notify the object that is about to go away.
-            ::WinHttpSetStatusCallback(request.get(), nullptr, WINHTTP_CALLBACK_FLAG_ALL_NOTIFICATIONS, 0);
-            throw pwrap::http_error(error, "WinHttpSendRequest failed");
+        if (error != ERROR_WINHTTP_RESEND_REQUEST || state.ending()) {
+            return error;
         }
     }
+    return std::nullopt;
+}
+
+void stop_notifications(HINTERNET request) noexcept {
+    ::WinHttpSetStatusCallback(request, nullptr, WINHTTP_CALLBACK_FLAG_ALL_NOTIFICATIONS, 0);
 }
 
 } // namespace webio

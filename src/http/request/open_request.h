@@ -2,8 +2,10 @@
 #pragma once
 
 #include "http/request/connection.h"
+#include "http/request/exchange.h"
 
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -43,8 +45,12 @@ void open_request(pwrap::http& request, pwrap::win_handle<0>& done, const connec
                   WINHTTP_STATUS_CALLBACK callback);
 
 // Sends the opened request with `context` for its callback and no body, as often as WinHTTP asks for it to be sent again
-// (there is no limit; this is intended). Throws pwrap::http_error "WinHttpSendRequest failed"; the callback is not called
-// any more then. Returns when the exchange is under way, or when a notification has already closed `request`.
-void send_request(const pwrap::http& request, DWORD_PTR context);
+// (there is no limit; this is intended), unless `state` says that the exchange is ending. Returns the error code where the last call
+// failed, whatever the reason.
+std::optional<DWORD> send_request(HINTERNET request, DWORD_PTR context, const exchange& state) noexcept;
+
+// From now on no notification of the request begins. WinHTTP may know its context by now, and closing the handle of a half-made request
+// would still notify the object that is about to go away.
+void stop_notifications(HINTERNET request) noexcept;
 
 } // namespace webio

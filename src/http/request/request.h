@@ -8,14 +8,15 @@
 // The transport never judges the status code: every response's body is read in full and status() says what came.
 #pragma once
 
+#include "http/request/exchange.h"
 #include "http/request/open_request.h"
 #include "http/request/response.h"
+#include "platform/errors.h"
 #include "platform/progress.h"
 #include "platform/user_cancelled.h"
 #include "stream/basic.h"
 
 #include <array>
-#include <atomic>
 #include <exception>
 #include <system_error>
 
@@ -62,7 +63,7 @@ protected:
         case WINHTTP_CALLBACK_STATUS_REQUEST_ERROR:
             throw_request_error(*static_cast<const WINHTTP_ASYNC_RESULT*>(data));
         case WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING:
-            leave();
+            m_exchange.closed();
             break;
         default:
             break;
@@ -78,10 +79,18 @@ protected:
     // Sends the opened request, waits for the end of the exchange and rethrows its error, if any. Called by the constructor
     // of the most derived class, so that notifications reach its on_status().
     void send_and_wait() {
-        send_request(m_request, reinterpret_cast<DWORD_PTR>(this));
-        ::WaitForSingleObject(m_done.get(), INFINITE);
-        if (m_error) {
-            std::rethrow_exception(m_error);
+        const HINTERNET opened = m_request.get(); // whoever closes it changes the owner
+        m_exchange.begin_sending();
+        const auto error = send_request(opened, reinterpret_cast<DWORD_PTR>(this), m_exchange);
+        if (error && !m_exchange.ending()) {
+            abandon(opened, *error);
+        }
+        if (m_exchange.end_sending() == exchange::duty::close) {
+            m_request.free();
+        }
+        wait_for_end();
+        if (m_exchange.failure()) {
+            std::rethrow_exception(m_exchange.failure());
         }
     }
 
@@ -92,7 +101,7 @@ protected:
     }
     // What every notification begins with. A failure that is already pending is the cause and nobody asks any more.
     void check_cancelled_unless_failed() const {
-        if (!m_error) {
+        if (!m_exchange.failed()) {
             check_cancelled();
         }
     }
@@ -107,30 +116,50 @@ private:
             return;
         }
         auto& self = *reinterpret_cast<request*>(context);
-        self.enter();
+        const bool wanted = self.m_exchange.enter();
         try {
-            self.on_status(code, data, length);
-        } catch (...) {
-            if (!self.m_error) { // the first failure is the cause; what follows from it is not
-                self.m_error = std::current_exception();
+            if (wanted || code == WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING) {
+                self.on_status(code, data, length);
             }
+        } catch (...) {
+            self.m_exchange.fail(std::current_exception());
             if (code == WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING) {
-                self.leave();
-            } else {
-                self.m_request.free(); // the closing notification wakes the waiting thread
+                self.m_exchange.closed();
             }
         }
         self.leave();
     }
 
-    // The exchange and every notification being handled hold the object. It is given back to the waiting thread when the
-    // last of them leaves: that is the closing notification, unless a call that issued the next operation is still on its way
-    // out of an earlier one. Nothing touches the object after the last leave().
-    void enter() noexcept { m_holders.fetch_add(1, std::memory_order_relaxed); }
     void leave() noexcept {
-        if (m_holders.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-            ::SetEvent(m_done.get());
+        const HANDLE done = m_done.get(); // nothing of the object is touched once it has been left
+        exchange::duty left = m_exchange.leave();
+        while (left == exchange::duty::close) {
+            m_request.free(); // the closing notification wakes the waiting thread
+            left = m_exchange.leave();
         }
+        if (left == exchange::duty::wake) {
+            ::SetEvent(done);
+        }
+    }
+
+    // Without an event (its creation is not checked) the wait fails at once, and the end is waited for all the same: the callback thread
+    // goes on with this object until then.
+    void wait_for_end() const noexcept {
+        while (::WaitForSingleObject(m_done.get(), INFINITE) != WAIT_OBJECT_0 && !m_exchange.ended()) {
+            ::Sleep(1);
+        }
+    }
+
+    // The request could not be sent, and no failure of a notification is known that would be the cause. One may still be inside.
+    [[noreturn]] void abandon(HINTERNET opened, DWORD error) {
+        stop_notifications(opened);
+        while (!m_exchange.idle()) {
+            ::Sleep(1);
+        }
+        if (m_exchange.failure()) {
+            std::rethrow_exception(m_exchange.failure());
+        }
+        throw pwrap::http_error(error, "WinHttpSendRequest failed");
     }
 
     void on_headers() {
@@ -155,7 +184,9 @@ private:
 
     void on_read(DWORD length) {
         if (length == 0) {
-            m_request.free();
+            if (m_exchange.take_close()) {
+                m_request.free();
+            }
             return;
         }
         m_data.write(m_buffer.data(), length);
@@ -176,8 +207,8 @@ private:
     const connection& m_connection;
     pwrap::http m_request;
     std::array<char, 8192>
-        m_buffer{}; // every read and every chunk of an upload goes through it, without a copy
-    std::exception_ptr m_error;
+        m_buffer{};      // every read and every chunk of an upload goes through it, without a copy
+    exchange m_exchange; // with the first failure
     pwrap::win_handle<0> m_done;
     HeaderLine& m_header_line;
     ContentLength& m_content_length;
@@ -185,7 +216,6 @@ private:
     progress_type* m_progress;
     Progress m_total = 0;
     Progress m_count = 0;
-    std::atomic<int> m_holders{1};
 };
 
 // A GET request: the constructor makes the whole exchange.

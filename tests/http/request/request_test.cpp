@@ -284,6 +284,30 @@ TEST_P(get, waits_for_its_event_without_a_time_limit) {
     EXPECT_EQ((std::vector<DWORD>{0xffffffff}), limits);
 }
 
+// The creation of the event is not checked; the callback thread works on this object all the same, and until it has ended nobody returns.
+TEST_P(get, without_an_event_does_not_return_before_the_exchange_has_ended) {
+    const support::script create(support::CreateEventW,
+                                 [](SECURITY_ATTRIBUTES*, BOOL, BOOL, const wchar_t*) -> HANDLE {
+                                     ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+                                     return nullptr;
+                                 });
+    std::atomic<bool> closed{false};
+    x.http.before_notification = [&](DWORD code) {
+        if (code == WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING) {
+            closed = true;
+        }
+    };
+    x.http.replies.push_back(fake_winhttp::answer("0123456789"));
+    EXPECT_EQ(200, x.get());
+    EXPECT_TRUE(closed);
+    EXPECT_EQ("0123456789", x.body.text());
+
+    closed = false;
+    x.http.replies.push_back({.at_receive = fake_winhttp::request_error{1, 12152}});
+    test::expect_http_error(12152, "WinHttpReceiveResponse failed", [&] { x.get(); });
+    EXPECT_TRUE(closed);
+}
+
 TEST_P(get, sets_its_event_once_at_the_closing_notification) {
     x.http.replies.push_back(fake_winhttp::answer("x"));
     HANDLE event = nullptr;
@@ -748,6 +772,82 @@ TEST(request_lifetime, outlasts_a_callback_that_is_still_issuing_a_read) {
     ASSERT_LE(2u, x.http.calls.size());
     EXPECT_EQ("set 1", x.http.calls[x.http.calls.size() - 2]);
     EXPECT_EQ("SetEvent", x.http.calls.back());
+}
+
+// Sending fails while a notification is still being handled on another thread: the object stays until that one is out, and its failure,
+// if it has one, is the cause.
+TEST(request_lifetime, outlasts_a_notification_that_is_inside_when_sending_fails) {
+    for (const bool cancels : {false, true}) {
+        exchange x(delivery::worker, 1);
+        std::promise<void> entered;
+        std::promise<void> stopped;
+        auto is_stopped = stopped.get_future();
+        std::atomic<bool> left{false};
+        class slow_indicator : public corvo::progress<std::uint64_t> {
+        public:
+            std::function<bool()> answer;
+            bool cancel() override { return answer(); }
+        } watched;
+        watched.answer = [&] {
+            entered.set_value();
+            EXPECT_EQ(std::future_status::ready, is_stopped.wait_for(patience));
+            std::this_thread::sleep_for(std::chrono::milliseconds(5)); // who does not wait is gone by now
+            left = true;
+            return cancels;
+        };
+        x.http.failures["WinHttpSendRequest"] = {12029};
+        std::thread notifying;
+        x.http.after_call = [&](const std::string& name) {
+            if (name == "WinHttpSendRequest") {
+                const auto record = x.http.requests.back();
+                notifying = std::thread([record] {
+                    record.callbacks.back().callback(record.handle, record.context,
+                                                     WINHTTP_CALLBACK_STATUS_RESOLVING_NAME, nullptr, 0);
+                });
+                entered.get_future().wait();
+            } else if (name == "WinHttpSetStatusCallback" && x.http.count(name) == 2) {
+                stopped.set_value();
+            }
+        };
+        if (cancels) {
+            test::expect_throw<corvo::user_cancelled>("operation cancelled", [&] { x.get(&watched); });
+        } else {
+            test::expect_http_error(12029, "WinHttpSendRequest failed", [&] { x.get(&watched); });
+        }
+        EXPECT_TRUE(left);
+        notifying.join();
+        x.http.after_call = nullptr;
+    }
+}
+
+// Two notifications fail at the same time, each with its own text: one of them is told, and the handle is closed once.
+TEST(request_lifetime, keeps_one_of_two_failures_at_the_same_time) {
+    exchange x(delivery::worker, 2);
+    x.progress.set_throws = true;
+    x.http.replies.push_back(
+        {.content_length = 2, .pieces = {"a"}, .at_read = fake_winhttp::request_error{3, 12030}});
+    std::promise<void> delivered;
+    auto is_delivered = delivered.get_future();
+    x.http.before_notification = [&](DWORD code) {
+        if (code == WINHTTP_CALLBACK_STATUS_REQUEST_ERROR) {
+            delivered.set_value();
+        }
+    };
+    x.http.after_call = [&](const std::string& name) {
+        if (name == "WinHttpReadData" && x.http.count(name) == 2) {
+            EXPECT_EQ(std::future_status::ready, is_delivered.wait_for(patience));
+        }
+    };
+    try {
+        x.get(&x.progress);
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const std::domain_error& error) {
+        EXPECT_STREQ("from set", error.what());
+    } catch (const pwrap::http_error& error) {
+        EXPECT_EQ(12030u, error.number());
+    }
+    EXPECT_EQ(1u, x.http.count("WinHttpCloseHandle"));
+    x.http.after_call = nullptr;
 }
 
 // The memory of a finished request is filled and looked at again later: nothing writes to it any more.
