@@ -12,13 +12,33 @@
 #include "platform/text.h"
 #include "stream/file.h"
 
+#include <optional>
 #include <stdexcept>
 
 namespace corvo::errorreport {
 namespace {
 
-using post_request = webio::post_chunked_request<webio::content_type_handler, webio::presize_handler,
-                                                 stream::memory_file, std::uint64_t>;
+// Status code and content type, both known before the reply's text has come.
+class head_handler {
+public:
+    head_handler(bool& status_line, std::string& type) noexcept
+        : m_status_line(m_status), m_content_type(status_line, type) {}
+
+    void operator()(const char* line, std::size_t length) {
+        m_status_line(line, length);
+        m_content_type(line, length);
+    }
+
+    std::optional<std::uint16_t> status() const noexcept { return m_status; }
+
+private:
+    std::optional<std::uint16_t> m_status;
+    webio::status_line_handler m_status_line;
+    webio::content_type_handler m_content_type;
+};
+
+using post_request =
+    webio::post_chunked_request<head_handler, webio::presize_handler, stream::memory_file, std::uint64_t>;
 
 constexpr int reply_file_mode = stream::mode_for_writing | stream::mode_create;
 
@@ -71,10 +91,22 @@ std::uint16_t upload_session::send(stream::basic& report, std::exception_ptr& re
 
     bool status_line = true;
     std::string type;
-    webio::content_type_handler header_line(status_line, type);
+    head_handler header_line(status_line, type);
     webio::presize_handler content_length(m_reply);
-    const post_request request(m_connection, report_url(), m_headers, {"*/*"}, {}, report, header_line,
-                               content_length, m_reply, nullptr);
+    std::uint16_t status = 0;
+    try {
+        const post_request request(m_connection, report_url(), m_headers, {"*/*"}, {}, report, header_line,
+                                   content_length, m_reply, nullptr);
+        status = request.status();
+    } catch (const stream::limit_exceeded&) {
+        // The server has the report and asks for the full one: that much is known, and its text is not needed.
+        if (header_line.status() != full_report_wanted ||
+            !is_plain_text(split_content_type(type).media_type)) {
+            throw;
+        }
+        reception_failure = std::current_exception();
+        return full_report_wanted;
+    }
 
     m_reply.truncate(); // what was announced and did not come is no part of the reply
 
@@ -92,7 +124,7 @@ std::uint16_t upload_session::send(stream::basic& report, std::exception_ptr& re
     } catch (...) {
         reception_failure = std::current_exception();
     }
-    return request.status();
+    return status;
 }
 
 } // namespace corvo::errorreport

@@ -31,8 +31,8 @@ public:
     // The reply's text is in reply_text() then; a text that cannot be decoded makes it empty and puts the reason into
     // `reception_failure`, since the report itself has arrived. Without such a failure that one is empty.
     //
-    // Throws what webio::post_chunked_request throws; std::runtime_error "larger than 1048576 bytes" for a longer reply, announced
-    // or sent; and std::runtime_error for a reply that is not plain text: that one is
+    // Throws what webio::post_chunked_request throws; stream::limit_exceeded "larger than 1048576 bytes" for a longer reply, announced
+    // or sent, unless it asks for the full report in plain text, for which that is the reception failure; and std::runtime_error for a reply that is not plain text: that one is
     // saved as Odgovor.html in the temporary folder, and shown where a user can see it.
     std::uint16_t send(stream::basic& report, std::exception_ptr& reception_failure);
 

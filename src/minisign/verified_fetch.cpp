@@ -6,6 +6,7 @@
 #include "platform/last_error.h"
 #include "stream/bounded_memory_file.h"
 
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 
@@ -16,14 +17,25 @@ namespace {
 template <class Body>
 void fetch(const webio::connection& server, const webio::url_parts& url, const webio::header_list& headers,
            const std::string& accepted, Body& body, progress<std::uint64_t>* progress) {
-    webio::ignore_header_line header_line;
+    std::optional<std::uint16_t> announced;
+    webio::status_line_handler header_line(announced);
     webio::ignore_content_length content_length;
-    const webio::get_request request(server, url, headers, {accepted}, {}, header_line, content_length, body,
-                                     progress);
-    if (request.status() != 200) {
-        std::string status;
-        pwrap::sprintf(status, "%u", static_cast<unsigned int>(request.status()));
-        throw std::runtime_error(status);
+    std::uint16_t status = 0;
+    try {
+        const webio::get_request request(server, url, headers, {accepted}, {}, header_line, content_length,
+                                         body, progress);
+        status = request.status();
+    } catch (const stream::limit_exceeded&) {
+        // The limit is for what would be taken for the content. An error page may be longer, and its status is the cause.
+        if (announced.value_or(200) == 200) {
+            throw;
+        }
+        status = *announced;
+    }
+    if (status != 200) {
+        std::string text;
+        pwrap::sprintf(text, "%u", static_cast<unsigned int>(status));
+        throw std::runtime_error(text);
     }
 }
 

@@ -16,7 +16,8 @@ namespace corvo::minisign {
 // `progress` may be null. Runs on the calling thread and waits without a time limit of its own (the session has).
 //
 // Memory: the signature file is taken up to max_signature_file_size; how much content is taken is for `destination` to say
-// (stream/bounded_memory_file.h), since nobody has vouched for it while it arrives.
+// (it throws stream::limit_exceeded for more), since nobody has vouched for it while it arrives. An HTTP status other than 200 comes
+// before such a limit: what is too long then is an error page.
 //
 // Throws std::runtime_error: "Failed to load Minisign signature" or "Failed to load content" with the cause nested (an HTTP
 // status other than 200 is a nested std::runtime_error that reads as the bare decimal number), "Untrusted

@@ -1,6 +1,5 @@
 #include "stream/bounded_memory_file.h"
 
-#include <stdexcept>
 #include <string>
 
 namespace corvo::stream {
@@ -20,7 +19,7 @@ void bounded_memory_file::truncate() {
 
 void bounded_memory_file::check(fsize size) const {
     if (size > m_limit) {
-        throw std::runtime_error("larger than " + std::to_string(m_limit) + " bytes");
+        throw limit_exceeded("larger than " + std::to_string(m_limit) + " bytes");
     }
 }
 

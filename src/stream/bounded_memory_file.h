@@ -4,6 +4,7 @@
 // Ownership, threads and state are those of memory_file.
 #pragma once
 
+#include "stream/limit_exceeded.h"
 #include "stream/memory_file.h"
 
 namespace corvo::stream {
@@ -13,7 +14,7 @@ public:
     // Holds up to `limit` bytes; nothing is allocated ahead.
     explicit bounded_memory_file(fsize limit) noexcept : m_limit(limit) {}
 
-    // Throws std::runtime_error "larger than %llu bytes", with the limit, where the file would grow beyond it. Nothing of `data`
+    // Throws limit_exceeded "larger than %llu bytes", with the limit, where the file would grow beyond it. Nothing of `data`
     // is written then: a state alone would come to the user as a failure of the system, which this is not.
     std::size_t write(const void* data, std::size_t length) override;
 

@@ -7,7 +7,7 @@ import base64
 import pytest
 
 from bed import version
-from bed.http_server import Reply
+from bed.http_server import CLOSE, Raw, Reply
 from world import DESCRIPTION, FOLDER_URL, PACKAGE, PACKAGE_CONTENT, World
 
 OLDER = f"{version.OLDER.offer}\nolder\nhttp://updates.tavrin.example/\n".encode()
@@ -187,6 +187,20 @@ def test_a_description_is_taken_up_to_65536_bytes(world: World, length: int) -> 
     else:
         world.assert_failed(world.run(), "Failed to load content: larger than 65536 bytes")
         assert world.targets == [DESCRIPTION + ".minisig", DESCRIPTION]
+
+
+@pytest.mark.any_processor
+@pytest.mark.parametrize("status", ["404 Not Found", "407 Proxy Authentication Required", "503 Service Unavailable"])
+@pytest.mark.parametrize("request_name", [DESCRIPTION + ".minisig", DESCRIPTION])
+def test_the_status_of_an_error_page_is_told_however_long_it_is(world: World, request_name: str, status: str) -> None:
+    """The limit is for what would be taken for a signature or a description."""
+    world.describe(OLDER)
+    page = b"<p>an error page</p>" * 5000
+    head = f"HTTP/1.1 {status}\r\nContent-Type: text/html\r\n".encode()
+    outer = "Failed to load Minisign signature" if request_name.endswith(".minisig") else "Failed to load content"
+    for answer in (Reply(page, status), Raw((head + b"\r\n",), repeated=page, most=4_000_000, then=CLOSE)):
+        world.answer(request_name, answer)
+        world.assert_failed(world.run(), f"{outer}: {status[:3]}")
 
 
 # The package goes through the same checks.

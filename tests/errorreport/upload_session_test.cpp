@@ -299,10 +299,33 @@ TEST_F(upload, with_a_longer_reply_fails_as_soon_as_it_is_too_long) {
     endless.pieces.assign(1000, std::string(8192, 'x'));
     http.replies.push_back(endless);
     upload_session session;
-    test::expect_throw<std::runtime_error>("larger than 1048576 bytes", [&] { send(session); });
+    test::expect_throw<corvo::stream::limit_exceeded>("larger than 1048576 bytes", [&] { send(session); });
     EXPECT_EQ(129u, http.count("WinHttpReadData"));
     EXPECT_EQ(L"", session.reply_text());
     EXPECT_FALSE(failure);
+}
+
+// Its text is lost, what it asks for is not.
+TEST_F(upload, with_a_longer_reply_that_asks_for_the_full_report_tells_so) {
+    auto endless = test::reply(449, "", L"text/plain");
+    endless.pieces.assign(1000, std::string(8192, 'x'));
+    auto announced = test::reply(449, "abc", L"text/plain");
+    announced.content_length = 1048577;
+    for (const auto& each : {endless, announced}) {
+        http.replies.push_back(each);
+        upload_session session;
+        EXPECT_EQ(449, send(session));
+        EXPECT_EQ(L"", session.reply_text());
+        ASSERT_TRUE(failure);
+        test::expect_throw<corvo::stream::limit_exceeded>("larger than 1048576 bytes",
+                                                          [&] { std::rethrow_exception(failure); });
+    }
+    // A page of a proxy asks for nothing.
+    auto page = test::reply(449, "", L"text/html");
+    page.pieces.assign(1000, std::string(8192, 'x'));
+    http.replies.push_back(page);
+    upload_session session;
+    test::expect_throw<corvo::stream::limit_exceeded>("larger than 1048576 bytes", [&] { send(session); });
 }
 
 TEST_F(upload, with_a_longer_reply_announced_fails_before_it_comes) {
@@ -310,7 +333,7 @@ TEST_F(upload, with_a_longer_reply_announced_fails_before_it_comes) {
     announced.content_length = 1048577;
     http.replies.push_back(announced);
     upload_session session;
-    test::expect_throw<std::runtime_error>("larger than 1048576 bytes", [&] { send(session); });
+    test::expect_throw<corvo::stream::limit_exceeded>("larger than 1048576 bytes", [&] { send(session); });
     EXPECT_EQ(0u, http.count("WinHttpReadData"));
 
     http.replies.push_back(test::reply(200, "abc", L"text/plain"));

@@ -340,14 +340,46 @@ TEST_F(verified, refuses_a_longer_signature_file_as_soon_as_it_is_too_long) {
     auto endless = fake_winhttp::answer("");
     endless.pieces.assign(1000, std::string(8192, 'x'));
     http.replies.push_back(endless);
-    expect_nested<std::runtime_error>("Failed to load Minisign signature", "larger than 65536 bytes",
-                                      [&] { fetch(); });
+    expect_nested<corvo::stream::limit_exceeded>("Failed to load Minisign signature",
+                                                 "larger than 65536 bytes", [&] { fetch(); });
     EXPECT_EQ(9u, http.count("WinHttpReadData"));
     EXPECT_EQ(1u, http.requests.size());
 
     serve(minisig_of_size(65537));
-    expect_nested<std::runtime_error>("Failed to load Minisign signature", "larger than 65536 bytes",
-                                      [&] { fetch(); });
+    expect_nested<corvo::stream::limit_exceeded>("Failed to load Minisign signature",
+                                                 "larger than 65536 bytes", [&] { fetch(); });
+}
+
+// An error page may be longer than what was asked for, and need not end.
+TEST_F(verified, tells_the_status_of_an_error_page_that_is_longer_than_any_signature_file) {
+    for (const DWORD status : {DWORD{404}, DWORD{407}, DWORD{503}}) {
+        serve(std::string(70000, 'x'), status);
+        expect_nested<std::runtime_error>("Failed to load Minisign signature", std::to_string(status),
+                                          [&] { fetch(); });
+        auto endless = fake_winhttp::answer("", status);
+        endless.pieces.assign(1000, std::string(8192, 'x'));
+        http.replies.push_back(endless);
+        const std::size_t reads = http.count("WinHttpReadData");
+        expect_nested<std::runtime_error>("Failed to load Minisign signature", std::to_string(status),
+                                          [&] { fetch(); });
+        EXPECT_EQ(reads + 9, http.count("WinHttpReadData"));
+    }
+}
+
+TEST_F(verified, tells_the_status_of_an_error_page_that_is_longer_than_its_destination_allows) {
+    corvo::stream::bounded_memory_file small(16);
+    serve(fixtures::text_minisig);
+    serve(std::string(17, 'x'), 404);
+    expect_nested<std::runtime_error>("Failed to load content", "404", [&] { fetch_into(small); });
+}
+
+// Where the head does not say what it is, the limit is all that is known.
+TEST_F(verified, tells_the_limit_where_a_page_that_is_too_long_has_no_status_line) {
+    auto page = fake_winhttp::answer(std::string(70000, 'x'), 404);
+    page.raw_headers = L"404\r\n\r\n";
+    http.replies.push_back(page);
+    expect_nested<corvo::stream::limit_exceeded>("Failed to load Minisign signature",
+                                                 "larger than 65536 bytes", [&] { fetch(); });
 }
 
 TEST_F(verified, takes_no_more_content_than_its_destination_allows) {
@@ -360,9 +392,9 @@ TEST_F(verified, takes_no_more_content_than_its_destination_allows) {
     corvo::stream::bounded_memory_file smaller(fixtures::text.size() - 1);
     serve(fixtures::text_minisig);
     serve(fixtures::text);
-    expect_nested<std::runtime_error>("Failed to load content",
-                                      "larger than " + std::to_string(fixtures::text.size() - 1) + " bytes",
-                                      [&] { fetch_into(smaller); });
+    expect_nested<corvo::stream::limit_exceeded>(
+        "Failed to load content", "larger than " + std::to_string(fixtures::text.size() - 1) + " bytes",
+        [&] { fetch_into(smaller); });
     EXPECT_EQ(0u, smaller.size());
 }
 

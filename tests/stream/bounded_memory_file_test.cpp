@@ -30,7 +30,7 @@ TEST(bounded_memory_file, holds_as_much_as_it_may) {
 TEST(bounded_memory_file, refuses_a_write_beyond_its_limit_as_a_whole) {
     bounded_memory_file file(6);
     file.write("abcd", 4);
-    test::expect_throw<std::runtime_error>("larger than 6 bytes", [&] { file.write("efg", 3); });
+    test::expect_throw<corvo::stream::limit_exceeded>("larger than 6 bytes", [&] { file.write("efg", 3); });
     EXPECT_EQ("abcd", held(file));
     EXPECT_EQ(4u, file.tell());
     EXPECT_EQ(2u, file.write("ef", 2));
@@ -44,7 +44,7 @@ TEST(bounded_memory_file, counts_from_the_position_of_the_write) {
     EXPECT_EQ(3u, file.write("xyz", 3));
     EXPECT_EQ("abcxyz", held(file));
     file.seek(7, seek_beg);
-    test::expect_throw<std::runtime_error>("larger than 6 bytes", [&] { file.write("", 0); });
+    test::expect_throw<corvo::stream::limit_exceeded>("larger than 6 bytes", [&] { file.write("", 0); });
 }
 
 TEST(bounded_memory_file, is_not_lengthened_beyond_its_limit) {
@@ -53,7 +53,7 @@ TEST(bounded_memory_file, is_not_lengthened_beyond_its_limit) {
     file.truncate();
     EXPECT_EQ(6u, file.size());
     file.seek(7, seek_beg);
-    test::expect_throw<std::runtime_error>("larger than 6 bytes", [&] { file.truncate(); });
+    test::expect_throw<corvo::stream::limit_exceeded>("larger than 6 bytes", [&] { file.truncate(); });
     EXPECT_EQ(6u, file.size());
     file.seek(0, seek_beg);
     file.truncate();
@@ -66,6 +66,6 @@ TEST(bounded_memory_file, refuses_lengths_that_no_position_can_hold_as_every_mem
     test::expect_throw<std::invalid_argument>("add overflow",
                                               [&] { file.write("x", corvo::stream::fpos_max); });
     file.seek(0, seek_beg);
-    test::expect_throw<std::runtime_error>("larger than 6 bytes",
-                                           [&] { file.write("x", corvo::stream::fpos_max); });
+    test::expect_throw<corvo::stream::limit_exceeded>("larger than 6 bytes",
+                                                      [&] { file.write("x", corvo::stream::fpos_max); });
 }

@@ -14,6 +14,7 @@
 #include "platform/temporary_folder.h"
 #include "platform/text.h"
 #include "stream/file.h"
+#include "stream/limit_exceeded.h"
 #include "updater/ask_network.h"
 #include "updater/build_config.h"
 #include "updater/installer.h"
@@ -93,12 +94,13 @@ public:
     untouched_file(std::uint64_t most, std::uint64_t room) noexcept : m_most(most), m_room(room) {}
 
     // Too much for a check that was not asked to fetch all of it.
-    struct enough : std::exception {};
+    struct enough : corvo::stream::limit_exceeded {
+        enough() : limit_exceeded("enough") {}
+    };
 
     std::size_t write(const void* /*data*/, std::size_t length) override {
         m_taken += length;
         if (m_taken > m_most) {
-            m_stopped = true;
             throw enough();
         }
         if (m_taken > m_room) {
@@ -118,15 +120,25 @@ public:
         return 0;
     }
 
-    bool stopped() const noexcept { return m_stopped; }
     bool fetched() const noexcept { return m_taken != 0; }
 
 private:
     std::uint64_t m_most;
     std::uint64_t m_room;
     std::uint64_t m_taken = 0;
-    bool m_stopped = false;
 };
+
+// Whether the check itself has broken off a fetch. A server's error page, however long, is no such case.
+bool was_enough(const std::exception& error) {
+    try {
+        std::rethrow_if_nested(error);
+    } catch (const untouched_file::enough&) {
+        return true;
+    } catch (const std::exception& cause) {
+        return was_enough(cause);
+    }
+    return false;
+}
 
 void look_at_account(findings& found) {
     const corvo::errorreport::system_description& system = corvo::errorreport::running_system();
@@ -332,18 +344,20 @@ void look_at_package(findings& found, const Updater& updater, const wish& wanted
     const webio::session session(std::string("Lumaris/") + own_version_text,
                                  {.resolve = 5000, .connect = 10000, .send = 30000, .receive = 30000});
     const webio::connection server(session, url);
+    bool stopped = false;
     try {
         corvo::minisign::verified_fetch(server, url, {}, "application/octet-stream",
                                         corvo::build_config::trusted_keys,
                                         corvo::build_config::trusted_key_count, content, nullptr);
-    } catch (const std::exception&) {
-        if (!content.stopped()) {
+    } catch (const std::exception& error) {
+        if (!was_enough(error)) {
             throw;
         }
+        stopped = true;
         found.next_run.known = false;
     }
     const char* const where = !content.fetched() ? "on the disk and verified"
-                              : content.stopped()
+                              : stopped
                                   ? "on the server, larger than this check fetches (--download verifies it)"
                                   : "on the server and verified";
     found.items.push_back({"package", state::good, name + ".msi is " + where, ""});

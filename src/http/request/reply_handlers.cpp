@@ -2,9 +2,26 @@
 
 #include "platform/ascii.h"
 
+#include <algorithm>
+#include <charconv>
 #include <string_view>
+#include <utility>
 
 namespace webio {
+
+void status_line_handler::operator()(const char* line, std::size_t length) {
+    if (!std::exchange(m_first, false)) {
+        return;
+    }
+    const std::string_view text(line, length);
+    const std::string_view digits = text.substr(std::min(text.find(' '), length)).substr(0, 4);
+    int status = 0;
+    if (digits.size() == 4 &&
+        std::from_chars(digits.data() + 1, digits.data() + 4, status).ptr == digits.data() + 4 &&
+        status >= 0) {
+        m_status = static_cast<std::uint16_t>(status);
+    }
+}
 
 void content_type_handler::operator()(const char* line, std::size_t length) const {
     if (m_status_line) {

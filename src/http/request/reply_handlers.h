@@ -4,6 +4,7 @@
 #include "stream/basic_file.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace webio {
@@ -14,6 +15,19 @@ struct ignore_header_line {
 };
 struct ignore_content_length {
     void operator()(std::uint32_t) const noexcept {}
+};
+
+// Takes the status code from the status line, the first line that it is handed: for callers to whom the status matters although the
+// exchange has been broken off. What does not begin like a status line (RFC 9112 section 4: version, blank, three digits) has none.
+class status_line_handler {
+public:
+    explicit status_line_handler(std::optional<std::uint16_t>& status) noexcept : m_status(status) {}
+
+    void operator()(const char* line, std::size_t length);
+
+private:
+    std::optional<std::uint16_t>& m_status;
+    bool m_first = true;
 };
 
 // Takes the value of the Content-Type header, without white space around it, into the caller's string. Of several such lines

@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -176,4 +177,49 @@ TEST(ignoring_handlers, take_anything) {
     webio::ignore_content_length()(4294967295);
     static_assert(noexcept(webio::ignore_header_line()(nullptr, 0)));
     static_assert(noexcept(webio::ignore_content_length()(0)));
+}
+
+namespace {
+
+std::optional<std::uint16_t> status_of(std::string_view line) {
+    const auto copy = std::make_unique<char[]>(line.size()); // of its very size, so that a read past it shows
+    std::memcpy(copy.get(), line.data(), line.size());
+    std::optional<std::uint16_t> status;
+    webio::status_line_handler handler(status);
+    handler(copy.get(), line.size());
+    return status;
+}
+
+} // namespace
+
+TEST(status_line_handler, takes_the_three_digits_behind_the_version) {
+    EXPECT_EQ(200, status_of("HTTP/1.1 200 OK\r\n"));
+    EXPECT_EQ(404, status_of("HTTP/1.0 404\r\n"));
+    EXPECT_EQ(999, status_of("HTTP/1.1 999"));
+    EXPECT_EQ(0, status_of("HTTP/1.1 000 Told\r\n"));
+    EXPECT_EQ(407, status_of("HTTP/1.1 407 Proxy Authentication Required 200\r\n"));
+}
+
+TEST(status_line_handler, takes_nothing_from_what_is_no_status_line) {
+    for (const std::string_view line :
+         {"", " ", "HTTP/1.1", "HTTP/1.1 ", "HTTP/1.1 20", "HTTP/1.1 -20 OK", "HTTP/1.1 2x0 OK",
+          "HTTP/1.1  200 OK", "HTTP/1.1 abc", "200\r\n", "HTTP/1.1\t200 OK"}) {
+        EXPECT_EQ(std::nullopt, status_of(line)) << line;
+    }
+}
+
+TEST(status_line_handler, looks_at_the_first_line_alone) {
+    std::optional<std::uint16_t> status;
+    webio::status_line_handler handler(status);
+    for (const std::string_view line :
+         {"HTTP/1.1 404 Not Found\r\n", "X-Status: 200 OK\r\n", "HTTP/1.1 200 OK\r\n"}) {
+        handler(line.data(), line.size());
+    }
+    EXPECT_EQ(404, status);
+    std::optional<std::uint16_t> none;
+    webio::status_line_handler other(none);
+    for (const std::string_view line : {"\r\n", "HTTP/1.1 200 OK\r\n"}) {
+        other(line.data(), line.size());
+    }
+    EXPECT_EQ(std::nullopt, none);
 }
