@@ -227,7 +227,7 @@ word_run() {
     x64) wanted=("${products_x64[@]}" "${products_run_x64[@]}") ;;
     *) die "unknown architecture $arch" "--arch takes arm64 or x64." ;;
     esac
-    [[ -z $crash ]] || wanted+=("${products_native[@]}")
+    wanted+=("${products_native[@]}")
     need "${wanted[@]}"
     check_namespaces
     [[ $isolation == full ]] || die "$namespaces_fault" "The demonstration needs a network of its own. ./dev build works without."
@@ -244,6 +244,8 @@ word_run() {
     LUMARIS_PUBLIC_KEY=$(grep -v '^untrusted comment:' "$here/build/demo-key/demo.pub")
     export LUMARIS_PUBLIC_KEY
     job build "$arch-demo" || return
+    # What it is updated to, and who judges what is published.
+    [[ -n $crash ]] || { job build --target lumaris "$arch-demo-next" && job build --target lumaris_judge native-release; } || return
     # The reader of reports runs on this machine.
     [[ -z $crash ]] || job build --target read_report native-release || return
     check_after_failure in_room python3 tools/demo "$@"

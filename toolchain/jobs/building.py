@@ -16,6 +16,7 @@ from collections.abc import Iterator
 from pathlib import Path
 
 from jobs.common import JobError, cores
+from jobs.version import configured_version, next_version
 
 SETTINGS = ("LUMARIS_PUBLIC_KEY", "LUMARIS_UPDATE_HOST", "LUMARIS_REPORT_HOST", "LUMARIS_PARTNER", "LUMARIS_VERSION")
 
@@ -48,6 +49,8 @@ def locked(folder: Path) -> Iterator[None]:
 def settings_of(preset: str) -> dict[str, str]:
     """The settings of the environment that this preset takes; test presets keep the test key, the default hosts and their partner."""
     given = {name: os.environ[name].strip() for name in SETTINGS if name in os.environ}
+    if preset.endswith("-next"):
+        return {**given, "LUMARIS_VERSION": next_version(configured_version())}
     if not preset.startswith("native-") and not preset.endswith(("-test", "-coverage", "-sanitize")):
         return given
     settings = {name: value for name, value in given.items() if name == "LUMARIS_VERSION"}

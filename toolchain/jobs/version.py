@@ -19,3 +19,9 @@ def configured_version() -> str:
     """The version that a build has which is configured now."""
     given = os.environ.get("LUMARIS_VERSION", "").strip()
     return given or version_of((TREE / "CMakeLists.txt").read_text(encoding="utf-8"))
+
+
+def next_version(version: str) -> str:
+    """The next patch of a version."""
+    major, minor, patch = version.split(".")
+    return f"{major}.{minor}.{int(patch) + 1}"

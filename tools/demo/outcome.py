@@ -5,6 +5,7 @@ from __future__ import annotations
 from dataclasses import dataclass
 
 from bed import update_server
+from bed import version as versions
 
 ERROR_EVENT = 0x80000001
 
@@ -43,7 +44,8 @@ class Circumstances:
     @property
     def package(self) -> str:
         """The path of the package on the server."""
-        return f"{update_server.PACKAGE_FOLDER}/{update_server.package_name(self.effective_variant)}"
+        offered = versions.OWN if self.old else versions.NEWER
+        return f"/packages/{offered}/{update_server.package_name(self.effective_variant)}"
 
 
 @dataclass(frozen=True)

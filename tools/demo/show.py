@@ -2,7 +2,10 @@
 
 from __future__ import annotations
 
+import os
 import re
+import subprocess
+import sys
 import time
 from contextlib import ExitStack
 from pathlib import Path
@@ -26,6 +29,7 @@ class Show:
 
     def __init__(self, tree: Path, given: Circumstances) -> None:
         self._given = given
+        self._tree = tree
         self._key = KeyPair(tree / "build/demo-key/demo.pub", tree / "build/demo-key/demo.key")
         self._build = tree / f"build/{given.architecture}-demo"
         self._timeline = Timeline()
@@ -49,7 +53,7 @@ class Show:
 
     def _perform(self, network: isolation.PrivateNetwork) -> None:
         given = self._given
-        files = network.work / "published"
+        files = network.work / "publication/public"
         self._publish(network.work, files)
         with ExitStack() as stack:
             self._server = Nginx(network.work / "nginx", files)
@@ -72,15 +76,20 @@ class Show:
 
     def _publish(self, work: Path, files: Path) -> None:
         given = self._given
-        published = update_server.Publication(files, self._key)
-        self._package = package.InstallerPackage.build(work, given.architecture)
-        self._say(f"minisign key pair {self._key.public.name}: {self._key.line}")
-        self._say(f"wixl built Halvoro {self._package.version}: {self._package.path.stat().st_size:,} bytes, "
-                  "a file and a registry value")
-        package_file = published.file(given.package, self._package.path.read_bytes())
         offered = versions.OWN if given.old else versions.NEWER
-        description = published.description(given.description, offered.offer, f"Halvoro {offered}")
-        self._say(f"minisign signed {given.package} and {given.description}, which offers version {offered.offer}")
+        self._package = package.InstallerPackage.build(work, given.architecture, str(offered), program=self._program_of(given.old))
+        self._say(f"minisign key pair {self._key.public.name}: {self._key.line}")
+        self._say(f"wixl built Halvoro {offered}: {self._package.path.stat().st_size:,} bytes, a file, a registry value and the lumaris.exe "
+                  "of its version")
+        root = files.parent
+        channel, variant = given.effective_channel, given.effective_variant
+        self._kit("init", str(root), "--host", isolation.UPDATE_HOST, "--public-key", self._key.line, "--channels", channel,
+                  "--architecture", given.architecture, *([f"--variants={variant}"] if variant else []))
+        for each in dict.fromkeys(("", variant)):
+            self._kit("--root", str(root), "stage", str(self._package.path), *([f"--variant={each}"] if each else []), "--key", str(self._key.secret),
+                      "--accept", "the demonstration has hosts that are reserved for examples")
+        self._kit("--root", str(root), "offer", str(offered), "--channel", channel, "--key", str(self._key.secret))
+        package_file, description = files / given.package.lstrip("/"), files / given.description.lstrip("/")
         if given.tamper == "description":
             description.write_bytes(description.read_bytes().replace(b"Halvoro 3", b"Halvoro 9"))
             self._say(f"and somebody changed {description.name} afterwards")
@@ -95,6 +104,21 @@ class Show:
             changed = line[:60] + ("A" if line[60] != "A" else "B") + line[61:]
             signature.write_text("\n".join([comment, changed, *rest]) + "\n", encoding="ascii")
             self._say(f"and somebody changed one character of {signature.name} afterwards")
+
+    def _program_of(self, old: bool) -> Path:
+        """The program of the version that is offered."""
+        return self._program_file("lumaris.exe") if old else Path(f"{self._build}-next") / "src/updater/lumaris.exe"
+
+    def _kit(self, *arguments: str) -> None:
+        """Publishes as a release engineer does."""
+        done = subprocess.run([sys.executable, "-m", "lumaris_publish", *arguments], capture_output=True, text=True, timeout=120, check=False,
+                              env={**os.environ, "PYTHONPATH": str(self._tree / "tools/publish"),
+                                   "LUMARIS_JUDGE": str(self._tree / "build/native-release/tools/publish/lumaris_judge")})
+        if done.returncode != 0:
+            raise BedError(done.stderr.strip())
+        for line in done.stdout.splitlines():
+            if not line.startswith(("next: ", "      ")):
+                self._timeline.add("publisher", line)
 
     def _arrange(self, machine: Windows, stack: ExitStack, network: isolation.PrivateNetwork) -> None:
         given = self._given
