@@ -9,9 +9,11 @@ from __future__ import annotations
 import argparse
 import json
 import re
+import shutil
 import statistics
 import subprocess
 import sys
+import tempfile
 import time
 from collections.abc import Callable
 from contextlib import ExitStack
@@ -21,18 +23,22 @@ from pathlib import Path
 import size_report
 
 TREE = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(TREE / "tests"))
+sys.path[:0] = [str(TREE / "tests"), str(TREE / "tools/installer")]
 
 from bed import certificates, isolation, settings, update_server, version, windows  # noqa: E402  (the path to it is set above)
 from bed.report_server import BODY, FULL_WANTED, HEAD, REPLIED, Answer, ReportServer, make_report_server  # noqa: E402
 from bed.services import Nginx  # noqa: E402
 from bed.signing import KeyPair  # noqa: E402
 
+import package  # noqa: E402  isort: skip
+
 MB = 1 << 20
 X64 = TREE / "build/x64-test"
 ARM64 = TREE / "build/arm64-test"
 NATIVE = TREE / "build/native-release"
 SIZE_LIMIT = 600 * 1024
+CHECK_LIMIT = 500 * 1024
+INSTALLER_LIMIT = 150 * 1024
 
 
 @dataclass
@@ -222,6 +228,32 @@ def idle_run(bench: Bench) -> list[Verdict]:
             Verdict("run with nothing to update: time over an empty program's", f"{empty_ratio:.1f}", "stated", True)]
 
 
+def machine_check(bench: Bench) -> list[Verdict]:
+    """The check of a machine, from start to exit."""
+    path = update_server.description_path("win10", "stable")
+    update_server.Publication(bench.files, bench.key).description(path, version.OWN.offer, f"Halvoro {version.OWN}")
+    check = bench.program(X64 / "tools/check/lumaris_check.exe")
+    bare = bench.program(X64 / "bench/bench_bare_look.exe")
+
+    def look() -> float:
+        # The bare machine has neither task nor event source: that is a problem, and exit code 1.
+        run = bench.machine.run(f'"{check}"')
+        if run.exit_code != 1 or "ok description" not in " ".join(run.output.split()):
+            raise SystemExit(f"{check}: exit code {run.exit_code}\n{run.output}")
+        return run.end - run.begin
+
+    def ask() -> float:
+        run = bench.machine.run(f'"{bare}" {path}')
+        if run.exit_code != 0:
+            raise SystemExit(f"{bare}: exit code {run.exit_code}")
+        return run.end - run.begin
+
+    several = Bench(bench.machine, bench.server, bench.files, bench.key, bench.runs * 5)
+    ours, theirs, ratio = several.pairs(look, ask)
+    print(f"  lumaris_check {ours * 1000:.0f} ms, bare program {theirs * 1000:.0f} ms")
+    return [Verdict("check of a machine: time over a bare program that asks the same", f"{ratio:.2f}", "at most 1.50", ratio <= 1.5)]
+
+
 def report_size(bench: Bench) -> list[Verdict]:
     """Short and full report of a crash, and the system's minidump of the same crash."""
     dump = bench.machine.folder / "crash.dmp"
@@ -287,11 +319,28 @@ def size(_: Bench) -> list[Verdict]:
     program = ARM64 / "src/updater/lumaris.exe"
     print(size_report.table(program))
     taken = program.stat().st_size
-    return [Verdict("lumaris.exe for ARM64, stripped", f"{taken / 1024:.0f} KB", "at most 600 KB", taken <= SIZE_LIMIT)]
+    checks = {name: (build / "tools/check/lumaris_check.exe").stat().st_size for name, build in (("ARM64", ARM64), ("x86-64", X64))}
+    return [Verdict("lumaris.exe for ARM64, stripped", f"{taken / 1024:.0f} KB", "at most 600 KB", taken <= SIZE_LIMIT),
+            *(Verdict(f"lumaris_check.exe for {name}", f"{each / 1024:.0f} KB", "under 500 KB", each < CHECK_LIMIT) for name, each in checks.items()),
+            _installer_size()]
+
+
+def _installer_size() -> Verdict:
+    """The installer package over the program that it carries."""
+    with tempfile.TemporaryDirectory(prefix="installer-") as folder:
+        programs = Path(folder)
+        for file in ("src/updater/lumaris.exe", "tools/check/lumaris_check.exe", "packaging/installer/lumaris_setup.dll"):
+            shutil.copy(ARM64 / file, programs)
+        version = package.file_version(programs / "lumaris.exe").removesuffix(".0")
+        made = programs / "lumaris.msi"
+        package.make(programs, "arm64", version, made)
+        more = made.stat().st_size - (programs / "lumaris.exe").stat().st_size
+    return Verdict("installer package for ARM64: size over the program's", f"{more / 1024:+.0f} KB", "at most +150 KB", more <= INSTALLER_LIMIT)
 
 
 MEASUREMENTS = {"check": present_package, "download": download, "memory": memory, "url": url_parse, "compress": compress,
-                "cache": cached_read, "idle": idle_run, "report": report_size, "installation": installation, "crash": crash_time,
+                "cache": cached_read, "idle": idle_run, "machine": machine_check,
+                "report": report_size, "installation": installation, "crash": crash_time,
                 "size": size}
 
 
