@@ -413,9 +413,9 @@ void look_at_events(findings& found) {
     std::wstring value;
     LSTATUS status = ERROR_SUCCESS;
     if (!read_value(events_key, L"EventMessageFile", value, status)) {
-        found.items.push_back({"event source", state::problem,
-                               "the event source HalvoroUpdate is not registered",
-                               "Repair the installation, or register it as docs/administrators.md says."});
+        found.items.push_back(
+            {"event source", state::problem, "the event source HalvoroUpdate is not registered",
+             "Repair the installation: msiexec /i PACKAGE /qn REINSTALL=ALL REINSTALLMODE=vomus."});
     } else if (!exists(value)) {
         found.items.push_back({"event source", state::problem,
                                "the event source names " + utf8(value) + ", which does not exist",
