@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from collections.abc import Callable
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -20,7 +21,7 @@ class Found:
     faults: list[Fault]
 
 
-def check(file: Path, settings: Settings, history: History, variant: str, digest: str) -> Found:
+def check(file: Path, settings: Settings, history: History, variant: str, digest: Callable[[], str]) -> Found:
     """Everything about a package but its bytes. Raises Refusal where it cannot even be read."""
     package = msi.read(file)
     own = version.parse(package.version)
@@ -71,14 +72,14 @@ def _check_program(carried: program.Program, own: version.Version, settings: Set
     return faults
 
 
-def _check_past(package: msi.Package, own: version.Version, variant: str, history: History, digest: str) -> list[Fault]:
+def _check_past(package: msi.Package, own: version.Version, variant: str, history: History, digest: Callable[[], str]) -> list[Fault]:
     faults = []
     codes = {staged.upgrade_code for staged in history.staged if staged.variant == variant} or {staged.upgrade_code for staged in history.staged}
     if codes and package.upgrade_code not in codes:
         faults.append(Fault("upgrade-code", f"the UpgradeCode is {package.upgrade_code} and was {', '.join(sorted(codes))}: the new version would "
                                             "be installed beside the old one; keep the code", policy=True))
     for staged in history.staged:
-        if staged.product_code == package.product_code and staged.sha256 != digest and \
+        if staged.product_code == package.product_code and staged.sha256 != digest() and \
                 (staged.version, staged.variant) != (str(own), variant):
             faults.append(Fault("product-code", f"the ProductCode {package.product_code} was that of {staged.title} already: the installer would "
                                                 "refuse it; let every package have a code of its own (Id=\"*\")"))

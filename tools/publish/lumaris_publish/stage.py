@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import argparse
 import concurrent.futures
+from collections.abc import Callable
 from pathlib import Path
 
 from . import address, checks, files, lock, names, record, terminal, version
@@ -38,17 +39,17 @@ def run(options: argparse.Namespace, signer: Signer) -> int:
         made = publication.packages / f".new-{given.stem}"
         name = names.package_name(options.variant)
         try:
-            with files.explained(), Judge(settings.public_key) as clients, concurrent.futures.ThreadPoolExecutor(2) as pool:
-                # What is checked must be what is signed: everything is done with our own copy. Reading it several times costs the most, so
-                # that is done at once; what is signed too early is thrown away, and nobody has seen it.
+            with files.explained(), Judge(settings.public_key) as clients, concurrent.futures.ThreadPoolExecutor(1) as pool:
+                # What is checked must be what is signed: everything is done with our own copy. Reading it costs the most, so the judge and
+                # the digest begin before they are needed. Nothing is signed before all is checked: a signature cannot be called back.
                 made.mkdir()
                 progress = terminal.Progress("copying", given.stat().st_size)
-                size, digest = files.copy_hashed(given, made / name, progress)
+                size = files.copy(given, made / name, progress)
                 progress.end()
-                checking = pool.submit(checks.check, made / name, settings, history, options.variant, digest)
+                digesting = pool.submit(files.digest, made / name)
                 clients.send("ahead", made / name)
-                found = checking.result()
-                accepted = _judge_version(found, options, history, digest)
+                found = checks.check(made / name, settings, history, options.variant, digesting.result)
+                accepted = _judge_version(found, options, history, digesting.result)
                 if accepted is None:
                     terminal.say(f"{found.version} is staged already, with the same bytes: nothing to do")
                     return 0
@@ -62,6 +63,7 @@ def run(options: argparse.Namespace, signer: Signer) -> int:
                 if said.what != ACCEPTED or said.size != size:
                     raise refuse("judge", f"clients would refuse the package: {said.message or 'it is empty'}; is the key the one that "
                                           "publish.toml names?")
+                digest = digesting.result()
                 staged = record.Staged(str(found.version), options.variant, folder, digest, size, found.package.product_code,
                                        found.package.upgrade_code)
                 publication.add_package(staged, made, record.Entry(
@@ -77,11 +79,11 @@ def run(options: argparse.Namespace, signer: Signer) -> int:
     return 0
 
 
-def _judge_version(found: checks.Found, options: argparse.Namespace, history: record.History, digest: str) -> list[str] | None:
+def _judge_version(found: checks.Found, options: argparse.Namespace, history: record.History, digest: Callable[[], str]) -> list[str] | None:
     """The names of what was accepted, or None for a package that is staged already."""
     known = history.find(str(found.version), options.variant)
     if known is not None:
-        checks.check_same(known, digest)
+        checks.check_same(known, digest())
         return None
     if options.expect and version.parse(options.expect) != found.version:
         raise refuse("version", f"the package is {found.version}, not {options.expect}: give the package that you mean")
