@@ -211,7 +211,7 @@ END
 }
 
 word_run() {
-    local arch=arm64 argument next='' crash='' wanted=(room-amd64)
+    local arch=arm64 argument next='' crash='' target wanted=(room-amd64)
     for argument in "$@"; do
         [[ $argument != --help && $argument != -h ]] || { run_help; return; }
         [[ $next != arch ]] || arch=$argument
@@ -245,7 +245,10 @@ word_run() {
     export LUMARIS_PUBLIC_KEY
     job build "$arch-demo" || return
     # What it is updated to, and who judges what is published.
-    [[ -n $crash ]] || { job build --target lumaris "$arch-demo-next" && job build --target lumaris_judge native-release; } || return
+    if [[ -z $crash ]]; then
+        for target in lumaris lumaris_check lumaris_setup; do job build --target "$target" "$arch-demo-next" || return; done
+        job build --target lumaris_judge native-release || return
+    fi
     # The reader of reports runs on this machine.
     [[ -z $crash ]] || job build --target read_report native-release || return
     check_after_failure in_room python3 tools/demo "$@"

@@ -1,13 +1,23 @@
-"""A small but real installer package: one file and one registry value, and the updater where one is given."""
+"""A small but real installer package: one file and one registry value, and the updater where one is given.
+
+Given a folder of built programs it is the sample of a product's own package: it includes the fragment of packaging/installer, as Halvoro's does, and
+so brings the updater with its check, event source, task and folder.
+"""
 
 from __future__ import annotations
 
 import subprocess
+import sys
+import tempfile
 from dataclasses import dataclass
 from pathlib import Path
 
 from .errors import BedError
 from .version import NEWER
+
+sys.path.append(str(Path(__file__).resolve().parents[2] / "tools/installer"))
+
+import package as packaging  # noqa: E402  (the path to it is set above)
 
 INSTALLED_FILE = "C:\\Program Files\\Tavrin\\Halvoro\\halvoro.txt"
 REGISTRY_KEY = "HKLM\\SOFTWARE\\Tavrin\\Halvoro"
@@ -36,7 +46,7 @@ _SOURCE = """<?xml version="1.0" encoding="utf-8"?>
     <Feature Id="Everything" Level="1">
       <ComponentRef Id="Program"/>
 {reference}    </Feature>
-  </Product>
+{fragment}  </Product>
 </Wix>
 """
 
@@ -50,6 +60,16 @@ _GUARD = """    <MajorUpgrade DowngradeErrorMessage="A newer version of Halvoro 
 _PROGRAM = """            <Component Id="Updater" Guid="b6a0b6a8-8f5e-4be4-8a77-1f3d3f0e2b72" Win64="yes">
               <File Id="lumaris.exe" Name="lumaris.exe" Source="{file}" KeyPath="yes"/>
             </Component>
+"""
+
+# What a product's own package says about its updater, and that its maker's folder goes with it.
+_KIT = """    <DirectoryRef Id="MakerFolder">
+      <Component Id="Maker" Guid="b6a0b6a8-8f5e-4be4-8a77-1f3d3f0e2b73" Win64="yes">
+        <CreateFolder/>
+        <RemoveFolder Id="Maker" On="uninstall"/>
+      </Component>
+    </DirectoryRef>
+    <?include lumaris.wxs?>
 """
 
 
@@ -72,7 +92,7 @@ class InstallerPackage:
         source = folder / "halvoro.wxs"
         source.write_text(_SOURCE.format(version=version, file=folder / "halvoro.txt", guard=_GUARD if guarded else "",
                                          program=_PROGRAM.format(file=program) if program else "",
-                                         reference='      <ComponentRef Id="Updater"/>\n' if program else ""), encoding="utf-8")
+                                         reference='      <ComponentRef Id="Updater"/>\n' if program else "", fragment=""), encoding="utf-8")
         path = folder / f"halvoro-{version}{'' if guarded else '-unguarded'}-{architecture}.msi"
         path.unlink(missing_ok=True)
         _run("wixl", "-a", "x64", "-o", str(path), str(source))
@@ -83,6 +103,23 @@ class InstallerPackage:
         if architecture == "arm64":
             # wixl knows no ARM64; the platform stands in the summary information alone.
             _run("msibuild", str(path), "-s", "Halvoro", "Tavrin", "Arm64;1033")
+        return InstallerPackage(path, version, text)
+
+    @staticmethod
+    def build_with_kit(folder: Path, architecture: str, build: Path, version: str = str(NEWER)) -> InstallerPackage:
+        """Builds "Halvoro" with all that its updater needs, from the programs in a build folder."""
+        text = f"Halvoro {version}, installed by its own installer package.\n"
+        (folder / "halvoro.txt").write_text(text, encoding="ascii")
+        source = folder / "halvoro-with-kit.wxs"
+        source.write_text(_SOURCE.format(version=version, file=folder / "halvoro.txt", guard=_GUARD, program="",
+                                         reference='      <ComponentGroupRef Id="Lumaris"/>\n      <ComponentRef Id="Maker"/>\n',
+                                         fragment=_KIT), encoding="utf-8")
+        path = folder / f"halvoro-{version}-with-kit-{architecture}.msi"
+        programs = packaging.programs_of(build)
+        with tempfile.TemporaryDirectory(prefix="installer-") as staged:
+            packaging.stage(programs, Path(staged))
+            packaging.pack(source, path, Path(staged), {})
+        packaging.finish(path, architecture, {name: programs[name] for name in packaging.PROGRAMS}, subject=f"Halvoro {version}")
         return InstallerPackage(path, version, text)
 
 

@@ -16,6 +16,7 @@ import pytest
 import yaml
 
 from bed import certificates, settings
+from bed import package as product
 from bed.snapshot import Snapshot
 from bed.windows import Windows, windows_path
 from installation import EVENTS, INSTALL_FAILURE, NAMESPACE, NEWER, OWN, PROGRAM, TASK, TREE, Installer
@@ -50,6 +51,14 @@ def registry(machine: Windows, key: str) -> dict[str, str]:
     return entries
 
 
+def registry_without_us(machine: Windows) -> list[dict[str, str]]:
+    """The registry of a machine that has never seen the product."""
+    # As on every real Windows, ours is not the only source of events.
+    machine.set_value("HKLM\\SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\Other", "TypesSupported", 7)
+    machine.delete_key("HKLM\\SOFTWARE\\Tavrin")
+    return [registry(machine, key) for key in ("HKLM\\Software", "HKLM\\System")]
+
+
 def changed(before: dict[str, str], after: dict[str, str]) -> list[str]:
     """What differs between two states of the registry."""
     return [f"{name}: {before.get(name)} -> {after.get(name)}" for name in sorted(before.keys() | after.keys()) if before.get(name) != after.get(name)]
@@ -58,10 +67,7 @@ def changed(before: dict[str, str], after: dict[str, str]) -> list[str]:
 def test_an_installation_brings_program_event_source_folder_and_task_and_its_removal_takes_them(installer: Installer, world: World) -> None:
     machine = installer.machine
     installer.package()
-    # As on every real Windows, ours is not the only source of events.
-    machine.set_value("HKLM\\SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\Other", "TypesSupported", 7)
-    machine.delete_key("HKLM\\SOFTWARE\\Tavrin")
-    before = [registry(machine, key) for key in ("HKLM\\Software", "HKLM\\System")]
+    before = registry_without_us(machine)
     drive = Snapshot(machine.unix_path("C:\\").resolve())
     installer.install()
 
@@ -179,6 +185,33 @@ def test_a_step_that_fails_takes_back_the_task_that_this_installation_made_and_n
     assert installer.has_task() == before
     for key, value in ((settings.UPDATER_KEY, "Channel"), (settings.PRODUCT_KEY, "ProxyUporabnik"), (settings.PRODUCT_KEY, "ProxyGeslo")):
         assert installer.machine.value(key, value) is None
+
+
+def test_the_product_s_own_package_brings_the_updater_with_all_that_it_needs_and_takes_it_along(installer: Installer, world: World) -> None:
+    machine, build = installer.machine, installer.bed.program_file.parents[2]
+    sample = product.InstallerPackage.build_with_kit(installer.folder, machine.architecture, build)
+    own = packaging.file_version(installer.bed.program_file)
+    complaints = checks.check(sample.path, machine.architecture, sample.version)
+    # All that is wrong with it here: it carries the programs of the version that updates to it.
+    assert complaints == [f"{name} has the version {own}, not {sample.version}.0" for name in packaging.PROGRAMS]
+
+    before = registry_without_us(machine)
+    drive = Snapshot(machine.unix_path("C:\\").resolve())
+    world.offer(content=sample.path.read_bytes())
+    run = world.run(installer_ends=True)
+    # The installer runs the package's actions in a process of its own.
+    assert (run.exit_code, run.events, len(run.commands)) == (0, (), 1)
+    assert {(each.image, each.exit_code) for each in run.left} == {("C:\\windows\\system32\\msiexec.exe", 0)}
+    assert machine.unix_path(product.INSTALLED_FILE).read_text(encoding="ascii") == sample.file_text
+    assert machine.unix_path(PROGRAM).read_bytes() == world.bed.program_file.read_bytes()
+    assert machine.value(EVENTS, "EventMessageFile") == PROGRAM
+    assert installer.has_task()
+
+    assert installer.msiexec("/x", sample.path).exit_code == 0, installer.log[-3000:]
+    after = [registry(machine, key) for key in ("HKLM\\Software", "HKLM\\System")]
+    assert [line for pair in zip(before, after, strict=True) for line in changed(*pair)
+            if not any(re.fullmatch(allowed, line) for allowed in UNAVOIDABLE)] == []
+    assert set(drive.changes()) <= {"new d windows/Installer"}
 
 
 # What Wine does not show is in the tables

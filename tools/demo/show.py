@@ -22,6 +22,10 @@ from timeline import Timeline
 _PROXY_USER = "lumaris"
 _PROXY_PASSWORD = "Geslo-za-posrednika"
 _LIMIT = 120.0
+_INSTALLED_PROGRAM = "C:\\Program Files\\Tavrin\\Halvoro\\lumaris.exe"
+_INSTALLED_CHECK = "C:\\Program Files\\Tavrin\\Halvoro\\lumaris_check.exe"
+_EVENT_SOURCE = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\HalvoroUpdate"
+_TASK = "C:\\windows\\system32\\tasks\\Tavrin\\Halvoro update"
 
 
 class Show:
@@ -77,10 +81,11 @@ class Show:
     def _publish(self, work: Path, files: Path) -> None:
         given = self._given
         offered = versions.OWN if given.old else versions.NEWER
-        self._package = package.InstallerPackage.build(work, given.architecture, str(offered), program=self._program_of(given.old))
+        self._offered_build = self._build if given.old else Path(f"{self._build}-next")
+        self._package = package.InstallerPackage.build_with_kit(work, given.architecture, self._offered_build, str(offered))
         self._say(f"minisign key pair {self._key.public.name}: {self._key.line}")
-        self._say(f"wixl built Halvoro {offered}: {self._package.path.stat().st_size:,} bytes, a file, a registry value and the lumaris.exe "
-                  "of its version")
+        self._say(f"wixl built Halvoro {offered}: {self._package.path.stat().st_size:,} bytes, a file, a registry value, and the updater "
+                  "of its version with its check, event source and task")
         root = files.parent
         channel, variant = given.effective_channel, given.effective_variant
         self._kit("init", str(root), "--host", isolation.UPDATE_HOST, "--public-key", self._key.line, "--channels", channel,
@@ -104,10 +109,6 @@ class Show:
             changed = line[:60] + ("A" if line[60] != "A" else "B") + line[61:]
             signature.write_text("\n".join([comment, changed, *rest]) + "\n", encoding="ascii")
             self._say(f"and somebody changed one character of {signature.name} afterwards")
-
-    def _program_of(self, old: bool) -> Path:
-        """The program of the version that is offered."""
-        return self._program_file("lumaris.exe") if old else Path(f"{self._build}-next") / "src/updater/lumaris.exe"
 
     def _kit(self, *arguments: str) -> None:
         """Publishes as a release engineer does."""
@@ -212,7 +213,9 @@ class Show:
             self._timeline.add("windows", f"{installer.image} starts", installer.begin)
             self._timeline.add("windows", f"{installer.image} ends with exit code {_code(installer.exit_code)}", installer.end)
             self._expect("the installer's exit code", 0, installer.exit_code)
-        self._expect("the number of installers started", 1 if outcome.installs else 0, len(installers))
+        # One is started; it runs the package's actions in processes of its own.
+        self._expect("the number of installers started", 1 if outcome.installs else 0, len(run.commands))
+        self._expect("an installer still at work", outcome.installs, bool(installers))
         if not outcome.installs:
             self._expect("anything installed", False, machine.unix_path(package.INSTALLED_FILE).exists())
             return
@@ -235,6 +238,28 @@ class Show:
         self._timeline.add("disk", f"{package.REGISTRY_KEY}, {package.REGISTRY_VALUE}: {value!s}")
         self._expect("the installed file", self._package.file_text, text)
         self._expect("the installed registry value", self._package.version, value)
+        self._show_kit(machine, outcome)
+
+    def _show_kit(self, machine: Windows, outcome: Outcome) -> None:
+        """What the package has brought for the updater, and what its check says of the machine."""
+        program = machine.unix_path(_INSTALLED_PROGRAM)
+        same = program.exists() and program.read_bytes() == (self._offered_build / "src/updater/lumaris.exe").read_bytes()
+        self._timeline.add("disk", f"{_INSTALLED_PROGRAM}: " + ("the program that was packed" if same else "NOT the program that was packed"))
+        self._expect("the installed updater to be the packed one", True, same)
+        texts = machine.value(_EVENT_SOURCE, "EventMessageFile")
+        self._timeline.add("disk", f"event source HalvoroUpdate: texts in {texts!s}")
+        self._expect("the event source's texts", _INSTALLED_PROGRAM, texts)
+        task = machine.unix_path(_TASK).exists()
+        self._timeline.add("disk", "scheduled task \\Tavrin\\Halvoro update: " + ("there" if task else "missing"))
+        self._expect("the scheduled task", True, task)
+        log_size = _size(self._server.access_log)
+        checked = machine.run(f'"{_INSTALLED_CHECK}"', limit=_LIMIT)
+        verdict = next((line for line in checked.output.splitlines() if line.startswith("VERDICT: ")), "VERDICT: none")
+        # The installed program is the version that is offered: its check asks for the description, and for no package.
+        asked = list(outcome.requests[:2])
+        self._expect("the check's requests", asked, self._show_requests(log_size, len(asked)))
+        self._timeline.add("check", f"lumaris_check.exe: {verdict.removeprefix('VERDICT: ')}", checked.end)
+        self._expect("the check's exit code", 0, checked.exit_code)
 
     # The judgement
 

@@ -7,7 +7,7 @@ import time
 from dataclasses import dataclass
 
 _SOURCES = {"demo": "", "windows": "34", "program": "34", "server": "36", "publisher": "35", "proxy": "35", "event log": "33",
-            "installer": "32", "disk": "32", "screen": "35", "user": "33"}
+            "installer": "32", "disk": "32", "screen": "35", "user": "33", "check": "32"}
 _WIDTH = max(map(len, _SOURCES))
 
 
