@@ -7,7 +7,7 @@ set(lumaris_key_help
     "Make a key pair with:\n"
     "      minisign -G -p halvoro.pub -s halvoro.key\n"
     "  keep the .key file secret, and give the last line of the .pub file, for example\n"
-    "      ./dev build arm64 --key halvoro.pub\n"
+    "      ./dev build arm64 --key halvoro.pub --partner NAME\n"
     "  or -DLUMARIS_PUBLIC_KEY=RW... for cmake.")
 string(CONCAT lumaris_key_help ${lumaris_key_help})
 

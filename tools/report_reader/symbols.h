@@ -29,7 +29,7 @@ struct program_identity {
     std::uint32_t size_of_image; // PE optional header
     std::string pdb_name;        // of the debug directory, without a folder; empty without a PDB
     std::string pdb_id;          // GUID and age, as symbol stores name their folders
-    std::string version;         // of the version resource, such as "3.4.0"; empty without one
+    std::string version;         // of the version resource, such as "1.2.3"; empty without one
 };
 
 // Both throw std::runtime_error that names the file.

@@ -69,7 +69,7 @@ def _new(options: argparse.Namespace) -> int:
     terminal.say(f"the key {signing.key_name(line_of_key)} is made: {line_of_key}")
     terminal.next_step(f"copy {secret} to two devices that are kept apart, and its password to a third place",
                        "lumaris-publish keys drill --key COPY, with each copy",
-                       f"build the program with it: ./dev release --key {public} --update-host HOST --report-host HOST")
+                       f"build the program with it: ./dev release --key {public} --update-host HOST --report-host HOST --partner NAME")
     return 0
 
 
@@ -105,7 +105,7 @@ def _rotate(options: argparse.Namespace) -> int:
         files.write_whole(options.root / settings.FILE, left.text().encode("utf-8"))
     terminal.say(f"{old.host} is left for {new.host}: from now on only packages whose program trusts {signing.key_name(key)} and asks {new.host} are "
                  "staged here")
-    terminal.next_step(f"build the bridge release: a higher version, ./dev release --key NEW.pub --update-host {new.host}",
+    terminal.next_step(f"build the bridge release: a higher version, ./dev release --key NEW.pub --update-host {new.host} --partner NAME",
                        f"stage and offer it here, on every channel, signed with the old key; {old.host} serves it for ever",
                        f"stage and offer the same package in {root}, signed with the new key; later versions go there alone",
                        f"lumaris-publish fleet ACCESS.LOG --old-host {old.host}, to see who has not crossed over")
