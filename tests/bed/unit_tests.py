@@ -1,6 +1,6 @@
 """Runs the unit-test program in a Windows of the bed.
 
-    python3 -m bed.unit_tests ARCH PROGRAM AGENT REPORT [FILTER]
+    python3 -m bed.unit_tests ARCH PROGRAM AGENT REPORT [FILTER [OPTION OF THE TEST FRAMEWORK]...]
 
 The report is the test framework's XML; the exit status is 0 when the program ended and wrote it, whatever it says.
 """
@@ -28,7 +28,7 @@ def main() -> int:
             installed = windows_path(Path(program).resolve())
             written = machine.folder / "report.xml"
             line = f'"{installed}" --gtest_output=xml:{windows_path(written)} --gtest_catch_exceptions=0'
-            line += f" --gtest_filter={names[0]}" if names else ""
+            line += "".join(f" {option}" for option in ([f"--gtest_filter={names[0]}", *names[1:]] if names else []))
             run = machine.run(line, limit=_LIMIT)
             print(run.output)
             if written.exists():

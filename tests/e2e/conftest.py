@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import random
 import shutil
 import signal
 import sys
@@ -39,6 +40,7 @@ def pytest_addoption(parser: pytest.Parser) -> None:
     parser.addoption("--build", metavar="FOLDER", help="build folder (default: build/ARCH-test)")
     parser.addoption("--every-byte", action="store_true",
                      help="cut replies after every byte and not only at their seams, and let every fault meet every request")
+    parser.addoption("--shuffle", metavar="SEED", help="run the tests in the random order that follows from this text")
     parser.addoption("--backwards", action="store_true", help="run the tests in the opposite order")
 
 
@@ -49,7 +51,7 @@ def pytest_configure(config: pytest.Config) -> None:
 
 
 def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
-    """Leaves out what the other processor does and what takes long, and turns the order round where that is asked for."""
+    """Leaves out what the other processor does and what takes long, and changes the order where that is asked for."""
     without = [*["any_processor"] * (config.getoption("--arch") == "arm64"), *["at_length"] * (not config.getoption("--every-byte"))]
     left_out = [item for item in items if any(item.get_closest_marker(each) for each in without)]
     if left_out:
@@ -57,6 +59,8 @@ def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item
         config.hook.pytest_deselected(items=left_out)
     if config.getoption("--backwards"):
         items.reverse()
+    if seed := config.getoption("--shuffle"):
+        random.Random(seed).shuffle(items)
 
 
 @pytest.hookimpl(wrapper=True)
