@@ -59,6 +59,16 @@ def test_a_channel_that_could_change_the_path_is_ignored(world: World, channel: 
     assert_asks_for(world, "/Halvoro/Lumaris/win10-stable.txt")
 
 
+@pytest.mark.parametrize(("channel", "targets", "message"), [
+    ("caf\u00e9", ["/Halvoro/Lumaris/win10-caf%EF%BF%BD.txt.minisig"], "Failed to load Minisign signature: 404"),
+    ("caf\u0161", [], "encoding error"),
+])
+def test_a_channel_beyond_ascii_finds_nothing(world: World, channel: str, targets: list[str], message: str) -> None:
+    world.set_channel(channel)
+    world.assert_failed(world.run(), message)
+    assert world.targets == targets
+
+
 def test_a_long_channel_is_read_whole(world: World) -> None:
     world.set_channel("b" * 700)
     assert_asks_for(world, "/Halvoro/Lumaris/win10-" + "b" * 700 + ".txt")
