@@ -274,6 +274,10 @@ it should be it says what, and writes nothing. docs/release.md says what is chec
   --pkcs12 FILE           signs with the certificate and the key in this file
   --password-file FILE    the password of the key or of the PKCS#12 file
   --authority CERT        the root to check the signature against (default: what came with the certificate)
+  --sign-command 'CMD {file}'
+                          signs with a command of this machine, for a hardware key or a service: it signs the file in its place, and
+                          what it leaves is compared byte for byte; --authority is needed, too
+  --adopt SIGNED          takes a program that was signed elsewhere, compares it likewise, and writes the whole release
   --timestamp URL         gets an RFC 3161 time stamp there; this step alone uses the network
   --timestamp-authority CERT
                           the root to check the time stamp against (default: the room's certificates)
@@ -297,7 +301,7 @@ release_file() {
 }
 
 word_release() {
-    local arguments=() files=() output='' match='' online='' key i release_ship=()
+    local arguments=() files=() output='' match='' online='' command='' adopt='' key i release_ship=()
     while (($#)); do
         case $1 in
         --help | -h) release_help; return ;;
@@ -317,6 +321,8 @@ word_release() {
         --output) output=$2 ;;
         --match) match=$2 ;;
         --timestamp) online=$2 ;;
+        --sign-command) command=$2 ;;
+        --adopt) adopt=$2 ;;
         --certificate | --certificate-key | --pkcs12 | --password-file | --authority | --timestamp-authority) files+=("$1" "$2") ;;
         *) die "unknown option $1" "See ./dev release --help." ;;
         esac
@@ -338,6 +344,15 @@ word_release() {
     # What was shipped before does not stay beside a release that is refused.
     [[ -z $output ]] || rm -f -- "$output"/{lumaris.exe,lumaris.pdb,lumaris.cdx.json,THIRD-PARTY-NOTICES.txt,SHA256SUMS}
     job_release make "${arguments[@]}" || return
+    if [[ -n $command ]]; then
+        # On this machine, which knows its key; the room has neither devices nor a network.
+        adopt=$run_folder/signed/lumaris.exe
+        mkdir -p "$run_folder/signed" && cp "$here/build/release-candidate/lumaris.exe" "$adopt" || die "cannot copy the program"
+        local quoted
+        printf -v quoted '%q' "$adopt"
+        bash -c "${command//\{file\}/$quoted}" || die "the command that signs failed: $command"
+    fi
+    [[ -z $adopt ]] || release_file --adopt "$adopt"
     if [[ -n $online ]]; then
         isolation=mounts isolation_said=1 in_room --bind /etc/resolv.conf /etc/resolv.conf \
             python3 tools/release ship "${release_ship[@]}" --timestamp "$online" || return

@@ -138,13 +138,34 @@ def checksums(files: dict[str, bytes]) -> str:
     return "".join(f"{hashlib.sha256(data).hexdigest()}  {name}\n" for name, data in files.items())
 
 
-def assemble(candidate: Path, output: Path, identity: signing.Identity | None) -> None:
-    """Signs the candidate where there is somebody to sign, and writes what is shipped: everything, or nothing."""
+def adopted(program: Path, authority: Path | None, unsigned: bytes) -> bytes:
+    """A program that somebody else has signed: byte for byte the one that was built, but for a signature that holds."""
+    signed = program.read_bytes()
+    try:
+        stripped = signing.without_signature(signed)
+    except ValueError as error:
+        raise Refusal(f"{program.name}: {error}") from error
+    if complaints := compare.differences(program.name, stripped, unsigned):
+        raise Refusal(f"{program.name} without its signature is not the program that was built", *complaints)
+    if stripped == signed:
+        raise Refusal(f"{program.name} carries no signature: sign the program of build/release-candidate and give that")
+    if authority is None:
+        raise Refusal("nobody says whose signature it must be: give --authority with the root of the certificate")
+    print(signing.verify_against(program, authority).strip(), flush=True)
+    return signed
+
+
+def assemble(candidate: Path, output: Path, identity: signing.Identity | None, adopt: Path | None = None, authority: Path | None = None) -> None:
+    """Signs the candidate if there is somebody to sign, or takes the one that was signed elsewhere, and writes what is shipped: everything, or
+    nothing."""
     remove_shipped(output)
     unsigned, pdb = (candidate / "lumaris.exe").read_bytes(), (candidate / "lumaris.pdb").read_bytes()
     known = json.loads((candidate / "candidate.json").read_text(encoding="utf-8"))
     shipped = unsigned
-    if identity is not None:
+    if adopt is not None:
+        shipped = adopted(adopt, authority, unsigned)
+        print("release: signed elsewhere; without the signature it is the program that was built, byte for byte", flush=True)
+    elif identity is not None:
         with tempfile.TemporaryDirectory(prefix="sign-") as scratch:
             signed = Path(scratch) / "lumaris.exe"
             signing.sign(candidate / "lumaris.exe", identity, signed)
@@ -171,7 +192,10 @@ def assemble(candidate: Path, output: Path, identity: signing.Identity | None) -
 def ship(options: argparse.Namespace) -> None:
     """Signs what `make` left, and writes the release."""
     identity = None
-    if any((options.certificate, options.certificate_key, options.pkcs12)):
+    if options.adopt:
+        if any((options.certificate, options.certificate_key, options.pkcs12, options.password_file, options.timestamp)):
+            raise Refusal("a program that is signed already is not signed again: give --adopt, or a certificate")
+    elif any((options.certificate, options.certificate_key, options.pkcs12)):
         identity = signing.Identity(certificate=options.certificate, key=options.certificate_key, pkcs12=options.pkcs12,
                                     password_file=options.password_file, authority=options.authority,
                                     timestamp_url=options.timestamp, timestamp_authority=options.timestamp_authority)
@@ -179,8 +203,8 @@ def ship(options: argparse.Namespace) -> None:
             raise Refusal(fault)
     elif any((options.password_file, options.authority, options.timestamp, options.timestamp_authority)):
         raise Refusal("there is nobody to sign: give --certificate and --certificate-key, or --pkcs12")
-    assemble(options.candidate, options.output, identity)
-    if identity is None:
+    assemble(options.candidate, options.output, identity, options.adopt, options.authority)
+    if identity is None and options.adopt is None:
         print("release: WARNING: the program is not signed", flush=True)
 
 
@@ -205,7 +229,7 @@ def main(arguments: list[str] | None = None) -> int:
     step.add_argument("--allow-changes", action="store_true")
     step.set_defaults(run=make)
     step = steps.add_parser("ship", help="sign, and write the release")
-    for name in ("certificate", "certificate-key", "pkcs12", "password-file", "authority", "timestamp-authority"):
+    for name in ("certificate", "certificate-key", "pkcs12", "password-file", "authority", "timestamp-authority", "adopt"):
         step.add_argument(f"--{name}", type=Path)
     step.add_argument("--timestamp", metavar="URL")
     step.set_defaults(run=ship)

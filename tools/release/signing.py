@@ -85,6 +85,14 @@ def verify(signed: Path, identity: Identity, scratch: Path) -> str:
     return said
 
 
+def verify_against(signed: Path, authority: Path) -> str:
+    """Checks a signature that somebody else has made against a root, and returns what osslsigncode said."""
+    said = _run(["osslsigncode", "verify", "-CAfile", str(authority), "-in", str(signed)])
+    if "Signature verification: ok" not in said:
+        raise SigningError(f"osslsigncode verify does not say that the signature holds:\n{said.strip()}")
+    return said
+
+
 def without_signature(image: bytes) -> bytes:
     """The program as it was before it was signed. A program without a signature stays as it is.
 

@@ -38,15 +38,14 @@ template <class Take> void read_file(const std::string& path, std::vector<char> 
     }
     // Pieces are as large as ours anyway.
     std::setvbuf(file.get(), nullptr, _IONBF, 0);
-    for (;;) {
+    while (std::feof(file.get()) == 0) {
         const std::size_t length = std::fread(block.data(), 1, block.size(), file.get());
-        if (length == 0) {
-            if (std::ferror(file.get()) != 0) {
-                throw unreadable(path);
-            }
-            return;
+        if (std::ferror(file.get()) != 0) {
+            throw unreadable(path);
         }
-        take(block.data(), length);
+        if (length != 0) {
+            take(block.data(), length);
+        }
     }
 }
 
@@ -158,9 +157,9 @@ package_verdict judge::package(const std::string& content, const std::string& si
             return verdict;
         }
         const auto ahead = m_ahead.extract(content);
-        const read_package package = ahead ? read_package{std::move(ahead.mapped())} : read(content);
-        verdict.size = package.size;
-        if (!package.hash->verify(made, key)) {
+        const read_package known = ahead ? read_package{std::move(ahead.mapped())} : read(content);
+        verdict.size = known.size;
+        if (!known.hash->verify(made, key)) {
             throw std::runtime_error("Invalid Minisign signature");
         }
         verdict.accepted = true;

@@ -108,7 +108,7 @@ int main(int count, char** arguments) {
             } catch (const std::system_error& error) {
                 result = {{"verdict", "unreadable"}, {"message", characters(error.what())}};
             }
-            std::cout << result.dump() << std::endl;
+            std::cout << result.dump() << '\n' << std::flush;
         }
         return 0;
     } catch (const std::exception& error) {

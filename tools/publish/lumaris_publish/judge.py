@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import json
 import os
 import subprocess
@@ -66,7 +67,8 @@ class Judge:
         if kind is not None:
             self._process.kill()
         assert self._process.stdin is not None and self._process.stdout is not None
-        self._process.stdin.close()
+        with contextlib.suppress(BrokenPipeError):
+            self._process.stdin.close()
         self._process.stdout.close()
         self._process.wait()
 
@@ -83,8 +85,10 @@ class Judge:
         if any(character in part for part in parts for character in "\t\n"):
             raise refuse("name", f"a name holds a tab or a line feed: {parts!r}")
         assert self._process.stdin is not None
-        self._process.stdin.write("\t".join(parts) + "\n")
-        self._process.stdin.flush()
+        # A judge that has ended says why when its answer is wanted.
+        with contextlib.suppress(BrokenPipeError):
+            self._process.stdin.write("\t".join(parts) + "\n")
+            self._process.stdin.flush()
         self._unanswered += 1
 
     def receive(self) -> Verdict:
