@@ -170,7 +170,7 @@ def run_whole(suite: Suite, options: argparse.Namespace) -> Result:
                    build / "tests/bed/windows/list_manager.dll", build / "packaging/installer/lumaris_setup.dll",
                    build / "tools/check/lumaris_check.exe", build / "tests/crash/crash_none.exe",
                    build / "tests/agreement.exe", BUILD / "native-asan/tools/publish/lumaris_judge",
-                   BUILD / "native-asan/tools/report_reader/read_report") or \
+                   BUILD / "native-asan/tools/report_reader/read_report", BUILD / "native-asan/tools/reports/lumaris-reports") or \
         reported(suite, arguments + (["-k", options.k] if options.k else []), report, (0, 1, 5))
 
 

@@ -136,7 +136,9 @@ crash describe(const report_reader::report& report, const std::vector<code_chain
     const std::uint32_t code = report.records.front().code;
     const std::string_view kind = exception_name(code);
     result.title = kind.empty() ? "exception " + hexadecimal(code) : std::string(kind);
-    result.signature = hexadecimal(code);
+    // Two programs may call their functions alike.
+    result.signature =
+        hexadecimal(code) + (result.program.empty() ? "" : " in " + lower_case(result.program));
     for (const function& each : own.found) {
         result.signature += '\n' + each.name;
     }

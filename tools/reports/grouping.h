@@ -1,7 +1,7 @@
 // Which crashes are the same one.
 //
-// Offsets differ from build to build and function names do not, so a group is told by the exception code and the names of
-// the first functions of our own, past those that only pass a failure on. Portable, no state, any thread.
+// Offsets differ from build to build and function names do not, so a group is told by the program, the exception code and the
+// names of the first functions of our own, past those that only pass a failure on. Portable, no state, any thread.
 #pragma once
 
 #include "tools/report_reader/report.h"

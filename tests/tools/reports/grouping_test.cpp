@@ -39,7 +39,7 @@ TEST(reports_grouping, is_by_code_and_the_first_three_functions) {
                                               {u"a.exe", 2, in("two")},
                                               {u"a.exe", 3, in("three")},
                                               {u"a.exe", 4, in("four")}});
-    EXPECT_EQ(what.signature, "0xC0000005\none\ntwo\nthree");
+    EXPECT_EQ(what.signature, "0xC0000005 in a.exe\none\ntwo\nthree");
     EXPECT_EQ(what.title, "access violation in one");
     EXPECT_EQ(what.place, "one.cpp:7");
     EXPECT_FALSE(what.is_unnamed);
@@ -49,6 +49,7 @@ TEST(reports_grouping, offsets_and_builds_do_not_count_where_functions_are_known
     const crash one = described(5, {{u"a.exe", 1, in("f")}, {u"a.exe", 2, in("g")}}, 1);
     const crash other = described(5, {{u"a.exe", 11, in("f")}, {u"a.exe", 12, in("g")}}, 2);
     EXPECT_EQ(one.signature, other.signature);
+    EXPECT_NE(one.signature, described(5, {{u"b.exe", 1, in("f")}, {u"b.exe", 2, in("g")}}).signature);
     EXPECT_NE(one.signature, described(6, {{u"a.exe", 1, in("f")}, {u"a.exe", 2, in("g")}}).signature);
 }
 
@@ -59,7 +60,7 @@ TEST(reports_grouping, what_only_passes_a_failure_on_is_passed_over) {
                      {u"a.exe", 3, in("std::__terminate(void (*)())")},
                      {u"a.exe", 4, in("__cxa_throw")},
                      {u"a.exe", 5, in("culprit()")}});
-    EXPECT_EQ(what.signature, "0xE0544D01\nculprit()");
+    EXPECT_EQ(what.signature, "0xE0544D01 in a.exe\nculprit()");
     EXPECT_EQ(what.title, "terminate called in culprit()");
 }
 
@@ -67,13 +68,13 @@ TEST(reports_grouping, functions_that_were_put_into_others_count) {
     const crash what =
         described(5, {{u"a.exe", 1, {{"leaf", 0, "leaf.h:1"}, {"branch", 0, ""}, {"trunk()", 4, ""}}},
                       {u"a.exe", 2, in("root")}});
-    EXPECT_EQ(what.signature, "0x00000005\nleaf\nbranch\ntrunk()");
+    EXPECT_EQ(what.signature, "0x00000005 in a.exe\nleaf\nbranch\ntrunk()");
     EXPECT_EQ(what.place, "leaf.h:1");
 }
 
 TEST(reports_grouping, without_symbols_it_is_by_module_build_and_offset) {
     const crash what = described(0xC0000005, {{u"ntdll.dll", 1, {}}, {u"a.exe", 0x1549, {}}}, 7);
-    EXPECT_EQ(what.signature, "0xC0000005\na.exe+0x1549 of build 0x00000007");
+    EXPECT_EQ(what.signature, "0xC0000005 in a.exe\na.exe+0x1549 of build 0x00000007");
     EXPECT_TRUE(what.is_unnamed);
     EXPECT_EQ(what.program, "a.exe");
     EXPECT_EQ(what.stamp, 7U);
@@ -81,7 +82,7 @@ TEST(reports_grouping, without_symbols_it_is_by_module_build_and_offset) {
 
 TEST(reports_grouping, libraries_of_others_are_not_our_own) {
     const crash what = described(5, {{u"watcher.dll", 1, {}}, {u"a.exe", 2, in("f")}});
-    EXPECT_EQ(what.signature, "0x00000005\nf");
+    EXPECT_EQ(what.signature, "0x00000005 in a.exe\nf");
     // They may turn out to be ours.
     EXPECT_TRUE(what.is_unnamed);
 }
