@@ -122,9 +122,10 @@ void delete_files(MSIHANDLE install, const std::wstring& folder, const wchar_t* 
             ::SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
         }
         const bool deleted = ::DeleteFileW(path.c_str()) != 0;
+        const DWORD error = ::GetLastError(); // before the text is made
         say(install, INSTALLMESSAGE_INFO,
             deleted ? L"deleted " + path
-                    : number((L"could not delete " + path).c_str(), static_cast<long>(::GetLastError())));
+                    : number((L"could not delete " + path).c_str(), static_cast<long>(error)));
     } while (::FindNextFileW(search.get(), &found) != 0);
 }
 

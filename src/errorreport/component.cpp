@@ -5,6 +5,7 @@
 #include "errorreport/report_crash.h"
 #include "errorreport/report_files.h"
 #include "platform/errors.h"
+#include "platform/last_error.h"
 #include "platform/loader_lock.h"
 #include "platform/system_strings.h"
 #include "platform/text.h"
@@ -140,8 +141,7 @@ std::wstring note_text(const char* text, std::size_t limit, UINT code_page) {
     const std::string narrow(text, ::strnlen(text, limit));
     std::wstring note;
     if (!narrow.empty() && pwrap::MultiByteToWideChar(code_page, flags, narrow, note) == 0) {
-        throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(),
-                                "MultiByteToWideChar failed");
+        corvo::throw_last_error("MultiByteToWideChar failed");
     }
     return note.substr(0,
                        note.find(L'\0')); // UTF-7 can spell a zero, which would end the note for its readers
@@ -153,7 +153,7 @@ void component::install() {
     format(m_symbol_mutex, L"QeltSymInitialize-%u", ::GetCurrentProcessId());
     std::wstring path;
     if (pwrap::GetModuleFileNameW(nullptr, path) == 0) {
-        throw pwrap::win_runtime_error("GetModuleFileNameW failed");
+        pwrap::throw_last<pwrap::win_runtime_error>("GetModuleFileNameW failed");
     }
     m_program_name = path.substr(path.rfind(L'\\') + 1);
 

@@ -87,7 +87,7 @@ std::span<const std::byte> stack_memory(const STACKFRAME64& frame) noexcept {
 void describe_module(stream::basic& out, report_kind kind, DWORD64 base) {
     std::wstring path;
     if (pwrap::GetModuleFileNameW(reinterpret_cast<HMODULE>(base), path) == 0) {
-        throw pwrap::win_runtime_error("GetModuleFileNameW failed");
+        pwrap::throw_last<pwrap::win_runtime_error>("GetModuleFileNameW failed");
     }
     module_description module{.file_name = {}, .time_stamp = 0, .checksum = 0, .base = base};
     const std::wstring name = path.substr(path.rfind(L'\\') + 1);

@@ -17,7 +17,7 @@ namespace {
 std::wstring load(UINT id, const char* failure) {
     const std::wstring_view text = load_string(id);
     if (text.empty()) {
-        throw pwrap::win_runtime_error(failure);
+        pwrap::throw_last<pwrap::win_runtime_error>(failure);
     }
     return std::wstring(text);
 }

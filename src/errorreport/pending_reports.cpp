@@ -18,9 +18,6 @@ namespace {
 constexpr DWORD lock_limit = 1000; // ms
 constexpr std::size_t path_limit = 260;
 
-constexpr int report_mode = stream::mode_for_reading | stream::mode_open_existing | stream::share_reading |
-                            stream::hint_sequential_access;
-
 [[noreturn]] void throw_unopenable(DWORD error, const std::wstring& path) {
     std::string name;
     pwrap::wide_to_utf8(path, name);
@@ -64,7 +61,7 @@ std::uint16_t send_file(upload_session& session, const std::wstring& path) {
 void send_pending_reports() {
     const pwrap::win_handle<0> mutex(::CreateMutexW(nullptr, FALSE, L"QeltPosiljanjeIzjem"));
     if (!mutex) {
-        throw pwrap::win_runtime_error(
+        pwrap::throw_last<pwrap::win_runtime_error>(
             "Napaka pri stvaritvi ključavnice. Verjetno drug proces že pošilja izjeme.");
     }
     const pwrap::mutex_locker lock(mutex.get(), lock_limit);

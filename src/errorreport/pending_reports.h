@@ -4,7 +4,14 @@
 // been sent when it throws stays for the next start.
 #pragma once
 
+#include "stream/file.h"
+
 namespace corvo::errorreport {
+
+// How a report's file is opened for sending.
+inline constexpr int report_mode = stream::mode_for_reading | stream::mode_open_existing |
+                                   stream::mode_ignored | stream::share_reading |
+                                   stream::hint_sequential_access;
 
 // Throws pwrap::win_runtime_error "Napaka pri stvaritvi ključavnice. Verjetno drug proces že pošilja izjeme.", "GetTempPath
 // failed" or "WaitForSingleObject failed", std::runtime_error "timeout" where another process has been sending for more than

@@ -46,7 +46,7 @@ void write_report_files(const crash& what, std::span<const wchar_t> notes) {
     // The number of the short report decides: a full report of that number, which belongs to none, is replaced.
     stream::file full(path.c_str(), full_mode);
     if (!full.ok()) {
-        throw pwrap::win_runtime_error("Napaka pri ustvarjanju datoteke TZR");
+        pwrap::throw_last<pwrap::win_runtime_error>("Napaka pri ustvarjanju datoteke TZR");
     }
     compose_report(report_kind::full, what, notes, full);
 }

@@ -55,7 +55,7 @@ signature fetch_signature(const webio::connection& server, const webio::url_part
 
 // The stream's failure, read before anything can change the last error.
 [[noreturn]] void throw_stream_failure() {
-    throw std::system_error(static_cast<int>(last_error()), std::system_category());
+    corvo::throw_last_error();
 }
 
 void fetch_content(const webio::connection& server, const webio::url_parts& url,

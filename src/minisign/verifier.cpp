@@ -21,7 +21,8 @@ void prepare_libsodium() {
 } // namespace
 
 const trusted_key& find_trusted_key(const signature& made, const trusted_key* keys, std::size_t count) {
-    // Every record is compared before the outcome is looked at, so that the time says nothing about which one matched.
+    // Every record is compared before the outcome is looked at: how long it takes to refuse a key says nothing about the table. Which
+    // record it is that matches is no secret; it is looked for from the start.
     std::uint64_t mismatch = 1;
     for (std::size_t i = 0; i < count; ++i) {
         mismatch &= static_cast<std::uint64_t>((made.id ^ keys[i].id) != 0);

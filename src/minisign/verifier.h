@@ -44,7 +44,7 @@ bool content_verifies(stream::basic_file& content, const signature& made, const 
                       progress<std::uint64_t>* progress);
 
 // Hands everything on to `target`, not owned, and feeds it to `hash`, not owned. The state is the target's.
-class hashing_writer final : public stream::basic {
+class hashing_writer final : virtual public stream::basic {
 public:
     hashing_writer(stream::basic& target, content_hash& hash) noexcept : m_target(target), m_hash(hash) {}
 

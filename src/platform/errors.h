@@ -48,6 +48,13 @@ public:
     http_error(DWORD number, const std::string& message);
 };
 
+// Throws an E (win_runtime_error or http_error) with the calling thread's last error, which is read before the memory for the exception is
+// allocated: that may change it.
+template <class E> [[noreturn]] void throw_last(const char* message) {
+    const DWORD number = ::GetLastError();
+    throw E(number, message);
+}
+
 // The system's text for a Win32 error code, trailing white space cut; "Error %u" (below 0x10000) or "Error 0x%X"
 // where the system has none. `language` is a language identifier, 0 for the system's own order of choice. The calling
 // thread's last error is kept.

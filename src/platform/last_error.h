@@ -2,7 +2,7 @@
 //
 // On Windows it is the Win32 last-error value; elsewhere (tests with sanitizers, fuzzers) it is errno, so that
 // std::system_category() gives a text for the number on both. Portable code includes this and no platform header.
-// Both functions act on the calling thread only and never fail.
+// All act on the calling thread only, and none fails by itself.
 #pragma once
 
 #ifdef _WIN32
@@ -10,6 +10,8 @@
 #else
 #include <cerrno>
 #endif
+
+#include <system_error>
 
 namespace corvo {
 
@@ -34,5 +36,16 @@ inline void set_last_error(unsigned int number) noexcept {
     errno = static_cast<int>(number);
 }
 #endif
+
+// Throws std::system_error with the calling thread's last error. It is read first: the memory for the exception is allocated before
+// the arguments of a throw are evaluated, and may change it.
+[[noreturn]] inline void throw_last_error() {
+    const unsigned int number = last_error();
+    throw std::system_error(static_cast<int>(number), std::system_category());
+}
+[[noreturn]] inline void throw_last_error(const char* message) {
+    const unsigned int number = last_error();
+    throw std::system_error(static_cast<int>(number), std::system_category(), message);
+}
 
 } // namespace corvo

@@ -19,7 +19,7 @@ public:
         case WAIT_TIMEOUT:
             throw std::runtime_error(timeout_text);
         default:
-            throw win_runtime_error("WaitForSingleObject failed");
+            throw_last<win_runtime_error>("WaitForSingleObject failed");
         }
     }
     mutex_locker(const mutex_locker&) = delete;

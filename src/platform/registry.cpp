@@ -7,7 +7,8 @@
 namespace pwrap {
 namespace {
 
-// A value may be a password: what was read leaves no copy behind.
+// A value may be a password: the buffers here are wiped. What stays is the caller's string, and where a text did not fit it, the memory
+// that it had before.
 template <std::size_t Size> struct stack_text {
     stack_text() = default;
     stack_text(const stack_text&) = delete;

@@ -8,13 +8,22 @@
 namespace pwrap {
 namespace {
 
+// A text may be a password: nothing of it stays on the stack.
+template <class Unit, std::size_t Size> struct wiped_buffer {
+    wiped_buffer() = default;
+    wiped_buffer(const wiped_buffer&) = delete;
+    wiped_buffer& operator=(const wiped_buffer&) = delete;
+    ~wiped_buffer() { ::SecureZeroMemory(units, sizeof units); }
+    Unit units[Size];
+};
+
 // `convert` writes into a buffer of the given size, or measures when it is given none; it returns 0 on failure.
 template <std::size_t Stack, class String, class Convert>
 int convert_into(String& result, const Convert& convert) {
-    typename String::value_type buffer[Stack];
-    int length = convert(buffer, static_cast<int>(Stack));
+    wiped_buffer<typename String::value_type, Stack> buffer;
+    int length = convert(buffer.units, static_cast<int>(Stack));
     if (length > 0) {
-        result.assign(buffer, static_cast<std::size_t>(length));
+        result.assign(buffer.units, static_cast<std::size_t>(length));
         return length;
     }
     if (::GetLastError() != ERROR_INSUFFICIENT_BUFFER) {

@@ -63,7 +63,7 @@ std::uint8_t basic::read_byte() {
     std::uint8_t byte = 0;
     while (read(&byte, 1) == 0) {
         if (!ok()) {
-            throw std::system_error(static_cast<int>(last_error()), std::system_category(), "failed to read");
+            corvo::throw_last_error("failed to read");
         }
     }
     return byte;

@@ -12,10 +12,6 @@ namespace corvo::stream {
 // The virtual functions stand in a fixed slot order, behind those of basic.
 class basic_file : virtual public basic {
 public:
-    // Seeks forward from the current position, so it may pass the end. An amount above 0x7FFFFFFFFFFFFFFF
-    // does not fit a seek: std::invalid_argument "file offset too big".
-    void skip(fsize amount) override;
-
     // Returns the new position, or fpos_max with state fail.
     virtual fpos seek(foff offset, seek_t how) = 0;
 
@@ -39,6 +35,11 @@ public:
     virtual void set_ctime(time_point time);
     virtual void set_atime(time_point time);
     virtual void set_mtime(time_point time);
+
+    // Seeks forward from the current position, so it may pass the end. An amount above 0x7FFFFFFFFFFFFFFF
+    // does not fit a seek: std::invalid_argument "file offset too big". Last, although it overrides a function of the base: that base
+    // is a virtual one, so this takes a slot of its own here, and seek has the first.
+    void skip(fsize amount) override;
 };
 
 } // namespace corvo::stream

@@ -1,5 +1,7 @@
 #include "stream/basic_sys.h"
 
+#include "platform/last_error.h"
+
 #include <algorithm>
 
 namespace corvo::stream {
@@ -94,9 +96,7 @@ void basic_sys::close() {
         return;
     }
     if (!sys_object_traits::close(m_handle)) {
-        const unsigned int number = last_error();
-        throw std::system_error(static_cast<int>(number), std::system_category(),
-                                sys_object_traits::close_failed);
+        throw_last_error(sys_object_traits::close_failed);
     }
     m_handle = sys_object_traits::invalid();
     m_state = state_t::ok;

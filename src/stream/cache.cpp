@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <exception>
 #include <limits>
 #include <stdexcept>
 #include <system_error>
@@ -17,8 +18,7 @@ namespace {
 constexpr fpos last_position = std::numeric_limits<foff>::max();
 
 [[noreturn]] void throw_not_flushed() {
-    const unsigned int number = last_error();
-    throw std::system_error(static_cast<int>(number), std::system_category(), "failed to flush cache");
+    throw_last_error("failed to flush cache");
 }
 
 } // namespace
@@ -27,7 +27,7 @@ cache::cache(basic_file& source, std::size_t cache_size) : cache(cache_size) {
     m_source = &source;
 }
 
-cache::cache(std::size_t cache_size) {
+cache::cache(std::size_t cache_size) : m_exceptions(std::uncaught_exceptions()) {
     if (cache_size == 0) {
         throw std::invalid_argument("invalid cache size");
     }
@@ -36,7 +36,17 @@ cache::cache(std::size_t cache_size) {
 }
 
 cache::~cache() noexcept(false) {
-    cache::detach();
+    detach_at_end();
+}
+
+void cache::detach_at_end() {
+    try {
+        detach();
+    } catch (...) {
+        if (std::uncaught_exceptions() <= m_exceptions) {
+            throw;
+        }
+    }
 }
 
 void cache::detach() {

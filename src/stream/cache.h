@@ -4,8 +4,8 @@
 // The block is owned; the source is not, and must outlive the cache. Until the cache is flushed, closed or
 // destroyed, the source may lack what was written, and nobody else may change it. One thread at a time. A failure
 // of the source is in the state; closing and destroying throw std::system_error "failed to flush cache" where
-// changed bytes cannot be written back. While another exception is under way such a failure of the destructor
-// ends the program.
+// changed bytes cannot be written back. While another exception is on its way out the destructor throws nothing: that
+// one is the cause.
 #pragma once
 
 #include "stream/basic_file.h"
@@ -20,7 +20,7 @@ public:
     // wherever the source stands.
     cache(basic_file& source, std::size_t cache_size);
 
-    // Writes back what was changed and leaves the source at the cache's position.
+    // Writes back what was changed and leaves the source at the cache's position, where it can be sent there.
     ~cache() noexcept(false) override;
 
     // Returns the bytes read. State: ok when all were read, or when the file ended or failed behind the first
@@ -87,13 +87,15 @@ protected:
     explicit cache(std::size_t cache_size);
 
     // What the destructor does, once: afterwards m_source is null.
-    void detach();
+    void detach_at_end();
 
     basic_file* m_source = nullptr;
     block m_cache;
     fpos m_offset = 0;
 
 private:
+    void detach();
+
     // Whether the block is the one of the position.
     [[nodiscard]] bool slot_is_held() const noexcept;
 
@@ -107,6 +109,8 @@ private:
     std::size_t read_from_block(unsigned char* data, std::size_t length);
     std::size_t write_to_block(const unsigned char* data, std::size_t length);
     std::size_t end_read(std::size_t done);
+
+    int m_exceptions; // on their way out when the cache was made
 };
 
 } // namespace corvo::stream

@@ -16,7 +16,7 @@ cached_file::cached_file(const wchar_t* filename, int mode, std::size_t cache_si
 
 // Here, while the file is still there; the base is destroyed after it.
 cached_file::~cached_file() noexcept(false) {
-    detach();
+    detach_at_end();
 }
 
 } // namespace corvo::stream

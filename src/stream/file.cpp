@@ -1,5 +1,6 @@
 #include "stream/file.h"
 
+#include "platform/last_error.h"
 #include "stream/file_time.h"
 
 #include <stdexcept>
@@ -198,8 +199,7 @@ fpos file::set_pointer(foff offset, seek_t how) noexcept {
 
 void file::set_times(const FILETIME* created, const FILETIME* accessed, const FILETIME* written) {
     if (::SetFileTime(m_handle, created, accessed, written) == FALSE) {
-        const unsigned int number = last_error();
-        throw std::system_error(static_cast<int>(number), std::system_category(), "SetFileTime failed");
+        throw_last_error("SetFileTime failed");
     }
 }
 

@@ -24,7 +24,8 @@ enum open_mode : int {
     mode_create_new = 0x18,        // CREATE_NEW
     mode_create = 0x20,            // CREATE_ALWAYS; with mode_append OPEN_ALWAYS
 
-    mode_append = 0x40, // after opening, seeks to the end
+    mode_append = 0x40,  // after opening, seeks to the end
+    mode_ignored = 0x80, // nothing; callers may set it
 
     share_reading = 0x100,  // FILE_SHARE_READ
     share_writing = 0x200,  // FILE_SHARE_WRITE

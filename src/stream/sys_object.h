@@ -9,6 +9,7 @@
 
 #include <windows.h>
 
+#include <exception>
 #include <system_error>
 #include <utility>
 
@@ -31,10 +32,17 @@ public:
     basic_sys_object(const basic_sys_object&) = delete;
     basic_sys_object& operator=(const basic_sys_object&) = delete;
 
-    // Throws where free does. That is meant: losing written data in silence is worse. A failure while another
-    // exception is under way ends the program, as a throwing destructor does; code that can do something
-    // about a failed closing calls the stream's close first.
-    virtual ~basic_sys_object() noexcept(false) { basic_sys_object::free(); }
+    // Throws where free does. That is meant: losing written data in silence is worse. While an exception is on its way out
+    // nothing is thrown: that one is the cause, and a second one would end the program.
+    virtual ~basic_sys_object() noexcept(false) {
+        try {
+            basic_sys_object::free();
+        } catch (...) {
+            if (std::uncaught_exceptions() <= m_exceptions) {
+                throw;
+            }
+        }
+    }
 
     // Closes the handle if there is one. A handle that was closed behind our back is no failure; any other
     // failure throws std::system_error. The handle is given up either way, so that it is never closed twice.
@@ -57,6 +65,9 @@ public:
 
 protected:
     T m_handle;
+
+private:
+    int m_exceptions = std::uncaught_exceptions(); // on their way out when the owner was made
 };
 
 } // namespace corvo

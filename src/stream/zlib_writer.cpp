@@ -79,9 +79,7 @@ void zlib_writer::finish() {
     // What a write that failed has left is the caller's, and may be gone.
     set_input(m_zstr, nullptr, 0);
     if (!deflate_all(Z_FINISH)) {
-        const unsigned int number = last_error();
-        throw std::system_error(static_cast<int>(number), std::system_category(),
-                                "failed to flush compressed stream");
+        throw_last_error("failed to flush compressed stream");
     }
 }
 

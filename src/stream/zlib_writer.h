@@ -19,8 +19,9 @@ public:
     // The state is the target's. Throws where the compressor cannot be set up.
     explicit zlib_writer(stream::basic& target);
 
-    // Finishes the compressed data. The compressor and the buffer are freed whether or not that throws. Throws nothing
-    // while an exception is on its way out: a writer whose write has thrown could otherwise never be left alive.
+    // Finishes the compressed data, also while an exception is on its way out: the target then gets an end, although something before
+    // it may be missing. The compressor and the buffer are freed whether or not that throws. Throws only where no exception is on its way
+    // out that was not when the writer was made: a writer whose write has thrown could otherwise never be left alive.
     ~zlib_writer() noexcept(false) override;
 
     // Returns `length`. Where the target fails, takes over its state and returns the bytes that the compressor has

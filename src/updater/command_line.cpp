@@ -22,7 +22,7 @@ std::string requested_variant() {
     const std::unique_ptr<wchar_t*[], local_memory_deleter> arguments(
         ::CommandLineToArgvW(::GetCommandLineW(), &count));
     if (!arguments) {
-        throw pwrap::win_runtime_error("CommandLineToArgvW failed");
+        pwrap::throw_last<pwrap::win_runtime_error>("CommandLineToArgvW failed");
     }
     if (count < 2) {
         return {};

@@ -10,6 +10,7 @@
 #include "updater/version.h"
 
 #include <exception>
+#include <new>
 
 namespace corvo::updater {
 namespace {
@@ -29,8 +30,12 @@ void report_failure(HANDLE event_source, const std::exception& error) {
     if (event_source == nullptr) {
         return;
     }
-    std::wstring message; // stays empty where the text cannot be converted
-    pwrap::utf8_to_wide(corvo::exception_message(error), message);
+    std::wstring
+        message; // stays empty where the text cannot be composed or converted: an event without its reason is better than none
+    try {
+        pwrap::utf8_to_wide(corvo::exception_message(error), message);
+    } catch (const std::bad_alloc&) { // NOLINT(bugprone-empty-catch): which may be what has failed the run
+    }
     const wchar_t* strings[] = {product_name, message.c_str()};
     ::ReportEventW(event_source, EVENTLOG_ERROR_TYPE, 0, run_failed, nullptr, 2, 0, strings, nullptr);
 }

@@ -1,9 +1,13 @@
 #include "errorreport/dialog.h"
 
+#include "errorreport/system_description.h"
+#include "platform/system_strings.h"
 #include "tests/support/substitutes.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <string>
 #include <vector>
 
 using corvo::errorreport::ask_user;
@@ -132,4 +136,35 @@ TEST(dialog, takes_only_yes_for_yes) {
     }
     const message_box box(6);
     EXPECT_TRUE(ask_user(L"May it?"));
+}
+
+// A service and a scheduled task run in a window station that nobody sees: a box there would wait for ever. The process is born in its
+// station, so the look is taken by a copy of this program that starts in such a one.
+TEST(dialogs_of_a_service, are_not_shown) {
+    std::wstring path;
+    pwrap::GetModuleFileNameW(nullptr, path);
+    std::wstring command =
+        L"\"" + path + L"\" --gtest_filter=dialogs_of_a_service.DISABLED_* --gtest_also_run_disabled_tests";
+    wchar_t desktop[] = L"Service-0x0-3e7$\\Default";
+    STARTUPINFOW start{};
+    start.cb = sizeof start;
+    start.lpDesktop = desktop;
+    PROCESS_INFORMATION made{};
+    ASSERT_TRUE(::CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                                 &start, &made))
+        << ::GetLastError();
+    EXPECT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(made.hProcess, 60000));
+    DWORD code = 0;
+    EXPECT_TRUE(::GetExitCodeProcess(made.hProcess, &code));
+    EXPECT_EQ(77U, code);
+    ::CloseHandle(made.hThread);
+    ::CloseHandle(made.hProcess);
+}
+
+// The copy's part.
+TEST(dialogs_of_a_service, DISABLED_look) {
+    const screen_reader system(TRUE, FALSE);
+    EXPECT_FALSE(corvo::errorreport::running_system().interactive);
+    EXPECT_FALSE(shows_dialogs());
+    std::_Exit(HasFailure() ? 1 : 77);
 }

@@ -1,6 +1,7 @@
 #include "platform/registry.h"
 
 #include "platform/handle.h"
+#include "platform/text.h"
 #include "tests/support/freed_memory.h"
 #include "tests/support/substitutes.h"
 
@@ -399,6 +400,18 @@ TEST(registry_value, leaves_nothing_of_itself_in_the_memory_that_it_gives_back) 
     EXPECT_EQ(0, value.read());
     EXPECT_TRUE(memory.watched_block_was_released());
     EXPECT_TRUE(memory.watched_block_was_zero());
+}
+
+// A proxy's password may come as an argument, too, and is converted then.
+TEST(converted_text, leaves_nothing_of_itself_on_the_stack) {
+    const std::wstring secret = long_secret();
+    std::string utf8;
+    pwrap::wide_to_utf8(secret, utf8);
+    std::wstring wide;
+    pwrap::utf8_to_wide(utf8, wide);
+    look_at_the_stack();
+    EXPECT_EQ(0U, pieces_left(secret));
+    EXPECT_EQ(secret, wide);
 }
 
 // Proves that the look sees what is there.

@@ -1,5 +1,6 @@
 #include "stream/cached_file.h"
 
+#include "errorreport/pending_reports.h"
 #include "tests/stream/expect.h"
 #include "tests/stream/random_operations.h"
 #include "tests/stream/temporary_folder.h"
@@ -61,9 +62,12 @@ TEST_F(stream_cached_file, for_writing_is_opened_for_reading_too) {
 }
 
 TEST_F(stream_cached_file, opens_as_the_error_reporting_does) {
-    EXPECT_EQ(opening(L"C:\\name", 0x80000000, 1, 3, 0x08000080), opened_with(0x1 | 0x80 | 0x100 | 0x8000));
+    using corvo::errorreport::report_mode;
+    EXPECT_EQ(0x1 | 0x80 | 0x100 | 0x8000, report_mode);
+    EXPECT_EQ(opening(L"C:\\name", 0x80000000, 1, 3, 0x08000080), opened_with(report_mode));
+    EXPECT_EQ(opened_with(report_mode), opened_with(report_mode & ~0x80)) << "the flag has no effect";
     test::put_file(m_path, std::string(5000, 'a'));
-    cached_file stream(m_path, 0x1 | 0x80 | 0x100 | 0x8000, 4096);
+    cached_file stream(m_path, report_mode, 4096);
     EXPECT_TRUE(stream.ok());
     EXPECT_EQ(0U, stream.tell());
     EXPECT_EQ(5000U, stream.size());

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <bit>
+#include <stdexcept>
 #include <type_traits>
 #include <vector>
 
@@ -96,6 +97,32 @@ TEST_F(sys_object_test, tolerates_at_its_end_that_the_handle_is_invalid_and_keep
 TEST_F(sys_object_test, throws_at_its_end_where_closing_fails_otherwise) {
     m_number = 5;
     test::expect_system_error(5, "CloseHandle failed", [] { const sys_object object(handle_of(0x5554)); });
+    EXPECT_EQ(handles({handle_of(0x5554)}), m_closed);
+}
+
+// A second exception would end the program, and the first one is the cause.
+TEST_F(sys_object_test, throws_nothing_at_its_end_while_an_exception_is_on_its_way_out) {
+    m_number = 5;
+    test::expect_throw<std::runtime_error>("the cause", [] {
+        const sys_object object(handle_of(0x5554));
+        throw std::runtime_error("the cause");
+    });
+    EXPECT_EQ(handles({handle_of(0x5554)}), m_closed);
+}
+
+// One that was made while an exception was on its way out, and goes before that has come anywhere, throws as ever.
+TEST_F(sys_object_test, throws_at_its_end_inside_of_what_an_exception_runs) {
+    m_number = 5;
+    struct cleaner {
+        ~cleaner() {
+            test::expect_system_error(5, "CloseHandle failed",
+                                      [] { const sys_object object(handle_of(0x5554)); });
+        }
+    };
+    test::expect_throw<std::runtime_error>("the cause", [] {
+        const cleaner runs;
+        throw std::runtime_error("the cause");
+    });
     EXPECT_EQ(handles({handle_of(0x5554)}), m_closed);
 }
 

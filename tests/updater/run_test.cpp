@@ -227,6 +227,69 @@ TEST(run, fails_where_the_installer_does_not_start) {
     expect_failed(L"ShellExecute failed: Error 0x12345678", tested);
 }
 
+namespace {
+
+// The package's file, which cannot be closed. Closed after all at the end, so that the folder can go.
+class package_that_does_not_close {
+public:
+    ~package_that_does_not_close() {
+        if (m_package != nullptr) {
+            support::CloseHandle.real(m_package);
+        }
+    }
+
+    int attempts = 0;
+
+private:
+    HANDLE m_package = nullptr;
+    support::script<decltype(::CreateFileW)> m_open{
+        support::CreateFileW,
+        [this](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* attributes,
+               DWORD disposition, DWORD flags, HANDLE model) {
+            const HANDLE opened =
+                support::CreateFileW.real(path, access, share, attributes, disposition, flags, model);
+            if (std::wstring(path).ends_with(L".msi")) {
+                m_package = opened;
+            }
+            return opened;
+        }};
+    support::script<decltype(::CloseHandle)> m_close{support::CloseHandle, [this](HANDLE handle) -> BOOL {
+                                                         if (m_package != nullptr && handle == m_package) {
+                                                             ++attempts;
+                                                             ::SetLastError(0x12345678);
+                                                             return FALSE;
+                                                         }
+                                                         return support::CloseHandle.real(handle);
+                                                     }};
+};
+
+} // namespace
+
+// Closing is tried again on the way out; that attempt's failure must not end the program.
+TEST(run, tells_the_event_log_that_the_package_could_not_be_closed) {
+    machine tested;
+    tested.publish(fixtures::newer);
+    tested.publish(fixtures::package);
+    {
+        package_that_does_not_close package;
+        expect_failed(L"CloseHandle failed: unknown error", tested);
+        EXPECT_EQ(2, package.attempts);
+    }
+    EXPECT_TRUE(tested.shell.started.empty());
+}
+
+TEST(run, tells_the_event_log_why_a_download_failed_whose_package_could_not_be_closed_either) {
+    machine tested;
+    tested.publish(fixtures::newer);
+    tested.http.replies.push_back(fake_winhttp::answer(fixtures::package.signature));
+    tested.http.replies.push_back(fake_winhttp::answer("", 404));
+    {
+        const package_that_does_not_close package;
+        expect_failed(L"Failed to load content: 404", tested);
+        EXPECT_EQ(1, package.attempts);
+    }
+}
+
 TEST(run, writes_a_long_message_whole) {
     machine tested;
     tested.http.failures["WinHttpConnect"] = {0x12345678};

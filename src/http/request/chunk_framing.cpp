@@ -16,7 +16,7 @@ static_assert(std::tuple_size_v<chunk_buffer> == chunk_data_start + chunk_data_l
 
 chunk next_chunk(corvo::stream::basic& source, chunk_buffer& buffer) {
     if (source.state() == corvo::stream::state_t::fail) {
-        throw std::system_error(static_cast<int>(corvo::last_error()), std::system_category());
+        corvo::throw_last_error();
     }
     char* const data = buffer.data() + chunk_data_start;
     const std::size_t length = source.read(data, chunk_data_limit);

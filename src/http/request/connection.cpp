@@ -9,7 +9,7 @@ connection::connection(const session& opened, const url_parts& url)
     : m_session(opened), m_scheme(url.scheme), m_host(url.host), m_port(url.port),
       m_connection(::WinHttpConnect(m_session.get(), to_wide(m_host).c_str(), m_port, 0)) {
     if (!m_connection) {
-        throw pwrap::http_error("WinHttpConnect failed");
+        pwrap::throw_last<pwrap::http_error>("WinHttpConnect failed");
     }
 }
 

@@ -31,7 +31,7 @@ void set_credential(const pwrap::http& request, DWORD option, const std::string&
     secret wide(to_wide(value));
     if (!::WinHttpSetOption(request.get(), option, wide.text().data(),
                             static_cast<DWORD>(wide.text().size()))) {
-        throw pwrap::http_error(failure);
+        pwrap::throw_last<pwrap::http_error>(failure);
     }
 }
 
@@ -125,12 +125,12 @@ void open_request(pwrap::http& request, pwrap::win_handle<0>& done, const connec
                                        type_pointers.data(),
                                        is_secure(url.scheme) ? WINHTTP_FLAG_SECURE : 0));
     if (!request) {
-        throw pwrap::http_error("WinHttpOpenRequest failed");
+        pwrap::throw_last<pwrap::http_error>("WinHttpOpenRequest failed");
     }
     done.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (::WinHttpSetStatusCallback(request.get(), callback, WINHTTP_CALLBACK_FLAG_ALL_NOTIFICATIONS, 0) ==
         WINHTTP_INVALID_STATUS_CALLBACK) {
-        throw pwrap::http_error("WinHttpSetStatusCallback failed");
+        pwrap::throw_last<pwrap::http_error>("WinHttpSetStatusCallback failed");
     }
     if (!url.user_name.empty()) {
         set_credential(request, WINHTTP_OPTION_USERNAME, url.user_name,
@@ -145,7 +145,7 @@ void open_request(pwrap::http& request, pwrap::win_handle<0>& done, const connec
         const std::wstring block = to_wide(header_block(headers));
         if (!::WinHttpAddRequestHeaders(request.get(), block.c_str(), header_block_length(block.size()),
                                         WINHTTP_ADDREQ_FLAG_ADD)) {
-            throw pwrap::http_error("WinHttpAddRequestHeaders failed");
+            pwrap::throw_last<pwrap::http_error>("WinHttpAddRequestHeaders failed");
         }
     }
 }

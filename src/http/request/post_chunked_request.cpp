@@ -8,7 +8,7 @@ void add_chunked_encoding(HINTERNET request) {
     // All bits set: the length is that of the null-terminated text.
     if (!::WinHttpAddRequestHeaders(request, L"Transfer-Encoding: chunked", static_cast<DWORD>(-1),
                                     WINHTTP_ADDREQ_FLAG_ADD)) {
-        throw pwrap::http_error("WinHttpAddRequestHeaders failed");
+        pwrap::throw_last<pwrap::http_error>("WinHttpAddRequestHeaders failed");
     }
 }
 
@@ -18,7 +18,7 @@ void write_chunk(HINTERNET request, const chunk& next) {
     const BOOL written =
         ::WinHttpWriteData(request, next.bytes.data(), static_cast<DWORD>(next.bytes.size()), nullptr);
     if (!written && !next.last) {
-        throw pwrap::http_error("WinHttpWriteData failed");
+        pwrap::throw_last<pwrap::http_error>("WinHttpWriteData failed");
     }
 }
 

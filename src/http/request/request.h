@@ -12,6 +12,7 @@
 #include "http/request/open_request.h"
 #include "http/request/response.h"
 #include "platform/errors.h"
+#include "platform/last_error.h"
 #include "platform/progress.h"
 #include "platform/user_cancelled.h"
 #include "stream/basic.h"
@@ -191,7 +192,7 @@ private:
         }
         m_data.write(m_buffer.data(), length);
         if (m_data.state() == corvo::stream::state_t::fail) {
-            throw std::system_error(static_cast<int>(::GetLastError()), std::system_category());
+            corvo::throw_last_error();
         }
         check_cancelled();
         // Once the next read is issued its notification may come at any time, so the count is brought up to date before.

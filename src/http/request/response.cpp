@@ -20,7 +20,7 @@ bool query_number(HINTERNET request, DWORD query, DWORD& number) noexcept {
 std::uint16_t query_status(HINTERNET request) {
     DWORD status = 0;
     if (!query_number(request, WINHTTP_QUERY_STATUS_CODE, status)) {
-        throw pwrap::http_error("WinHttpQueryHeaders(WINHTTP_QUERY_STATUS_CODE) failed");
+        pwrap::throw_last<pwrap::http_error>("WinHttpQueryHeaders(WINHTTP_QUERY_STATUS_CODE) failed");
     }
     return static_cast<std::uint16_t>(status);
 }
@@ -30,7 +30,7 @@ std::string query_raw_headers(HINTERNET request) {
     if (::WinHttpQueryHeaders(request, WINHTTP_QUERY_RAW_HEADERS_CRLF, WINHTTP_HEADER_NAME_BY_INDEX,
                               WINHTTP_NO_OUTPUT_BUFFER, &size, WINHTTP_NO_HEADER_INDEX) ||
         ::GetLastError() != ERROR_INSUFFICIENT_BUFFER) {
-        throw pwrap::http_error(
+        pwrap::throw_last<pwrap::http_error>(
             "WinHttpQueryHeaders(WINHTTP_QUERY_RAW_HEADERS) failed to enumerate buffer length");
     }
     // The reported size counts bytes and the terminator, which a string has of its own.
@@ -39,7 +39,7 @@ std::string query_raw_headers(HINTERNET request) {
     size = units * sizeof(wchar_t); // an odd byte has no room in the string
     if (!::WinHttpQueryHeaders(request, WINHTTP_QUERY_RAW_HEADERS_CRLF, WINHTTP_HEADER_NAME_BY_INDEX,
                                wide.data(), &size, WINHTTP_NO_HEADER_INDEX)) {
-        throw pwrap::http_error("WinHttpQueryHeaders(WINHTTP_QUERY_RAW_HEADERS) failed");
+        pwrap::throw_last<pwrap::http_error>("WinHttpQueryHeaders(WINHTTP_QUERY_RAW_HEADERS) failed");
     }
     std::string block;
     pwrap::wide_to_utf8(wide, block);
@@ -113,14 +113,14 @@ void throw_request_error(const WINHTTP_ASYNC_RESULT& result) {
 
 void receive_response(HINTERNET request) {
     if (!::WinHttpReceiveResponse(request, nullptr)) {
-        throw pwrap::http_error("WinHttpReceiveResponse failed");
+        pwrap::throw_last<pwrap::http_error>("WinHttpReceiveResponse failed");
     }
 }
 
 void read_data(HINTERNET request, void* buffer, DWORD size) {
     // No count pointer: the session is asynchronous and the count comes with the notification.
     if (!::WinHttpReadData(request, buffer, size, nullptr)) {
-        throw pwrap::http_error("WinHttpReadData failed");
+        pwrap::throw_last<pwrap::http_error>("WinHttpReadData failed");
     }
 }
 

@@ -10,10 +10,10 @@ session::session(std::string user_agent, const timeouts& limits)
       m_session(::WinHttpOpen(to_wide(m_user_agent).c_str(), WINHTTP_ACCESS_TYPE_DEFAULT_PROXY,
                               WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS, WINHTTP_FLAG_ASYNC)) {
     if (!m_session) {
-        throw pwrap::http_error("WinHttpOpen failed");
+        pwrap::throw_last<pwrap::http_error>("WinHttpOpen failed");
     }
     if (!::WinHttpSetTimeouts(m_session.get(), limits.resolve, limits.connect, limits.send, limits.receive)) {
-        throw pwrap::http_error("WinHttpSetTimeouts failed");
+        pwrap::throw_last<pwrap::http_error>("WinHttpSetTimeouts failed");
     }
 }
 
