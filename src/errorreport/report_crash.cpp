@@ -21,6 +21,9 @@ namespace {
 class symbol_engine {
 public:
     explicit symbol_engine(HANDLE process) noexcept : m_process(process) {
+        // Where symbols are looked for is not for the environment to say: that may be a server, and what comes from it is parsed.
+        ::SetEnvironmentVariableW(L"_NT_SYMBOL_PATH", nullptr);
+        ::SetEnvironmentVariableW(L"_NT_ALTERNATE_SYMBOL_PATH", nullptr);
         ::SymSetOptions(::SymGetOptions() | SYMOPT_FAIL_CRITICAL_ERRORS | SYMOPT_EXACT_SYMBOLS);
         m_initialised = ::SymInitialize(process, nullptr, TRUE) != FALSE;
     }
@@ -97,7 +100,7 @@ void save_report(const crash_to_report& job, HANDLE symbol_mutex, std::span<cons
 
 void report_crash(const crash_to_report& job) {
     if (!::SetEvent(job.started)) {
-        throw pwrap::win_runtime_error("SetEvent failed");
+        pwrap::throw_last<pwrap::win_runtime_error>("SetEvent failed");
     }
     std::span<const wchar_t> notes = job.notes;
     dialog_text collected;
@@ -115,7 +118,7 @@ void report_crash(const crash_to_report& job) {
 
     const pwrap::win_handle<0> symbol_mutex(::CreateMutexW(nullptr, FALSE, job.symbol_mutex.c_str()));
     if (!symbol_mutex) {
-        throw pwrap::win_runtime_error("CreateMutexW failed");
+        pwrap::throw_last<pwrap::win_runtime_error>("CreateMutexW failed");
     }
     if (!send_report(job, symbol_mutex.get(), notes, text)) {
         save_report(job, symbol_mutex.get(), notes, text);

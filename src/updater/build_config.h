@@ -4,11 +4,15 @@
 #include "minisign/trusted_key.h"
 
 #include <cstddef>
+#include <cstdint>
 
 namespace corvo::build_config {
 
 // Host name of the update server.
 extern const char update_host[];
+
+// Bytes that an installer package may have: whoever sends more wants the disk full before anything is known to be signed.
+extern const std::uint64_t package_limit;
 
 inline constexpr std::size_t trusted_key_count = 1;
 extern const corvo::minisign::trusted_key trusted_keys[trusted_key_count];

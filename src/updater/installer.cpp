@@ -2,6 +2,7 @@
 
 #include "platform/errors.h"
 #include "platform/handle.h"
+#include "platform/last_error.h"
 #include "platform/temporary_folder.h"
 #include "platform/text.h"
 
@@ -10,6 +11,7 @@
 #include <shlobj.h>
 
 #include <memory>
+#include <stdexcept>
 #include <system_error>
 
 namespace corvo::updater {
@@ -69,8 +71,7 @@ std::string package_path(const std::string& folder_path, const std::string& name
 std::wstring widen_name(const std::string& name) {
     std::wstring wide;
     if (pwrap::MultiByteToWideChar(::GetACP(), 0, name, wide) == 0 && !name.empty()) {
-        throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(),
-                                "MultiByteToWideChar failed");
+        corvo::throw_last_error("MultiByteToWideChar failed");
     }
     return wide;
 }
@@ -97,14 +98,17 @@ HANDLE open_package_file(const std::wstring& path) {
         ::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, &attributes, OPEN_ALWAYS,
                       FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
     if (file == INVALID_HANDLE_VALUE) {
-        throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(),
-                                "Failed to open file");
+        corvo::throw_last_error("Failed to open file");
     }
     return file;
 }
 
 std::wstring installer_parameters(const std::wstring& package_file, const std::wstring& log_file,
                                   bool unattended) {
+    // No file can be called so; as part of these parameters it would add others.
+    if (package_file.find(L'"') != std::wstring::npos || log_file.find(L'"') != std::wstring::npos) {
+        throw std::invalid_argument("quotation mark in the package's name");
+    }
     std::wstring parameters = L"/i \"" + package_file + L"\" /l* \"" + log_file + L"\"";
     if (unattended) {
         parameters += L" /qn /norestart";
@@ -116,7 +120,7 @@ void start_installer(const std::wstring& parameters) {
     const auto result = reinterpret_cast<INT_PTR>(
         ::ShellExecuteW(nullptr, nullptr, L"msiexec.exe", parameters.c_str(), nullptr, SW_SHOWNORMAL));
     if (result <= 32) {
-        throw pwrap::win_runtime_error("ShellExecute failed");
+        pwrap::throw_last<pwrap::win_runtime_error>("ShellExecute failed");
     }
 }
 

@@ -30,7 +30,8 @@ std::wstring download_folder();
 // Throws std::system_error "Failed to open file".
 HANDLE open_package_file(const std::wstring& path);
 
-// The Windows Installer's parameters: install the package, log everything; quietly and without restart when unattended.
+// The Windows Installer's parameters: install the package, log everything; quietly and without restart when unattended. Throws
+// std::invalid_argument "quotation mark in the package's name".
 std::wstring installer_parameters(const std::wstring& package_file, const std::wstring& log_file,
                                   bool unattended);
 

@@ -4,16 +4,32 @@
 #include "http/request/connection.h"
 #include "minisign/verified_fetch.h"
 #include "platform/registry.h"
+#include "stream/bounded_file.h"
 #include "stream/bounded_memory_file.h"
-#include "stream/file.h"
 #include "updater/build_config.h"
 #include "updater/description.h"
 #include "updater/installer.h"
 #include "updater/version.h"
 
+#include <filesystem>
 #include <stdexcept>
+#include <system_error>
 
 namespace corvo::updater {
+namespace {
+
+// What is too long to be a package is nothing to go on with at the next run, and takes the disk's room.
+void remove_package(corvo::stream::bounded_file& package, const std::wstring& path) noexcept {
+    try {
+        package.close();
+    } catch (
+        const std::system_error&) { // NOLINT(bugprone-empty-catch): what has brought us here is the cause
+    }
+    std::error_code ignored;
+    std::filesystem::remove(path, ignored);
+}
+
+} // namespace
 
 Updater::Updater(unsigned int flags)
     : platform_suffix(".ARM64"),
@@ -68,11 +84,18 @@ void Updater::install(unsigned int flags, corvo::progress<std::uint64_t>* progre
     const std::wstring file_stem = folder + widen_name(name);
     const std::wstring package_file = file_stem + L".msi";
     {
-        corvo::stream::file package(open_package_file(package_file));
+        corvo::stream::bounded_file package(open_package_file(package_file), build_config::package_limit);
         const webio::connection server(m_session, url);
-        corvo::minisign::verified_fetch(server, url, {}, "application/octet-stream",
-                                        build_config::trusted_keys, build_config::trusted_key_count, package,
-                                        progress);
+        try {
+            corvo::minisign::verified_fetch(server, url, {}, "application/octet-stream",
+                                            build_config::trusted_keys, build_config::trusted_key_count,
+                                            package, progress);
+        } catch (const std::exception&) {
+            if (package.exceeded()) {
+                remove_package(package, package_file);
+            }
+            throw;
+        }
         package.close();
     }
     start_installer(installer_parameters(package_file, file_stem + L".log", (flags & unattended) != 0));

@@ -26,7 +26,8 @@ public:
     //
     // Throws std::invalid_argument "update URL unavailable" or what webio::parse_url throws for a bad address;
     // pwrap::com_runtime_error, pwrap::win_runtime_error or std::system_error for folder, file and installer; what
-    // corvo::minisign::verified_fetch throws. A failed download leaves the partly written file: the next run replaces it.
+    // corvo::minisign::verified_fetch throws. A failed download leaves the partly written file, which the next run
+    // replaces; one that exceeds the limit of a package is removed.
     void install(unsigned int flags, corvo::progress<std::uint64_t>* progress);
 
     std::wstring channel = L"stable";

@@ -235,6 +235,11 @@ private:
             http.note("SymInitialize");
             EXPECT_EQ(nullptr, path);
             EXPECT_TRUE(invade);
+            // No server of somebody's choice is asked for symbols.
+            EXPECT_EQ(0U, ::GetEnvironmentVariableW(L"_NT_SYMBOL_PATH", nullptr, 0));
+            EXPECT_EQ(0U, ::GetEnvironmentVariableW(L"_NT_ALTERNATE_SYMBOL_PATH", nullptr, 0));
+            ::SetEnvironmentVariableW(L"_NT_SYMBOL_PATH", L"srv*http://symbols.example"); // for the next time
+            ::SetEnvironmentVariableW(L"_NT_ALTERNATE_SYMBOL_PATH", L"C:\\symbols");
             engine_process = process;
             return engine_initialises;
         }};

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 #include <map>
 
 using namespace corvo::updater;
@@ -278,6 +280,15 @@ TEST(installer_parameters, name_package_and_log_and_are_quiet_when_unattended) {
 
 TEST(installer_parameters, end_with_the_log_files_quote_when_attended) {
     EXPECT_EQ(L"/i \"C:\\p.msi\" /l* \"C:\\p.log\"", installer_parameters(L"C:\\p.msi", L"C:\\p.log", false));
+}
+
+TEST(installer_parameters, are_not_made_of_names_with_a_quotation_mark) {
+    test::expect_throw<std::invalid_argument>("quotation mark in the package's name", [] {
+        installer_parameters(L"C:\\p\" /x", L"C:\\p.log", true);
+    });
+    test::expect_throw<std::invalid_argument>("quotation mark in the package's name", [] {
+        installer_parameters(L"C:\\p.msi", L"C:\\p\".log", true);
+    });
 }
 
 TEST(installer, is_started_through_the_shell) {

@@ -98,7 +98,8 @@ TEST(updater, opens_one_session_with_its_user_agent_and_time_outs) {
     const Updater updater(1);
     ASSERT_EQ(1U, remote.http.sessions.size());
     const auto& session = remote.http.sessions[0];
-    EXPECT_EQ(L"Lumaris/" + std::wstring(std::begin(expected::version), std::end(expected::version) - 1), session.user_agent);
+    EXPECT_EQ(L"Lumaris/" + std::wstring(std::begin(expected::version), std::end(expected::version) - 1),
+              session.user_agent);
     EXPECT_EQ(0U, session.access_type);
     EXPECT_FALSE(session.has_proxy_name);
     EXPECT_FALSE(session.has_bypass_list);
@@ -281,6 +282,35 @@ TEST(updater, downloads_the_package_and_starts_the_installer) {
     EXPECT_EQ((texts{L"/halvoro/Halvoro.ARM64.msi.minisig", L"/halvoro/Halvoro.ARM64.msi"}),
               machine.http.paths());
     EXPECT_EQ(1U, machine.http.sessions.size());
+}
+
+// The limit of a test build is 48 MB.
+TEST(updater, breaks_off_a_package_that_is_larger_than_the_limit_and_removes_it) {
+    idle machine;
+    machine.http.replies.push_back(fake_winhttp::answer(fixtures::package.signature));
+    auto endless = fake_winhttp::answer("");
+    endless.content_length.reset();
+    endless.pieces.assign(7000, std::string(8192, 'x'));
+    machine.http.replies.push_back(endless);
+    std::size_t written = 0;
+    const support::script write(support::WriteFile,
+                                [&](HANDLE, const void*, DWORD length, DWORD* done, OVERLAPPED*) -> BOOL {
+                                    written += length;
+                                    *done = length;
+                                    return TRUE;
+                                });
+    try {
+        machine.updater->install(1, nullptr);
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const std::exception& error) {
+        EXPECT_EQ("Failed to load content: package larger than 50331648 bytes",
+                  corvo::exception_message(error));
+    }
+    EXPECT_EQ(50331648U, written);
+    EXPECT_EQ(std::nullopt, machine.folder.contents(L"Halvoro.ARM64.msi"));
+    EXPECT_EQ(INVALID_FILE_ATTRIBUTES,
+              ::GetFileAttributesW((machine.folder.path() + L"Halvoro.ARM64.msi").c_str()));
+    EXPECT_TRUE(machine.system.started.empty());
 }
 
 TEST(updater, asks_for_the_package_without_headers_of_its_own) {

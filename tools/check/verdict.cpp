@@ -43,6 +43,8 @@ constexpr std::array known_messages{
     known_message{"Failed to load Minisign signature: ",
                   "The rest of the message says why; about a certificate it means that somebody opens TLS on "
                   "the way, or that the publisher's has run out."},
+    known_message{"Failed to load content: package larger than",
+                  "The server sends more than any package has: tell the publisher."},
     known_message{"Failed to load content: larger than",
                   "What arrives is no update description: exempt the update server from the filter."},
     known_message{"Failed to load content: ", "The rest of the message says why; an HTTP status is the "
