@@ -168,7 +168,7 @@ def replay(publishing: Publishing, small: Path, day: float) -> dict[str, float]:
             moment, slow = one
             time.sleep(max(0.0, begin + moment - time.monotonic()))
             connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=60)
-            cookie = {}
+            cookie: dict[str, str] = {}
             for path in paths:
                 connection.request("GET", path, headers={"Host": HOST, "User-Agent": f"Lumaris/{OWN}", **cookie})
                 response = connection.getresponse()

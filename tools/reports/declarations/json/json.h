@@ -8,7 +8,16 @@
 
 namespace Json {
 
-enum ValueType { nullValue, intValue, uintValue, realValue, stringValue, booleanValue, arrayValue, objectValue };
+enum ValueType {
+    nullValue,
+    intValue,
+    uintValue,
+    realValue,
+    stringValue,
+    booleanValue,
+    arrayValue,
+    objectValue
+};
 
 class Value {
 public:
