@@ -101,9 +101,9 @@ def unlimited(architecture: str) -> Iterator[None]:
 def factory_fixture(world: World) -> Iterator[Factory]:
     folder = world.bed.network.work / "chain"
     folder.mkdir()
-    keys = TREE / "build/chain-keys"
+    # Kept, so that the next build finds everything done; one for each processor, whose tests run side by side.
+    keys = TREE / f"build/chain-keys-{world.machine.architecture}"
     keys.mkdir(parents=True, exist_ok=True)
-    # Kept, so that the next build finds everything done.
     second = KeyPair(keys / "second.pub", keys / "second.key")
     if not second.secret.exists():
         second = KeyPair.make(keys, "second")

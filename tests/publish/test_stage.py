@@ -183,6 +183,7 @@ def test_another_upgrade_code_is_refused_unless_there_is_a_reason(kit: Kit, work
 def test_a_version_that_was_not_meant_is_refused(kit: Kit, workshop: Workshop) -> None:
     kit.refused("version", "stage", workshop.package(), "--expect", "3.4.2")
     kit.done("stage", workshop.package(), "--expect", "3.4.1")
+    kit.refused("version", "stage", workshop.package(), "--expect", "3.4.2")
 
 
 # Variants

@@ -1,26 +1,27 @@
 #!/bin/sh
 # The kit in a bare Debian where nothing else is: installs the package, and publishes as a user who is not root.
-# trial.sh FOLDER, which holds the .deb, a package of 3.4.0 for the test key, and that key.
+# trial.sh FOLDER, which holds the .deb, a package for the test key, its version, and that key.
 set -eu
 folder=$1
 apt-get install -y --no-install-recommends "$folder"/lumaris-publish_*.deb >/dev/null
 work=$(mktemp -d)
-cp "$folder"/halvoro.msi "$folder"/test.key "$folder"/test.pub "$work"
+cp "$folder"/halvoro.msi "$folder"/test.key "$folder"/test.pub "$folder"/version.txt "$work"
 chown -R nobody "$work"
 cat >"$work/steps" <<'END'
 set -eu
 cd "$1"
+version=$(cat version.txt)
 lumaris-publish --version
 echo geslo >password
 lumaris-publish keys new mine --password-file password >/dev/null
 lumaris-publish init updates --host updates.tavrin.example --public-key test.pub --channels stable,beta
 cd updates
-! lumaris-publish stage ../halvoro.msi --key ../mine.key --password-file ../password 2>../refused
+if lumaris-publish stage ../halvoro.msi --key ../mine.key --password-file ../password 2>../refused; then exit 1; fi
 grep -q 'REFUSED \[test-host\]' ../refused
 lumaris-publish stage ../halvoro.msi --key ../test.key --accept 'a trial in a bare folder'
-! lumaris-publish stage ../halvoro.msi --key ../test.key --expect 3.4.9 2>/dev/null >/dev/null || :
-lumaris-publish offer 3.4.0 --channel beta --key ../test.key
-lumaris-publish promote 3.4.0 --from beta --to stable --key ../test.key
+if lumaris-publish stage ../halvoro.msi --key ../test.key --expect 255.0.0; then exit 1; fi
+lumaris-publish offer "$version" --channel beta --key ../test.key
+lumaris-publish promote "$version" --from beta --to stable --key ../test.key
 mkdir ../there
 lumaris-publish push ../there
 lumaris-publish keys drill --key ../test.key

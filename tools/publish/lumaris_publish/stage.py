@@ -81,10 +81,10 @@ def run(options: argparse.Namespace, signer: Signer) -> int:
 
 def _judge_version(found: checks.Found, options: argparse.Namespace, history: record.History, digest: Callable[[], str]) -> list[str] | None:
     """The names of what was accepted, or None for a package that is staged already."""
+    if options.expect and version.parse(options.expect) != found.version:
+        raise refuse("version", f"the package is {found.version}, not {options.expect}: give the package that you mean")
     known = history.find(str(found.version), options.variant)
     if known is not None:
         checks.check_same(known, digest())
         return None
-    if options.expect and version.parse(options.expect) != found.version:
-        raise refuse("version", f"the package is {found.version}, not {options.expect}: give the package that you mean")
     return settle(found.faults, options.accept)
