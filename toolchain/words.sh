@@ -18,6 +18,7 @@ below the cache folder, once) and then its job. It needs a Debian-like machine, 
   bench    measures, and compares with what is to be reached
   fuzz     runs the fuzz targets
   soak     the long tests that ./dev test leaves out, each with its time
+  report   shows error reports, with functions and source lines
   plan     checks that every case of the test plan is proved by tests that passed
   lint     format, static analysis, headers on their own, shell scripts
   coverage which lines of the product the tests run
@@ -198,8 +199,8 @@ report, saved where it cannot be sent, reaches a report server and is read there
   --crash KIND                     access_violation, uncaught_exception, uncaught_exception_on_thread, exception_out_of_main,
                                    terminate, noexcept_violation, abort, pure_virtual_call, invalid_parameter, during_start_up,
                                    second_thread, none, after_uninstall, fault_in_start_up_thread
-  --server ok|full|error|html|silence|cut|away
-                                   what the report server does
+  --server real|ok|full|error|html|silence|cut|away
+                                   the report server: the one that ships (default), or one that does what is said
   --note TEXT                      what the program has noted about itself; may be given again
 
 examples:
@@ -250,7 +251,7 @@ word_run() {
         job build --target lumaris_judge native-release || return
     fi
     # The reader of reports runs on this machine.
-    [[ -z $crash ]] || job build --target read_report native-release || return
+    [[ -z $crash ]] || { job build --target read_report native-release && job build --target lumaris-reports native-release; } || return
     check_after_failure in_room python3 tools/demo "$@"
 }
 
@@ -555,6 +556,19 @@ word_soak() {
     check_after_failure in_room python3 tests/soak.py "$@"
 }
 
+word_report() {
+    if [[ ${1:-} == --help-dev || $# == 0 ]]; then
+        printf '%s\n' 'usage: ./dev report [options of read_report] FILE...' '' \
+            'Shows error reports, with functions and source lines from the programs and PDBs of a folder.' '' \
+            'examples:' '  ./dev report 0.tzr --symbols build/release' '  ./dev report --help'
+        return
+    fi
+    need "${products_native[@]}"
+    job build --target read_report native-release >/dev/null || return
+    # It needs nothing of the room, and the files may lie anywhere.
+    "$here/build/native-release/tools/report_reader/read_report" "$@"
+}
+
 word_plan() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
         printf '%s\n' 'usage: ./dev plan [--unnamed]' '' \
@@ -614,7 +628,7 @@ main() {
     trap 'exit 130' INT
     trap 'exit 143' TERM HUP
     case $word in
-    run | test | build | release | installer | publish | bench | fuzz | soak | plan | coverage | docs | lint | shell) "word_$word" "$@" ;;
+    run | test | build | release | installer | publish | bench | fuzz | soak | plan | coverage | docs | lint | shell | report) "word_$word" "$@" ;;
     publish-kit) word_publish_kit "$@" ;;
     --help | -h | help) help_text ;;
     '') help_text >&2; exit 2 ;;

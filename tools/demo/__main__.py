@@ -24,7 +24,7 @@ _EXAMPLES = """examples:
   ./dev run --variant=-sl            the Slovenian package
   ./dev run --tamper package         a package that somebody has changed: refused
   ./dev run --proxy                  through a proxy that asks for user name and password
-  ./dev run --crash access_violation            a program crashes, tells its user and reports it
+  ./dev run --crash access_violation            a program crashes, tells its user and reports it; the server shows the line
   ./dev run --crash abort --server full --note "twice as fast since Tuesday"
   ./dev run --crash uncaught_exception --server away --arch x64
 
@@ -49,12 +49,12 @@ def main() -> int:
     parser.add_argument("--proxy", action="store_true", help="the way out is a proxy that asks for user name and password")
     crash = parser.add_argument_group("a crash instead of an update")
     crash.add_argument("--crash", choices=KINDS, metavar="KIND", help=f"one of: {', '.join(KINDS)}")
-    crash.add_argument("--server", choices=tuple(SERVERS), default="ok",
+    crash.add_argument("--server", choices=tuple(SERVERS), default="real",
                        help="what the report server does: " + "; ".join(f"{name}: {way.what}" for name, way in SERVERS.items()))
     crash.add_argument("--note", metavar="TEXT", action="append", default=[],
                        help="what the program has noted about itself; its user is asked about it; may be given again")
     options = parser.parse_args()
-    if not options.crash and (options.server != "ok" or options.note):
+    if not options.crash and (options.server != "real" or options.note):
         parser.error("--server and --note go with --crash")
     given = Circumstances(options.arch, options.offline, options.cost, options.channel, options.variant,
                           options.tamper, options.old, options.proxy)

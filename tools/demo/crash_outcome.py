@@ -49,6 +49,8 @@ class Server:
     """What the last box says about it."""
     saved: bool = False
     page: bool = False
+    real: bool = False
+    """It is the server that ships, and not one that does as it is told."""
 
 
 _ANSWERED = "which replied with"
@@ -57,6 +59,7 @@ _SAVED = "It saved the error report to a file successfully"
 _PAGE = b"<!DOCTYPE html>\n<html><body><h1>Tavrin</h1><p>Stre\xc5\xbenik je v vzdr\xc5\xbeevanju.</p></body></html>\n"
 
 SERVERS = {
+    "real": Server("is lumaris-reports behind nginx, with the symbols of the program", (), ("short", "full"), _ANSWERED, real=True),
     "ok": Server("thanks for the report", (Answer(),), ("short",), _ANSWERED),
     "full": Server("asks for the full report, and thanks", (FULL_WANTED, Answer()), ("short", "full"), _ANSWERED),
     "error": Server("has an error", (Answer(500, "Podatkovna baza ni na voljo.".encode()),), ("short",), _TROUBLE),
@@ -75,7 +78,7 @@ class CrashCircumstances:
 
     kind: str
     architecture: str = "arm64"
-    server: str = "ok"
+    server: str = "real"
     notes: tuple[str, ...] = ()
 
     @property

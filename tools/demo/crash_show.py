@@ -10,10 +10,11 @@ from pathlib import Path
 from bed import certificates, isolation, windows
 from bed.errors import BedError
 from bed.report_server import BODY, FULL_WANTED, HEAD, Answer, Received, make_report_server
+from bed.real_report_server import RealReportServer
 from bed.reports import Reader
 from bed.screen import Screen
 from bed.windows import Box, Ended, Started, Windows, windows_path
-from crash_outcome import REPORTED, SERVERS, CrashCircumstances
+from crash_outcome import ACCESS_VIOLATION, REPORTED, SERVERS, CrashCircumstances
 from timeline import Timeline
 
 _TITLE = "Unexpected Error"
@@ -29,6 +30,8 @@ class CrashShow:
         self._server_way = SERVERS[given.server]
         self._build = tree / f"build/{given.architecture}-demo"
         self._reader_program = tree / "build/native-release/tools/report_reader/read_report"
+        self._real_program = tree / "build/native-release/tools/reports/lumaris-reports"
+        self._real: RealReportServer | None = None
         self._pictures = tree / "build/demo-crash"
         self._timeline = Timeline()
         self._faults: list[str] = []
@@ -36,7 +39,7 @@ class CrashShow:
 
     def run(self) -> bool:
         """Runs it all; true when everything happened as it should."""
-        for needed in (self._program_file(self._given.kind), self._reader_program):
+        for needed in (self._program_file(self._given.kind), self._reader_program, self._real_program):
             if not needed.exists():
                 raise BedError(f"{needed} is missing; ./dev run makes it")
         if reason := windows.available(self._given.architecture):
@@ -56,6 +59,11 @@ class CrashShow:
         network.trust(authority.path)
         with ExitStack() as stack:
             self._server = stack.enter_context(make_report_server(network, authority))
+            if self._server_way.real:
+                stack.enter_context(self._server.away())
+                self._real = stack.enter_context(RealReportServer(network, authority, self._real_program))
+                program = self._program_file(given.kind)
+                self._real.add_symbols(program, program.with_suffix(".pdb"))
             self._say(f"the report server listens as https://{isolation.REPORT_HOST}/ (port 443 of an isolated network)")
             self._screen = stack.enter_context(Screen(network.work))
             agent = self._build / "tests/bed/windows/agent.exe"
@@ -77,13 +85,17 @@ class CrashShow:
             else:
                 self._expect("files of the crash", False, given.reported and self._server_way.saved)
             self._show_report(reports)
+            if self._real is not None and given.reported:
+                self._show_page(self._real)
 
     # The crash
 
     def _crash(self) -> list[Received]:
         given = self._given
         with ExitStack() as stack:
-            if self._server_way.answers:
+            if self._server_way.real:
+                pass  # it knows its answers
+            elif self._server_way.answers:
                 self._server.queue = list(self._server_way.answers)
             else:
                 stack.enter_context(self._server.away())
@@ -149,6 +161,8 @@ class CrashShow:
         self._expect("the exit code", f"0x{wanted:08X}", code)
 
     def _show_requests(self, wanted: tuple[str, ...]) -> list[Received]:
+        if self._real is not None:
+            return self._show_deliveries(self._real, wanted)
         requests = list(self._server.requests)
         for request in requests:
             sent = ", ".join(f"{name}: {request.header(name)}" for name in ("User-Agent", "Content-Type", "Transfer-Encoding"))
@@ -157,6 +171,28 @@ class CrashShow:
                 self._timeline.add("server", f"has a {request.kind} report, {len(request.body):,} bytes", request.moments[BODY])
         self._expect("the reports at the server", list(wanted), [each.kind for each in requests])
         return requests
+
+    def _show_deliveries(self, real: RealReportServer, wanted: tuple[str, ...]) -> list[Received]:
+        """What came to the server that ships, out of its web server's log and its own store."""
+        deliveries = real.deliveries()
+        reports = [Received("POST", "", (), real.body(number + 1), {BODY: moment}) for number, (moment, _) in enumerate(deliveries)]
+        for report, (moment, status) in zip(reports, deliveries, strict=True):
+            self._timeline.add("server", f"has a {report.kind} report, {len(report.body):,} bytes, on its disk, and answers {status}", moment)
+        self._expect("the reports at the server", list(wanted), [each.kind for each in reports])
+        return reports
+
+    def _show_page(self, real: RealReportServer) -> None:
+        """Shows what the server makes of the crash."""
+        (group,) = real.groups()
+        number = group["reports"] + group["full_reports"]
+        picture = self._pictures / "report-page.png"
+        real.picture(f"/report/{number}", picture)
+        print("what the report server's pages say:\n")
+        print(f"    {group['title']}\n    at {group['place'] or 'a place that no symbols name'}\n    {group['reports']} report, "
+              f"{group['full_reports']} full report  ({picture.relative_to(self._tree)})")
+        # The stack walk of the ARM64 Wine ends before the culprit of a failure that is raised.
+        if self._given.architecture == "x64" or REPORTED[self._given.kind][0] == ACCESS_VIOLATION:
+            self._expect("the file of the crash", f"/lumaris/tests/crash/{self._given.kind}.cpp", group["place"].rpartition(":")[0])
 
     def _show_report(self, requests: list[Received]) -> None:
         """Prints the last of them as its reader reads it, and compares it with the crash."""
