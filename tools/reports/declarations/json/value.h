@@ -1,3 +1,4 @@
 // See json.h.
 #pragma once
-#include "json/json.h"
+
+#include "json.h"

@@ -1,3 +1,0 @@
-// See json.h.
-#pragma once
-#include "json/json.h"
