@@ -17,6 +17,7 @@ import pytest
 from bed.signing import KeyPair
 from conftest import TREE, Workshop
 from kit import HOST, Kit
+from lumaris_publish import program
 
 PACKAGE = "public/packages/3.4.1/Halvoro.ARM64.msi"
 
@@ -129,6 +130,15 @@ def test_a_program_that_names_a_test_host_is_refused_unless_there_is_a_reason(ne
     entry = json.loads((kit.root / "log.jsonl").read_text(encoding="utf-8"))
     assert (entry["accepted"], entry["reason"]) == (["test-host"], "a trial in the laboratory")
     assert "accepted test-host: a trial in the laboratory" in kit.done("log").out
+
+
+@pytest.mark.parametrize(("text", "hosts"), [
+    (b"\0updates.tavrin.example\0", ["updates.tavrin.example"]), (b"http://a.test/x b.invalid", ["a.test", "b.invalid"]),
+    (b"www.example.com", ["www.example.com"]), (b"\0localhost\0", ["localhost"]), (b"127.0.0.1:80", ["127.0.0.1"]),
+    (b"\0updates.tavrin.private\0 .example 5127.0.0.1 localhosts mylocalhost x.examples.org a.testing", []),
+])
+def test_hosts_of_laboratories_are_told_from_other_texts(text: bytes, hosts: list[str]) -> None:
+    assert program.Program("3.4.1.0", 0xAA64, text).laboratory_hosts == hosts
 
 
 def test_all_faults_are_said_at_once(kit: Kit, workshop: Workshop) -> None:
