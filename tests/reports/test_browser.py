@@ -67,5 +67,6 @@ def test_every_page_is_shown_and_the_state_of_a_group_is_changed(browser: webdri
         browser.find_element(By.LINK_TEXT, "What is stored").click()
         assert "stay for 90 days" in browser.find_element(By.TAG_NAME, "main").text
         # Nothing was blocked by the pages' own policy, and nothing was missing.
-        complaints = [entry["message"] for entry in browser.get_log("browser") if "favicon" not in entry["message"]]
+        log = browser.get_log("browser")  # type: ignore[no-untyped-call]  # Selenium's own omission
+        complaints = [entry["message"] for entry in log if "favicon" not in entry["message"]]
         assert complaints == []

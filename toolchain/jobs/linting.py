@@ -34,7 +34,7 @@ TYPED_FOLDERS: dict[str, tuple[str, ...]] = {
     "tools/installer": ("tools/release",),
     "tools/publish": (),
     "tools/release": (),
-    "bench": (),
+    "bench": ("tests/reports",),
     "fuzz": (),
     "tests": ("tools/demo",),
     "tests/e2e": ("tools/installer", "tools/publish"),
