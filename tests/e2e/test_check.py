@@ -264,6 +264,13 @@ def test_a_package_that_another_program_has_open_is_predicted(world: World, chec
 
 
 @pytest.mark.any_processor
+def test_a_package_without_an_end_is_predicted(world: World, check: Check) -> None:
+    world.offer()
+    world.answer(PACKAGE, faults.endless_bodies(server_faults.good_reply(world, PACKAGE), 64 * server_faults.MEGABYTE)["without a length"])
+    agree(world, check)
+
+
+@pytest.mark.any_processor
 def test_a_server_that_does_not_answer_is_predicted(world: World, check: Check) -> None:
     with world.server_stopped():
         checked = check()

@@ -31,6 +31,7 @@
 #include <cstdio>
 #include <exception>
 #include <memory>
+#include <stdexcept>
 #include <string_view>
 #include <system_error>
 
@@ -102,6 +103,10 @@ public:
         m_taken += length;
         if (m_taken > m_most) {
             throw enough();
+        }
+        if (m_taken > corvo::build_config::package_limit) {
+            throw std::runtime_error("package larger than " +
+                                     std::to_string(corvo::build_config::package_limit) + " bytes");
         }
         if (m_taken > m_room) {
             corvo::set_last_error(ERROR_DISK_FULL);
