@@ -2,11 +2,14 @@
 
 from __future__ import annotations
 
+import shutil
+
 import pytest
 
 from bed import version
+from bed import traces
 from bed.http_server import Reply
-from world import DESCRIPTION, PACKAGE, PACKAGE_CONTENT, World
+from world import DESCRIPTION, FAILED, FOLDER, PACKAGE, PACKAGE_CONTENT, World
 
 STORED = "Halvoro.ARM64.msi"
 
@@ -213,3 +216,44 @@ def test_a_folder_in_the_place_of_the_package(world: World) -> None:
     world.offer()
     world.assert_failed(world.run(), "Failed to open file: Access denied.")
     assert world.targets == [DESCRIPTION + ".minisig", DESCRIPTION]
+
+
+@pytest.mark.any_processor
+def test_an_installer_planted_in_the_folder_that_it_is_started_in_is_not_run(world: World) -> None:
+    """The shell looks for a program without a folder in the current one first."""
+    planted = world.machine.unix_path("C:\\planted")
+    planted.mkdir()
+    try:
+        shutil.copyfile(world.machine.folder / "agent.exe", planted / "msiexec.exe")
+        world.offer()
+        run = world.machine.run(f'cmd.exe /c "cd /d C:\\planted && "{world.bed.program}""', limit=50)
+        assert (run.exit_code, run.events, len(run.commands)) == (0, (), 1)
+        # The shell leaves the program itself, too.
+        assert {each for each in world.installers(run) if "msiexec" in each} == {"C:\\windows\\system32\\msiexec.exe"}
+    finally:
+        shutil.rmtree(planted)
+
+
+VARIANTS = {
+    "a quotation mark": '"', "an option behind a quotation mark": '" /x {0}', "a colon": ":", "a stream": ":stream", "an asterisk": "*",
+    "less": "<", "greater": ">", "a pipe": "|", "a device": "CON", "two dots": "..", "dots alone": "....", "300 characters": "x" * 300,
+    "blanks": " /x other ", "an environment reference": "%TEMP%", "an ampersand": "&calc.exe", "a tab": "\t", "an option": "/x",
+}
+
+
+@pytest.mark.any_processor
+@pytest.mark.parametrize("variant", VARIANTS.values(), ids=VARIANTS)
+def test_a_variant_is_a_part_of_two_names_and_never_an_argument_of_the_installer(world: World, variant: str) -> None:
+    world.offer()
+    world.publish(f"{FOLDER}Halvoro.ARM64{variant}.msi", PACKAGE_CONTENT)
+    quoted = variant.replace('"', '\\"')
+    run = world.run(f'"{quoted}"')
+    if not run.commands:
+        assert run.exit_code == FAILED
+        assert len(run.events) == 1
+        return
+    package = world.store_path + "Halvoro.ARM64" + ("" if "/" in variant else variant)
+    assert '"' not in package
+    parameters = f'/i "{package}.msi" /l* "{package}.log" /qn /norestart'
+    assert run.commands == (traces.ShellCommand(None, "msiexec.exe", parameters, None, 1),)
+    assert (run.exit_code, run.events) == (0, ())

@@ -2,11 +2,13 @@
 
 from __future__ import annotations
 
+import base64
 from collections.abc import Iterator
 
 import pytest
 
 from bed import isolation, settings
+from bed.http_server import Reply
 from bed.services import AuthenticatingProxy
 from bed.windows import REG_EXPAND_SZ
 from world import DESCRIPTION, PACKAGE, World
@@ -88,3 +90,15 @@ def test_a_refused_target_is_the_proxy_s_answer(world: World) -> None:
     credentials(world, "lumaris", "Geslo-1")
     with world.server_stopped():
         world.assert_failed(world.run(), "Failed to load Minisign signature: 500")
+
+
+@pytest.mark.any_processor
+def test_whoever_answers_407_is_offered_name_and_password(world: World) -> None:
+    """This platform does not ask whether there is a proxy at all; the documents say so to administrators."""
+    credentials(world, "lumaris", "Geslo-1")
+    world.answer(DESCRIPTION + ".minisig", Reply(b"", "407 Proxy Authentication Required", ('Proxy-Authenticate: Basic realm="x"',)))
+    world.assert_failed(world.run(), ASKED)
+    first, *others = [each.header("Proxy-Authorization") for each in world.requests]
+    assert first is None
+    assert others
+    assert set(others) == {"Basic " + base64.b64encode(b"lumaris:Geslo-1").decode()}
