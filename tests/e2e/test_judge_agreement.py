@@ -135,7 +135,7 @@ def test_the_judge_and_the_program_agree_over_mutated_descriptions_and_signature
     kinds = [outcome.split("\t")[0] for outcome in done]
     for kind in ("installs", "nothing", "refused"):
         assert kinds.count(kind) > len(cases) / 20, kind
-    assert len({outcome for outcome in done if outcome.startswith("refused")}) >= 8
+    assert len({outcome for outcome in done if outcome.startswith("refused")}) >= 7
 
 
 def test_a_signature_of_the_tests_is_one_of_minisign_s(world: World) -> None:
