@@ -30,6 +30,10 @@ exception_record described(const EXCEPTION_RECORD& record) noexcept {
 constexpr std::uint32_t most_records = 100;
 constexpr std::uint32_t most_frames = 100000;
 
+// How many bytes of stack memory a report holds at most, each piece counted with its address: a deep recursion must neither take long nor
+// become a report that nobody can read.
+constexpr std::size_t most_stack_memory = 1048576;
+
 void write_exceptions(stream::basic& out, report_kind kind, const EXCEPTION_RECORD& first) {
     if (kind == report_kind::brief) {
         write_record(out, described(first));
@@ -84,6 +88,26 @@ std::span<const std::byte> stack_memory(const STACKFRAME64& frame) noexcept {
     return {reinterpret_cast<const std::byte*>(begin), static_cast<std::size_t>(end - begin)};
 }
 
+// What a report still has room for, of the memory of stacks.
+class memory_budget {
+public:
+    // The memory to be written for a frame. The first that does not fit ends it: the frames beyond have none, so that what a report holds is
+    // always the whole inner part of the stack.
+    std::span<const std::byte> take(std::span<const std::byte> memory) noexcept {
+        const std::size_t needed = memory.empty() ? 0 : memory.size() + sizeof(std::uint64_t);
+        if (needed > m_left) {
+            m_left = 0;
+            return {};
+        }
+        m_left -= needed;
+        return memory;
+    }
+    [[nodiscard]] bool used_up() const noexcept { return m_left == 0; }
+
+private:
+    std::size_t m_left = most_stack_memory;
+};
+
 void describe_module(stream::basic& out, report_kind kind, DWORD64 base) {
     std::wstring path;
     if (pwrap::GetModuleFileNameW(reinterpret_cast<HMODULE>(base), path) == 0) {
@@ -118,6 +142,7 @@ void walk_stack(stream::basic& out, report_kind kind, const crash& what) {
 
     DWORD64 written_module = 0; // none
     std::uint32_t frames = 0;
+    memory_budget budget;
     do {
         const bool walked = ::StackWalk64(machine_type, what.process, what.thread, &frame, &context, nullptr,
                                           ::SymFunctionTableAccess64, ::SymGetModuleBase64, nullptr) != FALSE;
@@ -139,8 +164,9 @@ void walk_stack(stream::basic& out, report_kind kind, const crash& what) {
         }
         write_function(out, program_counter - base);
         if (kind == report_kind::full) {
+            const bool tells_memory = walked && !budget.used_up();
             write_stack(out, frame.AddrStack.Offset,
-                        walked ? stack_memory(frame) : std::span<const std::byte>());
+                        budget.take(tells_memory ? stack_memory(frame) : std::span<const std::byte>()));
         }
     } while (frame.AddrPC.Offset != frame.AddrReturn.Offset && ++frames < most_frames);
 }

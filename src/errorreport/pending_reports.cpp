@@ -10,6 +10,7 @@
 
 #include <cwchar>
 #include <filesystem>
+#include <optional>
 #include <system_error>
 
 namespace corvo::errorreport {
@@ -37,17 +38,53 @@ void remove(const std::wstring& path) {
     std::filesystem::remove(path);
 }
 
-// Sends a report's file, deletes it and returns the reply's status. The file is deleted whatever the status is: the server has
-// seen the report, and sending it again would not make it more welcome.
-std::uint16_t send_file(upload_session& session, const std::wstring& path) {
+// No report of ours is larger: 100,000 frames, each in another module than the one before, come to 3 MiB when they are compressed, a
+// mebibyte of stack memory at most to itself; the rest is for the notes.
+constexpr stream::fsize largest_report = 8388608;
+
+// Whether what has this name may be a report: an ordinary file of a size that reports have. Everybody can make others in a folder that is
+// everybody's, as C:\Windows\Temp is: a folder, a link to some other file, a file without an end. What cannot be looked at may be one;
+// whoever opens it finds out.
+bool may_be_report(const std::wstring& path) noexcept {
+    const pwrap::win_handle<-1> file(::CreateFileW(
+        path.c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+        OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    if (!file) {
+        return true;
+    }
+    BY_HANDLE_FILE_INFORMATION what{};
+    if (::GetFileType(file.get()) != FILE_TYPE_DISK || !::GetFileInformationByHandle(file.get(), &what) ||
+        (what.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)) != 0) {
+        return false;
+    }
+    if ((what.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+        // A volume may keep ordinary files behind such points, too, but only links stand for something of another name.
+        FILE_ATTRIBUTE_TAG_INFO tag{};
+        if (!::GetFileInformationByHandleEx(file.get(), FileAttributeTagInfo, &tag, sizeof tag) ||
+            IsReparseTagNameSurrogate(tag.ReparseTag)) {
+            return false;
+        }
+    }
+    return (stream::fsize{what.nFileSizeHigh} << 32 | what.nFileSizeLow) <= largest_report;
+}
+
+// Sends a report's file, deletes it and returns the reply's status; nothing where it is no report of ours, which then stays. The file is
+// deleted whatever the status is: the server has seen the report, and sending it again would not make it more welcome.
+std::optional<std::uint16_t> send_file(upload_session& session, const std::wstring& path) {
     if (path.size() > path_limit) {
         throw_unopenable(ERROR_FILENAME_EXCED_RANGE, path);
+    }
+    if (!may_be_report(path)) {
+        return std::nullopt;
     }
     std::uint16_t status = 0;
     {
         stream::cached_file file(path.c_str(), report_mode, 4096);
         if (!file.ok()) {
             throw_unopenable(::GetLastError(), path);
+        }
+        if (file.size() > largest_report) { // it has grown meanwhile; now nobody can write to it
+            return std::nullopt;
         }
         std::exception_ptr reception_failure; // there is nobody to tell what the server says
         status = session.send(file, reception_failure);
@@ -78,11 +115,14 @@ void send_pending_reports() {
             continue;
         }
         std::wstring path = folder + found.cFileName;
-        const std::uint16_t status = send_file(session, path);
+        const std::optional<std::uint16_t> status = send_file(session, path);
+        if (!status) {
+            continue;
+        }
         path.replace(path.rfind(L'.'), std::wstring::npos, L".tzr");
-        if (status == full_report_wanted) {
+        if (*status == full_report_wanted) {
             send_file(session, path);
-        } else {
+        } else if (may_be_report(path)) {
             remove(path);
         }
     } while (::FindNextFileW(search.get(), &found));

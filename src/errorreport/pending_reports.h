@@ -1,5 +1,8 @@
 // Sends the reports that earlier crashes left in the temporary folder (report_files.h), and deletes them.
 //
+// What has the name of a report and is no ordinary file, or is larger than any report, is somebody else's: it is neither sent nor deleted,
+// and the others are sent all the same.
+//
 // Called once in a process, on the start-up thread. A named mutex lets one process of the session send at a time. What has not
 // been sent when it throws stays for the next start.
 #pragma once

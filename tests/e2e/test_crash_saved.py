@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import shutil
 import socket
 
 import pytest
@@ -256,3 +257,25 @@ def test_reports_are_found_in_a_folder_of_any_name(crashes: CrashWorld, crash_be
     assert crashes.run("none").exit_code == 0
     assert [each.body for each in crashes.server.requests] == list(pairs[0])
     assert list(folder.iterdir()) == []
+
+
+@pytest.mark.any_processor
+def test_what_only_has_the_name_of_a_report_stays_and_keeps_no_report_back(crashes: CrashWorld, pairs: tuple[Pair, Pair]) -> None:
+    """Everybody may make files in the temporary folder of SYSTEM."""
+    (crashes.temp / "0.tzo").mkdir()
+    (crashes.temp / "0.tzo" / "inside").write_bytes(b"")
+    with (crashes.temp / "1.tzo").open("wb") as large:
+        large.truncate(8 * 2**20 + 1)
+    crashes.save(2, pairs[0])
+    crashes.save(3, pairs[1])
+    (crashes.temp / "3.tzr").unlink()
+    (crashes.temp / "3.tzr").mkdir()
+    try:
+        crashes.server.usual = FULL_WANTED
+        assert crashes.run("none").exit_code == 0
+        assert crashes.server.bodies("short") == [pairs[0][0], pairs[1][0]]
+        assert crashes.server.bodies("full") == [pairs[0][1]]
+        assert crashes.files() == ["0.tzo", "1.tzo", "3.tzr"]
+    finally:
+        shutil.rmtree(crashes.temp / "0.tzo")
+        (crashes.temp / "3.tzr").rmdir()

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <numeric>
 #include <system_error>
 
@@ -14,6 +15,7 @@ using corvo::errorreport::report_kind;
 using test::bytes;
 using test::expected_report;
 using test::fake_stack;
+using test::step;
 
 namespace {
 
@@ -156,6 +158,63 @@ TEST(compose_report, stack_that_cannot_be_read_is_left_out) {
         EXPECT_EQ(unreadable.get(), frames_of(stack.composed(report_kind::full))) << protection;
     }
     ::VirtualFree(memory, 0, MEM_RELEASE);
+}
+
+// Frames of a full report after the head of their one module: how many bytes of stack memory each has.
+std::vector<std::size_t> memory_sizes(const bytes& full) {
+    const auto number = [](bytes::const_iterator from) {
+        std::size_t value = 0;
+        for (int index = 7; index >= 0; --index) {
+            value = value << 8 | from[index];
+        }
+        return value;
+    };
+    const bytes frames = frames_of(full);
+    std::vector<std::size_t> sizes;
+    for (auto at = frames.begin() + 4 + 4 + 22 + 4 + 4 + 8; at != frames.end();) {
+        EXPECT_EQ("FUN1", std::string(at, at + 4));
+        sizes.push_back(number(at + 12));
+        at += 20;
+        if (sizes.back() != 0) {
+            at += static_cast<std::ptrdiff_t>(8 + sizes.back());
+        }
+    }
+    return sizes;
+}
+
+TEST(compose_report, stack_memory_is_told_up_to_a_mebibyte_from_the_inside) {
+    fake_stack stack;
+    std::vector<std::byte> memory(1 << 20);
+    const auto at = reinterpret_cast<DWORD64>(memory.data());
+    // Each piece counts with the 8 bytes of its address: 4 pieces fill the budget to the byte.
+    constexpr std::size_t piece = (1 << 20) / 4 - 8;
+    const step whole{true, 0x140001010, at + piece, at, 1};
+    stack.steps = {whole, whole, whole, whole, {true, 0x140001011, at + 1, at, 1}, {true, 0x140001012, 0, 0, 0}};
+    EXPECT_EQ((std::vector<std::size_t>{piece, piece, piece, piece, 0, 0}),
+              memory_sizes(stack.composed(report_kind::full)));
+    // What does not fit is left out, and so is everything beyond it, however small.
+    stack.frames_seen.clear();
+    stack.steps = {whole, whole, whole, {true, 0x140001010, at + piece + 1, at, 1}, {true, 0x140001011, at + 1, at, 0}};
+    EXPECT_EQ((std::vector<std::size_t>{piece, piece, piece, 0, 0}),
+              memory_sizes(stack.composed(report_kind::full)));
+    // One frame of the largest size that a report takes, and one byte more.
+    for (const std::size_t size : {std::size_t{(1 << 20) - 8}, std::size_t{(1 << 20) - 7}}) {
+        stack.frames_seen.clear();
+        stack.steps = {{true, 0x140001010, at + size, at, 0}};
+        EXPECT_EQ(size == (1 << 20) - 8 ? size : 0, memory_sizes(stack.composed(report_kind::full)).at(0));
+    }
+}
+
+TEST(compose_report, a_deep_recursion_stays_below_two_mebibytes) {
+    fake_stack stack;
+    std::byte memory[32]{};
+    const auto at = reinterpret_cast<DWORD64>(memory);
+    stack.steps.assign(50000, {true, 0x140001010, at + 32, at, 1});
+    const bytes report = stack.composed(report_kind::full);
+    EXPECT_LT(report.size(), std::size_t{2} << 20);
+    const auto sizes = memory_sizes(report);
+    EXPECT_EQ(50000U, sizes.size());
+    EXPECT_EQ((1 << 20) / 40, std::count(sizes.begin(), sizes.end(), 32));
 }
 
 TEST(compose_report, stack_of_which_the_system_knows_nothing_is_left_out) {

@@ -289,7 +289,8 @@ TEST_F(pending_reports, open_their_files_for_reading_shared_with_readers) {
                                                                DWORD sharing, SECURITY_ATTRIBUTES* security,
                                                                DWORD disposition, DWORD flags,
                                                                HANDLE source) {
-            if (path == name && opened == 0) { // deleting it opens it again
+            // It is looked at before, and deleting it opens it again.
+            if (path == name && opened == 0 && access != FILE_READ_ATTRIBUTES) {
                 ++opened;
                 EXPECT_EQ(0x80000000U, access);
                 EXPECT_EQ(1U, sharing);
@@ -309,6 +310,153 @@ TEST_F(pending_reports, open_their_files_for_reading_shared_with_readers) {
     EXPECT_EQ(1, opened);
     ASSERT_FALSE(reads.empty());
     EXPECT_EQ(4096U, reads.front()) << "what its buffer holds";
+}
+
+// What an own handle says about a file, in the place of the system.
+class scripted_file {
+public:
+    explicit scripted_file(std::wstring path) : m_path(std::move(path)) {}
+
+    DWORD type = FILE_TYPE_DISK;
+    DWORD attributes = FILE_ATTRIBUTE_ARCHIVE;
+    DWORD tag = 0;
+    DWORD size_high = 0;
+    DWORD size_low = 5;
+    BOOL known = TRUE;
+    BOOL tag_known = TRUE;
+
+private:
+    bool ours(HANDLE handle) const { return m_handle != nullptr && handle == m_handle; }
+
+    std::wstring m_path;
+    HANDLE m_handle = nullptr;
+    support::script<decltype(::CreateFileW)> m_create{
+        support::CreateFileW, [this](const wchar_t* name, DWORD access, DWORD sharing, auto... rest) {
+            const HANDLE made = support::CreateFileW.real(name, access, sharing, rest...);
+            if (m_path == name && access == FILE_READ_ATTRIBUTES) {
+                EXPECT_EQ(7U, sharing); // looking at it is in nobody's way
+                m_handle = made;
+            } else if (m_handle == made) { // closed by now, and given away again
+                m_handle = nullptr;
+            }
+            return made;
+        }};
+    support::script<decltype(::GetFileType)> m_type{
+        support::GetFileType,
+        [this](HANDLE handle) { return ours(handle) ? type : support::GetFileType.real(handle); }};
+    support::script<decltype(::GetFileInformationByHandle)> m_information{
+        support::GetFileInformationByHandle, [this](HANDLE handle, BY_HANDLE_FILE_INFORMATION* what) {
+            const BOOL result = support::GetFileInformationByHandle.real(handle, what);
+            if (!ours(handle)) {
+                return result;
+            }
+            what->dwFileAttributes = attributes;
+            what->nFileSizeHigh = size_high;
+            what->nFileSizeLow = size_low;
+            return known;
+        }};
+    support::script<decltype(::GetFileInformationByHandleEx)> m_tag{
+        support::GetFileInformationByHandleEx,
+        [this](HANDLE handle, FILE_INFO_BY_HANDLE_CLASS kind, void* what, DWORD size) {
+            if (!ours(handle) || kind != FileAttributeTagInfo) {
+                return support::GetFileInformationByHandleEx.real(handle, kind, what, size);
+            }
+            static_cast<FILE_ATTRIBUTE_TAG_INFO*>(what)->ReparseTag = tag;
+            return tag_known;
+        }};
+};
+
+TEST_F(pending_reports, are_ordinary_files_of_the_size_of_a_report) {
+    struct kind {
+        const char* what;
+        void (*make)(scripted_file&);
+        bool report;
+    };
+    constexpr DWORD eight_mebibytes = 8 << 20;
+    const kind kinds[] = {
+        {"file", [](scripted_file&) {}, true},
+        {"largest", [](scripted_file& file) { file.size_low = eight_mebibytes; }, true},
+        {"larger", [](scripted_file& file) { file.size_low = eight_mebibytes + 1; }, false},
+        {"larger by far", [](scripted_file& file) { file.size_high = 1; }, false},
+        {"folder", [](scripted_file& file) { file.attributes = FILE_ATTRIBUTE_DIRECTORY; }, false},
+        {"device", [](scripted_file& file) { file.attributes = FILE_ATTRIBUTE_DEVICE; }, false},
+        {"pipe", [](scripted_file& file) { file.type = FILE_TYPE_PIPE; }, false},
+        {"unknown", [](scripted_file& file) { file.known = FALSE; }, false},
+        {"link",
+         [](scripted_file& file) {
+             file.attributes = FILE_ATTRIBUTE_REPARSE_POINT;
+             file.tag = IO_REPARSE_TAG_SYMLINK;
+         },
+         false},
+        {"mount point",
+         [](scripted_file& file) {
+             file.attributes = FILE_ATTRIBUTE_REPARSE_POINT;
+             file.tag = IO_REPARSE_TAG_MOUNT_POINT;
+         },
+         false},
+        {"file that the volume keeps elsewhere",
+         [](scripted_file& file) {
+             file.attributes = FILE_ATTRIBUTE_REPARSE_POINT;
+             file.tag = IO_REPARSE_TAG_DEDUP;
+         },
+         true},
+        {"point of an unknown kind",
+         [](scripted_file& file) {
+             file.attributes = FILE_ATTRIBUTE_REPARSE_POINT;
+             file.tag_known = FALSE;
+         },
+         false},
+    };
+    const std::wstring path = files.expect(L"0.tzo");
+    const std::wstring full = files.expect(L"0.tzr");
+    const std::wstring other = files.expect(L"1.tzo");
+    for (const kind& each : kinds) {
+        SCOPED_TRACE(each.what);
+        test::put_file(path.c_str(), "first");
+        test::put_file(full.c_str(), "its full report");
+        test::put_file(other.c_str(), "second");
+        http.requests.clear();
+        will_answer(200);
+        if (each.report) {
+            will_answer(200);
+        }
+        const scripted_search search(files.path() + L"*.tzo", {L"0.tzo", L"1.tzo"});
+        scripted_file file(path);
+        each.make(file);
+        send_pending_reports();
+        EXPECT_EQ(each.report ? (strings{"first", "second"}) : (strings{"second"}), sent());
+        EXPECT_EQ(!each.report, files.has(L"0.tzo"));
+        EXPECT_EQ(!each.report, files.has(L"0.tzr"));
+        EXPECT_FALSE(files.has(L"1.tzo"));
+    }
+}
+
+TEST_F(pending_reports, leave_a_full_one_that_is_none_and_go_on) {
+    const std::wstring folder = files.expect(L"0.tzr");
+    for (const DWORD status : {200U, 449U}) {
+        SCOPED_TRACE(status);
+        files.put(L"0.tzo", "first");
+        files.put(L"1.tzo", "second");
+        ASSERT_TRUE(::CreateDirectoryW(folder.c_str(), nullptr));
+        http.requests.clear();
+        will_answer(status);
+        will_answer(200);
+        const scripted_search search(files.path() + L"*.tzo", {L"0.tzo", L"1.tzo"});
+        send_pending_reports();
+        EXPECT_EQ((strings{"first", "second"}), sent());
+        EXPECT_TRUE(::RemoveDirectoryW(folder.c_str())) << "it was deleted";
+    }
+}
+
+TEST_F(pending_reports, that_grow_beyond_any_report_meanwhile_stay) {
+    const std::wstring path = files.put(L"0.tzo", std::string((8 << 20) + 1, 'r'));
+    files.put(L"1.tzo", "second");
+    const scripted_search search(files.path() + L"*.tzo", {L"0.tzo", L"1.tzo"});
+    scripted_file file(path); // of 5 bytes, as it seems
+    will_answer(200);
+    send_pending_reports();
+    EXPECT_EQ((strings{"second"}), sent());
+    EXPECT_TRUE(files.has(L"0.tzo"));
 }
 
 TEST_F(pending_reports, stay_where_they_cannot_be_opened) {
@@ -348,8 +496,10 @@ TEST_F(pending_reports, miss_a_full_report_that_the_server_wants) {
 TEST_F(pending_reports, have_paths_of_260_units_at_most) {
     const std::size_t room = 260 - files.path().size() - 4; // without the extension
     std::vector<std::wstring> opened;
-    const support::script create(support::CreateFileW, [&](const wchar_t* name, auto...) {
-        opened.emplace_back(name);
+    const support::script create(support::CreateFileW, [&](const wchar_t* name, DWORD access, auto...) {
+        if (access == GENERIC_READ) {
+            opened.emplace_back(name);
+        }
         ::SetLastError(5);
         return INVALID_HANDLE_VALUE;
     });
@@ -426,7 +576,9 @@ TEST_F(pending_reports, that_somebody_else_has_deleted_meanwhile_are_no_failure)
     const std::wstring path = files.put(L"0.tzo", "short");
     const support::script close(support::CloseHandle, [&](HANDLE handle) {
         const BOOL result = support::CloseHandle.real(handle);
-        ::DeleteFileW(path.c_str()); // succeeds once the sender has closed the file
+        if (!http.requests.empty()) {    // it has been looked at before
+            ::DeleteFileW(path.c_str()); // succeeds once the sender has closed the file
+        }
         return result;
     });
     will_answer(200);

@@ -44,6 +44,9 @@ DWORD64 WINAPI module_base(HANDLE process, DWORD64 address) __asm__("SymGetModul
 DWORD64 WINAPI module_base(HANDLE process, DWORD64 address) {
     return support::SymGetModuleBase64.call(process, address);
 }
+DWORD WINAPI K32GetMappedFileNameW(HANDLE process, void* address, wchar_t* path, DWORD size) {
+    return support::K32GetMappedFileNameW.call(process, address, path, size);
+}
 HRESULT WINAPI SHGetKnownFolderPath(REFKNOWNFOLDERID id, DWORD flags, HANDLE token, wchar_t** path) {
     return support::SHGetKnownFolderPath.call(id, flags, token, path);
 }

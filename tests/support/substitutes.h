@@ -9,6 +9,7 @@
 
 #include <dbghelp.h>
 #include <objbase.h>
+#include <psapi.h>
 #include <security.h>
 #include <shellapi.h>
 #include <shlobj.h>
@@ -44,6 +45,10 @@ extern "C" __declspec(dllimport) void NTAPI RtlGetNtVersionNumbers(ULONG* major,
     X("winhttp.dll", WinHttpOpenRequest)    X("winhttp.dll", WinHttpCloseHandle)   X("winhttp.dll", WinHttpSetOption)  \
     X("winhttp.dll", WinHttpSetStatusCallback) X("winhttp.dll", WinHttpAddRequestHeaders)                              \
     X("winhttp.dll", WinHttpSendRequest)    X("winhttp.dll", WinHttpReceiveResponse) X("winhttp.dll", WinHttpQueryHeaders)\
+    X("kernel32.dll", GetTickCount64)       X("kernel32.dll", Sleep)                                                   \
+    X("kernel32.dll", GetFileType)          X("kernel32.dll", GetFileInformationByHandle)                              \
+    X("kernel32.dll", GetFileInformationByHandleEx)                                                                    \
+    X("kernel32.dll", WaitForMultipleObjects)                                                                            \
     X("kernel32.dll", CreateThread)         X("kernel32.dll", TerminateThread)     X("kernel32.dll", TerminateProcess) \
     X("kernel32.dll", CreateMutexW)         X("kernel32.dll", RaiseException)                                          \
     X("kernel32.dll", FindFirstFileExW)     X("kernel32.dll", FindNextFileW)                                           \
@@ -57,6 +62,7 @@ extern "C" __declspec(dllimport) void NTAPI RtlGetNtVersionNumbers(ULONG* major,
 // Functions whose headers do not declare them as imported, so that everything calls them without an import pointer: the
 // unit-test program defines them itself.
 #define LUMARIS_DIRECT_SUBSTITUTES(X)                                                                                  \
+    X("kernel32.dll", K32GetMappedFileNameW)                                                                           \
     X("ucrtbase.dll", __stdio_common_vsprintf) X("ucrtbase.dll", __stdio_common_vswprintf)                             \
     X("secur32.dll", GetUserNameExW)           X("shell32.dll", SHGetKnownFolderPath)
 // clang-format on

@@ -10,6 +10,9 @@ if(WIN32)
     # with Microsoft's meaning.
     add_compile_definitions(UNICODE _UNICODE WINVER=0x0A00 _WIN32_WINNT=0x0A00 NOMINMAX WIN32_LEAN_AND_MEAN
                             __USE_MINGW_ANSI_STDIO=0)
+    # Every function keeps a frame pointer: an error report tells the memory of a frame by it, and without one "the memory of the
+    # frame" reaches to that of some caller, again and again.
+    add_compile_options(-fno-omit-frame-pointer)
     # __try and __except.
     add_compile_options(-fms-extensions -Wno-language-extension-token)
     # CodeView for the PDB beside the program. Whatever the folders are, sources are called /lumaris/..., and what is built
