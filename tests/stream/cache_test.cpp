@@ -409,6 +409,31 @@ TEST(stream_cache_write, fails_where_the_source_fails) {
     }
 }
 
+TEST(stream_cache_write, that_the_source_takes_in_part_ends_behind_what_it_took) {
+    class full_disk : public plain_file {
+    public:
+        using plain_file::plain_file;
+        std::size_t write(const void* data, std::size_t) override {
+            const std::size_t done = plain_file::write(data, 5);
+            m_state = state_t::fail;
+            return done;
+        }
+    };
+    full_disk file(numbered(100));
+    cache stream(file, 16);
+    EXPECT_EQ(5U, write(stream, 32, 'x'));
+    EXPECT_EQ(state_t::fail, stream.state());
+    EXPECT_EQ(5U, stream.tell());
+}
+
+TEST(stream_cache_write, of_whole_blocks_has_the_state_of_the_source_and_not_that_of_an_earlier_call) {
+    plain_file file(numbered(100));
+    cache stream(file, 16);
+    stream.put(state_t::eof);
+    EXPECT_EQ(32U, write(stream, 32, 'x'));
+    EXPECT_EQ(state_t::ok, stream.state());
+}
+
 TEST(stream_cache_write, that_cannot_write_the_block_back_tells_what_it_took_and_keeps_it) {
     for (const char* const name : {"seek", "write"}) {
         plain_file file(numbered(64));

@@ -10,7 +10,9 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 namespace corvo::parser {
@@ -45,6 +47,38 @@ private:
         : basic_parser<T>(loc), m_parts{unowned(parts[Index])...} {}
 };
 
+// Which of a row of sets is the first that has an ASCII code unit. A branch over such sets that is given one of these looks a code unit up
+// instead of asking one alternative after the other. Made at compile time: building it costs more than it saves in one match.
+class set_index {
+public:
+    template <std::size_t Count>
+    explicit constexpr set_index(const std::array<std::string_view, Count>& sets) noexcept {
+        static_assert(Count < none);
+        m_index.fill(none);
+        // From behind, so that the first set that has a code unit keeps it.
+        for (std::size_t index = Count; index-- > 0;) {
+            for (const char chr : sets[index]) {
+                if (knows(chr)) {
+                    m_index[code_unit_value(chr)] = static_cast<std::uint8_t>(index);
+                }
+            }
+        }
+    }
+
+    template <class T> static constexpr bool knows(T chr) noexcept { return code_unit_value(chr) < size; }
+
+    // Index of the set; one that is greater than that of any set where none has it.
+    template <class T> constexpr std::size_t find(T chr) const noexcept {
+        return m_index[code_unit_value(chr)];
+    }
+
+private:
+    static constexpr std::size_t size = 128;
+    static constexpr std::uint8_t none = 255;
+
+    std::array<std::uint8_t, size> m_index{};
+};
+
 template <class T, class Part, std::size_t Count>
 class basic_branch final : public parser_collection<T, Part, Count> {
     using base = parser_collection<T, Part, Count>;
@@ -58,12 +92,20 @@ public:
     explicit basic_branch(std::array<Part, Size>& alternatives, locale_ref loc = {}) noexcept
         : base(alternatives, loc) {}
 
+    // The same, of sets whose first `Count` are those that `known` was made from. It outlives the branch, too.
+    template <std::size_t Size>
+    basic_branch(std::array<Part, Size>& alternatives, const set_index& known, locale_ref loc = {}) noexcept
+        : base(alternatives, loc), m_known(&known) {}
+
     void invalidate() noexcept override {
         m_index = npos;
         base::invalidate();
     }
 
     bool do_match(const T* text, std::size_t start, std::size_t end, unsigned flags) noexcept override {
+        if (m_known != nullptr && this->readable(text, start, end) && set_index::knows(text[start])) {
+            return match_known(text, start, end, flags);
+        }
         const std::size_t former = m_index;
         for (std::size_t index = 0; index < Count; ++index) {
             if (this->match_part(*this->m_parts[index], text, start, end, flags)) {
@@ -84,7 +126,23 @@ public:
     std::size_t index() const noexcept { return m_index; }
 
 private:
+    // What the loop does, but only the alternative that will match is asked. Of the others only the former match can hold an interval.
+    bool match_known(const T* text, std::size_t start, std::size_t end, unsigned flags) noexcept {
+        const std::size_t index = m_known->find(text[start]);
+        if (m_index != npos && m_index != index) {
+            this->m_parts[m_index]->invalidate();
+        }
+        if (index >= Count) {
+            m_index = npos;
+            return this->fail();
+        }
+        m_index = index;
+        this->match_part(*this->m_parts[index], text, start, end, flags);
+        return this->succeed(start, start + 1);
+    }
+
     std::size_t m_index = npos;
+    const set_index* m_known = nullptr;
 };
 
 template <class T, std::size_t Count> using basic_string_branch = basic_branch<T, basic_string<T>, Count>;

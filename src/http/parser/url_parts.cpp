@@ -14,7 +14,10 @@
 #include "http/parser/parser_collection.h"
 
 #include <array>
+#include <cstddef>
 #include <stdexcept>
+#include <string_view>
+#include <utility>
 
 namespace webio {
 
@@ -24,6 +27,16 @@ namespace parser = corvo::parser;
 
 // Unreserved characters of RFC 3986, which are the ZoneID of RFC 6874 without its percent-encoded ones.
 constexpr const char* scope_characters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-._~";
+
+constexpr std::array<std::string_view, 16> digit_texts{"0", "1", "2",  "3",  "4",  "5",  "6",  "7",
+                                                       "8", "9", "aA", "bB", "cC", "dD", "eE", "fF"};
+constexpr parser::set_index digit_index(digit_texts);
+
+template <std::size_t... Index>
+std::array<parser::basic_cu_set<char>, sizeof...(Index)>
+sets_of(const std::array<std::string_view, sizeof...(Index)>& texts, std::index_sequence<Index...>) noexcept {
+    return {parser::basic_cu_set<char>(texts[Index])...};
+}
 
 // The text of an interval; empty when there was no match.
 std::string text_of(const char* text, const parser::interval& hit) {
@@ -74,12 +87,9 @@ url_parts parse_url(const char* text) {
     parser::basic_iterations<char, parser::basic_url_password_char<char>> password(unowned(password_char), 0,
                                                                                    parser::npos);
 
-    std::array<cu_set, 16> digits{cu_set("0"),  cu_set("1"),  cu_set("2"),  cu_set("3"),
-                                  cu_set("4"),  cu_set("5"),  cu_set("6"),  cu_set("7"),
-                                  cu_set("8"),  cu_set("9"),  cu_set("aA"), cu_set("bB"),
-                                  cu_set("cC"), cu_set("dD"), cu_set("eE"), cu_set("fF")};
-    parser::basic_decimal_digit<char> decimal_digit(digits);
-    parser::basic_hexadecimal_digit<char> hexadecimal_digit(digits);
+    std::array<cu_set, 16> digits = sets_of(digit_texts, std::make_index_sequence<digit_texts.size()>());
+    parser::basic_decimal_digit<char> decimal_digit(digits, digit_index);
+    parser::basic_hexadecimal_digit<char> hexadecimal_digit(digits, digit_index);
 
     parser::basic_ipv4_address<char> ipv4_host(unowned(decimal_digit), unowned(dot));
     cu_set scope_char(scope_characters);

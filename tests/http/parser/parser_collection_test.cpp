@@ -7,16 +7,20 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstddef>
 #include <memory>
+#include <string_view>
 #include <type_traits>
 
 using corvo::parser::basic_branch;
 using corvo::parser::basic_cu;
+using corvo::parser::basic_cu_set;
 using corvo::parser::basic_parser;
 using corvo::parser::basic_string;
 using corvo::parser::basic_string_branch;
 using corvo::parser::npos;
 using corvo::parser::parser_collection;
+using corvo::parser::set_index;
 using corvo::parser::unowned;
 using test::expect_hit;
 using test::expect_no_hit;
@@ -47,6 +51,45 @@ TEST(basic_branch, an_alternative_of_an_earlier_match_is_reset) {
     EXPECT_TRUE(part.match("b"));
     expect_no_hit(names[0].hit());
     expect_hit(names[1].hit(), 0, 1);
+}
+
+// With an index the outcome is that of one attempt after the other.
+TEST(basic_branch, with_an_index_matches_as_without) {
+    static constexpr std::array<std::string_view, 3> texts{"ab", "bc\xC4", "\x7F\x80\x61"};
+    static constexpr set_index known(texts);
+    std::array<basic_cu_set<char>, 3> sets{basic_cu_set<char>(texts[0]), basic_cu_set<char>(texts[1]),
+                                           basic_cu_set<char>(texts[2])};
+    basic_branch<char, basic_cu_set<char>, 3> branch(sets, known);
+    for (int value = 0; value < 256; ++value) {
+        const char text[] = {static_cast<char>(value), 'x', '\0'};
+        std::size_t expected = npos;
+        for (std::size_t index = 3; value != 0 && index-- > 0;) {
+            if (texts[index].find(text[0]) != std::string_view::npos) {
+                expected = index;
+            }
+        }
+        EXPECT_EQ(expected != npos, branch.match(text)) << value;
+        EXPECT_EQ(expected, branch.index()) << value;
+        for (std::size_t index = 0; index < 3; ++index) {
+            EXPECT_EQ(index == expected, sets[index].hit().valid()) << value << ' ' << index;
+        }
+        EXPECT_FALSE(branch.match(text, 0, 0)) << value;
+        EXPECT_EQ(npos, branch.index()) << value;
+    }
+}
+
+// The alternatives of a shorter branch are the first of those in the index.
+TEST(basic_branch, takes_an_index_of_more_alternatives_than_its_own) {
+    static constexpr std::array<std::string_view, 3> texts{"a", "b", "c"};
+    static constexpr set_index known(texts);
+    std::array<basic_cu_set<char>, 3> sets{basic_cu_set<char>(texts[0]), basic_cu_set<char>(texts[1]),
+                                           basic_cu_set<char>(texts[2])};
+    basic_branch<char, basic_cu_set<char>, 2> branch(sets, known);
+    EXPECT_TRUE(branch.match("b"));
+    EXPECT_EQ(1U, branch.index());
+    EXPECT_FALSE(branch.match("c"));
+    EXPECT_EQ(npos, branch.index());
+    EXPECT_FALSE(sets[1].hit().valid());
 }
 
 TEST(basic_branch, no_alternative_no_match) {
