@@ -51,7 +51,7 @@ def settings_of(preset: str) -> dict[str, str]:
     given = {name: os.environ[name].strip() for name in SETTINGS if name in os.environ}
     if preset.endswith("-next"):
         return {**given, "LUMARIS_VERSION": next_version(configured_version())}
-    if not preset.startswith("native-") and not preset.endswith(("-test", "-coverage", "-sanitize")):
+    if not preset.startswith("native-") and not preset.endswith(("-test", "-coverage", "-ubsan")):
         return given
     settings = {name: value for name, value in given.items() if name == "LUMARIS_VERSION"}
     # Where there is no /proc, a program with sanitizers does not run.
