@@ -130,7 +130,8 @@ int main(int argc, char** argv) {
                     texts[index].c_str());
     }
     const double ipv6 = reporter.median("ours/text_5") / reporter.median("boost/text_5");
-    std::printf("url_parse: IPv6 text %.3f, to reach: at most 1.000: %s\n", ipv6, ipv6 <= 1.0 ? "reached" : "missed");
+    std::printf("url_parse: IPv6 text %.3f, to reach: at most 1.000: %s\n", ipv6,
+                ipv6 <= 1.0 ? "reached" : "missed");
     const double ratio = reporter.median("ours/all_texts") / reporter.median("boost/all_texts");
     std::printf("url_parse: time over Boost.URL's %.3f, to reach: at most 0.550: %s\n", ratio,
                 ratio <= 0.55 ? "reached" : "missed");

@@ -23,7 +23,7 @@ import junit  # noqa: E402  (the path to it is set above)
 import plan  # noqa: E402  (the path to it is set above)
 from bed import windows  # noqa: E402
 
-SUITE_LIMIT = 1800.0
+SUITE_LIMIT = 3000.0
 FUZZ_SECONDS = 5
 
 EXAMPLES = """examples:

@@ -36,7 +36,8 @@ inline double processor_seconds() noexcept {
     FILETIME user{};
     ::GetProcessTimes(::GetCurrentProcess(), &made, &ended, &kernel, &user);
     const auto ticks = [](const FILETIME& time) {
-        return static_cast<double>(static_cast<unsigned long long>(time.dwHighDateTime) << 32 | time.dwLowDateTime);
+        return static_cast<double>(static_cast<unsigned long long>(time.dwHighDateTime) << 32 |
+                                   time.dwLowDateTime);
     };
     return (ticks(kernel) + ticks(user)) / 1e7;
 }
@@ -49,8 +50,10 @@ inline int report(const wchar_t* file, bool right, double seconds) {
     if (out == nullptr) {
         return 2;
     }
-    std::fprintf(out, "{\"right\": %s, \"seconds\": %.6f, \"processor_seconds\": %.6f, \"peak_bytes\": %llu}\n",
-                 right ? "true" : "false", seconds, processor_seconds(), static_cast<unsigned long long>(memory.PeakWorkingSetSize));
+    std::fprintf(out,
+                 "{\"right\": %s, \"seconds\": %.6f, \"processor_seconds\": %.6f, \"peak_bytes\": %llu}\n",
+                 right ? "true" : "false", seconds, processor_seconds(),
+                 static_cast<unsigned long long>(memory.PeakWorkingSetSize));
     std::fclose(out);
     return right ? 0 : 1;
 }

@@ -22,8 +22,8 @@ namespace {
 void remove_package(corvo::stream::bounded_file& package, const std::wstring& path) noexcept {
     try {
         package.close();
-    } catch (
-        const std::system_error&) { // NOLINT(bugprone-empty-catch): what has brought us here is the cause
+    } catch (const std::system_error& later) {
+        static_cast<void>(later); // what has brought us here is the cause
     }
     std::error_code ignored;
     std::filesystem::remove(path, ignored);

@@ -52,7 +52,8 @@ def registry(machine: Windows, key: str) -> dict[str, str]:
 
 
 def registry_without_us(machine: Windows) -> list[dict[str, str]]:
-    """The registry of a machine that has never seen the product."""
+    """The registry of a machine that has never seen the product; its disk has not, either."""
+    shutil.rmtree(machine.unix_path("C:\\Program Files\\Tavrin"), ignore_errors=True)
     # As on every real Windows, ours is not the only source of events.
     machine.set_value("HKLM\\SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\Other", "TypesSupported", 7)
     machine.delete_key("HKLM\\SOFTWARE\\Tavrin")

@@ -189,12 +189,14 @@ TEST(compose_report, stack_memory_is_told_up_to_a_mebibyte_from_the_inside) {
     // Each piece counts with the 8 bytes of its address: 4 pieces fill the budget to the byte.
     constexpr std::size_t piece = (1 << 20) / 4 - 8;
     const step whole{true, 0x140001010, at + piece, at, 1};
-    stack.steps = {whole, whole, whole, whole, {true, 0x140001011, at + 1, at, 1}, {true, 0x140001012, 0, 0, 0}};
+    stack.steps = {
+        whole, whole, whole, whole, {true, 0x140001011, at + 1, at, 1}, {true, 0x140001012, 0, 0, 0}};
     EXPECT_EQ((std::vector<std::size_t>{piece, piece, piece, piece, 0, 0}),
               memory_sizes(stack.composed(report_kind::full)));
     // What does not fit is left out, and so is everything beyond it, however small.
     stack.frames_seen.clear();
-    stack.steps = {whole, whole, whole, {true, 0x140001010, at + piece + 1, at, 1}, {true, 0x140001011, at + 1, at, 0}};
+    stack.steps = {
+        whole, whole, whole, {true, 0x140001010, at + piece + 1, at, 1}, {true, 0x140001011, at + 1, at, 0}};
     EXPECT_EQ((std::vector<std::size_t>{piece, piece, piece, 0, 0}),
               memory_sizes(stack.composed(report_kind::full)));
     // One frame of the largest size that a report takes, and one byte more.

@@ -10,6 +10,9 @@ import pytest
 from running import PASSWORD, TREE, USER, Server, full_report, short_report
 from selenium import webdriver
 from selenium.webdriver.common.by import By
+from selenium.webdriver.remote.webelement import WebElement
+from selenium.webdriver.support.expected_conditions import staleness_of
+from selenium.webdriver.support.ui import WebDriverWait
 from test_pages import HOSTILE, PROBES, add_symbols, probe_report
 
 PICTURES = TREE / "build/reports-pictures"
@@ -32,6 +35,13 @@ def browser_fixture() -> Iterator[webdriver.Chrome]:
         driver.quit()
 
 
+def follow(browser: webdriver.Chrome, element: WebElement) -> None:
+    """Presses what leads to another page, and waits until the former one is gone."""
+    former = browser.find_element(By.TAG_NAME, "html")
+    element.click()
+    WebDriverWait(browser, 60).until(staleness_of(former))
+
+
 def test_every_page_is_shown_and_the_state_of_a_group_is_changed(browser: webdriver.Chrome, tmp_path: Path) -> None:
     with Server(str(tmp_path / "reports.db"), tmp_path) as server:
         for architecture in PROBES:
@@ -49,22 +59,22 @@ def test_every_page_is_shown_and_the_state_of_a_group_is_changed(browser: webdri
         assert browser.find_element(By.TAG_NAME, "header").value_of_css_property("background-color") == "rgba(36, 66, 92, 1)"
         assert browser.find_element(By.CSS_SELECTOR, "svg.days rect").size["height"] > 0
         browser.save_screenshot(str(PICTURES / "groups.png"))
-        browser.find_element(By.PARTIAL_LINK_TEXT, "probe::leaf").click()
+        follow(browser, browser.find_element(By.PARTIAL_LINK_TEXT, "probe::leaf"))
         assert browser.find_element(By.TAG_NAME, "h1").text == "access violation in probe::leaf"
         browser.find_element(By.NAME, "mended_in").send_keys("3.4.2")
         browser.find_element(By.CSS_SELECTOR, "form select[name=state] option[value=mended]").click()
-        browser.find_element(By.XPATH, "//button[text()='Save']").click()
+        follow(browser, browser.find_element(By.XPATH, "//button[text()='Save']"))
         assert "mended in 3.4.2" in browser.find_element(By.TAG_NAME, "dl").text
         browser.save_screenshot(str(PICTURES / "group.png"))
-        browser.find_element(By.CSS_SELECTOR, "td a").click()
+        follow(browser, browser.find_element(By.CSS_SELECTOR, "td a"))
         assert "symbol_probe.cpp" in browser.find_element(By.CSS_SELECTOR, "table.frames").text
         browser.save_screenshot(str(PICTURES / "report.png"))
         # What the program noted comes as text, in its own direction.
         browser.get(f"http://127.0.0.1:{server.pages}/report/3")
         assert "<script>alert(1)</script>\\u{202E}detrever" in browser.find_element(By.TAG_NAME, "li").text
-        browser.find_element(By.XPATH, "//button[text()='Delete this report']").click()
+        follow(browser, browser.find_element(By.XPATH, "//button[text()='Delete this report']"))
         assert browser.find_element(By.TAG_NAME, "h1").text.startswith("terminate called in halvoro.exe+0x1000")
-        browser.find_element(By.LINK_TEXT, "What is stored").click()
+        follow(browser, browser.find_element(By.LINK_TEXT, "What is stored"))
         assert "stay for 90 days" in browser.find_element(By.TAG_NAME, "main").text
         # Nothing was blocked by the pages' own policy, and nothing was missing.
         log = browser.get_log("browser")  # type: ignore[no-untyped-call]  # Selenium's own omission

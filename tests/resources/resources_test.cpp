@@ -1,7 +1,7 @@
 // The program's resources, read from the built program by way of the system, as the event viewer and the
 // loader do.
+#include "expected_version.h"
 #include "platform/system_strings.h"
-#include "tests/support/expected_version.h"
 #include "tests/support/string_table.h"
 
 #include <windows.h>

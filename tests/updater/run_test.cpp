@@ -1,8 +1,8 @@
 #include "updater/run.h"
 
+#include "expected_version.h"
 #include "platform/errors.h"
 #include "signed_files.h"
-#include "tests/support/expected_version.h"
 #include "tests/support/fake_winhttp.h"
 #include "tests/updater/fakes.h"
 #include "updater/version.h"

@@ -1,11 +1,11 @@
 #include "updater/updater.h"
 
 #include "errorreport/windows_version.h"
+#include "expected_version.h"
 #include "platform/errors.h"
 #include "platform/exception_message.h"
 #include "signed_files.h"
 #include "tests/stream/expect.h"
-#include "tests/support/expected_version.h"
 #include "tests/support/fake_winhttp.h"
 #include "tests/updater/fakes.h"
 

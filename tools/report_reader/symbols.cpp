@@ -96,7 +96,7 @@ std::string version_in(std::string_view bytes) {
     }
     std::array<std::uint16_t, 4> parts{}; // minor, major, revision, build
     std::memcpy(parts.data(), bytes.data() + at + 8, sizeof parts);
-    std::string version =
+    const std::string version =
         std::to_string(parts[1]) + "." + std::to_string(parts[0]) + "." + std::to_string(parts[3]);
     return parts[2] == 0 ? version : version + "." + std::to_string(parts[2]);
 }

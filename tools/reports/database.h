@@ -75,12 +75,12 @@ private:
     bool m_done = false;
 };
 
-inline std::int64_t number(const value& from) {
+inline std::int64_t as_number(const value& from) {
     const auto* found = std::get_if<std::int64_t>(&from);
     return found == nullptr ? 0 : *found;
 }
 
-inline std::string text(const value& from) {
+inline std::string as_text(const value& from) {
     const auto* found = std::get_if<std::string>(&from);
     return found == nullptr ? std::string() : *found;
 }

@@ -9,12 +9,12 @@ namespace {
 
 std::string digits_of(std::span<const std::byte> bytes) {
     static constexpr std::string_view digits = "0123456789abcdef";
-    std::string text;
+    std::string written;
     for (const std::byte byte : bytes) {
-        text += digits[std::to_integer<unsigned>(byte) >> 4];
-        text += digits[std::to_integer<unsigned>(byte) & 0xF];
+        written += digits[std::to_integer<unsigned>(byte) >> 4];
+        written += digits[std::to_integer<unsigned>(byte) & 0xF];
     }
-    return text;
+    return written;
 }
 
 } // namespace

@@ -115,7 +115,7 @@ std::string sparkline(const std::vector<std::int64_t>& days) {
 }
 
 std::string time_text(std::int64_t milliseconds) {
-    const std::time_t seconds = static_cast<std::time_t>(milliseconds / 1000);
+    const auto seconds = static_cast<std::time_t>(milliseconds / 1000);
     std::tm parts{};
     gmtime_r(&seconds, &parts);
     std::array<char, 32> text{};

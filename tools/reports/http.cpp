@@ -101,12 +101,13 @@ public:
     server(const http_settings& settings, intake& taken, pages* shown, access* allowed, metrics& counted)
         : m_settings(settings), m_intake(taken), m_pages(shown), m_access(allowed), m_metrics(counted) {}
 
-    void handle(const HttpRequestPtr& request, reply_function reply) {
+    // What fails is answered here, so the reply stays with this function.
+    void handle(const HttpRequestPtr& request, const reply_function& reply) {
         try {
             if (request->localAddr().toPort() == m_settings.reports.port) {
-                take_report(request, std::move(reply));
+                take_report(request, reply);
             } else if (m_pages != nullptr) {
-                show_page(request, std::move(reply));
+                show_page(request, reply);
             }
         } catch (const std::exception& error) {
             std::fprintf(stderr, "lumaris-reports: a request failed: %s\n", error.what());
@@ -115,7 +116,7 @@ public:
     }
 
 private:
-    void take_report(const HttpRequestPtr& request, reply_function reply) {
+    void take_report(const HttpRequestPtr& request, const reply_function& reply) {
         if (request->path() != report_path) {
             reply(respond_page(404, "There is nothing here."));
             return;
@@ -142,10 +143,10 @@ private:
             }
         }
         m_intake.deliver({std::string(request->body()), std::move(address), wanted},
-                         [reply = std::move(reply)](const answer& given) { reply(respond(given)); });
+                         [reply](const answer& given) { reply(respond(given)); });
     }
 
-    void show_page(const HttpRequestPtr& request, reply_function reply) {
+    void show_page(const HttpRequestPtr& request, const reply_function& reply) {
         const std::string& path = request->path();
         if (path == "/style.css") {
             reply(respond(200, "text/css; charset=utf-8", std::string(style_sheet())));
@@ -175,7 +176,7 @@ private:
         for (const auto& [name, value] : request->getParameters()) {
             asked.parameters[name] = value;
         }
-        const auto shared = std::make_shared<reply_function>(std::move(reply));
+        const auto shared = std::make_shared<reply_function>(reply);
         if (!m_page_thread.add([this, asked = std::move(asked), shared] { (*shared)(make_page(asked)); })) {
             (*shared)(respond_page(503, "Too many pages are asked for at the moment."));
         }
@@ -259,10 +260,8 @@ void serve(const http_settings& settings, intake& taken, pages* shown, access* a
     if (shown != nullptr) {
         app.addListener(settings.pages.address, settings.pages.port);
     }
-    app.registerPreRoutingAdvice(
-        [&all](const HttpRequestPtr& request, drogon::AdviceCallback&& reply, drogon::AdviceChainCallback&&) {
-            all.handle(request, std::move(reply));
-        });
+    app.registerPreRoutingAdvice([&all](const HttpRequestPtr& request, drogon::AdviceCallback&& reply,
+                                        drogon::AdviceChainCallback&&) { all.handle(request, reply); });
     app.registerBeginningAdvice(started);
     app.run();
 }

@@ -83,21 +83,19 @@ void intake::deliver(delivery given, answer_function answer) {
         m_settings.keep_addresses ? std::move(given.address) : short_digest(m_salt + given.address);
     next.wanted = wanted;
     next.received = now();
-    {
-        const std::lock_guard lock(m_mutex);
-        if (m_queue.size() < m_settings.most_waiting &&
-            m_queued_bytes + next.body.size() <= m_settings.most_waiting_bytes) {
-            next.answer = std::move(answer);
-            m_queued_bytes += next.body.size();
-            m_queue.push_back(std::move(next));
-            m_metrics.set_waiting(m_queue.size());
-        }
-    }
-    if (answer) {
+    std::unique_lock lock(m_mutex);
+    if (m_queue.size() >= m_settings.most_waiting ||
+        m_queued_bytes + next.body.size() > m_settings.most_waiting_bytes) {
+        lock.unlock();
         m_metrics.count(outcome::overloaded);
         answer(come_again());
         return;
     }
+    next.answer = std::move(answer);
+    m_queued_bytes += next.body.size();
+    m_queue.push_back(std::move(next));
+    m_metrics.set_waiting(m_queue.size());
+    lock.unlock();
     m_wake.notify_one();
 }
 
@@ -224,9 +222,9 @@ void intake::look_again() {
     m_symbols.forget();
     m_described.clear();
     std::optional<std::int64_t> last = 0;
-    std::vector<waiting> batch;
     try {
         while (last) {
+            std::vector<waiting> batch;
             if (m_store == nullptr) {
                 m_store = std::make_unique<store>(open_database(m_settings.database));
             }
@@ -252,7 +250,6 @@ void intake::look_again() {
             }
             if (!batch.empty()) {
                 keep(batch);
-                batch.clear();
             }
         }
     } catch (const std::exception& error) {

@@ -29,16 +29,16 @@ milliseconds now() {
 
 // Changes when a file is added: the files with their times. A store has a few for each release.
 std::string listing_of(const std::string& folder) {
-    std::string text;
+    std::string listing;
     std::error_code error;
     for (fs::recursive_directory_iterator at(folder, error), end; !error && at != end; at.increment(error)) {
         std::error_code ignored;
         if (at->is_regular_file(ignored)) {
-            text += at->path().string() + ' ' +
-                    std::to_string(at->last_write_time(ignored).time_since_epoch().count()) + '\n';
+            listing += at->path().string() + ' ' +
+                       std::to_string(at->last_write_time(ignored).time_since_epoch().count()) + '\n';
         }
     }
-    return text;
+    return listing;
 }
 
 } // namespace

@@ -110,13 +110,13 @@ int serve(const options& wanted) {
         allowed.emplace(wanted.password_file, wanted.user_header);
         pages.emplace(shown);
     }
-    reports::keeper keeper({wanted.database, wanted.symbols, shown.keep_full_days, shown.keep_short_days},
-                           [&] {
-                               taken.regroup();
-                               if (pages) {
-                                   pages->forget_symbols();
-                               }
-                           });
+    const reports::keeper keeper(
+        {wanted.database, wanted.symbols, shown.keep_full_days, shown.keep_short_days}, [&] {
+            taken.regroup();
+            if (pages) {
+                pages->forget_symbols();
+            }
+        });
     reports::serve(http, taken, pages ? &*pages : nullptr, allowed ? &*allowed : nullptr, counted, [&] {
         std::printf("lumaris-reports: takes reports on %s%s%s\n", wanted.reports.c_str(),
                     has_pages ? ", shows pages on " : "", wanted.pages.c_str());

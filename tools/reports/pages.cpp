@@ -38,9 +38,9 @@ std::string value_of(const page_request& asked, const std::string& name) {
 }
 
 std::int64_t number_of(std::string_view text, std::int64_t otherwise) {
-    std::int64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && end == text.data() + text.size() && number >= 0 ? number : otherwise;
+    std::int64_t found = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), found);
+    return error == std::errc() && end == text.data() + text.size() && found >= 0 ? found : otherwise;
 }
 
 // "/group/12/state" for `before` "/group/" and `behind` "/state" is 12.
@@ -50,9 +50,9 @@ std::optional<std::int64_t> number_in(std::string_view path, std::string_view be
         path.size() <= before.size() + behind.size()) {
         return std::nullopt;
     }
-    const std::int64_t number =
+    const std::int64_t found =
         number_of(path.substr(before.size(), path.size() - before.size() - behind.size()), -1);
-    return number < 0 ? std::nullopt : std::optional(number);
+    return found < 0 ? std::nullopt : std::optional(found);
 }
 
 page wrapped(const std::string& title, const std::string& content, int status = 200) {

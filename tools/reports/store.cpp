@@ -22,25 +22,25 @@ constexpr const char* report_source = " FROM reports LEFT JOIN versions ON versi
 
 group read_group(const row& from) {
     group result{};
-    result.id = number(from[0]);
-    result.title = text(from[1]);
-    result.place = text(from[2]);
-    result.state = group_state_of(text(from[3])).value_or(group_state::fresh);
-    result.mended_in = text(from[4]);
-    result.note = text(from[5]);
-    result.reports = number(from[6]);
-    result.full_reports = number(from[7]);
-    result.addresses = number(from[8]);
-    result.first_seen = number(from[9]);
-    result.last_seen = number(from[10]);
+    result.id = as_number(from[0]);
+    result.title = as_text(from[1]);
+    result.place = as_text(from[2]);
+    result.state = group_state_of(as_text(from[3])).value_or(group_state::fresh);
+    result.mended_in = as_text(from[4]);
+    result.note = as_text(from[5]);
+    result.reports = as_number(from[6]);
+    result.full_reports = as_number(from[7]);
+    result.addresses = as_number(from[8]);
+    result.first_seen = as_number(from[9]);
+    result.last_seen = as_number(from[10]);
     return result;
 }
 
 report_entry read_report(const row& from) {
-    return {number(from[0]), number(from[1]),  number(from[2]) != 0,
-            number(from[3]), text(from[4]),    text(from[5]),
-            text(from[6]),   text(from[7]),    static_cast<std::uint32_t>(number(from[8])),
-            text(from[9]),   number(from[10]), number(from[11])};
+    return {as_number(from[0]), as_number(from[1]),  as_number(from[2]) != 0,
+            as_number(from[3]), as_text(from[4]),    as_text(from[5]),
+            as_text(from[6]),   as_text(from[7]),    static_cast<std::uint32_t>(as_number(from[8])),
+            as_text(from[9]),   as_number(from[10]), as_number(from[11])};
 }
 
 std::vector<report_entry> read_reports(const std::vector<row>& rows) {
@@ -162,7 +162,7 @@ store::store(std::unique_ptr<database> where) : m_database(std::move(where)) {
 
 std::string store::salt() {
     const auto rows = m_database->run("SELECT value FROM settings WHERE name = 'salt'");
-    return rows.empty() ? std::string() : text(rows.front()[0]);
+    return rows.empty() ? std::string() : as_text(rows.front()[0]);
 }
 
 void store::ping() {
@@ -191,7 +191,7 @@ store::group_row store::group_for(const crash& what, std::uint32_t code, millise
                         "full_reports, state, mended_in",
                         {what.signature, what.title, what.place, std::int64_t{code}, when, when});
     const row& found = rows.at(0);
-    return {number(found[0]), number(found[1]), text(found[2]), text(found[3])};
+    return {as_number(found[0]), as_number(found[1]), as_text(found[2]), as_text(found[3])};
 }
 
 kept store::keep_one(const new_report& report) {
@@ -209,9 +209,9 @@ kept store::keep_one(const new_report& report) {
     if (made.empty()) {
         const auto known = m_database->run(
             "UPDATE reports SET copies = copies + 1 WHERE digest = $1 RETURNING id", {report.digest});
-        result.report = known.empty() ? 0 : number(known.front()[0]);
+        result.report = known.empty() ? 0 : as_number(known.front()[0]);
     } else {
-        result.report = number(made.front()[0]);
+        result.report = as_number(made.front()[0]);
         count_in(group.id, report.what.program, report.what.stamp, report.address, report.is_full,
                  report.received);
         result.full_reports += report.is_full ? 1 : 0;
@@ -278,7 +278,7 @@ void store::count_out(std::int64_t group, const std::string& program, std::uint3
 std::string store::version_of(const std::string& program, std::uint32_t stamp) {
     const auto rows = m_database->run("SELECT version FROM versions WHERE program = $1 AND stamp = $2",
                                       {program, std::int64_t{stamp}});
-    return rows.empty() ? std::string() : text(rows.front()[0]);
+    return rows.empty() ? std::string() : as_text(rows.front()[0]);
 }
 
 // Looking
@@ -316,9 +316,9 @@ void store::add_details(group& shown, milliseconds now) {
     const std::int64_t first = now / day - days_shown + 1;
     for (const row& each : m_database->run(
              "SELECT day, reports FROM group_days WHERE group_id = $1 AND day >= $2", {shown.id, first})) {
-        const std::int64_t index = number(each[0]) - first;
+        const std::int64_t index = as_number(each[0]) - first;
         if (index >= 0 && index < days_shown) {
-            shown.days[static_cast<std::size_t>(index)] = number(each[1]);
+            shown.days[static_cast<std::size_t>(index)] = as_number(each[1]);
         }
     }
     std::vector<std::string> names;
@@ -329,9 +329,9 @@ void store::add_details(group& shown, milliseconds now) {
              "group_versions.program AND versions.stamp = group_versions.stamp WHERE group_id = $1 "
              "ORDER BY last_seen DESC, group_versions.stamp LIMIT 50",
              {shown.id})) {
-        std::string name = text(each[1]);
+        std::string name = as_text(each[1]);
         if (name.empty()) {
-            name = report_reader::hexadecimal(static_cast<std::uint32_t>(number(each[0])));
+            name = report_reader::hexadecimal(static_cast<std::uint32_t>(as_number(each[0])));
         }
         if (std::find(names.begin(), names.end(), name) != names.end()) {
             continue;
@@ -370,8 +370,8 @@ std::vector<version_count> store::versions_of(std::int64_t group) {
                          "versions.stamp = "
                          "group_versions.stamp WHERE group_id = $1 ORDER BY last_seen DESC LIMIT 50",
                          {group})) {
-        result.push_back({text(each[0]), static_cast<std::uint32_t>(number(each[1])), text(each[2]),
-                          number(each[3]), number(each[4]), number(each[5])});
+        result.push_back({as_text(each[0]), static_cast<std::uint32_t>(as_number(each[1])), as_text(each[2]),
+                          as_number(each[3]), as_number(each[4]), as_number(each[5])});
     }
     return result;
 }
@@ -410,7 +410,7 @@ totals store::count() {
     // Not the rows themselves, of which there may be millions.
     const auto rows = m_database->run("SELECT COUNT(*), CAST(COALESCE(SUM(reports), 0) AS BIGINT), "
                                       "CAST(COALESCE(SUM(full_reports), 0) AS BIGINT) FROM groups");
-    return {number(rows.at(0)[0]), number(rows[0][1]), number(rows[0][2])};
+    return {as_number(rows.at(0)[0]), as_number(rows[0][1]), as_number(rows[0][2])};
 }
 
 // Changing
@@ -456,17 +456,17 @@ store::regroup(std::int64_t after, std::int64_t count,
         "is_unnamed = 1 AND id > $1 ORDER BY id LIMIT $2",
         {after, count});
     for (const row& each : rows) {
-        const std::int64_t id = number(each[0]);
+        const std::int64_t id = as_number(each[0]);
         const auto* body = std::get_if<blob>(&each[7]);
         const std::optional<crash> now = body == nullptr ? std::nullopt : describe_again(*body);
         if (!now) {
             continue;
         }
-        const std::int64_t former = number(each[1]);
+        const std::int64_t former = as_number(each[1]);
         const auto codes =
             m_database->run("SELECT code, state, mended_in, note FROM groups WHERE id = $1", {former});
-        const std::uint32_t code = codes.empty() ? 0 : static_cast<std::uint32_t>(number(codes[0][0]));
-        const group_row group = group_for(*now, code, number(each[3]));
+        const std::uint32_t code = codes.empty() ? 0 : static_cast<std::uint32_t>(as_number(codes[0][0]));
+        const group_row group = group_for(*now, code, as_number(each[3]));
         m_database->run("UPDATE reports SET group_id = $1, is_unnamed = $2 WHERE id = $3",
                         {group.id, std::int64_t{now->is_unnamed}, id});
         if (group.id == former) {
@@ -478,14 +478,14 @@ store::regroup(std::int64_t after, std::int64_t count,
                             "$3 ELSE note END WHERE id = $4",
                             {codes[0][1], codes[0][2], codes[0][3], group.id});
         }
-        const std::string program = text(each[5]);
-        const auto stamp = static_cast<std::uint32_t>(number(each[6]));
-        const bool is_full = number(each[2]) != 0;
-        count_out(former, program, stamp, text(each[4]), is_full, number(each[3]));
-        count_in(group.id, program, stamp, text(each[4]), is_full, number(each[3]));
+        const std::string program = as_text(each[5]);
+        const auto stamp = static_cast<std::uint32_t>(as_number(each[6]));
+        const bool is_full = as_number(each[2]) != 0;
+        count_out(former, program, stamp, as_text(each[4]), is_full, as_number(each[3]));
+        count_in(group.id, program, stamp, as_text(each[4]), is_full, as_number(each[3]));
     }
     all.commit();
-    return rows.empty() ? std::nullopt : std::optional(number(rows.back()[0]));
+    return rows.empty() ? std::nullopt : std::optional(as_number(rows.back()[0]));
 }
 
 } // namespace corvo::reports

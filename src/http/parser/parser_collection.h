@@ -128,16 +128,16 @@ public:
 private:
     // What the loop does, but only the alternative that will match is asked. Of the others only the former match can hold an interval.
     bool match_known(const T* text, std::size_t start, std::size_t end, unsigned flags) noexcept {
-        const std::size_t index = m_known->find(text[start]);
-        if (m_index != npos && m_index != index) {
+        const std::size_t known = m_known->find(text[start]);
+        if (m_index != npos && m_index != known) {
             this->m_parts[m_index]->invalidate();
         }
-        if (index >= Count) {
+        if (known >= Count) {
             m_index = npos;
             return this->fail();
         }
-        m_index = index;
-        this->match_part(*this->m_parts[index], text, start, end, flags);
+        m_index = known;
+        this->match_part(*this->m_parts[known], text, start, end, flags);
         return this->succeed(start, start + 1);
     }
 

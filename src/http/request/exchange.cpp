@@ -1,7 +1,5 @@
 #include "http/request/exchange.h"
 
-#include <utility>
-
 namespace webio {
 
 void exchange::begin_sending() noexcept {
@@ -44,9 +42,9 @@ exchange::duty exchange::leave() noexcept {
     }
 }
 
-void exchange::fail(std::exception_ptr failure) noexcept {
+void exchange::fail(const std::exception_ptr& failure) noexcept {
     if ((m_state.fetch_or(failed_bit, std::memory_order_acq_rel) & failed_bit) == 0) {
-        m_failure = std::move(failure); // read by nobody before this notification has left
+        m_failure = failure; // read by nobody before this notification has left
     }
 }
 

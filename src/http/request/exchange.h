@@ -43,7 +43,7 @@ public:
     duty leave() noexcept;
 
     // Keeps the first failure, which is the cause; those that follow from it are dropped. Called inside a notification.
-    void fail(std::exception_ptr failure) noexcept;
+    void fail(const std::exception_ptr& failure) noexcept;
 
     // Takes over closing the handle; false where somebody else has, or where the exchange has failed. Called inside a notification.
     bool take_close() noexcept;
