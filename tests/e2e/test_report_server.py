@@ -28,19 +28,18 @@ def real_fixture(bed: Bed, crash_bed: CrashBed) -> Iterator[RealReportServer]:
         yield server
 
 
-@pytest.mark.parametrize("kind", KINDS)
+# What is raised has the same bytes in several programs under the ARM64 Wine, whose walk along the stack ends before the culprit.
+@pytest.mark.parametrize("kind", [pytest.param(kind, marks=[pytest.mark.any_processor] if raised else [])
+                                  for kind, (_, raised, _) in KINDS.items()])
 def test_a_crash_becomes_one_group_with_its_line(crashes: CrashWorld, real: RealReportServer, kind: str) -> None:
     before = {group["id"]: group for group in real.groups()}
     for _ in range(2):
         assert crashes.run(kind).exit_code == CRASHED
         crashes.assert_nothing_left()
-    added = [group for group in real.groups() if group["id"] not in before]
-    (group,) = added
+    (group,) = [group for group in real.groups() if group["id"] not in before]
     # The same bytes twice are one report.
     assert 1 <= group["reports"] <= 2 and group["full_reports"] >= 1
-    code, raised, functions = KINDS[kind]
-    if crashes.machine.architecture == "arm64" and raised:
-        return  # the stack walk of the ARM64 Wine ends before the culprit
+    functions = KINDS[kind][2]
     assert re.search(rf"\b{functions[0]}\b", group["title"]), group
     file, line = group["place"].rsplit(":", 1)
     assert file == f"/lumaris/tests/crash/{kind}.cpp"

