@@ -85,16 +85,13 @@ want_preset() {
 }
 
 word_build() {
-    local presets=() arguments=() wanted=() preset key
+    local presets=() arguments=() wanted=() preset
     while (($#)); do
         case $1 in
         --help | -h) build_help; return ;;
         --key)
             [[ -n ${2:-} ]] || die "--key needs a key or a .pub file"
-            key=$2
-            # Where the file is, the room does not see it: the key line is read here.
-            [[ ! -f $key ]] || key=$(grep -v '^untrusted comment:' "$key" | head -n 1)
-            export LUMARIS_PUBLIC_KEY=$key
+            use_key "$2"
             shift 2
             ;;
         --partner) [[ -n ${2:-} ]] || die "--partner needs a name"; export LUMARIS_PARTNER=$2; shift 2 ;;
@@ -293,6 +290,13 @@ examples:
 END
 }
 
+# use_key KEY: the trusted key of the build, a line or a .pub file. The room does not see the file, so its line is read here.
+use_key() {
+    local key=$1
+    [[ ! -f $key ]] || key=$(grep -v '^untrusted comment:' "$key" | head -n 1)
+    export LUMARIS_PUBLIC_KEY=$key
+}
+
 # release_file OPTION FILE: copies the file to where the room sees it, for this run alone, and adds it to release_ship. The rest of the
 # host's files stays outside.
 release_file() {
@@ -302,7 +306,7 @@ release_file() {
 }
 
 word_release() {
-    local arguments=() files=() output='' match='' online='' command='' adopt='' key i release_ship=()
+    local arguments=() files=() output='' match='' online='' command='' adopt='' i release_ship=()
     while (($#)); do
         case $1 in
         --help | -h) release_help; return ;;
@@ -311,11 +315,7 @@ word_release() {
         [[ $1 == --* ]] || die "unknown argument $1" "See ./dev release --help."
         [[ -n ${2:-} ]] || die "unknown option $1, or nothing behind it" "See ./dev release --help."
         case $1 in
-        --key)
-            key=$2
-            [[ ! -f $key ]] || key=$(grep -v '^untrusted comment:' "$key" | head -n 1)
-            export LUMARIS_PUBLIC_KEY=$key
-            ;;
+        --key) use_key "$2" ;;
         --update-host) export LUMARIS_UPDATE_HOST=$2 ;;
         --report-host) export LUMARIS_REPORT_HOST=$2 ;;
         --partner) export LUMARIS_PARTNER=$2 ;;
@@ -395,17 +395,13 @@ END
 }
 
 word_installer() {
-    local files=() arguments=() output='' key i release_ship=()
+    local files=() arguments=() output='' i release_ship=()
     while (($#)); do
         [[ $1 != --help && $1 != -h ]] || { installer_help; return; }
         [[ $1 == --* ]] || die "unknown argument $1" "See ./dev installer --help."
         [[ -n ${2:-} ]] || die "unknown option $1, or nothing behind it" "See ./dev installer --help."
         case $1 in
-        --key)
-            key=$2
-            [[ ! -f $key ]] || key=$(grep -v '^untrusted comment:' "$key" | head -n 1)
-            export LUMARIS_PUBLIC_KEY=$key
-            ;;
+        --key) use_key "$2" ;;
         --update-host) export LUMARIS_UPDATE_HOST=$2 ;;
         --report-host) export LUMARIS_REPORT_HOST=$2 ;;
         --partner) export LUMARIS_PARTNER=$2 ;;

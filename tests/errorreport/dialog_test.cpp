@@ -161,7 +161,7 @@ TEST(dialogs_of_a_service, are_not_shown) {
     ::CloseHandle(made.hProcess);
 }
 
-// The copy's part.
+// The copy's part. Disabled, since in the window station of an ordinary run what it expects does not hold.
 TEST(dialogs_of_a_service, DISABLED_look) {
     const screen_reader system(TRUE, FALSE);
     EXPECT_FALSE(corvo::errorreport::running_system().interactive);
