@@ -1,4 +1,0 @@
-// See json.h.
-#pragma once
-
-#include "json.h"
