@@ -11,7 +11,7 @@ from world import World
 
 @pytest.mark.parametrize(("argument", "code"), [("0", 0), ("7", 7), ("256", 256), ("-1", 0xFFFFFFFF),
                                                 ("-2147483647", 0x80000001)])
-def test_an_exit_code_is_told_in_full(world: World, argument: str, code: int) -> None:
+def test_an_exit_code_is_reported_in_full(world: World, argument: str, code: int) -> None:
     assert world.machine.run(f"cmd /c exit {argument}").exit_code == code
 
 
@@ -21,7 +21,7 @@ def test_a_program_that_does_not_end_is_ended(world: World) -> None:
     assert world.machine.run("cmd /c exit 3").exit_code == 3
 
 
-def test_what_a_program_left_running_is_told_with_its_exit_code(world: World) -> None:
+def test_what_a_program_left_running_is_reported_with_its_exit_code(world: World) -> None:
     run = world.machine.run("cmd /c start cmd /c exit 1627", settle=50)
     assert (run.exit_code, [each.exit_code for each in run.left if each.image.endswith("cmd.exe")]) == (0, [1627])
 

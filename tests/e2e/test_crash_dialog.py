@@ -57,7 +57,7 @@ def crash_before_a_user(world: CrashWorld, *, notes: Sequence[str] = (), keys: S
     return Seen(tuple(seen), program.wait().exit_code)
 
 
-def test_a_crash_is_told_with_the_servers_answer(watched: CrashWorld, tmp_path: Path) -> None:
+def test_a_crash_is_reported_with_the_servers_answer(watched: CrashWorld, tmp_path: Path) -> None:
     seen = crash_before_a_user(watched, pictures=tmp_path)
     assert seen.texts == [INTRODUCTION + ANSWERED + "Hvala za poročilo." + CLOSING]
     assert [(box.title, box.buttons) for box in seen.boxes] == [(TITLE, ("OK",))]
@@ -116,12 +116,12 @@ def test_an_answer_is_read_by_its_charset(watched: CrashWorld, body: bytes, cont
 
 
 @pytest.mark.any_processor
-def test_an_answer_with_an_error_is_told_as_trouble(watched: CrashWorld) -> None:
+def test_an_answer_with_an_error_is_reported_as_trouble(watched: CrashWorld) -> None:
     watched.server.usual = Answer(status=500, body=b"out of order")
     assert crash_before_a_user(watched).texts == [INTRODUCTION + TROUBLE + "out of order" + CLOSING]
 
 
-def test_an_unreachable_server_is_told_with_what_becomes_of_the_report(watched: CrashWorld) -> None:
+def test_an_unreachable_server_is_reported_with_what_becomes_of_the_report(watched: CrashWorld) -> None:
     with watched.server.away():
         seen = crash_before_a_user(watched)
     assert seen.texts == [INTRODUCTION + NOT_SENT + SAVED + CLOSING]
@@ -129,7 +129,7 @@ def test_an_unreachable_server_is_told_with_what_becomes_of_the_report(watched: 
 
 
 @pytest.mark.any_processor
-def test_a_report_that_is_lost_is_told_with_the_reason(watched: CrashWorld) -> None:
+def test_a_report_that_is_lost_is_reported_with_the_reason(watched: CrashWorld) -> None:
     watched.use_temporary_folder(watched.small_disk("read-only", 65536, read_only=True))
     with watched.server.away():
         (text,) = crash_before_a_user(watched).texts
@@ -138,7 +138,7 @@ def test_a_report_that_is_lost_is_told_with_the_reason(watched: CrashWorld) -> N
 
 
 @pytest.mark.any_processor
-def test_a_page_for_an_answer_is_told_as_not_sent(watched: CrashWorld) -> None:
+def test_a_page_for_an_answer_is_reported_as_not_sent(watched: CrashWorld) -> None:
     watched.server.usual = Answer(body=b"<html></html>", content_type="text/html")
     assert crash_before_a_user(watched).texts == [INTRODUCTION + NOT_SENT + SAVED + CLOSING]
     assert watched.files() == ["0.tzo", "0.tzr", "Odgovor.html"]

@@ -192,7 +192,7 @@ def test_a_description_is_taken_up_to_65536_bytes(world: World, length: int) -> 
 @pytest.mark.any_processor
 @pytest.mark.parametrize("status", ["404 Not Found", "407 Proxy Authentication Required", "503 Service Unavailable"])
 @pytest.mark.parametrize("request_name", [DESCRIPTION + ".minisig", DESCRIPTION])
-def test_the_status_of_an_error_page_is_told_however_long_it_is(world: World, request_name: str, status: str) -> None:
+def test_the_status_of_an_error_page_is_reported_however_long_it_is(world: World, request_name: str, status: str) -> None:
     """The limit is for what would be taken for a signature or a description."""
     world.describe(OLDER)
     page = b"<p>an error page</p>" * 5000

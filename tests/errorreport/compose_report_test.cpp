@@ -182,7 +182,7 @@ std::vector<std::size_t> memory_sizes(const bytes& full) {
     return sizes;
 }
 
-TEST(compose_report, stack_memory_is_told_up_to_a_mebibyte_from_the_inside) {
+TEST(compose_report, stack_memory_is_reported_up_to_a_mebibyte_from_the_inside) {
     fake_stack stack;
     std::vector<std::byte> memory(1 << 20);
     const auto at = reinterpret_cast<DWORD64>(memory.data());
@@ -458,7 +458,7 @@ public:
     }
 };
 
-TEST(compose_report, a_target_that_fails_is_told_when_the_compression_is_finished) {
+TEST(compose_report, a_target_that_fails_is_reported_when_the_compression_is_finished) {
     fake_stack stack;
     full_target target;
     try {

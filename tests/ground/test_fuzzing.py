@@ -45,7 +45,7 @@ def told(capsys: pytest.CaptureFixture[str]) -> list[str]:
     return re.sub(r"in \d+ s,", "in N s,", capsys.readouterr().out).splitlines()
 
 
-def test_no_finding_is_told_with_the_number_of_inputs(tree: Path, capsys: pytest.CaptureFixture[str]) -> None:
+def test_no_finding_is_reported_with_the_number_of_inputs(tree: Path, capsys: pytest.CaptureFixture[str]) -> None:
     fuzzing.run(asked("good_fuzz"))
     assert told(capsys) == ["dev: fuzzing good_fuzz for 7 s",
                             "dev: good_fuzz: 1,234,567 inputs in N s, no finding (log: build/fuzz/good_fuzz.log)"]

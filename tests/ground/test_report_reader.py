@@ -111,7 +111,7 @@ def test_all_files_are_read_even_when_one_is_damaged(short: Path, tmp_path: Path
     (zlib.compress(b"TZO2" + SHORT[4:]), "damaged at byte 0 (0x0) of the inflated report: it begins with neither"),
     (zlib.compress(SHORT[:4] + b"\x4C\x01" + SHORT[6:]), "damaged at byte 4 (0x4) of the inflated report: machine type 0x014C"),
 ], ids=["empty", "cut", "more", "plain", "magic", "machine"])
-def test_what_is_damaged_is_told_with_its_place(content: bytes, complaint: str, tmp_path: Path) -> None:
+def test_what_is_damaged_is_reported_with_its_place(content: bytes, complaint: str, tmp_path: Path) -> None:
     path = tmp_path / "x.tzr"
     path.write_bytes(content)
     shown = read(path)
@@ -135,13 +135,13 @@ def test_a_body_with_its_chunk_framing_needs_the_option(short: Path, tmp_path: P
 
 
 @pytest.mark.parametrize("arguments", [[], ["--nonsense"], ["--symbols"], ["--json"]])
-def test_wrong_arguments_are_told_from_damage(arguments: list[str]) -> None:
+def test_wrong_arguments_are_reported_from_damage(arguments: list[str]) -> None:
     shown = read(*arguments)
     assert (shown.returncode, shown.stdout) == (2, "")
     assert shown.stderr
 
 
-def test_files_that_cannot_be_read_are_told_from_damage(short: Path, tmp_path: Path) -> None:
+def test_files_that_cannot_be_read_are_reported_from_damage(short: Path, tmp_path: Path) -> None:
     missing = read(tmp_path / "missing", short)
     assert missing.returncode == 2
     assert missing.stderr == f"read_report: {tmp_path}/missing: No such file or directory\n"
@@ -286,7 +286,7 @@ def test_symbols_that_do_not_fit_are_refused_by_name(name: str, spoil: Callable[
     assert shown.stdout == read(walk).stdout
 
 
-def test_a_folder_that_does_not_exist_is_told(walk: Path, tmp_path: Path) -> None:
+def test_a_folder_that_does_not_exist_is_reported(walk: Path, tmp_path: Path) -> None:
     shown = read(walk, "--symbols", tmp_path / "missing")
     assert (shown.returncode, shown.stdout) == (2, "")
     assert shown.stderr == f"read_report: {tmp_path}/missing: this is no folder\n"
@@ -376,7 +376,7 @@ def test_the_worked_example_is_what_the_page_says(tmp_path: Path) -> None:
     assert f"$ read_report example.tzo\n{result.stdout.decode()}" == shown
 
 
-def test_the_damage_on_the_page_is_told_in_its_words(tmp_path: Path) -> None:
+def test_the_damage_on_the_page_is_reported_in_its_words(tmp_path: Path) -> None:
     plain, _, _, shown = page_blocks()[:4]
     (tmp_path / "1.tzo").write_bytes(zlib.compress(block_bytes(plain)[:-12] + b"FUN0" + bytes(8)))
     result = subprocess.run([str(PROGRAM), "1.tzo"], cwd=tmp_path, capture_output=True, timeout=120, check=False)

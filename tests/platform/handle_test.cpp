@@ -164,7 +164,7 @@ TEST(handle, releases_when_an_exception_leaves) {
     EXPECT_EQ((values{first}), watch.values);
 }
 
-TEST(handle, is_empty_before_the_system_is_told) {
+TEST(handle, is_empty_before_the_system_is_reported) {
     // Closing may wake the thread that destroys the owner.
     pwrap::win_handle<0> owner(first);
     bool empty = false;

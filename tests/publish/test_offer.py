@@ -225,7 +225,7 @@ def test_a_log_that_somebody_damaged_is_said(staged: Kit) -> None:
 # Two at once
 
 
-def test_the_second_is_told_who_holds_the_lock(staged: Kit) -> None:
+def test_the_second_learns_who_holds_the_lock(staged: Kit) -> None:
     done = subprocess.Popen(["python3", "-c", "import fcntl, sys, time\nf = open(sys.argv[1], 'w')\nfcntl.flock(f, fcntl.LOCK_EX)\n"
                              "f.write('ana@desk (process 7, offer, since 10:00:00)'); f.flush(); print('held', flush=True); time.sleep(60)",
                              str(staged.root / "state/lock")], stdout=subprocess.PIPE, text=True)

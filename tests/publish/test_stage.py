@@ -137,7 +137,7 @@ def test_a_program_that_names_a_test_host_is_refused_unless_there_is_a_reason(ne
     (b"www.example.com", ["www.example.com"]), (b"\0localhost\0", ["localhost"]), (b"127.0.0.1:80", ["127.0.0.1"]),
     (b"\0updates.tavrin.private\0 .example 5127.0.0.1 localhosts mylocalhost x.examples.org a.testing", []),
 ])
-def test_hosts_of_laboratories_are_told_from_other_texts(text: bytes, hosts: list[str]) -> None:
+def test_hosts_of_laboratories_are_reported_from_other_texts(text: bytes, hosts: list[str]) -> None:
     assert program.Program("3.4.1.0", 0xAA64, text).laboratory_hosts == hosts
 
 

@@ -69,7 +69,7 @@ def test_the_program_depends_on_every_library() -> None:
     assert sorted(depends) == sorted(part["bom-ref"] for part in made["components"])
 
 
-def test_the_patch_of_the_standard_library_is_told() -> None:
+def test_the_patch_of_the_standard_library_is_reported() -> None:
     notes = next(part for part in document()["components"] if part["name"] == "libc++")["pedigree"]["notes"]
     patch = ROOT / "toolchain/patches/libcxx-system-category.patch"
     assert notes == f"patched with toolchain/patches/{patch.name} (SHA-256 {hashlib.sha256(patch.read_bytes()).hexdigest()})"
@@ -104,7 +104,7 @@ def test_what_is_linked_is_what_the_bill_names(built: Built) -> None:
     assert bill.check_parts(program.archives_of(built.pdb)) == []
 
 
-def test_a_library_that_the_bill_does_not_name_is_told(built: Built) -> None:
+def test_a_library_that_the_bill_does_not_name_is_reported(built: Built) -> None:
     linked = program.archives_of(built.pdb) | {"libssl.a"}
     assert bill.check_parts(linked) == ["libssl.a is linked into the program, and the bill of materials does not name it"]
     pdb = built.pdb.replace(b"/lib/libz.a\0", b"/lib/libq.a\0")
@@ -112,7 +112,7 @@ def test_a_library_that_the_bill_does_not_name_is_told(built: Built) -> None:
                                                           "the bill of materials has zlib, of which nothing is in the program"]
 
 
-def test_a_library_without_a_source_is_told() -> None:
+def test_a_library_without_a_source_is_reported() -> None:
     with pytest.raises(bill.BillError, match="^zlib comes from zlib, which the list of sources does not have$"):
         document("\n".join(line for line in LIST.splitlines() if not line.startswith("zlib")))
 
@@ -121,7 +121,7 @@ def test_a_library_without_a_source_is_told() -> None:
     ("zlib zlib_1.orig.tar.gz", "the list of sources has a line that is none: zlib zlib_1.orig.tar.gz"),
     ("zlib zlib_1.orig.tar.gz abc", "the list of sources has a line that is none: zlib zlib_1.orig.tar.gz abc"),
 ])
-def test_a_list_of_sources_that_is_none_is_told(line: str, complaint: str) -> None:
+def test_a_list_of_sources_that_is_none_is_reported(line: str, complaint: str) -> None:
     with pytest.raises(bill.BillError, match=f"^{complaint}$"):
         bill.read_sources(line)
 
@@ -132,6 +132,6 @@ def test_the_version_is_read_from_the_name_of_the_archive(file: str, version: st
     assert bill.Source("a", file, "0" * 64).version == version
 
 
-def test_an_archive_without_a_version_is_told() -> None:
+def test_an_archive_without_a_version_is_reported() -> None:
     with pytest.raises(bill.BillError, match="^the file a.tar.gz of the list of sources has no version$"):
         _ = bill.Source("a", "a.tar.gz", "0" * 64).version

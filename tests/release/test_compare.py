@@ -42,13 +42,13 @@ def test_bytes_that_are_near_each_other_are_one_difference(built: Built) -> None
     assert [line.split(",")[0] for line in apart] == ["x differs at offset 0x2000", "x differs at offset 0x2100"]
 
 
-def test_of_many_differences_the_first_are_told_and_the_rest_counted(built: Built) -> None:
-    told = differences("x", built.program, changed(built.program, *range(0x2000, 0x2000 + 20 * 0x100, 0x100)))
-    assert len(told) == 9
-    assert told[-1] == "x differs in 12 more places"
+def test_of_many_differences_the_first_are_reported_and_the_rest_counted(built: Built) -> None:
+    reported = differences("x", built.program, changed(built.program, *range(0x2000, 0x2000 + 20 * 0x100, 0x100)))
+    assert len(reported) == 9
+    assert reported[-1] == "x differs in 12 more places"
 
 
-def test_other_lengths_are_told(built: Built) -> None:
+def test_other_lengths_are_reported(built: Built) -> None:
     longer = built.program + b"\0\0"
     assert differences("x", built.program, longer) == [f"x has {len(built.program):,} bytes in the one build and {len(longer):,} in the other"]
     assert len(differences("x", b"", built.program)) == 1
@@ -58,9 +58,9 @@ def test_a_byte_of_a_pdb_is_found_in_its_stream(built: Built) -> None:
     container = Msf(built.pdb)
     _, blocks = container.streams[1]
     offset = blocks[0] * container.block_size + 12  # the identity
-    told = differences("lumaris.pdb", built.pdb, changed(built.pdb, offset))
-    assert len(told) == 1
-    assert told[0].startswith(f"lumaris.pdb differs at offset 0x{offset:X}, 1 bytes, stream 1 (the PDB's identity) at 0xC: ")
+    reported = differences("lumaris.pdb", built.pdb, changed(built.pdb, offset))
+    assert len(reported) == 1
+    assert reported[0].startswith(f"lumaris.pdb differs at offset 0x{offset:X}, 1 bytes, stream 1 (the PDB's identity) at 0xC: ")
 
 
 def test_what_is_neither_is_compared_too() -> None:

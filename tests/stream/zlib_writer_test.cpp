@@ -351,7 +351,7 @@ TEST_F(zlib_writing, feeds_more_than_32_bits_count_in_pieces) {
     EXPECT_TRUE(in_order);
 }
 
-TEST_F(zlib_writer_failing, while_writing_and_while_finishing_is_told) {
+TEST_F(zlib_writer_failing, while_writing_and_while_finishing_is_reported) {
     // Six bits a byte: a little more than the compressor keeps before it puts the first block out.
     bytes data = noise(20000, 6);
     for (unsigned char& byte : data) {
@@ -411,7 +411,7 @@ TEST_F(zlib_writer_failing, while_writing_and_while_finishing_is_told) {
     EXPECT_EQ(whole, target.taken());
 }
 
-TEST_F(zlib_writer_failing, at_every_byte_of_the_target_is_told) {
+TEST_F(zlib_writer_failing, at_every_byte_of_the_target_is_reported) {
     const bytes data = mixed(9000, 7);
     const bytes whole = compressed(data);
     ASSERT_GT(whole.size(), 2000U);

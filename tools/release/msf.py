@@ -1,4 +1,7 @@
-"""The container of a PDB: a file of blocks that make up streams ("MSF", as LLVM's documentation of PDB files describes it)."""
+"""The container of a PDB: a file of blocks that make up streams ("MSF", as LLVM's documentation of PDB files describes it).
+
+Read by hand: pefile reads no PDB, and llvm-pdbutil does not say to which stream an offset of the file belongs.
+"""
 
 from __future__ import annotations
 

@@ -41,6 +41,7 @@ DIRECTORY_NAMES = ("exports", "imports", "resources", "unwind data", "certificat
                    "global pointer", "thread-local storage", "load configuration", "bound imports", "import addresses",
                    "delayed imports", "CLR header", "reserved")
 
+LOAD_CONFIGURATION_WITH_GUARD = 0x94  # the size of IMAGE_LOAD_CONFIG_DIRECTORY64 up to its guard flags
 DEPENDENT_LOAD_FLAGS = 0x800  # LOAD_LIBRARY_SEARCH_SYSTEM32
 GUARD_FLAGS = {0x00000100: "calls are checked", 0x00000400: "table of functions", 0x00010000: "table of long jumps"}
 
@@ -172,19 +173,16 @@ def check_sections(image: bytes) -> list[str]:
 
 def check_load_configuration(image: bytes) -> list[str]:
     """Libraries come from System32 only, and control-flow guard has its tables."""
-    program = _parse(image)
-    entry = program.OPTIONAL_HEADER.DATA_DIRECTORY[10]
-    data = program.get_data(entry.VirtualAddress, 0x94) if entry.VirtualAddress else b""
-    if len(data) < 0x94 or struct.unpack_from("<I", data)[0] < 0x94:
+    loaded = getattr(_parse(image, "LOAD_CONFIG"), "DIRECTORY_ENTRY_LOAD_CONFIG", None)
+    if loaded is None or loaded.struct.Size < LOAD_CONFIGURATION_WITH_GUARD:
         return ["the load configuration is missing or too short for control-flow guard"]
-    # IMAGE_LOAD_CONFIG_DIRECTORY64.
-    load_flags, = struct.unpack_from("<H", data, 0x4E)
-    check, _dispatch, table, count, guard_flags = struct.unpack_from("<QQQQI", data, 0x70)
+    fields = loaded.struct
     complaints = []
-    if load_flags != DEPENDENT_LOAD_FLAGS:
-        complaints.append(f"the dependent load flags are 0x{load_flags:X}, not 0x{DEPENDENT_LOAD_FLAGS:X}: libraries from System32 only")
-    complaints += _bits("the guard flags", guard_flags, GUARD_FLAGS)
-    if not check or not table or not count:
+    if fields.DependentLoadFlags != DEPENDENT_LOAD_FLAGS:
+        complaints.append(f"the dependent load flags are 0x{fields.DependentLoadFlags:X}, not 0x{DEPENDENT_LOAD_FLAGS:X}: "
+                          "libraries from System32 only")
+    complaints += _bits("the guard flags", fields.GuardFlags, GUARD_FLAGS)
+    if not fields.GuardCFCheckFunctionPointer or not fields.GuardCFFunctionTable or not fields.GuardCFFunctionCount:
         complaints.append("control-flow guard has no check function, or no function in its table")
     return complaints
 
@@ -254,7 +252,10 @@ def _describe(key: tuple[int | str, int | str, int]) -> str:
 
 
 def _string_block(data: bytes) -> dict[int, str]:
-    """The strings of a block of 16: a count of UTF-16 units, then the units."""
+    """The strings of a block of 16: a count of UTF-16 units, then the units.
+
+    Read by hand: pefile keeps one of a block's languages, and reads on behind the end of a block that is cut off.
+    """
     strings, position = {}, 0
     for number in range((STRING_BLOCK - 1) * 16, STRING_BLOCK * 16):
         if position + 2 > len(data):
@@ -298,7 +299,10 @@ def check_partner(image: bytes, partner: str) -> list[str]:
 
 
 def _message_table(data: bytes) -> dict[int, str]:
-    """MESSAGE_RESOURCE_DATA: blocks of ids, each with the place of its entries; an entry has a length, flags and a text."""
+    """MESSAGE_RESOURCE_DATA: blocks of ids, each with the place of its entries; an entry has a length, flags and a text.
+
+    Read by hand: pefile leaves message tables alone.
+    """
     messages = {}
     try:
         count, = struct.unpack_from("<I", data)
@@ -389,16 +393,14 @@ def check_resources(image: bytes, version: str) -> list[str]:
     return complaints
 
 
-def _debug_entries(image: bytes) -> list[tuple[int, bytes]]:
-    """Type and data of the debug directory's entries."""
-    program = _parse(image)
-    entry = program.OPTIONAL_HEADER.DATA_DIRECTORY[6]
-    data = program.get_data(entry.VirtualAddress, entry.Size) if entry.VirtualAddress else b""
-    entries = []
-    for position in range(0, len(data) - 27, 28):
-        kind, size, _address, pointer = struct.unpack_from("<IIII", data, position + 12)
-        entries.append((kind, image[pointer:pointer + size]))
-    return entries
+def _debug_entries(image: bytes) -> list[pefile.DebugData]:
+    """The entries of the debug directory; those that name a PDB have its identity in `entry`."""
+    return list(getattr(_parse(image, "DEBUG"), "DIRECTORY_ENTRY_DEBUG", None) or [])
+
+
+def _pdb_entries(image: bytes) -> list[pefile.Structure]:
+    """What the program says of its PDB: GUID, age and name (CV_INFO_PDB70)."""
+    return [each.entry for each in _debug_entries(image) if each.struct.Type == _CODE_VIEW and getattr(each.entry, "name", "") == "CV_INFO_PDB70"]
 
 
 _CODE_VIEW, _REPRODUCIBLE = 2, 16
@@ -406,12 +408,12 @@ _CODE_VIEW, _REPRODUCIBLE = 2, 16
 
 def check_debug(image: bytes) -> list[str]:
     """The program names its PDB without a folder, and says that its time stamps are none."""
-    entries = _debug_entries(image)
-    complaints = [f"the debug directory has an entry of type {kind}, which is not expected" for kind, _ in entries
+    kinds = [each.struct.Type for each in _debug_entries(image)]
+    complaints = [f"the debug directory has an entry of type {kind}, which is not expected" for kind in kinds
                   if kind not in (_CODE_VIEW, _REPRODUCIBLE)]
-    if _REPRODUCIBLE not in (kind for kind, _ in entries):
+    if _REPRODUCIBLE not in kinds:
         complaints.append("the debug directory does not say that the time stamps are hashes")
-    names = [data[24:].rstrip(b"\0").decode("utf-8", "backslashreplace") for kind, data in entries if kind == _CODE_VIEW]
+    names = [getattr(entry, "PdbFileName", b"").rstrip(b"\0").decode("utf-8", "backslashreplace") for entry in _pdb_entries(image)]
     if names != ["lumaris.pdb"]:
         complaints.append(f"the program names its PDB {names}, not lumaris.pdb without a folder")
     return complaints
@@ -505,11 +507,12 @@ def check_pdb(image: bytes, pdb: bytes) -> list[str]:
     """The PDB is the one that the program asks for, and it names no folder of the machine that built it."""
     try:
         identity, age = Msf(pdb).identity()
-        wanted = next((data for kind, data in _debug_entries(image) if kind == _CODE_VIEW), b"")
+        wanted = _pdb_entries(image)
     except BrokenFile as error:
         return [str(error)]
+    found = uuid.UUID(bytes_le=identity)
     complaints = []
-    if len(wanted) < 24 or wanted[:4] != b"RSDS" or wanted[4:20] != identity or struct.unpack_from("<I", wanted, 20)[0] != age:
-        complaints.append(f"the PDB is {{{uuid.UUID(bytes_le=identity)}}}, age {age}, not the one that the program asks for")
+    if [entry.Signature_String for entry in wanted] != [f"{found.hex.upper()}{age:X}"]:
+        complaints.append(f"the PDB is {{{found}}}, age {age}, not the one that the program asks for")
     complaints += [f"the PDB names {name}" for name in sorted(pdb_paths(pdb)) if not _PDB_FOLDERS.match(name)]
     return complaints

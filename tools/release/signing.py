@@ -7,6 +7,8 @@ import subprocess
 from dataclasses import dataclass
 from pathlib import Path
 
+import pefile
+
 LIMIT = 120.0
 
 
@@ -101,14 +103,14 @@ def without_signature(image: bytes) -> bytes:
     ValueError where the table is not at the end, or where the bytes are no program.
     """
     try:
-        header, = struct.unpack_from("<I", image, 0x3C)
-        magic, = struct.unpack_from("<H", image, header + 24)
-        if image[:2] != b"MZ" or image[header:header + 4] != b"PE\0\0" or magic != 0x20B:
-            raise ValueError("this is no 64-bit Windows program")
-        checksum, entry = header + 24 + 64, header + 24 + 112 + 4 * 8
-        start, size = struct.unpack_from("<II", image, entry)
-    except struct.error as error:
+        program = pefile.PE(data=image, fast_load=True)
+    except (pefile.PEFormatError, struct.error) as error:
         raise ValueError("this is no Windows program") from error
+    if program.PE_TYPE != pefile.OPTIONAL_HEADER_MAGIC_PE_PLUS:
+        raise ValueError("this is no 64-bit Windows program")
+    table = program.OPTIONAL_HEADER.DATA_DIRECTORY[pefile.DIRECTORY_ENTRY["IMAGE_DIRECTORY_ENTRY_SECURITY"]]
+    start, size = table.VirtualAddress, table.Size
+    checksum, entry = program.OPTIONAL_HEADER.get_field_absolute_offset("CheckSum"), table.get_file_offset()
     if not start and not size:
         return image
     if start + size != len(image) or start < entry + 8:
