@@ -35,7 +35,7 @@ TEST(reports_store, versions_are_compared_by_their_numbers) {
     EXPECT_FALSE(is_older("3.4.0", "3.4"));
 }
 
-TEST(reports_store, a_report_of_a_version_without_the_mending_is_informed_and_a_later_one_opens_the_group_again) {
+TEST(reports_store, a_report_of_a_version_without_the_fix_is_informed_and_a_later_one_opens_the_group_again) {
     store where(open_database(":memory:"));
     where.name_version("lumaris.exe", 1, "3.4.0");
     where.name_version("lumaris.exe", 2, "3.4.1");
