@@ -77,8 +77,8 @@ public:
             matched = match_http_like(at);
             break;
         case scheme_kind::none:
-            m_components.user_name->invalidate();
-            m_components.password->invalidate();
+            drop(*m_components.user_name);
+            drop(*m_components.password);
             matched = match_http_like(at);
             break;
         }
@@ -108,6 +108,14 @@ private:
         }
     };
 
+    // Takes back the hit of a part that takes no part in this URL. Most parts have none, and a matcher without a hit has nothing to take back:
+    // without the question a tenth of the time goes into clearing what is clear.
+    static void drop(basic_parser<T>& part) noexcept {
+        if (part.hit().valid()) {
+            part.invalidate();
+        }
+    }
+
     scheme_kind match_scheme(cursor& at) noexcept {
         scheme_kind found = scheme_kind::none;
         const auto attempt = [&](basic_parser<T>& scheme, scheme_kind kind) {
@@ -121,7 +129,7 @@ private:
                     return;
                 }
             }
-            scheme.invalidate();
+            drop(scheme);
         };
         attempt(*m_components.http_scheme, scheme_kind::http);
         attempt(*m_components.ftp_scheme, scheme_kind::ftp);
@@ -131,20 +139,20 @@ private:
     }
 
     bool match_mailto(cursor& at) noexcept {
-        m_components.password->invalidate();
-        m_components.port->invalidate();
-        m_components.path->invalidate();
+        drop(*m_components.password);
+        drop(*m_components.port);
+        drop(*m_components.path);
         return at.take(*m_components.user_name) && at.take(*m_components.at_sign) &&
                match_host(at, match_bracketed(at, *m_components.ipv4_host));
     }
 
     bool match_file(cursor& at) noexcept {
-        m_components.user_name->invalidate();
-        m_components.password->invalidate();
-        m_components.ipv4_host->invalidate();
-        m_components.ipv6_host->invalidate();
-        m_components.dns_host->invalidate();
-        m_components.port->invalidate();
+        drop(*m_components.user_name);
+        drop(*m_components.password);
+        drop(*m_components.ipv4_host);
+        drop(*m_components.ipv6_host);
+        drop(*m_components.dns_host);
+        drop(*m_components.port);
         at.take(*m_components.path);
         return true;
     }
@@ -158,7 +166,7 @@ private:
             at = ahead;
         } else {
             // A ":" without a number is not consumed: it begins the path.
-            m_components.port->invalidate();
+            drop(*m_components.port);
         }
         at.take(*m_components.path);
         return true;
@@ -173,25 +181,25 @@ private:
                 at = ahead;
                 return;
             }
-            m_components.password->invalidate();
+            drop(*m_components.password);
             if (name_end.take(*m_components.at_sign)) {
                 at = name_end;
                 return;
             }
         }
-        m_components.user_name->invalidate();
-        m_components.password->invalidate();
+        drop(*m_components.user_name);
+        drop(*m_components.password);
     }
 
     // The hosts after IPv4, whose brackets depend on the scheme.
     bool match_host(cursor& at, bool ipv4_matched) noexcept {
         if (ipv4_matched) {
-            m_components.ipv6_host->invalidate();
-            m_components.dns_host->invalidate();
+            drop(*m_components.ipv6_host);
+            drop(*m_components.dns_host);
             return true;
         }
         if (match_bracketed(at, *m_components.ipv6_host)) {
-            m_components.dns_host->invalidate();
+            drop(*m_components.dns_host);
             return true;
         }
         return at.take(*m_components.dns_host);
@@ -204,7 +212,7 @@ private:
             at = ahead;
             return true;
         }
-        host.invalidate();
+        drop(host);
         return false;
     }
 

@@ -1,6 +1,7 @@
 // Composites over a list of parts. `parser_collection` holds the list; `basic_branch` matches the first of
 // its alternatives that matches, in the order given, and keeps its index; `basic_string_branch` is the branch
-// over literal strings. The references are stored in the object itself, so their number is part of the type.
+// over literal strings. The references are stored in the object itself, so their number is part of the type; a row of matchers that
+// stand side by side in an array is one reference.
 // `Part` may be a final matcher class, which then is called directly, or `basic_parser<T>` for mixed parts.
 // No reference is null.
 #pragma once
@@ -12,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -22,8 +24,8 @@ public:
     using part_list = std::array<std::shared_ptr<Part>, Count>;
 
     void invalidate() noexcept override {
-        for (const std::shared_ptr<Part>& part : m_parts) {
-            part->invalidate();
+        for (std::size_t index = 0; index < Count; ++index) {
+            part(index).invalidate();
         }
         basic_parser<T>::invalidate();
     }
@@ -35,16 +37,18 @@ protected:
     // Refers to the first `Count` matchers of an array without owning them; they outlive the collection.
     template <std::size_t Size>
     parser_collection(std::array<Part, Size>& parts, locale_ref loc) noexcept
-        : parser_collection(parts, loc, std::make_index_sequence<Count>()) {
+        : basic_parser<T>(loc), m_row(parts.data()) {
         static_assert(Count <= Size);
     }
 
-    part_list m_parts;
+    Part& part(std::size_t index) const noexcept {
+        return m_row != nullptr ? m_row[index] : *(*m_parts)[index];
+    }
 
 private:
-    template <std::size_t Size, std::size_t... Index>
-    parser_collection(std::array<Part, Size>& parts, locale_ref loc, std::index_sequence<Index...>) noexcept
-        : basic_parser<T>(loc), m_parts{unowned(parts[Index])...} {}
+    // One of the two is set. Without a value the list costs no time: a URL's digits alone are 26 references.
+    std::optional<part_list> m_parts;
+    Part* m_row = nullptr;
 };
 
 // Which of a row of sets is the first that has an ASCII code unit. A branch over such sets that is given one of these looks a code unit up
@@ -108,14 +112,14 @@ public:
         }
         const std::size_t former = m_index;
         for (std::size_t index = 0; index < Count; ++index) {
-            if (this->match_part(*this->m_parts[index], text, start, end, flags)) {
+            if (this->match_part(this->part(index), text, start, end, flags)) {
                 // Alternatives before this one have just failed; of those behind it only the former match
                 // can still hold an interval.
                 if (former != npos && former > index) {
-                    this->m_parts[former]->invalidate();
+                    this->part(former).invalidate();
                 }
                 m_index = index;
-                return this->succeed(start, this->m_parts[index]->hit().end);
+                return this->succeed(start, this->part(index).hit().end);
             }
         }
         m_index = npos;
@@ -130,14 +134,14 @@ private:
     bool match_known(const T* text, std::size_t start, std::size_t end, unsigned flags) noexcept {
         const std::size_t known = m_known->find(text[start]);
         if (m_index != npos && m_index != known) {
-            this->m_parts[m_index]->invalidate();
+            this->part(m_index).invalidate();
         }
         if (known >= Count) {
             m_index = npos;
             return this->fail();
         }
         m_index = known;
-        this->match_part(*this->m_parts[known], text, start, end, flags);
+        this->match_part(this->part(known), text, start, end, flags);
         return this->succeed(start, start + 1);
     }
 
