@@ -10,11 +10,13 @@
 namespace corvo {
 
 void throw_zlib_error(int result) {
+    // Read first: the memory of the exception is allocated before its arguments are evaluated, and may change the number.
+    const int c_error = errno;
     switch (result) {
     case Z_ERRNO:
         // The C library's number with the system's texts: they differ on Windows, and the pairing is kept so that
         // the number that is reported stays the one that the library saw.
-        throw std::system_error(errno, std::system_category(), "zlib failed with errno");
+        throw std::system_error(c_error, std::system_category(), "zlib failed with errno");
     case Z_STREAM_ERROR:
         throw std::runtime_error("zlib stream error");
     case Z_DATA_ERROR:

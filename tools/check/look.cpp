@@ -261,7 +261,7 @@ bool look_for_folder(const std::wstring& above, const std::wstring& folder, cons
         throw pwrap::win_runtime_error(error, failure);
     }
     if (!can_add(above, FILE_ADD_SUBDIRECTORY)) {
-        throw pwrap::win_runtime_error(failure);
+        pwrap::throw_last<pwrap::win_runtime_error>(failure);
     }
     return false;
 }
