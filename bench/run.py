@@ -22,6 +22,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 import size_report
+from plotting import plots, results
 
 TREE = Path(__file__).resolve().parents[1]
 sys.path[:0] = [str(TREE / "tests"), str(TREE / "tools/installer")]
@@ -40,6 +41,9 @@ NATIVE = TREE / "build/native-release"
 SIZE_LIMIT = 600 * 1024
 CHECK_LIMIT = 500 * 1024
 INSTALLER_LIMIT = 150 * 1024
+RESULTS = TREE / "bench/results.json"
+PAGE = TREE / "docs/performance.md"
+PICTURES = TREE / "docs/images"
 
 
 @dataclass
@@ -102,12 +106,9 @@ class Bench:
                 taken[number].append(contestants[number]())
         return taken
 
-    def pairs(self, first: Callable[[], float], second: Callable[[], float]) -> tuple[float, float, float]:
-        """Lets the two take turns; the medians of both and of the ratios first/second."""
-        first(), second()  # not counted: both start with warm caches
-        taken = [(first(), second()) for _ in range(self.runs)]
-        return (statistics.median(a for a, _ in taken), statistics.median(b for _, b in taken),
-                statistics.median(a / b for a, b in taken))
+    def medians(self, *contestants: Callable[[], float]) -> list[float]:
+        """Lets the contestants take turns; the median of what each took."""
+        return [statistics.median(taken) for taken in self.rotation(*contestants)]
 
 
 @dataclass(frozen=True)
@@ -141,12 +142,12 @@ def present_package(bench: Bench) -> list[Verdict]:
     size = 512
     file = bench.file("package-512.bin", size * MB)
     paths = [windows.windows_path(file), windows.windows_path(file.with_name(file.name + ".minisig"))]
-    ours, theirs, ratio = bench.pairs(
+    ours, theirs = bench.rotation(
         lambda: bench.measured("present_package", *paths)["seconds"],
         lambda: seconds_of(["minisign", "-V", "-q", "-p", str(bench.key.public), "-m", str(file)]))
-    print(f"  product {size / ours:.0f} MB/s, minisign -V {size / theirs:.0f} MB/s")
-    return [Verdict("check of a package already there (512 MB): throughput over minisign -V's", f"{1 / ratio:.2f}",
-                    "at least 0.90", 1 / ratio >= 0.90)]
+    print(f"  product {size / statistics.median(ours):.0f} MB/s, minisign -V {size / statistics.median(theirs):.0f} MB/s")
+    speed = Ratio.of(theirs, ours)
+    return [Verdict("check of a package already there (512 MB): throughput over minisign -V's", str(speed), "at least 0.90", speed.median >= 0.90)]
 
 
 def download(bench: Bench) -> list[Verdict]:
@@ -290,9 +291,10 @@ def machine_check(bench: Bench) -> list[Verdict]:
         return run.end - run.begin
 
     several = Bench(bench.machine, bench.server, bench.files, bench.key, bench.runs * 5)
-    ours, theirs, ratio = several.pairs(look, ask)
-    print(f"  lumaris_check {ours * 1000:.0f} ms, bare program {theirs * 1000:.0f} ms")
-    return [Verdict("check of a machine: time over a bare program that asks the same", f"{ratio:.2f}", "at most 1.50", ratio <= 1.5)]
+    ours, theirs = several.rotation(look, ask)
+    print(f"  lumaris_check {statistics.median(ours) * 1000:.0f} ms, bare program {statistics.median(theirs) * 1000:.0f} ms")
+    over = Ratio.of(ours, theirs)
+    return [Verdict("check of a machine: time over a bare program that asks the same", str(over), "at most 1.50", over.median <= 1.5)]
 
 
 def report_size(bench: Bench) -> list[Verdict]:
@@ -315,15 +317,15 @@ def report_size(bench: Bench) -> list[Verdict]:
 def installation(bench: Bench) -> list[Verdict]:
     """Static initialisation with the error-report component, and without."""
     several = Bench(bench.machine, bench.server, bench.files, bench.key, bench.runs * 5)
-    ours, bare, _ = several.pairs(lambda: bench.measured("static_initialisation")["seconds"],
-                                  lambda: bench.measured("static_initialisation_bare")["seconds"])
+    ours, bare = several.medians(lambda: bench.measured("static_initialisation")["seconds"],
+                                 lambda: bench.measured("static_initialisation_bare")["seconds"])
 
     def start(name: Path) -> float:
         run = bench.machine.run(f'"{bench.program(name)}"')
         return run.end - run.begin
 
-    whole, empty, _ = several.pairs(lambda: start(X64 / "tests/crash/crash_none.exe"),
-                                    lambda: start(X64 / "bench/bench_empty.exe"))
+    whole, empty = several.medians(lambda: start(X64 / "tests/crash/crash_none.exe"),
+                                   lambda: start(X64 / "bench/bench_empty.exe"))
     more = (ours - bare) * 1000
     print(f"  static initialisation {ours * 1000:.2f} ms, without the component {bare * 1000:.2f} ms; whole run "
           f"{whole * 1000:.0f} ms, empty program {empty * 1000:.0f} ms")
@@ -385,14 +387,9 @@ MEASUREMENTS = {"check": present_package, "download": download, "memory": memory
                 "size": size}
 
 
-def main() -> int:
-    """Returns 0 when every number is reached."""
-    parser = argparse.ArgumentParser(description=__doc__, epilog="example: ./dev bench --only download --runs 9",
-                                     formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--only", choices=MEASUREMENTS, action="append", help="measure only this; may be given again")
-    parser.add_argument("--runs", type=int, default=5, help="pairs a comparison (default: %(default)s)")
-    options = parser.parse_args()
-    verdicts: list[Verdict] = []
+def measure(names: list[str], runs: int) -> list[results.Row]:
+    """Makes the named measurements in a bed of their own."""
+    rows: list[results.Row] = []
     with ExitStack() as stack:
         network = isolation.enter()
         stack.callback(isolation.leave, network)
@@ -404,16 +401,38 @@ def main() -> int:
         server = stack.enter_context(make_report_server(network, authority))
         machine = stack.enter_context(windows.Windows("x64", network, X64 / "tests/bed/windows/agent.exe"))
         key = KeyPair(TREE / "tests/keys/test.pub", TREE / "tests/keys/test.key")
-        bench = Bench(machine, server, files, key, options.runs)
-        for name in options.only or MEASUREMENTS:
+        bench = Bench(machine, server, files, key, runs)
+        for name in names:
             print(f"{name}: {(MEASUREMENTS[name].__doc__ or '').rstrip('.')}", flush=True)
-            verdicts += MEASUREMENTS[name](bench)
-    width = max(len(verdict.what) for verdict in verdicts)
-    print()
-    for verdict in verdicts:
-        outcome = "" if verdict.to_reach == "stated" else "reached" if verdict.reached else "MISSED"
-        print(f"{verdict.what:{width}}  {verdict.measured:>9}  {verdict.to_reach:>16}  {outcome}".rstrip())
-    return 0 if all(verdict.reached for verdict in verdicts) else 1
+            rows += [results.Row(name, each.what, each.measured, each.to_reach, each.reached) for each in MEASUREMENTS[name](bench)]
+    return rows
+
+
+def main() -> int:
+    """Returns 0 when every number is reached."""
+    parser = argparse.ArgumentParser(prog="./dev bench", description=__doc__, epilog="examples:\n  ./dev bench --only download --runs 9\n"
+                                     "  ./dev bench --plot\n  ./dev bench --plot --from bench/results.json",
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--only", choices=MEASUREMENTS, action="append", help="measure only this; may be given again")
+    parser.add_argument("--runs", type=int, default=5, help="pairs a comparison (default: %(default)s)")
+    parser.add_argument("--plot", action="store_true", help="keeps the numbers in bench/results.json, and puts table and plots into docs/performance.md")
+    parser.add_argument("--from", type=Path, dest="source", metavar="FILE", help="takes the numbers from this file, and measures nothing")
+    parser.add_argument("--output", type=Path, metavar="FILE", default=TREE / "build/bench/results.json",
+                        help="keeps the numbers here; those of other measurements remain (default: build/bench/results.json)")
+    options = parser.parse_args()
+    if options.source:
+        rows = results.load(options.source)
+    else:
+        rows = measure(list(options.only or MEASUREMENTS), options.runs)
+        for file in (options.output, *([RESULTS] if options.plot else [])):
+            results.save(file, results.merged(results.load(file) if file.exists() else [], rows))
+    print("\n" + "\n".join(results.table(rows)))
+    if options.plot:
+        drawn = rows if options.source else results.load(RESULTS)
+        PAGE.write_text(results.page_with(PAGE.read_text(encoding="utf-8"), drawn), encoding="utf-8")
+        for file in plots.draw(drawn, PICTURES):
+            print(f"plot: {file.relative_to(TREE)}")
+    return 0 if all(row.reached for row in rows) else 1
 
 
 if __name__ == "__main__":

@@ -504,10 +504,24 @@ word_publish_kit() {
 
 word_bench() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
-        printf '%s\n' 'usage: ./dev bench [options of bench/run.py]' '' \
-            'Builds native-release and x64-test, measures, and says which numbers are reached.' '' 'example:' '  ./dev bench'
+        printf '%s\n' 'usage: ./dev bench [--only MEASUREMENT]... [--runs N] [--plot] [--from FILE] [--output FILE]' '' \
+            'Builds native-release, x64-test and arm64-test, measures, and says which numbers are reached.' '' \
+            '  --only MEASUREMENT  measures only this; may be given again: check, download, memory, url, compress, cache, idle, machine,' \
+            '                      report, installation, crash, size' \
+            '  --runs N            pairs a comparison (default: 5)' \
+            '  --plot              keeps the numbers in bench/results.json, and puts table and plots into docs/performance.md' \
+            '  --from FILE         takes the numbers from this file, and measures nothing' \
+            '  --output FILE       keeps the numbers here (default: build/bench/results.json)' '' \
+            'examples:' '  ./dev bench' '  ./dev bench --only download --runs 9' '  ./dev bench --plot --from bench/results.json'
         return
     fi
+    local argument
+    for argument in "$@"; do
+        [[ $argument == --from* ]] || continue
+        need room-amd64
+        in_room python3 bench/run.py "$@"
+        return
+    done
     need "${products_native[@]}" "${products_x64[@]}" "${products_arm64[@]}" "${products_run_x64[@]}"
     check_namespaces
     [[ $isolation == full ]] || die "$namespaces_fault" "The measurements need a network of their own."

@@ -8,6 +8,9 @@ import sys
 from pathlib import Path
 
 import pytest
+from selenium import webdriver
+from selenium.webdriver.common.by import By
+from selenium.webdriver.support.ui import WebDriverWait
 
 ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "toolchain"))
@@ -64,3 +67,28 @@ def test_links_between_the_top_and_the_folder_are_kept(tree: Path) -> None:
     (tree / "docs/design.md").write_text("# Design\n\n[security](../SECURITY.md#threats-and-what-stops-them)\n", encoding="utf-8")
     documents.make_site(tree)
     assert 'href="SECURITY.html#threats-and-what-stops-them"' in (tree / "build/docs/site/design.html").read_text(encoding="utf-8")
+
+
+def test_a_browser_finds_a_page_without_a_server(tree: Path, tmp_path: Path) -> None:
+    (tree / "docs/design.md").write_text("# Design\n\n## Of porcupines\n\nA porcupine is named on no other page.\n", encoding="utf-8")
+    documents.make_site(tree)
+    options = webdriver.ChromeOptions()
+    for argument in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", f"--user-data-dir={tmp_path / 'profile'}"):
+        options.add_argument(argument)
+    driver = webdriver.Chrome(options=options, service=webdriver.ChromeService("/usr/bin/chromedriver"))
+    try:
+        wait = WebDriverWait(driver, 60)
+        # From a folder below as well: the index lies above it.
+        driver.get((tree / "build/docs/site/test_plan/version.html").as_uri())
+        box = driver.find_element(By.NAME, "q")
+        box.send_keys("porcupine")
+        box.submit()
+        wait.until(lambda at: at.find_elements(By.CSS_SELECTOR, "#mkdocs-search-results article"))
+        titles = [each.text for each in driver.find_elements(By.CSS_SELECTOR, "#mkdocs-search-results h3")]
+        assert titles == ["Of porcupines", "Design"] or titles == ["Of porcupines"]
+        driver.find_element(By.LINK_TEXT, "Of porcupines").click()
+        wait.until(lambda at: at.current_url.endswith("/design.html#of-porcupines"))
+        driver.get((tree / "build/docs/site/search.html").as_uri() + "?q=nosuchwordanywhere")
+        wait.until(lambda at: "No results found" in at.find_element(By.ID, "mkdocs-search-results").text)
+    finally:
+        driver.quit()

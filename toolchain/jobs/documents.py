@@ -32,6 +32,10 @@ def make_site(tree: Path) -> None:
                             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
     if result.returncode:
         raise JobError(f"the documents cannot be made into a site:\n{result.stdout.strip()}")
+    # docs/search_from_files.js loads this when the pages are opened without a server.
+    search = tree / FOLDER / "site/search"
+    index = (search / "search_index.json").read_text(encoding="utf-8")
+    (search / "search_index.js").write_text(f"const search_index = {index};\n", encoding="utf-8")
 
 
 def collect_pages(tree: Path) -> None:

@@ -39,7 +39,7 @@ TYPED_FOLDERS: dict[str, tuple[str, ...]] = {
     "tests": ("tools/demo",),
     "tests/e2e": ("tools/installer", "tools/publish"),
     "tests/endurance": ("tests/e2e",),
-    "tests/ground": (),
+    "tests/ground": ("tests", "bench"),  # "run" is that of tests/
     "tests/mutations": (),
     "tests/publish": ("tools/publish",),
     "tests/release": ("tools/release",),

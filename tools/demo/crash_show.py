@@ -7,53 +7,39 @@ import time
 from contextlib import ExitStack
 from pathlib import Path
 
-from bed import certificates, isolation, windows
-from bed.errors import BedError
+from bed import certificates, isolation
 from bed.report_server import BODY, FULL_WANTED, HEAD, Answer, Received, make_report_server
 from bed.real_report_server import RealReportServer
 from bed.reports import Reader
 from bed.screen import Screen
 from bed.windows import Box, Ended, Started, Windows, windows_path
 from crash_outcome import ACCESS_VIOLATION, REPORTED, SERVERS, CrashCircumstances
-from timeline import Timeline
+from frame import LIMIT, Demonstration, code
 
 _TITLE = "Unexpected Error"
-_LIMIT = 120.0
 
 
-class CrashShow:
-    """One demonstration."""
+class CrashShow(Demonstration):
+    """The demonstration of a crash."""
 
     def __init__(self, tree: Path, given: CrashCircumstances) -> None:
-        self._tree = tree
+        super().__init__(tree, given.architecture)
         self._given = given
         self._server_way = SERVERS[given.server]
-        self._build = tree / f"build/{given.architecture}-demo"
         self._reader_program = tree / "build/native-release/tools/report_reader/read_report"
         self._real_program = tree / "build/native-release/tools/reports/lumaris-reports"
         self._real: RealReportServer | None = None
         self._pictures = tree / "build/demo-crash"
-        self._timeline = Timeline()
-        self._faults: list[str] = []
-        self._pictured = 0
 
-    def run(self) -> bool:
-        """Runs it all; true when everything happened as it should."""
-        for needed in (self._program_file(self._given.kind), self._reader_program, self._real_program):
-            if not needed.exists():
-                raise BedError(f"{needed} is missing; ./dev run makes it")
-        if reason := windows.available(self._given.architecture):
-            raise BedError(reason)
-        shutil.rmtree(self._pictures, ignore_errors=True)
-        network = isolation.enter()
-        try:
-            self._perform(network)
-        finally:
-            isolation.leave(network)
-        return self._verdict()
+    def _needed(self) -> tuple[Path, ...]:
+        return self._program_file(self._given.kind), self._reader_program, self._real_program
+
+    def _why(self) -> str:
+        return self._given.why
 
     def _perform(self, network: isolation.PrivateNetwork) -> None:
         given = self._given
+        shutil.rmtree(self._pictures, ignore_errors=True)
         self._reader = Reader(self._reader_program, network.work)
         authority = certificates.make_authority(network.work, "demo-authority")
         network.trust(authority.path)
@@ -72,10 +58,9 @@ class CrashShow:
             for kind in (given.kind, "none"):
                 self._machine.install(self._program_file(kind), f"crash_{kind}.exe")
             self._temp = self._machine.unix_path(self._machine.expand("%TEMP%"))
-            processor = {"arm64": "ARM64", "x64": "x86-64"}[given.architecture]
-            self._say(f"{processor} Windows (Wine) is up on a screen of its own, with crash_{given.kind}.exe, which {given.what}")
+            self._say(f"{self._processor} Windows (Wine) is up on a screen of its own, with crash_{given.kind}.exe, which {given.what}")
             self._say(f"the server {self._server_way.what}")
-            self._say(f"should happen: {given.why} (exit code 0x{given.exit_code:08X})")
+            self._say(f"should happen: {given.why} (exit code {code(given.exit_code)})")
             self._timeline.show()
             reports = self._crash()
             if self._files():
@@ -104,7 +89,7 @@ class CrashShow:
             stamp = f' --moment "{windows_path(moment)}"'  # for the timeline
             program = self._machine.begin("crash", self._command_line(given.kind) + stamp + notes)
             texts = self._answer_boxes(program)
-            ended = program.wait(_LIMIT)
+            ended = program.wait(LIMIT)
         self._show_run(given.kind, ended, given.exit_code, notes)
         if moment.exists() and given.kind != "none":
             self._timeline.add("program", given.what, int(moment.read_text(encoding="ascii")) / 1e7 - 11644473600)
@@ -119,7 +104,7 @@ class CrashShow:
     def _answer_boxes(self, program: Started) -> list[Box]:
         """Says yes to a question and OK to everything else, until the program has ended."""
         seen: list[Box] = []
-        until = time.monotonic() + _LIMIT
+        until = time.monotonic() + LIMIT
         while program.ended(0.05) is None and time.monotonic() < until:
             for window in self._screen.windows(_TITLE):
                 shown = self._machine.boxes()
@@ -141,11 +126,11 @@ class CrashShow:
         self._server.reset()
         self._server.queue = [FULL_WANTED, Answer()]
         program = self._machine.begin("next", self._command_line("none"))
-        self._show_run("none", program.wait(_LIMIT), 0, "")
+        self._show_run("none", program.wait(LIMIT), 0, "")
         reports = self._show_requests(("short", "full"))
         page = self._temp / "Odgovor.html"
         if page.exists():
-            self._timeline.add("disk", "the page is the user's, and stays until the next one")
+            self._timeline.add("disk", "the page is the user's, and remains until the next one")
             page.unlink()
         self._show_files()
         self._expect("anything left", [], self._files())
@@ -156,9 +141,8 @@ class CrashShow:
 
     def _show_run(self, kind: str, ended: Ended, wanted: int, notes: str) -> None:
         self._timeline.add("windows", f"crash_{kind}.exe{notes} starts", ended.begin)
-        code = "none" if ended.exit_code is None else f"0x{ended.exit_code:08X}"
-        self._timeline.add("windows", f"crash_{kind}.exe ends with exit code {code}", ended.end)
-        self._expect("the exit code", f"0x{wanted:08X}", code)
+        self._timeline.add("windows", f"crash_{kind}.exe ends with exit code {code(ended.exit_code)}", ended.end)
+        self._expect("the exit code", code(wanted), code(ended.exit_code))
 
     def _show_requests(self, wanted: tuple[str, ...]) -> list[Received]:
         if self._real is not None:
@@ -201,7 +185,7 @@ class CrashShow:
             print("\nwhat read_report says about the report, with the program and its PDB:\n")
             print("".join(f"    {line}\n" for line in self._reader.text(body, symbols=symbols).splitlines()))
             report = self._reader.read(body, symbols=symbols)
-            self._expect("the exception code", f"0x{REPORTED[self._given.kind][0]:08X}", f"0x{report.code:08X}")
+            self._expect("the exception code", code(REPORTED[self._given.kind][0]), code(report.code))
             self._expect("the notes", self._given.notes, report.notes)
 
     def _show_files(self) -> None:
@@ -213,23 +197,6 @@ class CrashShow:
 
     def _files(self) -> list[str]:
         return sorted(each.name for pattern in ("*.tz[or]", "Odgovor.html") for each in self._temp.glob(pattern))
-
-    # The judgement
-
-    def _expect(self, what: str, wanted: object, got: object) -> None:
-        if wanted != got:
-            self._faults.append(f"{what}: should be {wanted}, is {got}")
-
-    def _verdict(self) -> bool:
-        print()
-        for fault in self._faults:
-            print(f"  missing: {fault}")
-        print(f"VERDICT: it did NOT happen as it should ({self._given.why})" if self._faults
-              else f"VERDICT: everything happened as it should: {self._given.why}")
-        return not self._faults
-
-    def _say(self, text: str) -> None:
-        self._timeline.add("demo", text)
 
     def _command_line(self, kind: str) -> str:
         return f'"{windows_path(self._machine.folder / f"crash_{kind}.exe")}"'

@@ -10,50 +10,39 @@ import time
 from contextlib import ExitStack
 from pathlib import Path
 
-from bed import isolation, package, settings, traces, update_server, windows
+from bed import isolation, package, settings, traces, update_server
 from bed import version as versions
 from bed.errors import BedError
 from bed.services import AuthenticatingProxy, Nginx
 from bed.signing import KeyPair
 from bed.windows import FinishedRun, Windows
+from frame import LIMIT, Demonstration, code
 from outcome import COSTS, Circumstances, Outcome, expected
-from timeline import Timeline
 
 _PROXY_USER = "lumaris"
 _PROXY_PASSWORD = "Geslo-za-posrednika"
-_LIMIT = 120.0
 _INSTALLED_PROGRAM = "C:\\Program Files\\Tavrin\\Halvoro\\lumaris.exe"
 _INSTALLED_CHECK = "C:\\Program Files\\Tavrin\\Halvoro\\lumaris_check.exe"
 _EVENT_SOURCE = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\HalvoroUpdate"
 _TASK = "C:\\windows\\system32\\tasks\\Tavrin\\Halvoro update"
 
 
-class Show:
-    """One demonstration."""
+class Show(Demonstration):
+    """The demonstration of an update."""
 
     def __init__(self, tree: Path, given: Circumstances) -> None:
+        super().__init__(tree, given.architecture)
         self._given = given
-        self._tree = tree
         self._key = KeyPair(tree / "build/demo-key/demo.pub", tree / "build/demo-key/demo.key")
-        self._build = tree / f"build/{given.architecture}-demo"
-        self._timeline = Timeline()
-        self._faults: list[str] = []
         # Wine stamps its trace with the raw monotonic clock.
         self._clock = time.time() - time.clock_gettime(time.CLOCK_MONOTONIC_RAW)
 
-    def run(self) -> bool:
-        """Runs it all; true when every link of the chain was there."""
-        for needed in (self._key.public, self._key.secret, self._program_file("lumaris.exe")):
-            if not needed.exists():
-                raise BedError(f"{needed} is missing; ./dev run makes it")
-        if reason := windows.available(self._given.architecture):
-            raise BedError(reason)
-        network = isolation.enter()
-        try:
-            self._perform(network)
-        finally:
-            isolation.leave(network)
-        return self._verdict()
+    def _needed(self) -> tuple[Path, ...]:
+        return self._key.public, self._key.secret, self._program_file("lumaris.exe")
+
+    def _why(self) -> str:
+        outcome = expected(self._given)
+        return outcome.why + ("; the second run reuses the package" if outcome.installs else "")
 
     def _perform(self, network: isolation.PrivateNetwork) -> None:
         given = self._given
@@ -66,7 +55,7 @@ class Show:
             self._timeline.show()
             machine = stack.enter_context(Windows(given.architecture, network, self._program_file("agent.exe")))
             self._program = machine.install(self._program_file("lumaris.exe"), "lumaris.exe")
-            self._say(f"{_processor(given.architecture)} Windows (Wine) is up, with the {_processor(given.architecture)} "
+            self._say(f"{self._processor} Windows (Wine) is up, with the {self._processor} "
                       f"lumaris.exe ({self._program_file('lumaris.exe').stat().st_size:,} bytes) that trusts this key")
             self._arrange(machine, stack, network)
             self._timeline.show()
@@ -151,8 +140,8 @@ class Show:
         log = folder / update_server.package_name(self._given.effective_variant).replace(".msi", ".log")
         log.unlink(missing_ok=True)
         line = f'"{self._program}"' + (f" {self._given.variant}" if self._given.variant else "")
-        self._say(f"should happen: {outcome.why} (exit code {_code(outcome.exit_code)})")
-        run = machine.run(line, limit=_LIMIT, settle=_LIMIT)
+        self._say(f"should happen: {outcome.why} (exit code {code(outcome.exit_code)})")
+        run = machine.run(line, limit=LIMIT, settle=LIMIT)
         self._timeline.add("windows", f"{line} starts", run.begin)
         requests = self._show_requests(log_size, len(outcome.requests))
         if self._proxy:
@@ -164,9 +153,9 @@ class Show:
             self._timeline.add("event log", "nothing reported", run.end)
         self._expect("the event source", ["HalvoroUpdate", "closed"], traces.event_sources(run.trace))
         self._timeline.add("windows", "lumaris.exe ends with exit code "
-                           + (_code(run.exit_code) if run.exit_code is not None else "(none: stopped at its time limit)"),
+                           + (code(run.exit_code) if run.exit_code is not None else "(none: stopped at its time limit)"),
                            run.end)
-        self._expect("the exit code", _code(outcome.exit_code), _code(run.exit_code))
+        self._expect("the exit code", code(outcome.exit_code), code(run.exit_code))
         self._expect("the requests", list(outcome.requests), requests)
         self._expect_event(outcome, run)
         self._show_installation(machine, outcome, run, folder, log)
@@ -202,7 +191,7 @@ class Show:
     def _show_event(self, machine: Windows, event: traces.Event) -> None:
         kind = {traces.INFORMATION: "information", traces.WARNING: "warning", traces.ERROR: "error"}
         text = machine.message(self._program, event).strip()
-        self._timeline.add("event log", f"{kind.get(event.kind, str(event.kind))} event {event.id if event.id < 0x10000 else _code(event.id)}: {text}",
+        self._timeline.add("event log", f"{kind.get(event.kind, str(event.kind))} event {event.id if event.id < 0x10000 else code(event.id)}: {text}",
                            event.time + self._clock)
 
     def _show_installation(self, machine: Windows, outcome: Outcome, run: FinishedRun, folder: Path, log: Path) -> None:
@@ -211,7 +200,7 @@ class Show:
         installers = [each for each in run.left if each.image.lower().endswith("\\msiexec.exe")]
         for installer in installers:
             self._timeline.add("windows", f"{installer.image} starts", installer.begin)
-            self._timeline.add("windows", f"{installer.image} ends with exit code {_code(installer.exit_code)}", installer.end)
+            self._timeline.add("windows", f"{installer.image} ends with exit code {code(installer.exit_code)}", installer.end)
             self._expect("the installer's exit code", 0, installer.exit_code)
         # One is started; it runs the package's actions in processes of its own.
         self._expect("the number of installers started", 1 if outcome.installs else 0, len(run.commands))
@@ -253,7 +242,7 @@ class Show:
         self._timeline.add("disk", "scheduled task \\Tavrin\\Halvoro update: " + ("there" if task else "missing"))
         self._expect("the scheduled task", True, task)
         log_size = _size(self._server.access_log)
-        checked = machine.run(f'"{_INSTALLED_CHECK}"', limit=_LIMIT)
+        checked = machine.run(f'"{_INSTALLED_CHECK}"', limit=LIMIT)
         verdict = next((line for line in checked.output.splitlines() if line.startswith("VERDICT: ")), "VERDICT: none")
         # The installed program is the version that is offered: its check asks for the description, and for no package.
         asked = list(outcome.requests[:2])
@@ -268,24 +257,6 @@ class Show:
         if outcome.message and run.events:
             self._expect("the error event's message", outcome.message, run.events[0].strings[-1])
 
-    def _expect(self, what: str, wanted: object, got: object) -> None:
-        if wanted != got:
-            self._faults.append(f"{what}: should be {str(wanted).strip()}, is {str(got).strip()}")
-
-    def _verdict(self) -> bool:
-        print()
-        for fault in self._faults:
-            print(f"  missing: {fault}")
-        why = expected(self._given).why
-        if expected(self._given).installs:
-            why += "; the second run reuses the package"
-        print(f"VERDICT: it did NOT happen as it should ({why})" if self._faults
-              else f"VERDICT: everything happened as it should: {why}")
-        return not self._faults
-
-    def _say(self, text: str) -> None:
-        self._timeline.add("demo", text)
-
     def _program_file(self, name: str) -> Path:
         folder = "src/updater" if name == "lumaris.exe" else "tests/bed/windows"
         return self._build / folder / name
@@ -298,14 +269,6 @@ def _installer_steps(log: Path) -> dict[str, str]:
     shown = ("InstallFiles", "WriteRegistryValues", "RegisterProduct", "InstallFinalize", "INSTALL")
     ends = dict(re.findall(r"Action ended [^:]*:\d+:\d+: (\w+)\. Return value (\d+)", text))
     return {name: ends[name] for name in shown if name in ends}
-
-
-def _processor(architecture: str) -> str:
-    return {"arm64": "ARM64", "x64": "x86-64"}[architecture]
-
-
-def _code(value: int | None) -> str:
-    return "none" if value is None else f"0x{value:08X}"
 
 
 def _size(file: Path) -> int:

@@ -1,0 +1,1 @@
+"""What becomes of the numbers that `bench/run.py` measures: the file, the table and the plots."""
