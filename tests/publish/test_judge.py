@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import base64
+import os
 from collections.abc import Iterator
 from pathlib import Path
 
@@ -126,3 +127,17 @@ def test_a_key_that_is_none_ends_the_judge(key: str, capfd: pytest.CaptureFixtur
     with pytest.raises(Refusal, match="public key"), Judge(key) as clients:
         clients.address("http://h/")
     assert "lumaris_judge: this is no Minisign public key" in capfd.readouterr().err
+
+
+def test_a_package_that_is_larger_than_clients_take_is_refused_in_their_words(bench: Bench) -> None:
+    bench.file.write_bytes(b"")
+    os.truncate(bench.file, 50_331_649)  # the builds for tests take 48 MB
+    bench.key.sign(bench.file)
+    assert bench.clients.limit() == 50_331_648
+    message = "Failed to load content: package larger than 50331648 bytes"
+    assert bench.clients.package(bench.file, bench.signature).message == message
+    assert bench.clients.ask("ahead", bench.file).what == "read"
+    assert bench.clients.package(bench.file, bench.signature).message == message
+    os.truncate(bench.file, 50_331_648)
+    bench.key.sign(bench.file)
+    assert bench.clients.package(bench.file, bench.signature).what == "accepted"

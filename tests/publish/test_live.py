@@ -198,6 +198,18 @@ def test_a_package_that_is_missing_cut_off_or_exchanged_is_refused(offered: Kit,
     assert findings(offered, server, "--quick") == [(f"{PACKAGE}.minisig", "404", True)]
 
 
+def test_a_package_that_is_larger_than_clients_take_is_refused(offered: Kit, copy: Path, serve: Callable[..., str], workshop: Workshop) -> None:
+    server = serve(offered, copy)
+    package = copy / PACKAGE.lstrip("/")
+    content = package.read_bytes()
+    replace(package, content)
+    os.truncate(package, 60_000_000)
+    package.with_name(package.name + ".minisig").unlink()
+    workshop.key.sign(package)
+    assert findings(offered, server) == [(PACKAGE, "Failed to load content: package larger than 50331648 bytes", True)]
+    assert (PACKAGE, "has 60,000,000 bytes, and clients break a download off after 50,331,648", True) in findings(offered, server, "--quick")
+
+
 def test_a_package_under_another_key_or_a_legacy_signature_is_refused(offered: Kit, copy: Path, serve: Callable[..., str], workshop: Workshop) -> None:
     server = serve(offered, copy)
     package = copy / PACKAGE.lstrip("/")

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import os
 import shutil
 import subprocess
 import threading
@@ -260,3 +261,18 @@ def test_two_channels_and_every_windows_are_fourteen_descriptions(new_kit: Calla
     kit.done("stage", workshop.package())
     kit.done("offer", "3.4.1", "--channel", "stable,beta")
     assert len(list((kit.root / "public/sets/000001").rglob("*.txt"))) == 14
+
+
+def test_a_package_that_is_larger_than_clients_take_is_not_offered(staged: Kit) -> None:
+    # It was staged when clients took more.
+    package = staged.root / "public/packages/3.4.1/Halvoro.ARM64.msi"
+    content = package.read_bytes()
+    package.unlink()
+    package.write_bytes(content)
+    os.truncate(package, 50_331_649)
+    package.with_name(f"{package.name}.minisig").unlink()
+    staged.key.sign(package)
+    record = staged.root / "state/packages/3.4.1.json"
+    record.write_text(json.dumps({**json.loads(record.read_text(encoding="utf-8")), "size": 50_331_649}), encoding="utf-8")
+    said = staged.refused("too-large", "offer", "3.4.1", "--channel", "beta")
+    assert "50,331,649 bytes, and clients break a download off after 50,331,648" in said.err

@@ -6,6 +6,7 @@ import json
 import os
 import resource
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -17,7 +18,7 @@ import pytest
 from bed.signing import KeyPair
 from conftest import TREE, Workshop
 from kit import HOST, Kit
-from lumaris_publish import program
+from lumaris_publish import program, signing
 
 PACKAGE = "public/packages/3.4.1/Halvoro.ARM64.msi"
 
@@ -342,3 +343,39 @@ def test_a_folder_without_a_publication_is_refused(kit: Kit, workshop: Workshop,
     elsewhere = Kit(tmp_path / "elsewhere", kit.key, kit.capfd)
     elsewhere.root.mkdir()
     assert "lumaris-publish init" in elsewhere.refused("no-publication", "stage", workshop.package()).err
+
+
+# What clients do not take however it is signed
+
+
+def test_a_package_that_is_larger_than_clients_take_is_refused(kit: Kit, workshop: Workshop, tmp_path: Path) -> None:
+    large = tmp_path / "large.msi"
+    shutil.copy(workshop.package(), large)
+    os.truncate(large, 50_331_649)  # the builds for tests take 48 MB
+    said = kit.refused("too-large", "stage", large)
+    assert "large.msi has 50,331,649 bytes, and clients break a download off after 50,331,648: make the package smaller" in said.err
+    kit.refused("too-large", "stage", large, "--accept", "in a hurry")
+    os.truncate(large, 50_331_648)
+    kit.done("stage", large)
+
+
+# Signing goes on beside the checks
+
+
+@pytest.mark.parametrize("size", [0, 1, 4095, 4096, 4097, 1 << 20, 5_000_001])
+def test_a_signature_that_is_made_beside_other_work_is_one_of_minisign_s(workshop: Workshop, tmp_path: Path, size: int) -> None:
+    content = tmp_path / "content"
+    content.write_bytes(os.urandom(size))
+    with signing.Signer(workshop.key.secret).start(content, "a comment") as signature:
+        (tmp_path / "content.minisig").write_bytes(signature.finish())
+    done = subprocess.run(["minisign", "-V", "-P", workshop.key.line, "-m", str(content)], capture_output=True, text=True, timeout=30, check=False)
+    assert done.returncode == 0 and "Trusted comment: a comment" in done.stdout
+
+
+def test_a_signature_that_is_given_up_was_never_made(workshop: Workshop, tmp_path: Path) -> None:
+    content = tmp_path / "content"
+    content.write_bytes(os.urandom(3_000_000))
+    with signing.Signer(workshop.key.secret).start(content, "a comment") as signature:
+        pass
+    assert signature.process.returncode == -signal.SIGKILL
+    assert list(tmp_path.iterdir()) == [content]

@@ -4,6 +4,7 @@
 #include "minisign/signature.h"
 #include "platform/exception_message.h"
 #include "stream/bounded_memory_file.h"
+#include "updater/build_config.h"
 
 #include <algorithm>
 #include <array>
@@ -30,7 +31,7 @@ public:
     explicit unreadable(const std::string& path) : std::system_error(errno, std::generic_category(), path) {}
 };
 
-// Hands the file on in pieces of what the network gives at a time.
+// Hands the file on in pieces, until it ends or `take` has had enough.
 template <class Take> void read_file(const std::string& path, std::vector<char> block, Take take) {
     const std::unique_ptr<std::FILE, close_file> file(std::fopen(path.c_str(), "rb"));
     if (file == nullptr) {
@@ -38,20 +39,21 @@ template <class Take> void read_file(const std::string& path, std::vector<char> 
     }
     // Pieces are as large as ours anyway.
     std::setvbuf(file.get(), nullptr, _IONBF, 0);
-    while (std::feof(file.get()) == 0) {
+    bool wanted = true;
+    while (wanted && std::feof(file.get()) == 0) {
         const std::size_t length = std::fread(block.data(), 1, block.size(), file.get());
         if (std::ferror(file.get()) != 0) {
             throw unreadable(path);
         }
         if (length != 0) {
-            take(block.data(), length);
+            wanted = take(block.data(), length);
         }
     }
 }
 
 void load(const std::string& path, bounded_memory_file& file) {
     read_file(path, std::vector<char>(8192),
-              [&file](const char* data, std::size_t length) { file.write(data, length); });
+              [&file](const char* data, std::size_t length) { return file.write(data, length) == length; });
     file.seek(0, corvo::stream::seek_beg);
 }
 
@@ -80,6 +82,19 @@ void load_content(const std::string& path, bounded_memory_file& file) {
 // A client looks first at what it has already. That is nothing here, and nothing can be signed, too.
 bool signs_nothing(const corvo::minisign::signature& made, const corvo::minisign::trusted_key& key) {
     return content_hash().verify(made, key);
+}
+
+// A client breaks a download off that is longer.
+void check_size(std::uint64_t size) {
+    if (size <= corvo::build_config::package_limit) {
+        return;
+    }
+    try {
+        throw corvo::stream::limit_exceeded("package larger than " +
+                                            std::to_string(corvo::build_config::package_limit) + " bytes");
+    } catch (...) {
+        std::throw_with_nested(std::runtime_error("Failed to load content"));
+    }
 }
 
 } // namespace
@@ -139,6 +154,7 @@ judge::read_package judge::read(const std::string& content) {
               [&result](const char* data, std::size_t length) {
                   result.hash->update(data, length);
                   result.size += length;
+                  return result.size <= corvo::build_config::package_limit;
               });
     return result;
 }
@@ -159,6 +175,7 @@ package_verdict judge::package(const std::string& content, const std::string& si
         const auto ahead = m_ahead.extract(content);
         const read_package known = ahead ? read_package{std::move(ahead.mapped())} : read(content);
         verdict.size = known.size;
+        check_size(known.size);
         if (!known.hash->verify(made, key)) {
             throw std::runtime_error("Invalid Minisign signature");
         }

@@ -46,7 +46,8 @@ public:
     // What a client makes of a package and its signature.
     package_verdict package(const std::string& content, const std::string& signature);
 
-    // Reads a package ahead of the question about it, whose signature may be still in the making. Nothing may change it meanwhile.
+    // Reads a package ahead of the question about it, whose signature may be still in the making. Nothing may change it meanwhile. Of a
+    // package that is larger than a client takes the rest is not read.
     void read_ahead(const std::string& content);
 
 private:

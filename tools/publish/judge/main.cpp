@@ -5,10 +5,12 @@
 //     package CONTENT SIGNATURE               whether a client takes a package
 //     ahead CONTENT                           reads a package ahead of the question about it
 //     address URL                             what a client makes of the address of a package's folder
+//     limit                                   how many bytes of a package a client takes
 //
 // CONTENT and SIGNATURE are names of files. Texts out of them are written byte by byte, as the characters U+0000 to U+00FF. Exit code 0
 // after the last question, 2 for a key or a question that cannot be understood.
 #include "tools/publish/judge/judge.h"
+#include "updater/build_config.h"
 
 #include <nlohmann/json.hpp>
 
@@ -72,6 +74,9 @@ json answer(judge& clients, const std::vector<std::string>& question) {
     if (question.size() == 2 && question[0] == "ahead") {
         clients.read_ahead(question[1]);
         return {{"verdict", "read"}};
+    }
+    if (question.size() == 1 && question[0] == "limit") {
+        return {{"verdict", "limit"}, {"size", corvo::build_config::package_limit}};
     }
     if (question.size() == 2 && question[0] == "address") {
         try {

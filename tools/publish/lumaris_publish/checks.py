@@ -3,33 +3,22 @@
 from __future__ import annotations
 
 from collections.abc import Callable
-from dataclasses import dataclass
 from pathlib import Path
 
 from . import msi, program, signing, tools, version
+from .judge import Judge
 from .record import History, Staged
-from .refusal import Fault, Refusal
+from .refusal import Fault, Refusal, refuse
 from .settings import ARCHITECTURES, Settings
 
 
-@dataclass(frozen=True)
-class Found:
-    """What was read from a package, and what is wrong with it."""
-
-    package: msi.Package
-    version: version.Version
-    faults: list[Fault]
-
-
-def check(file: Path, settings: Settings, history: History, variant: str, digest: Callable[[], str]) -> Found:
-    """Everything about a package but its bytes. Raises Refusal where it cannot even be read."""
-    package = msi.read(file)
+def check(file: Path, package: msi.Package, settings: Settings, history: History, variant: str, digest: Callable[[], str]) -> list[Fault]:
+    """What is wrong with a package. Raises Refusal where what is inside cannot even be read."""
     own = version.parse(package.version)
     with msi.program_inside(file) as inside:
         carried = program.read(inside)
-    faults = [*_check_tables(package, settings), *_check_program(carried, own, settings), *_check_past(package, own, variant, history, digest),
-              *_check_authenticode(file, settings)]
-    return Found(package, own, faults)
+    return [*_check_tables(package, settings), *_check_program(carried, own, settings), *_check_past(package, own, variant, history, digest),
+            *_check_authenticode(file, settings)]
 
 
 def _check_tables(package: msi.Package, settings: Settings) -> list[Fault]:
@@ -84,6 +73,12 @@ def _check_past(package: msi.Package, own: version.Version, variant: str, histor
             faults.append(Fault("product-code", f"the ProductCode {package.product_code} was that of {staged.title} already: the installer would "
                                                 "refuse it; let every package have a code of its own (Id=\"*\")"))
     return faults
+
+
+def check_size(name: str, size: int, clients: Judge) -> None:
+    """Raises Refusal where clients would break the download off."""
+    if size > (limit := clients.limit()):
+        raise refuse("too-large", f"{name} has {size:,} bytes, and clients break a download off after {limit:,}: make the package smaller")
 
 
 def check_same(known: Staged, digest: str) -> None:

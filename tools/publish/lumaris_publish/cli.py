@@ -3,52 +3,58 @@
 from __future__ import annotations
 
 import argparse
+import importlib
 import os
 import sys
-from collections.abc import Callable, Sequence
+from collections.abc import Collection, Sequence
 from dataclasses import dataclass
 from pathlib import Path
+from typing import Any
 
-from . import VERSION, fleet, init, keys, live, offer, push, settings, stage, status
+from . import VERSION, settings
 from .refusal import Refusal
 from .signing import Signer
 
 
 @dataclass(frozen=True)
 class Word:
-    """A word of the command line."""
+    """A word of the command line: who does it is loaded when it is given, which is most of what a quick command takes."""
 
     name: str
     help: str
     example: str
-    arguments: Callable[[argparse.ArgumentParser], None]
-    run: Callable[[argparse.Namespace], int] | None = None
-    signs: Callable[[argparse.Namespace, Signer], int] | None = None
+    module: str
+    run: str = "run"
+    arguments: str = "add_arguments"
+    signs: bool = False
+
+    def load(self, function: str) -> Any:
+        """A function of the word."""
+        return getattr(importlib.import_module(f"{__package__}.{self.module}"), function)
 
 
 WORDS = (
     Word("init", "make a new publication", "lumaris-publish init /srv/updates --host updates.DOMAIN --public-key halvoro.pub "
-         "--channels stable,beta --windows win11,win10", init.add_arguments, run=init.run),
+         "--channels stable,beta --windows win11,win10", "init"),
     Word("stage", "check a package, copy it, sign it", "lumaris-publish stage Halvoro-3.4.1.msi --key halvoro.key --password-file password",
-         stage.add_arguments, signs=stage.run),
+         "stage", signs=True),
     Word("offer", "offer a staged version to a channel", "lumaris-publish offer 3.4.1 --channel beta --key halvoro.key",
-         offer.add_offer_arguments, signs=offer.offer),
+         "offer", "offer", "add_offer_arguments", signs=True),
     Word("promote", "offer to a channel what another one offers", "lumaris-publish promote 3.4.1 --from beta --to stable --key halvoro.key",
-         offer.add_promote_arguments, signs=offer.promote),
+         "offer", "promote", "add_promote_arguments", signs=True),
     Word("withdraw", "offer the version before", "lumaris-publish withdraw 3.4.1 --channel stable --key halvoro.key",
-         offer.add_withdraw_arguments, signs=offer.withdraw),
-    Word("status", "what is offered", "lumaris-publish status", status.add_arguments, run=status.status),
-    Word("log", "who published what when", "lumaris-publish log", status.add_arguments, run=status.log),
-    Word("check", "ask a live server as every client would", "lumaris-publish check --quick || mail -s updates ops@DOMAIN", live.add_arguments,
-         run=live.run),
-    Word("push", "copy the publication to a server", "lumaris-publish push web1.DOMAIN:/srv/updates/public", push.add_arguments, run=push.run),
-    Word("fleet", "which versions ask", "lumaris-publish fleet /var/log/nginx/lumaris.access.log* --svg fleet.svg", fleet.add_arguments, run=fleet.run),
-    Word("keys", "key pairs: new, rotate, drill", "lumaris-publish keys new halvoro --password-file password", keys.add_arguments, run=keys.run),
+         "offer", "withdraw", "add_withdraw_arguments", signs=True),
+    Word("status", "what is offered", "lumaris-publish status", "status", "status"),
+    Word("log", "who published what when", "lumaris-publish log", "status", "log"),
+    Word("check", "ask a live server as every client would", "lumaris-publish check --quick || mail -s updates ops@DOMAIN", "live"),
+    Word("push", "copy the publication to a server", "lumaris-publish push web1.DOMAIN:/srv/updates/public", "push"),
+    Word("fleet", "which versions ask", "lumaris-publish fleet /var/log/nginx/lumaris.access.log* --svg fleet.svg", "fleet"),
+    Word("keys", "key pairs: new, rotate, drill", "lumaris-publish keys new halvoro --password-file password", "keys"),
 )
 
 
-def make_parser() -> argparse.ArgumentParser:
-    """The whole command line."""
+def make_parser(given: Collection[str]) -> argparse.ArgumentParser:
+    """The command line, with the options of the words that are given."""
     parser = argparse.ArgumentParser(prog="lumaris-publish", description="Publishes updates of Halvoro so that every client accepts them, or "
                                      "says in a sentence why not.", epilog="example: lumaris-publish status\n\neach word has its own --help",
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -58,10 +64,12 @@ def make_parser() -> argparse.ArgumentParser:
     words = parser.add_subparsers(dest="word", required=True, metavar="WORD")
     for word in WORDS:
         sub = words.add_parser(word.name, help=word.help, description=f"{word.help[0].upper()}{word.help[1:]}.", epilog=f"example: {word.example}")
-        word.arguments(sub)
+        if word.name not in given:
+            continue
+        word.load(word.arguments)(sub)
         if word.name != "keys":  # its words have their own
             sub.add_argument("--dry-run", action="store_true", help="say what would be done, and do nothing")
-        if word.signs is not None:
+        if word.signs:
             sub.add_argument("--key", type=Path, metavar="FILE", help="the secret key (default: secret_key of publish.toml)")
             sub.add_argument("--password-file", type=Path, metavar="F", help="a file with the key's password in its first line")
             sub.add_argument("--accept", metavar="REASON", help="go on in spite of what is a matter of policy; the reason stands in the log")
@@ -72,15 +80,16 @@ def make_parser() -> argparse.ArgumentParser:
 
 def main(arguments: Sequence[str] | None = None) -> int:
     """0 when it is done, 1 when it was refused or something is wrong, 2 for a command that cannot be understood."""
-    options = make_parser().parse_args(arguments)
+    given = sys.argv[1:] if arguments is None else arguments
+    options = make_parser(given).parse_args(given)
     word: Word = options.chosen
     try:
-        if word.signs is not None:
+        signer = []
+        if word.signs:
             configured = settings.load(options.root)
             key = options.key or (Path(configured.secret_key) if configured.secret_key else Path("--key is not given"))
-            return word.signs(options, Signer(key, options.password_file))
-        assert word.run is not None
-        return word.run(options)
+            signer.append(Signer(key, options.password_file))
+        return int(word.load(word.run)(options, *signer))
     except Refusal as refusal:
         for fault in refusal.faults:
             hint = " (or --accept REASON)" if fault.policy else ""

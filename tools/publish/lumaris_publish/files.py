@@ -30,9 +30,9 @@ def explained() -> Iterator[None]:
         raise refuse("disk", f"{name}: {error.strerror or error}") from error
 
 
-def sync_folder(folder: Path) -> None:
-    """Makes names in a folder last."""
-    descriptor = os.open(folder, os.O_RDONLY | os.O_DIRECTORY)
+def sync(path: Path) -> None:
+    """Makes the content of a file last, or the names in a folder: from here on they survive that the machine loses its power."""
+    descriptor = os.open(path, os.O_RDONLY)
     try:
         os.fsync(descriptor)
     finally:
@@ -48,7 +48,7 @@ def write_whole(file: Path, content: bytes) -> None:
         output.flush()
         os.fsync(output.fileno())
     partial.replace(file)
-    sync_folder(file.parent)
+    sync(file.parent)
 
 
 def link_whole(link: Path, target: str) -> None:
@@ -57,7 +57,7 @@ def link_whole(link: Path, target: str) -> None:
     partial.unlink(missing_ok=True)
     partial.symlink_to(target)
     os.replace(partial, link)
-    sync_folder(link.parent)
+    sync(link.parent)
 
 
 def copy(source: Path, target: Path, progress: Callable[[int], None]) -> int:

@@ -113,6 +113,10 @@ class Judge:
         """Whether a client takes a package."""
         return self.ask("package", content, signature)
 
+    def limit(self) -> int:
+        """How many bytes of a package a client takes."""
+        return self.ask("limit").size
+
     def address(self, text: str) -> Verdict:
         """What a client makes of the address of a folder."""
         return self.ask("address", text)

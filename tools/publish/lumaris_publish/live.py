@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import argparse
 import concurrent.futures
+import contextlib
 import dataclasses
 import http.client
 import json
@@ -251,6 +252,8 @@ class Check:
             # Over no content a signature that clients would look at any further does not hold.
             said = clients.package(Path(os.devnull), signature)
             message = "" if said.message == "Invalid Minisign signature" else said.message or "is signed as an empty package"
+            if size > (limit := clients.limit()):
+                message = f"has {size:,} bytes, and clients break a download off after {limit:,}"
         else:
             # The judge hashes what has arrived while the rest arrives.
             pipe = scratch / "content"
@@ -266,8 +269,15 @@ class Check:
                         rest = rest[content.write(rest):]
                     done += len(block)
                     progress(done)
-                reply = session.get(where.url, accept="application/octet-stream", fresh=False, take=take)
+                whole = False
+                # The judge stops reading where a client breaks the download off.
+                with contextlib.suppress(BrokenPipeError):
+                    reply = session.get(where.url, accept="application/octet-stream", fresh=False, take=take)
+                    whole = True
             progress.end()
+            if not whole:
+                self.outcome.add(where.url, clients.package(pipe, signature).message)
+                return
             size = done
             said = clients.package(pipe, signature) if reply.status == 200 else clients.package(Path(os.devnull), signature)
             message = said.message if said.what != ACCEPTED else "" if said.size else "is signed as an empty package"

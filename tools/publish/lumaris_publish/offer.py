@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import argparse
 
-from . import address, files, lock, msi, names, record, terminal, version
+from . import address, checks, files, lock, msi, names, record, terminal, version
 from .judge import ACCEPTED, Judge
 from .publication import Offer, Publication, signature_of
 from .refusal import Fault, refuse, settle
@@ -125,6 +125,7 @@ def _check_staged(publication: Publication, clients: Judge, history: record.Hist
                                         "would find none: stage it too")
     for staged in packages:
         file = publication.packages / staged.folder / names.package_name(staged.variant)
+        checks.check_size(file.name, staged.size, clients)
         if not file.exists():
             raise refuse("damaged", f"{file} is gone: bring it back from a copy, it must be the same bytes (SHA-256 {staged.sha256})")
         said = clients.package(file, signature_of(file))

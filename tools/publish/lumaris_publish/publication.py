@@ -130,10 +130,12 @@ class Publication:
         folder.mkdir(exist_ok=True)
         for each in (name, f"{name}.minisig"):
             (made / each).chmod(0o444)
+            # The record must never outlive what it speaks of.
+            files.sync(made / each)
             # A rename would write over a file that is there.
             os.link(made / each, folder / each)
-        files.sync_folder(folder)
-        files.sync_folder(self.packages)
+        files.sync(folder)
+        files.sync(self.packages)
         record.write_staged(self.root, staged)
         record.append(self.root, entry)
         self._pending.unlink()
@@ -161,10 +163,11 @@ class Publication:
         for content in written:
             for each in (content, signature_of(content)):
                 each.chmod(0o444)
-                with each.open("rb") as file:
-                    os.fsync(file.fileno())
+                files.sync(each)
+        for folder in (made, *(each for each in made.rglob("*") if each.is_dir())):
+            files.sync(folder)
         made.rename(self.sets / name)
-        files.sync_folder(self.sets)
+        files.sync(self.sets)
         self._write_pending("set", name, entries)
         files.link_whole(self._current, f"sets/{name}")
         if not (self.public / "Halvoro").is_symlink():

@@ -118,7 +118,8 @@ def write_staged(root: Path, staged: Staged) -> None:
 def append(root: Path, entry: Entry) -> bool:
     """Adds a line to the log, once: false for an entry that is there already."""
     file = root / LOG
-    content = file.read_bytes() if file.exists() else b""
+    is_new = not file.exists()
+    content = b"" if is_new else file.read_bytes()
     if not content.endswith(b"\n") and content:
         # Cut off in the middle: nobody has seen it.
         content = content[:content.rfind(b"\n") + 1]
@@ -133,6 +134,8 @@ def append(root: Path, entry: Entry) -> bool:
         os.fsync(descriptor)
     finally:
         os.close(descriptor)
+    if is_new:
+        files.sync(root)
     return True
 
 

@@ -4,10 +4,10 @@ from __future__ import annotations
 
 import argparse
 import concurrent.futures
-from collections.abc import Callable
+import contextlib
 from pathlib import Path
 
-from . import address, checks, files, lock, names, record, terminal, version
+from . import address, checks, files, lock, msi, names, record, terminal, version
 from .judge import ACCEPTED, Judge
 from .publication import Publication, signature_of
 from .refusal import refuse, settle
@@ -39,33 +39,40 @@ def run(options: argparse.Namespace, signer: Signer) -> int:
         made = publication.packages / f".new-{given.stem}"
         name = names.package_name(options.variant)
         try:
-            with files.explained(), Judge(settings.public_key) as clients, concurrent.futures.ThreadPoolExecutor(1) as pool:
-                # What is checked must be what is signed: everything is done with our own copy. Reading it costs the most, so the judge and
-                # the digest begin before they are needed. Nothing is signed before all is checked: a signature cannot be called back.
+            with files.explained(), Judge(settings.public_key) as clients, concurrent.futures.ThreadPoolExecutor(2) as pool:
+                checks.check_size(given.name, given.stat().st_size, clients)
+                # What is checked must be what is signed: everything is done with our own copy. Reading it costs the most, so the judge, the
+                # digest and minisign read it while it is checked. Nothing is signed before all is: a signature cannot be called back.
                 made.mkdir()
                 progress = terminal.Progress("copying", given.stat().st_size)
                 size = files.copy(given, made / name, progress)
                 progress.end()
-                digesting = pool.submit(files.digest, made / name)
                 clients.send("ahead", made / name)
-                found = checks.check(made / name, settings, history, options.variant, digesting.result)
-                accepted = _judge_version(found, options, history, digesting.result)
-                if accepted is None:
-                    terminal.say(f"{found.version} is staged already, with the same bytes: nothing to do")
+                digesting, lasting = pool.submit(files.digest, made / name), pool.submit(files.sync, made / name)
+                package = msi.read(made / name)
+                own = version.parse(package.version)
+                if options.expect and version.parse(options.expect) != own:
+                    raise refuse("version", f"the package is {own}, not {options.expect}: give the package that you mean")
+                known = history.find(str(own), options.variant)
+                if known is not None:
+                    checks.check_same(known, digesting.result())
+                    terminal.say(f"{own} is staged already, with the same bytes: nothing to do")
                     return 0
-                folder = str(found.version)
-                address.check(f"{settings.packages}{folder}/", clients)
-                if options.dry_run:
-                    terminal.say(f"would sign {given.name} ({size:,} bytes) as {settings.packages}{folder}/{name}")
-                    return 0
-                signer.sign([made / name], f"{name}, Halvoro {found.version}")
+                folder = str(own)
+                with signer.start(made / name, f"{name}, Halvoro {own}") if not options.dry_run else contextlib.nullcontext() as signature:
+                    accepted = settle(checks.check(made / name, package, settings, history, options.variant, digesting.result), options.accept)
+                    address.check(f"{settings.packages}{folder}/", clients)
+                    if signature is None:
+                        terminal.say(f"would sign {given.name} ({size:,} bytes) as {settings.packages}{folder}/{name}")
+                        return 0
+                    signature_of(made / name).write_bytes(signature.finish())
                 said = clients.package(made / name, signature_of(made / name))
                 if said.what != ACCEPTED or said.size != size:
                     raise refuse("judge", f"clients would refuse the package: {said.message or 'it is empty'}; is the key the one that "
                                           "publish.toml names?")
                 digest = digesting.result()
-                staged = record.Staged(str(found.version), options.variant, folder, digest, size, found.package.product_code,
-                                       found.package.upgrade_code)
+                lasting.result()
+                staged = record.Staged(folder, options.variant, folder, digest, size, package.product_code, package.upgrade_code)
                 publication.add_package(staged, made, record.Entry(
                     id=record.next_id(history), time=time, who=record.who(), what="stage", version=staged.version, variant=options.variant,
                     sha256=digest, accepted=tuple(accepted), reason=options.accept or ""))
@@ -77,14 +84,3 @@ def run(options: argparse.Namespace, signer: Signer) -> int:
     terminal.next_step(*[f"stage the variant {names.show_variant(variant)} too" for variant in lacking],
                        f"lumaris-publish offer {staged.version} --channel {settings.channels[-1]}")
     return 0
-
-
-def _judge_version(found: checks.Found, options: argparse.Namespace, history: record.History, digest: Callable[[], str]) -> list[str] | None:
-    """The names of what was accepted, or None for a package that is staged already."""
-    if options.expect and version.parse(options.expect) != found.version:
-        raise refuse("version", f"the package is {found.version}, not {options.expect}: give the package that you mean")
-    known = history.find(str(found.version), options.variant)
-    if known is not None:
-        checks.check_same(known, digest())
-        return None
-    return settle(found.faults, options.accept)

@@ -14,11 +14,15 @@ PACKAGES = {"minisign": "minisign", "msiinfo": "msitools", "msiextract": "msitoo
 LIMIT = 900.0
 
 
-def run(arguments: Sequence[str | Path], *, stdin: bytes | None = None, cwd: Path | None = None) -> subprocess.CompletedProcess[bytes]:
-    """Runs a program to its end, whatever it returns."""
-    name = str(arguments[0])
+def find(name: str) -> None:
+    """Raises Refusal where a program is missing."""
     if shutil.which(name) is None:
         raise refuse("missing-program", f"{name} is missing: apt-get install {PACKAGES.get(name, name)}")
+
+
+def run(arguments: Sequence[str | Path], *, stdin: bytes | None = None, cwd: Path | None = None) -> subprocess.CompletedProcess[bytes]:
+    """Runs a program to its end, whatever it returns."""
+    find(str(arguments[0]))
     return subprocess.run([str(argument) for argument in arguments], input=b"" if stdin is None else stdin, stdout=subprocess.PIPE,
                           stderr=subprocess.PIPE, timeout=LIMIT, check=False, cwd=cwd)
 
