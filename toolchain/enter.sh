@@ -39,7 +39,7 @@ room_variables() {
     variables=(PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root USER=root LANG=C.UTF-8 LC_ALL=C.UTF-8
         "TERM=${TERM:-dumb}" CCACHE_DIR=/var/cache/ccache CCACHE_NOHASHDIR=1 CCACHE_MAXSIZE=2G
         QEMU_CPU=cortex-a72 LUMARIS_IN_ROOM=1 "LUMARIS_ARM64_FAULT=${arm64_fault:-}"
-        # What a build was made with: another toolchain starts it afresh.
+        # What a build was made with: if that changes, the build starts afresh.
         "LUMARIS_INPUTS_NATIVE=${product_hash[room-amd64]}"
         "LUMARIS_INPUTS_X64=${product_hash[room-amd64]} ${product_hash[deps-x86_64]}"
         "LUMARIS_INPUTS_ARM64=${product_hash[room-amd64]} ${product_hash[deps-aarch64]}")
@@ -73,7 +73,7 @@ in_room() {
     for name in "${room_products[@]}"; do
         [[ ! -d $(product_path "$name") ]] || options+=(--ro-bind "$(product_path "$name")" "/opt/lumaris/$name")
     done
-    # The room has no place for it, the folder of temporary things has.
+    # The room has no folder for it, so it goes below /run.
     [[ ! -d $(product_path profile-x86_64) ]] ||
         options+=(--ro-bind "$(product_path profile-x86_64)" /run/lumaris/profile-x86_64)
     local arm64
@@ -98,7 +98,7 @@ in_room() {
     if [[ -n ${interactive:-} ]]; then
         bwrap "${options[@]}" "$@"
     else
-        # In the background, so that a signal to this program is not kept waiting until the job ends.
+        # In the background, so that this program handles a signal at once and not only when the job ends.
         bwrap "${options[@]}" "$@" <&0 &
         room_pid=$!
         local status=0
@@ -125,7 +125,7 @@ plain_proc() {
 }
 
 # The same without any namespace or mount: a copy of the room that holds copies of the checkout and the products, entered by chroot.
-# Good for building and for native programs; what the job wrote to build/ is copied back.
+# It suffices for building and for native programs; what the job wrote to build/ is copied back.
 in_plain_room() {
     local plain=$cache/plain-room from to name variables status=0 binds=()
     # One job at a time: it is the one copy of the checkout.
@@ -133,7 +133,7 @@ in_plain_room() {
     if [[ $(cat "$plain/.made-from" 2>/dev/null) != "${product_hash[room-amd64]}" ]]; then
         rm -rf --one-file-system "$plain" && mkdir -p "$plain" &&
             cp -al "$(product_path room-amd64)/." "$plain/" || die "cannot copy the room to $plain"
-        # Files that a job may write are no links to the room's own.
+        # Files that a job may write must not be links to the room's own.
         rm -f "$plain/etc/hosts" "$plain/.complete" "$plain/.manifest"
         cp "$run_folder/hosts" "$plain/etc/hosts"
         printf '%s' "${product_hash[room-amd64]}" >"$plain/.made-from"

@@ -1,9 +1,9 @@
 # shellcheck shell=bash
-# What the machine itself must give: root rights, two packages, a package mirror, namespaces and binfmt_misc.
+# What the machine itself must provide: root rights, two packages, a package mirror, namespaces and binfmt_misc.
 
 need_root() {
     ((EUID == 0)) || die "the set-up needs root rights: it installs packages and makes root folders of another Debian" \
-        "Run: sudo $0 ${word:-}"
+        "Run: sudo $0 ${chosen:-}"
 }
 
 # The mirror of the machine's own apt configuration: the first source that has the component main of the machine's own
@@ -12,7 +12,7 @@ find_mirror() {
     mirror=${LUMARIS_MIRROR:-}
     [[ -n $mirror ]] || mirror=$(configured_mirror)
     if [[ -z $mirror ]]; then
-        # apt tells its sources only after it has fetched their lists.
+        # apt names its sources only after it has fetched their lists.
         apt-get update >>"$logs/host.log" 2>&1 </dev/null
         mirror=$(configured_mirror)
     fi
@@ -21,8 +21,8 @@ find_mirror() {
         "Set LUMARIS_MIRROR to the address of a mirror that has Debian 13 (trixie)."
 }
 
-# A mirror of Ubuntu or of another system made from Debian does not have Debian 13. Anything else that is wrong with a mirror shows when
-# the rooms are made.
+# A mirror of Ubuntu or of another system derived from Debian does not have Debian 13. Any other fault of a mirror shows when the rooms are
+# created.
 check_mirror() {
     local answer
     answer=$(PATH=$PATH:/usr/lib/apt apt-helper download-file "$mirror/dists/trixie/Release" "$logs/Release" 2>&1) && return
@@ -51,7 +51,7 @@ prepare_host() {
     local missing=()
     command -v mmdebstrap >/dev/null || missing+=(mmdebstrap)
     command -v bwrap >/dev/null || missing+=(bubblewrap)
-    command -v apt-get >/dev/null || die "this machine has no apt-get: a Debian or a system made from it is needed"
+    command -v apt-get >/dev/null || die "this machine has no apt-get: Debian or a system derived from it is needed"
     : >"$logs/host.log"
     if ((${#missing[@]})); then
         say "Installing on this machine: ${missing[*]} (log: $logs/host.log)"
@@ -69,7 +69,7 @@ prepare_host() {
 }
 
 # Sets isolation to what this machine allows: `full`; `mounts` (a room can be entered, but not with a network of its own);
-# `none` (only a plain chroot). namespaces_fault gets the reason when it is not full.
+# `none` (only a plain chroot). If it is not full, namespaces_fault gets the reason.
 check_namespaces() {
     local text
     namespaces_fault=
@@ -81,9 +81,9 @@ check_namespaces() {
     isolation=none
 }
 
-# Sets arm64_fault to the reason when ARM64 programs cannot be run. Registers the room's own static qemu with the
-# kernel where nothing handles ARM64 programs yet; flag F makes the kernel hold the interpreter open, so that it works
-# inside every room.
+# Sets arm64_fault to the reason if ARM64 programs cannot be run. If nothing handles ARM64 programs yet, it registers the
+# room's own static qemu with the kernel; flag F makes the kernel hold the interpreter open, so that it works inside every
+# room.
 check_arm64() {
     local room interpreter text
     room=$(product_path room-arm64)

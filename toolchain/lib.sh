@@ -1,9 +1,9 @@
 # shellcheck shell=bash
 # The frame of the set-up: products of the cache, each in a folder named after the hash of what it is made from.
 #
-# A product is made as NAME-HASH.partial.PID and renamed when it is complete, so that a folder without that suffix is
-# whole; a stamp and a few key files say whether it still is. Makers write to a log; a line "## text" there is shown as
-# the step at work. Everything here fails by `die`, which ends the program with a message.
+# A product is created as NAME-HASH.partial.PID and renamed when it is complete, so that a folder without that suffix is
+# complete; a stamp and a few key files show whether it still is. Makers write to a log; a line "## text" there is shown
+# as the step at work. Everything here fails by `die`, which ends the program with a message.
 
 cache=${LUMARIS_CACHE:-${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/lumaris}
 logs=$cache/log
@@ -48,7 +48,7 @@ product() {
 
 product_path() { printf '%s/%s-%s' "$cache" "$1" "${product_hash[$1]}"; }
 
-# Why the product cannot be used, or nothing when it can.
+# Prints why the product cannot be used, or nothing if it can.
 product_fault() {
     local path probe
     path=$(product_path "$1")
@@ -59,15 +59,15 @@ product_fault() {
     done
 }
 
-# Compares the product with the list of files written when it was made. Takes a second, so it runs only after a job
-# has failed. Prints what is wrong, or nothing.
+# Compares the product with the list of files that was written when it was created. This takes a second, so it runs only
+# after a job has failed. Prints what is wrong, or nothing.
 product_deep_fault() {
     local path
     path=$(product_path "$1")
     [[ -f $path/.manifest ]] || { printf 'its list of files is missing'; return; }
     local changed
     changed=$(diff <(product_manifest "$path") "$path/.manifest" | sed -n 's/^[<>] //p' | awk '{ print $3 }' | sort -u)
-    [[ -z $changed ]] || printf '%d files differ from what was made, such as %s' \
+    [[ -z $changed ]] || printf '%d files differ from those that were created, such as %s' \
         "$(wc -l <<<"$changed")" "$(head -n 1 <<<"$changed")"
 }
 
@@ -78,8 +78,8 @@ make_cache() {
         die "cannot write to the cache folder $cache" "Set LUMARIS_CACHE to a folder on a disk with about 6 GB free."
 }
 
-# Makes what is missing or damaged of the named products, in the order of their definition, and remembers them in
-# `needed`.
+# Creates those of the named products that are missing or damaged, in the order of their definition, and remembers all of
+# them in `needed`.
 need() {
     needed=("$@")
     local name fault reason missing=() megabytes=0
@@ -87,7 +87,7 @@ need() {
         [[ " $* " == *" $name "* ]] || continue
         fault=$(product_fault "$name")
         [[ -n $fault ]] || continue
-        [[ $fault == absent ]] || say "The ${product_title[$name]} is damaged ($fault): making it again."
+        [[ $fault == absent ]] || say "The ${product_title[$name]} is damaged ($fault): creating it again."
         missing+=("$name")
         megabytes=$((megabytes + product_megabytes[$name]))
     done
@@ -124,7 +124,7 @@ make_product() {
     log=$logs/$name.log
     exec {lock}>>"$cache/locks/make-$name"
     if ! flock -n "$lock"; then
-        say "$number ${product_title[$name]}: another ./dev is making it, waiting"
+        say "$number ${product_title[$name]}: another ./dev is creating it, waiting"
         flock "$lock"
     fi
     if [[ -z $(product_fault "$name") ]]; then
@@ -192,7 +192,7 @@ make_product() {
     exec {lock}>&-
 }
 
-# What a log says about the reason, for the reasons that a person can do something about.
+# Prints the reason that a log gives, if it is one that a person can do something about.
 explain_failure() {
     local log=$1 first
     first=$(grep -aoE 'No space left on device|Disk quota exceeded' "$log" | head -n 1)
@@ -209,7 +209,7 @@ explain_failure() {
 }
 
 # Removes products of other inputs that no ./dev has used for a week: checkouts of different age share the cache, and each would
-# otherwise remove what the other has just made.
+# otherwise remove what the other has just created.
 remove_leftovers() {
     local folder base name lock
     for folder in "$cache"/*-????????????; do
@@ -226,7 +226,7 @@ remove_leftovers() {
     done
 }
 
-# An interrupt or an end of this program takes the set-up that is at work with it.
+# If this program is interrupted or ended, the set-up that is at work ends with it.
 maker_pid=
 stop_maker() {
     [[ -z $maker_pid ]] || kill -TERM -- "-$maker_pid" 2>/dev/null || true

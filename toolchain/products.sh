@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# The products of the cache, in the order in which they can be made, and which of them a job needs.
+# The products of the cache, in the order in which they can be created, and which of them a job needs.
 
 product room-amd64 'room (Debian 13, tools and Wine)' 4800 make_room_amd64 \
     'usr/bin/bash usr/bin/clang++-19 usr/bin/ld.lld-19 usr/bin/cmake usr/bin/ninja usr/bin/python3 usr/bin/wixl usr/bin/minisign usr/sbin/nginx usr/lib/wine/wine64 usr/bin/qemu-aarch64 usr/bin/clang-tidy-19 opt/lumaris/sources' \
@@ -21,7 +21,7 @@ product profile-x86_64 'profile run-time for coverage' 10 make_profile_x86_64 'l
 product prefix-x86_64 'Wine prefix for x86_64' 400 make_prefix_x86_64 'system.reg user.reg drive_c/windows/system32' build_prefix.sh @room-amd64
 product prefix-aarch64 'Wine prefix for ARM64' 400 make_prefix_aarch64 'system.reg user.reg drive_c/windows/system32' build_prefix.sh @room-arm64
 
-# Those that stand below /opt/lumaris in the room.
+# Those that lie below /opt/lumaris in the room.
 room_products=(toolchain-x86_64 toolchain-aarch64 deps-x86_64 deps-aarch64 prefix-x86_64 prefix-aarch64)
 
 products_native=(room-amd64)
@@ -56,7 +56,7 @@ make_prefix_aarch64() {
         /src/toolchain/build_prefix.sh aarch64 /opt/lumaris/prefix-aarch64
 }
 
-# Why this machine cannot make the product, or nothing. Jobs then do without it.
+# Prints why this machine cannot create the product, or nothing. Jobs then do without it.
 product_hindrance() {
     case $1 in
     prefix-*)

@@ -5,6 +5,7 @@ the test, and with programs in front of the path that fail the way a machine can
 """
 
 import os
+import re
 import signal
 import subprocess
 import time
@@ -103,7 +104,7 @@ def test_a_missing_key_file_is_damage_and_is_repaired(machine: Machine) -> None:
     machine.need()
     (machine.product() / "bin/tool").unlink()
     again = machine.need()
-    assert "The little thing is damaged (bin/tool is missing): making it again." in again.stderr
+    assert "The little thing is damaged (bin/tool is missing): creating it again." in again.stderr
     assert again.returncode == 0 and (machine.product() / "bin/tool").exists()
 
 
@@ -111,7 +112,7 @@ def test_a_missing_stamp_is_damage_and_is_repaired(machine: Machine) -> None:
     machine.need()
     (machine.product() / ".complete").unlink()
     again = machine.need()
-    assert "The little thing is damaged (its stamp is missing): making it again." in again.stderr
+    assert "The little thing is damaged (its stamp is missing): creating it again." in again.stderr
     assert again.returncode == 0 and machine.times_made() == 2
 
 
@@ -120,7 +121,7 @@ def test_a_changed_file_is_found_by_the_thorough_check(machine: Machine) -> None
     (machine.product() / "bin/tool").write_text("longer than it was", encoding="utf-8")
     check = machine.frame()
     check[2] += 'product_deep_fault thing\n'
-    assert "1 files differ from what was made, such as bin/tool" in machine.run(check).stdout
+    assert "1 files differ from those that were created, such as bin/tool" in machine.run(check).stdout
 
 
 def test_a_failed_step_shows_its_last_lines_its_log_and_leaves_nothing(machine: Machine) -> None:
@@ -218,17 +219,22 @@ def test_without_root_rights_the_set_up_says_so(machine: Machine) -> None:
 
 
 def test_help_needs_nothing(machine: Machine) -> None:
-    for word in ([], ["run"], ["test"], ["build"], ["bench"], ["fuzz"], ["lint"], ["shell"]):
-        shown = machine.run([str(ROOT / "dev"), *word, "--help"])
-        assert shown.returncode == 0
-        assert shown.stdout.startswith("usage: ./dev")
-        assert "example" in shown.stdout
+    shown = machine.run([str(ROOT / "dev"), "--help"])
+    assert shown.returncode == 0
+    assert shown.stdout.startswith("usage: ./dev COMMAND")
+    commands = re.findall(r"^  ([a-z-]+)  +[a-z]", shown.stdout, re.MULTILINE)
+    assert len(commands) == 16, commands
+    for command in commands:
+        shown = machine.run([str(ROOT / "dev"), command, "--help"])
+        assert shown.returncode == 0, command
+        assert shown.stdout.startswith(f"usage: ./dev {command}"), command
+        assert "example" in shown.stdout, command
 
 
-def test_an_unknown_word_is_refused(machine: Machine) -> None:
+def test_an_unknown_command_is_refused(machine: Machine) -> None:
     failed = machine.run([str(ROOT / "dev"), "tset"])
     assert failed.returncode == 1
-    assert failed.stderr == "dev: unknown word: tset\n     See ./dev --help.\n"
+    assert failed.stderr == "dev: unknown command: tset\n     See ./dev --help.\n"
 
 
 def test_forbidden_namespaces_are_named_with_their_reason(machine: Machine) -> None:

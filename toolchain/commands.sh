@@ -1,41 +1,41 @@
 # shellcheck shell=bash
-# The words of ./dev.
+# The commands of ./dev.
 
 help_text() {
     cat <<'END'
-usage: ./dev WORD [arguments]
+usage: ./dev COMMAND [arguments]
 
-Every word does the set-up that it needs first (rooms, toolchains, libraries; about 15 minutes on two cores and 6 GB
+Each command first does the set-up that it needs (rooms, toolchains, libraries; about 15 minutes on two cores and 6 GB
 below the cache folder, once) and then its job. It needs a Debian-like machine, root rights and a package mirror.
 
-  run      shows a whole update with the ARM64 program: build, sign, publish, download, verify, install
-  test     builds everything and runs all tests
-  build    builds: arm64 (the product), x64, native, or any preset
-  release  makes a release: builds twice, compares, checks, signs, with checksums and a bill of materials
-  installer packs the program with its task, event source and folder into lumaris-VERSION-arm64.msi
-  publish  publishes releases: packages and descriptions with their signatures, at one stroke
-  publish-kit makes the same into a package for Debian 12 and 13, lumaris-publish
-  bench    measures, and compares with what is to be reached
-  fuzz     runs the fuzz targets
-  soak     the long tests that ./dev test leaves out, each with its time
-  report   shows error reports, with functions and source lines
-  plan     checks that every case of the test plan is proved by tests that passed
-  lint     format, static analysis, headers on their own, shell scripts
-  coverage which lines of the product the tests run
-  docs     makes a site with search out of the documents, and checks every link
-  shell    a shell, or one command, in the room
+  run          shows a whole update with the ARM64 program: build, sign, publish, download, verify, install
+  test         builds everything and runs all tests
+  build        builds: arm64 (the product), x64, native, or any preset
+  release      makes a release: builds twice, compares, checks, signs, with checksums and a bill of materials
+  installer    packs the program with its task, event source and folder into lumaris-VERSION-arm64.msi
+  publish      publishes releases: signs packages and descriptions, and switches all of a channel at once
+  publish-kit  packs the tool behind publish for Debian 12 and 13, as lumaris-publish
+  bench        measures the program, and compares the numbers with their limits
+  fuzz         runs the fuzz targets
+  soak         runs the long tests that ./dev test leaves out, or lists them with their times
+  report       shows error reports, with functions and source lines
+  plan         checks that tests which passed prove every case of the test plan
+  lint         checks format, headers, shell scripts and Python, and runs the static analysis
+  coverage     counts which lines of the product the tests run
+  docs         makes a site with search from the documents, and checks every link
+  shell        starts a shell, or one command, in the room
 
 examples:
   ./dev run
   ./dev test
   ./dev build arm64 --key minisign.pub --partner NAME
   ./dev release --help
-  ./dev WORD --help
+  ./dev COMMAND --help
 
 environment:
   LUMARIS_CACHE       the cache folder (default ~/.cache/lumaris)
   LUMARIS_MIRROR      a Debian mirror (default: the one of the machine's apt configuration)
-  LUMARIS_SOURCES     a folder with the pinned source archives, for when the mirror no longer has them
+  LUMARIS_SOURCES     a folder with the pinned source archives, if the mirror no longer has them
   LUMARIS_PUBLIC_KEY  the trusted public key, as minisign prints it
   LUMARIS_VERSION     builds, and tests, as this version: LUMARIS_VERSION=9.8.7 ./dev test (default: the one in CMakeLists.txt)
 END
@@ -50,7 +50,7 @@ usage: ./dev build [arm64|x64|native|PRESET]... [--key KEY] [--partner NAME] [--
   native   the portable half and its tests for this machine, with sanitizers (preset native-asan)
   PRESET   any preset of CMakePresets.json: arm64-release arm64-test x64-test native-asan native-release native-fuzz
 
-Without a name: native-asan, x64-test and arm64-test. The results are in build/PRESET.
+Without a name it builds native-asan, x64-test and arm64-test. The results are in build/PRESET.
   --key KEY        the trusted public key: the line that minisign prints, or a .pub file
   --partner NAME   the company that the Albanian error texts name
   --version VERSION
@@ -73,7 +73,7 @@ preset_of() {
     esac
 }
 
-# The products that building a preset takes, in the array `wanted`.
+# Adds the products that a preset needs to the array `wanted`.
 want_preset() {
     case $1 in
     arm64-*) wanted+=("${products_arm64[@]}") ;;
@@ -84,7 +84,7 @@ want_preset() {
     esac
 }
 
-word_build() {
+command_build() {
     local presets=() arguments=() wanted=() preset
     while (($#)); do
         case $1 in
@@ -107,7 +107,7 @@ word_build() {
     job build "${arguments[@]}" "${presets[@]}"
 }
 
-# job ARGUMENTS: a job of toolchain/job.py. When it fails, the products that it used are checked against what was made, so
+# job ARGUMENTS: a job of toolchain/job.py. If it fails, the products that it used are compared with their lists of files, so
 # that damage is not taken for an error of the program.
 job() { check_after_failure in_room python3 toolchain/job.py "$@"; }
 
@@ -122,7 +122,7 @@ check_after_failure() {
         rm -f "$(product_path "$name")/.complete"
         damaged=1
     done
-    [[ -z $damaged ]] || say "dev: the next call makes what is damaged again"
+    [[ -z $damaged ]] || say "dev: the next call creates the damaged products again"
     return "$status"
 }
 
@@ -131,9 +131,10 @@ test_help() {
 usage: ./dev test [options of tests/run.py]
 
 Builds everything and runs all tests: unit tests natively with sanitizers and under Wine for x86-64 and ARM64, whole runs
-of the program, a few seconds of each fuzz target. Closes with the counts.
+of the program, a few seconds of each fuzz target. It ends with the counts.
 
-With CI=true, ARM64 programs and isolated networks must work: what is else left out with a line that says so is a failure then.
+If the machine cannot run ARM64 programs or isolate a network, the tests that need this are left out, with a line that says so.
+With CI=true this is an error.
 
 examples:
   ./dev test
@@ -142,7 +143,7 @@ examples:
 END
 }
 
-# Says what this machine cannot do; with CI=true that is an error.
+# Prints what this machine cannot do; with CI=true that is an error.
 say_hindrances() {
     check_namespaces
     [[ $isolation == full ]] || say "dev: $namespaces_fault: tests under Wine and whole runs are left out"
@@ -154,7 +155,7 @@ say_hindrances() {
     [[ ${CI:-} != true || ($isolation == full && -z $arm64_fault) ]] || die "with CI=true nothing may be left out"
 }
 
-word_test() {
+command_test() {
     case ${1:-} in
     --help | -h) test_help; return ;;
     --help-run) set -- --help ;;
@@ -170,14 +171,14 @@ word_test() {
     check_after_failure in_room python3 tests/run.py "$@"
 }
 
-# The demonstration has its own --help; without the set-up there is no Python to print it, so the essentials are here.
+# The demonstration has its own --help. Before the set-up there is no Python that could print it, so the essentials are here.
 run_help() {
     cat <<'END'
 usage: ./dev run [--arch arm64|x64] [outcome]
        ./dev run --crash KIND [--arch arm64|x64] [--server WAY] [--note TEXT]...
 
-Shows a whole update with nothing faked: makes a key, builds the program with it, packs and signs a package, publishes it in
-an isolated network, runs the program under Wine and prints what everyone saw as one timeline, with a verdict.
+Shows a whole update with nothing faked: creates a key, builds the program with it, packs and signs a package, publishes it in
+an isolated network, runs the program under Wine and prints everything that happened as one timeline, with a verdict.
 
   --arch x64                       the quicker x86-64 build (default: arm64, the product)
   --offline                        no network
@@ -191,13 +192,13 @@ an isolated network, runs the program under Wine and prints what everyone saw as
   --proxy                          through a proxy that asks for a password
 
 With --crash a program with the error-report component crashes instead: its message boxes are photographed and answered, and the
-report, saved where it cannot be sent, reaches a report server and is read there.
+report, which is saved first if it cannot be sent, reaches a report server and is read there.
 
   --crash KIND                     access_violation, uncaught_exception, uncaught_exception_on_thread, exception_out_of_main,
                                    terminate, noexcept_violation, abort, pure_virtual_call, invalid_parameter, during_start_up,
                                    second_thread, none, after_uninstall, fault_in_start_up_thread
   --server real|ok|full|error|html|silence|cut|away
-                                   the report server: the one that ships (default), or one that does what is said
+                                   the report server: the one that ships (default), or one that behaves as WAY says
   --note TEXT                      what the program has noted about itself; may be given again
 
 examples:
@@ -208,7 +209,7 @@ examples:
 END
 }
 
-word_run() {
+command_run() {
     local arch=arm64 argument next='' crash='' target wanted=(room-amd64)
     for argument in "$@"; do
         [[ $argument != --help && $argument != -h ]] || { run_help; return; }
@@ -234,15 +235,15 @@ word_run() {
         check_arm64
         [[ -z $arm64_fault ]] || die "ARM64 programs cannot run here: $arm64_fault" "./dev run --arch x64 works without."
     fi
-    # The key of the demonstration is made once for each checkout.
+    # The key of the demonstration is created once for each checkout.
     if [[ ! -s $here/build/demo-key/demo.pub || ! -s $here/build/demo-key/demo.key ]]; then
         mkdir -p "$here/build/demo-key" || die "cannot make $here/build/demo-key"
-        in_room minisign -G -f -W -p build/demo-key/demo.pub -s build/demo-key/demo.key >/dev/null || die "minisign made no key"
+        in_room minisign -G -f -W -p build/demo-key/demo.pub -s build/demo-key/demo.key >/dev/null || die "minisign created no key"
     fi
     LUMARIS_PUBLIC_KEY=$(grep -v '^untrusted comment:' "$here/build/demo-key/demo.pub")
     export LUMARIS_PUBLIC_KEY
     job build "$arch-demo" || return
-    # What it is updated to, and who judges what is published.
+    # The version that it is updated to, and the program that judges what is published.
     if [[ -z $crash ]]; then
         for target in lumaris lumaris_check lumaris_setup; do job build --target "$target" "$arch-demo-next" || return; done
         job build --target lumaris_judge native-release || return
@@ -260,8 +261,9 @@ usage: ./dev release --key KEY --update-host HOST --report-host HOST --partner N
        ./dev release --key KEY --update-host HOST --report-host HOST --partner NAME --match PROGRAM
 
 Builds lumaris.exe for ARM64 twice, in two places, compares every byte of program and PDB, checks that the program is what a release
-must be, runs it to hear its version from itself, signs it, and writes lumaris.exe, lumaris.pdb, lumaris.cdx.json (bill of materials), THIRD-PARTY-NOTICES.txt and SHA256SUMS. Where anything is not as
-it should be it says what, and writes nothing. docs/release.md says what is checked, and how others can check a release.
+must be, runs it to learn which version it calls itself, signs it, and writes lumaris.exe, lumaris.pdb, lumaris.cdx.json (bill of
+materials), THIRD-PARTY-NOTICES.txt and SHA256SUMS. If anything is not as it should be, it prints what, and writes nothing.
+docs/release.md says what is checked, and how others can check a release.
 
   --key KEY               the trusted public key: the line that minisign prints, or a .pub file
   --update-host HOST, --report-host HOST, --partner NAME
@@ -305,7 +307,7 @@ release_file() {
     release_ship+=("$1" "/tmp/release/${1#--}")
 }
 
-word_release() {
+command_release() {
     local arguments=() files=() output='' match='' online='' command='' adopt='' i release_ship=()
     while (($#)); do
         case $1 in
@@ -394,7 +396,7 @@ examples:
 END
 }
 
-word_installer() {
+command_installer() {
     local files=() arguments=() output='' i release_ship=()
     while (($#)); do
         [[ $1 != --help && $1 != -h ]] || { installer_help; return; }
@@ -424,19 +426,19 @@ word_installer() {
 
 publish_help() {
     cat <<'END'
-usage: ./dev publish [--root ROOT] WORD [arguments]
+usage: ./dev publish [--root ROOT] COMMAND [arguments]
 
-Runs the publisher's kit, lumaris-publish, in the room. It sees the present folder and what is below it, and the network. Where
-releases are really published the kit is installed from its package (./dev publish-kit). docs/publishing.md says what to do when.
+Runs the publisher's kit, lumaris-publish, in the room. It sees the present folder and what is below it, and the network. On the
+machine that really publishes releases, install the kit from its package (./dev publish-kit). docs/publishing.md says what to do when.
 
 examples:
-  ./dev publish --help-kit                     the words of the kit
+  ./dev publish --help-kit                     the commands of the kit
   ./dev publish init updates --host updates.DOMAIN --public-key halvoro.pub
   ./dev publish --root updates stage Halvoro-3.4.1.msi --key halvoro.key
 END
 }
 
-word_publish() {
+command_publish() {
     case ${1:-} in
     --help | -h) publish_help; return ;;
     --help-kit) set -- --help ;;
@@ -447,7 +449,7 @@ word_publish() {
     job build --target lumaris_judge native-release >&2 || return
     make_run_folder
     mkdir -p "$run_folder/tmp/publish" || die "cannot make $run_folder/tmp/publish"
-    # The words that ask a server need a network; and nothing else here has names of servers to look up.
+    # The commands that ask a server need a network, and only they look up names of servers.
     isolation=mounts isolation_said=1 in_room --bind "$PWD" /tmp/publish --bind /etc/resolv.conf /etc/resolv.conf --bind /etc/hosts /etc/hosts \
         env PYTHONPATH=/src/tools/publish PYTHONDONTWRITEBYTECODE=1 LUMARIS_JUDGE=/src/build/native-release/tools/publish/lumaris_judge \
         sh -c 'cd /tmp/publish && exec python3 -m lumaris_publish "$@"' sh "$@"
@@ -457,7 +459,7 @@ publish_kit_help() {
     cat <<'END'
 usage: ./dev publish-kit [--output FOLDER] [--check]
 
-Makes lumaris-publish_VERSION_amd64.deb: the publisher's kit for Debian 12 and 13, without root rights and without the room.
+Makes lumaris-publish_VERSION_amd64.deb: the publisher's kit for Debian 12 and 13, which needs neither root rights nor the room.
 
   --output FOLDER  where the package goes (default: build/publish-kit)
   --check          installs it in bare folders of Debian 12 and 13, publishes a release there as an ordinary user, and removes it
@@ -467,7 +469,7 @@ example:
 END
 }
 
-word_publish_kit() {
+command_publish_kit() {
     local output='' check='' suite aptopts folder
     while (($#)); do
         case $1 in
@@ -502,10 +504,10 @@ word_publish_kit() {
     mkdir -p -- "$output" && cp -- "$here"/build/publish-kit/*.deb "$output/" || die "cannot write to $output"
 }
 
-word_bench() {
+command_bench() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
         printf '%s\n' 'usage: ./dev bench [--only MEASUREMENT]... [--runs N] [--plot] [--from FILE] [--output FILE]' '' \
-            'Builds native-release, x64-test and arm64-test, measures, and says which numbers are reached.' '' \
+            'Builds native-release, x64-test and arm64-test, measures, and prints which numbers are reached.' '' \
             '  --only MEASUREMENT  measures only this; may be given again: check, download, memory, url, compress, cache, idle, machine,' \
             '                      report, installation, crash, size' \
             '  --runs N            pairs a comparison (default: 5)' \
@@ -529,9 +531,9 @@ word_bench() {
     check_after_failure in_room python3 bench/run.py "$@"
 }
 
-word_docs() {
+command_docs() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
-        printf '%s\n' 'usage: ./dev docs' '' 'Makes a site with search out of the documents, in build/docs/site, and checks every link.' \
+        printf '%s\n' 'usage: ./dev docs' '' 'Makes a site with search from the documents, in build/docs/site, and checks every link.' \
             'It needs no server: open build/docs/site/index.html in a browser.' '' 'example:' '  ./dev docs'
         return
     fi
@@ -540,11 +542,11 @@ word_docs() {
     in_room python3 toolchain/job.py docs
 }
 
-word_fuzz() {
+command_fuzz() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
         printf '%s\n' 'usage: ./dev fuzz [TARGET]... [--seconds N]' '' \
             'Builds the fuzz targets (preset native-fuzz) and runs each named one, or all, for N seconds (default 60), one on each core.' \
-            'What they find is kept in build/fuzz/TARGET, and what they print in build/fuzz/TARGET.log.' \
+            'Their findings are kept in build/fuzz/TARGET, their output in build/fuzz/TARGET.log.' \
             '' 'examples:' '  ./dev fuzz' '  ./dev fuzz url_parser_fuzz --seconds 600'
         return
     fi
@@ -553,11 +555,11 @@ word_fuzz() {
     check_after_failure in_room python3 toolchain/job.py fuzz "$@"
 }
 
-word_soak() {
+command_soak() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
         printf '%s\n' 'usage: ./dev soak [PART]...' '' \
-            'Builds everything and runs the parts that take too long for ./dev test, or those that are named. ./dev soak --list says what' \
-            'there is and how long each takes.' '' 'examples:' '  ./dev soak --list' '  ./dev soak fuzz'
+            'Builds everything and runs all parts that take too long for ./dev test, or only the named ones. ./dev soak --list lists the' \
+            'parts with their times.' '' 'examples:' '  ./dev soak --list' '  ./dev soak fuzz'
         return
     fi
     need "${product_order[@]}"
@@ -566,20 +568,23 @@ word_soak() {
     check_after_failure in_room python3 tests/soak.py "$@"
 }
 
-word_report() {
-    if [[ ${1:-} == --help-dev || $# == 0 ]]; then
+command_report() {
+    case ${1:-} in
+    --help | -h | '')
         printf '%s\n' 'usage: ./dev report [options of read_report] FILE...' '' \
             'Shows error reports, with functions and source lines from the programs and PDBs of a folder.' '' \
-            'examples:' '  ./dev report 0.tzr --symbols build/release' '  ./dev report --help'
+            'examples:' '  ./dev report 0.tzr --symbols build/release' '  ./dev report --help-reader     the options of the reader'
         return
-    fi
+        ;;
+    --help-reader) set -- --help ;;
+    esac
     need "${products_native[@]}"
     job build --target read_report native-release >/dev/null || return
-    # It needs nothing of the room, and the files may lie anywhere.
+    # It runs without the room, so that the files may lie anywhere.
     "$here/build/native-release/tools/report_reader/read_report" "$@"
 }
 
-word_plan() {
+command_plan() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
         printf '%s\n' 'usage: ./dev plan [--unnamed]' '' \
             'Checks the test plan against the reports of the last ./dev test: every test that a case names must exist and have passed.' '' \
@@ -590,7 +595,7 @@ word_plan() {
     check_after_failure in_room python3 tests/plan.py "$@"
 }
 
-word_lint() {
+command_lint() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
         printf '%s\n' 'usage: ./dev lint [--fix] [CHECK]...' '' \
             '  CHECK   format, headers, shell, python, types, cppcheck, tidy (default: all)' \
@@ -601,13 +606,13 @@ word_lint() {
     check_after_failure in_room python3 toolchain/job.py lint "$@"
 }
 
-word_coverage() {
+command_coverage() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
         printf '%s\n' 'usage: ./dev coverage [--whole-runs] [--again]' '' \
-            'Builds native-coverage and x64-coverage, runs the unit tests of both, and says how much of each folder ran: lines, regions,' \
-            'branches, and what did not. Fails when less ran than must. See docs/coverage.md.' '' \
-            '  --whole-runs  counts whole runs of the program, too (minutes more)' \
-            '  --again       shows what the last call counted' '' 'example:' '  ./dev coverage'
+            'Builds native-coverage and x64-coverage, runs the unit tests of both, and prints how much of each folder ran (lines, regions,' \
+            'branches) and which code did not. It fails if less ran than must. See docs/coverage.md.' '' \
+            '  --whole-runs  also counts whole runs of the program (takes minutes more)' \
+            '  --again       shows the result of the last call' '' 'example:' '  ./dev coverage'
         return
     fi
     need "${products_native[@]}" "${products_x64[@]}" "${products_coverage[@]}" "${products_run_x64[@]}"
@@ -616,11 +621,11 @@ word_coverage() {
     job coverage "$@"
 }
 
-word_shell() {
+command_shell() {
     if [[ ${1:-} == --help ]]; then
         printf '%s\n' 'usage: ./dev shell [COMMAND [ARGUMENT]...]' '' \
-            'Enters the room with everything in it, or runs one command there. The checkout is /src, the network is an' \
-            'isolated one, the ARM64 room is /rooms/arm64.' '' 'examples:' '  ./dev shell' \
+            'Enters the room with everything in it, or runs one command there. The checkout is /src, the network is' \
+            'isolated, and the ARM64 room is /rooms/arm64.' '' 'examples:' '  ./dev shell' \
             '  ./dev shell build/native-asan/tests/unit_tests --gtest_filter="memory_file*"'
         return
     fi
@@ -632,16 +637,16 @@ word_shell() {
 }
 
 main() {
-    local word=${1:-}
+    local chosen=${1:-}
     (($# == 0)) || shift
     trap 'stop_maker; stop_room; remove_run_folder' EXIT
     trap 'exit 130' INT
     trap 'exit 143' TERM HUP
-    case $word in
-    run | test | build | release | installer | publish | bench | fuzz | soak | plan | coverage | docs | lint | shell | report) "word_$word" "$@" ;;
-    publish-kit) word_publish_kit "$@" ;;
+    case $chosen in
+    run | test | build | release | installer | publish | bench | fuzz | soak | plan | coverage | docs | lint | shell | report) "command_$chosen" "$@" ;;
+    publish-kit) command_publish_kit "$@" ;;
     --help | -h | help) help_text ;;
     '') help_text >&2; exit 2 ;;
-    *) die "unknown word: $word" "See ./dev --help." ;;
+    *) die "unknown command: $chosen" "See ./dev --help." ;;
     esac
 }
