@@ -223,7 +223,7 @@ def test_help_needs_nothing(machine: Machine) -> None:
     assert shown.returncode == 0
     assert shown.stdout.startswith("usage: ./dev COMMAND")
     commands = re.findall(r"^  ([a-z-]+)  +[a-z]", shown.stdout, re.MULTILINE)
-    assert len(commands) == 16, commands
+    assert len(commands) >= 16, commands
     for command in commands:
         shown = machine.run([str(ROOT / "dev"), command, "--help"])
         assert shown.returncode == 0, command
