@@ -5,6 +5,7 @@ from __future__ import annotations
 import base64
 import json
 import subprocess
+import urllib.parse
 import urllib.request
 from contextlib import ExitStack
 from pathlib import Path
@@ -23,11 +24,13 @@ REPORTS_PORT, PAGES_PORT, PAGES_TLS_PORT = 8090, 8091, 8443
 class RealReportServer:
     """Both servers in an isolated network; use it as a context manager."""
 
-    def __init__(self, network: isolation.PrivateNetwork, authority: Certificate, program: Path) -> None:
-        self._folder = network.work / "real-reports"
+    def __init__(self, network: isolation.PrivateNetwork, authority: Certificate, program: Path, *, database: str | None = None,
+                 name: str = "real-reports") -> None:
+        self._folder = network.work / name
         self._folder.mkdir()
         self._program = program
-        self._certificate = make_server_certificate(network.work, authority, isolation.REPORT_HOST, name="real-reports")
+        self._database = database or str(self._folder / "reports.db")
+        self._certificate = make_server_certificate(network.work, authority, isolation.REPORT_HOST, name=name)
         self.symbols = self._folder / "symbols"
         self.symbols.mkdir()
         self._stack = ExitStack()
@@ -37,7 +40,7 @@ class RealReportServer:
         subprocess.run(["htpasswd", "-cbB", str(passwords), USER, PASSWORD], check=True, capture_output=True, timeout=60)
         with ExitStack() as stack:
             stack.enter_context(Service(
-                [str(self._program), "serve", "--database", str(self._folder / "reports.db"), "--symbols", str(self.symbols), "--folder",
+                [str(self._program), "serve", "--database", self._database, "--symbols", str(self.symbols), "--folder",
                  str(self._folder / "bodies"), "--reports", f"127.0.0.1:{REPORTS_PORT}", "--pages", f"127.0.0.1:{PAGES_PORT}", "--password-file",
                  str(passwords), "--client-header", "X-Forwarded-For"], PAGES_PORT, self._folder / "server.log"))
             stack.enter_context(Service(["nginx", "-c", str(self._configure()), "-p", str(self._folder), "-e", str(self._folder / "error.log")],
@@ -82,8 +85,17 @@ class RealReportServer:
         """What a developer sees."""
         return self._get(path).decode()
 
-    def _get(self, path: str) -> bytes:
-        asked = urllib.request.Request(f"http://127.0.0.1:{PAGES_PORT}{path}", headers={
+    def change(self, group: int, state: str, mended_in: str = "", note: str = "") -> None:
+        """Says what somebody says of a group."""
+        self._get(f"/group/{group}/state", urllib.parse.urlencode({"state": state, "mended_in": mended_in, "note": note}).encode())
+
+    def metric(self, name: str) -> float:
+        """One number of those that are counted."""
+        (line,) = (line for line in self.page("/metrics").splitlines() if line.startswith(f"{name} "))
+        return float(line.split()[-1])
+
+    def _get(self, path: str, form: bytes | None = None) -> bytes:
+        asked = urllib.request.Request(f"http://127.0.0.1:{PAGES_PORT}{path}", data=form, headers={
             "Authorization": "Basic " + base64.b64encode(f"{USER}:{PASSWORD}".encode()).decode()})
         with urllib.request.urlopen(asked, timeout=60) as answer:
             return bytes(answer.read())

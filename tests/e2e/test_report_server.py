@@ -3,19 +3,24 @@
 from __future__ import annotations
 
 import re
+import shutil
+import time
 from collections.abc import Iterator
 from contextlib import ExitStack
 from pathlib import Path
+from typing import Any
 
 import pytest
 
 from bed.real_report_server import RealReportServer
+from bed.windows import windows_path
 from crash_world import CRASHED, CrashBed, CrashWorld
 from test_crash import KINDS
 from world import Bed
 
 TREE = Path(__file__).resolve().parents[2]
 PROGRAM = TREE / "build/native-asan/tools/reports/lumaris-reports"
+VERSIONS = ("3.4.0", "3.5.0")
 
 
 @pytest.fixture(scope="module", name="real")
@@ -63,3 +68,52 @@ def test_a_saved_report_reaches_the_server_at_the_next_start(crashes: CrashWorld
     crashes.assert_nothing_left()
     changed = [group for group in real.groups() if known.get(group["id"]) != group["reports"]]
     assert len(changed) == 1
+
+
+def run_version(crashes: CrashWorld, crash_bed: CrashBed, version: str, note: str) -> None:
+    """One of the two versions of a program crashes, and its report is answered."""
+    folder = crashes.machine.folder / version
+    folder.mkdir(exist_ok=True)
+    shutil.copyfile(crash_bed.programs / version / "crash_versioned.exe", folder / "crash_versioned.exe")
+    # The note makes it a crash of its own, whose report has other bytes.
+    run = crashes.machine.run(f'"{windows_path(folder / "crash_versioned.exe")}" --note "{note}"', limit=50)
+    assert run.exit_code == CRASHED
+    crashes.assert_nothing_left()
+
+
+def test_a_crash_that_is_mended_in_a_later_version_is_one_group_through_both(
+        crashes: CrashWorld, crash_bed: CrashBed, real: RealReportServer) -> None:
+    before = {group["id"] for group in real.groups()}
+
+    def groups() -> list[dict[str, Any]]:
+        return [group for group in real.groups() if group["id"] not in before]
+
+    for version in VERSIONS:
+        run_version(crashes, crash_bed, version, f"{version} without symbols")
+    # Nobody has symbols yet: a place in each build.
+    assert len(groups()) == 2
+    assert all(re.search(r"crash_versioned\.exe\+0x[0-9A-F]+ of build", group["title"]) for group in groups())
+    for version in VERSIONS:
+        real.add_symbols(*(crash_bed.programs / version / f"crash_versioned.{extension}" for extension in ("exe", "pdb")))
+    until = time.monotonic() + 30
+    while len(groups()) != 1 and time.monotonic() < until:
+        time.sleep(0.1)
+    (group,) = groups()
+    assert re.search(r"\binnermost\b", group["title"])
+    assert (group["reports"], group["full_reports"], group["state"]) == (2, 2, "new")
+    assert {each["version"] for each in group["versions"]} == set(VERSIONS)
+
+    real.change(group["id"], "mended", VERSIONS[1])
+    mended = real.metric('lumaris_reports_total{outcome="mended"}')
+    answered = len(real.deliveries())
+    run_version(crashes, crash_bed, VERSIONS[0], "the earlier one again")
+    # It is thanked, and no full report is asked for any more.
+    assert [status for _, status in real.deliveries()[answered:]] == [200]
+    assert real.metric('lumaris_reports_total{outcome="mended"}') == mended + 1
+    (group,) = groups()
+    assert (group["reports"], group["full_reports"], group["state"]) == (3, 2, "mended")
+    assert f"mended in {VERSIONS[1]}" in real.page(f"/group/{group['id']}")
+
+    run_version(crashes, crash_bed, VERSIONS[1], "the later one, all the same")
+    (group,) = groups()
+    assert (group["reports"], group["full_reports"], group["state"]) == (4, 3, "new")

@@ -5,35 +5,44 @@ from __future__ import annotations
 import base64
 import http.client
 import json
-import os
 import re
-import shutil
 import signal
 import socket
+import sqlite3
 import struct
 import subprocess
-import tempfile
+import sys
 import time
 import urllib.parse
 import zlib
-from collections.abc import Mapping
+from collections.abc import Iterator, Mapping
+from contextlib import contextmanager
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
 TREE = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(TREE / "tests"))
+
+from bed.postgres import Postgres, free_port  # noqa: E402  (the path to it is set above)
+
+__all__ = ["Postgres"]
+
 PROGRAM = TREE / "build/native-asan/tools/reports/lumaris-reports"
 PATH = "/KestraneSprejem/sprejem/"
 USER, PASSWORD = "ana", "čez plot"
-_POSTGRES = Path("/usr/lib/postgresql/17/bin")
-_NOBODY = 65534
 
 
-def free_port() -> int:
-    """A port of the loopback that nobody listens on."""
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return int(probe.getsockname()[1])
+def wait_for_port(port: int, process: subprocess.Popen[bytes]) -> bool:
+    """Waits until the process listens there; False when it has ended or takes a minute."""
+    until = time.monotonic() + 60
+    while True:
+        with socket.socket() as client:
+            if client.connect_ex(("127.0.0.1", port)) == 0:
+                return True
+        if process.poll() is not None or time.monotonic() > until:
+            return False
+        time.sleep(0.02)
 
 
 # Reports
@@ -94,7 +103,7 @@ def _answer(connection: http.client.HTTPConnection) -> Answer:
 class Server:
     """lumaris-reports; use it as a context manager. It can be killed and started again."""
 
-    def __init__(self, database: str, folder: Path, *options: str, ports: tuple[int, int] | None = None) -> None:
+    def __init__(self, database: str, folder: Path, *options: str, ports: tuple[int, int] | None = None, program: Path = PROGRAM) -> None:
         self.database = database
         self.symbols = folder / "symbols"
         self.symbols.mkdir(exist_ok=True)
@@ -103,7 +112,7 @@ class Server:
         subprocess.run(["htpasswd", "-cbB", "-C", "4", str(passwords), USER, PASSWORD], check=True, capture_output=True, timeout=60)
         (folder / "bodies").mkdir(exist_ok=True)
         self.log = folder / f"server-{self.port}.log"
-        self._command = [str(PROGRAM), "serve", "--database", database, "--symbols", str(self.symbols), "--reports", f"127.0.0.1:{self.port}",
+        self._command = [str(program), "serve", "--database", database, "--symbols", str(self.symbols), "--reports", f"127.0.0.1:{self.port}",
                          "--pages", f"127.0.0.1:{self.pages}", "--password-file", str(passwords), "--folder", str(folder / "bodies"), *options]
         self._process: subprocess.Popen[bytes] | None = None
 
@@ -118,15 +127,9 @@ class Server:
         """Starts it, and waits until it listens."""
         with self.log.open("ab") as log:
             self._process = subprocess.Popen(self._command, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
-        until = time.monotonic() + 60
         for port in (self.port, self.pages):
-            while True:
-                with socket.socket() as client:
-                    if client.connect_ex(("127.0.0.1", port)) == 0:
-                        break
-                if self._process.poll() is not None or time.monotonic() > until:
-                    raise AssertionError(f"the server does not listen: {self.log.read_text(errors='replace')}")
-                time.sleep(0.02)
+            if not wait_for_port(port, self._process):
+                raise AssertionError(f"the server does not listen: {self.log.read_text(errors='replace')}")
 
     def stop(self) -> int:
         """Ends it as its service manager does, and returns its exit code."""
@@ -145,6 +148,11 @@ class Server:
         self._process.send_signal(signal.SIGKILL)
         self._process.wait(30)
         self._process = None
+
+    def has_ended(self) -> bool:
+        """Whether it is not there any more."""
+        assert self._process is not None
+        return self._process.poll() is not None
 
     @property
     def process(self) -> int:
@@ -170,16 +178,15 @@ class Server:
             connection.close()
 
     def ask(self, path: str, *, port: int | None = None, user: str | None = USER, password: str = PASSWORD, method: str = "GET",
-            form: Mapping[str, str] | None = None, **headers: str) -> Answer:
-        """Asks for a page, or posts a form."""
+            form: Mapping[str, str] | None = None, body: bytes | None = None, headers: Mapping[str, str] | None = None, **more: str) -> Answer:
+        """Asks for a page, or posts a form or whatever else."""
         connection = http.client.HTTPConnection("127.0.0.1", port or self.pages, timeout=60)
         try:
-            sent = {name.replace("_", "-"): value for name, value in headers.items()}
+            sent = {**(headers or {}), **{name.replace("_", "-"): value for name, value in more.items()}}
             if user is not None:
                 sent["Authorization"] = "Basic " + base64.b64encode(f"{user}:{password}".encode()).decode()
-            body = None
             if form is not None:
-                method, body = "POST", urllib.parse.urlencode(form)
+                method, body = "POST", urllib.parse.urlencode(form).encode()
                 sent["Content-Type"] = "application/x-www-form-urlencoded"
             connection.request(method, path, body, sent)
             return _answer(connection)
@@ -199,44 +206,21 @@ class Server:
         return float(found[1])
 
 
-class Postgres:
-    """A PostgreSQL server in a folder of its own, on a port of the loopback; use it as a context manager."""
-
-    def __init__(self) -> None:
-        self.folder = Path(tempfile.mkdtemp(prefix="postgres-"))
-        self.port = free_port()
-        self._made = 0
-
-    def _run(self, program: str, *arguments: str) -> None:
-        # It refuses to run as root.
-        done = subprocess.run(["setpriv", f"--reuid={_NOBODY}", f"--regid={_NOBODY}", "--clear-groups", str(_POSTGRES / program), *arguments],
-                              stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=120, check=False, cwd="/",
-                              env={**os.environ, "HOME": str(self.folder), "LC_ALL": "C.UTF-8"})
-        assert done.returncode == 0, f"{program}: {done.stdout}{done.stderr}"
-
-    def __enter__(self) -> Postgres:
-        os.chown(self.folder, _NOBODY, _NOBODY)
-        self._run("initdb", "-D", str(self.folder / "data"), "-U", "postgres", "--auth=trust", "--no-sync")
-        self.start()
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self._run("pg_ctl", "-D", str(self.folder / "data"), "-w", "-m", "immediate", "stop")
-        shutil.rmtree(self.folder, ignore_errors=True)
-
-    def start(self) -> None:
-        """Starts it, and waits until it answers."""
-        self._run("pg_ctl", "-D", str(self.folder / "data"), "-w", "-l", str(self.folder / "log"), "-o",
-                  # No test cuts the power, and the disk is everybody's.
-                  f"-p {self.port} -h 127.0.0.1 -k {self.folder} -c fsync=off", "start")
-
-    def stop(self) -> None:
-        """Stops it and cuts its connections."""
-        self._run("pg_ctl", "-D", str(self.folder / "data"), "-w", "-m", "fast", "stop")
-
-    def new_database(self) -> str:
-        """Makes a database, and says how it is reached."""
-        self._made += 1
-        name = f"reports{self._made}"
-        self._run("createdb", "-h", "127.0.0.1", "-p", str(self.port), "-U", "postgres", name)
-        return f"postgresql://postgres@127.0.0.1:{self.port}/{name}"
+@contextmanager
+def locked(database: str) -> Iterator[None]:
+    """Somebody else holds the database's tables."""
+    if database.startswith("postgresql:"):
+        # It holds the lock until its standard input ends.
+        with subprocess.Popen(["psql", "--quiet", "--tuples-only", "--no-align", database], stdin=subprocess.PIPE, stdout=subprocess.PIPE) as other:
+            assert other.stdin is not None and other.stdout is not None
+            other.stdin.write(b"BEGIN; LOCK TABLE groups, reports IN EXCLUSIVE MODE; SELECT 'locked';\n")
+            other.stdin.flush()
+            assert other.stdout.readline() == b"locked\n"
+            yield
+            other.stdin.close()
+            assert other.wait(30) == 0
+        return
+    with sqlite3.connect(database, isolation_level=None) as rows:
+        rows.execute("BEGIN IMMEDIATE")
+        yield
+        rows.execute("ROLLBACK")

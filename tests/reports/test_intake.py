@@ -4,15 +4,21 @@ from __future__ import annotations
 
 import concurrent.futures
 import http.client
+import itertools
+import random
+import resource
 import socket
-import sqlite3
 import struct
+import subprocess
+import threading
 import time
 import zlib
+from collections.abc import Iterator
+from contextlib import ExitStack, contextmanager
 from pathlib import Path
 
 import pytest
-from running import PATH, Postgres, Server, full_report, short_report
+from running import PATH, TREE, Answer, Postgres, Server, full_report, locked, short_report
 
 PLAIN = "text/plain; charset=utf-8"
 
@@ -39,8 +45,8 @@ def test_full_reports_are_asked_for_up_to_three_of_a_group(server: Server) -> No
     ("en", "Thank you for the report."), ("sl", "Hvala za poročilo."), ("sq", "Faleminderit për raportin."),
     ("de", "Thank you for the report."), ("", "Thank you for the report."), ("SL-si;q=0.5", "Hvala za poročilo."),
 ])
-def test_the_answer_is_in_the_language_that_was_asked_for(tmp_path: Path, language: str, text: str) -> None:
-    with Server(str(tmp_path / "reports.db"), tmp_path, "--full-reports", "0") as server:
+def test_the_answer_is_in_the_language_that_was_asked_for(database: str, tmp_path: Path, language: str, text: str) -> None:
+    with Server(database, tmp_path, "--full-reports", "0") as server:
         answer = server.send(short_report(), language)
         assert (answer.status, answer.type, answer.text) == (200, PLAIN, text)
 
@@ -63,24 +69,24 @@ def test_crashes_of_one_place_are_one_group_and_of_others_are_others(server: Ser
 @pytest.mark.parametrize("body", [
     b"", b"no report", zlib.compress(b"TZO2" + bytes(40)), short_report()[:-1], short_report() + b"\0", zlib.compress(bytes(64 << 20)),
 ], ids=["empty", "text", "magic", "cut", "more", "bomb"])
-def test_what_is_no_report_is_refused_for_good(tmp_path: Path, body: bytes) -> None:
-    with Server(str(tmp_path / "reports.db"), tmp_path) as server:
+def test_what_is_no_report_is_refused_for_good(database: str, tmp_path: Path, body: bytes) -> None:
+    with Server(database, tmp_path) as server:
         answer = server.send(body)
         assert (answer.status, answer.type) == (400, PLAIN)
         assert server.groups() == []
         assert server.metric('lumaris_reports_total{outcome="refused"}') == 1
 
 
-def test_a_body_that_is_too_large_is_read_to_its_end_and_refused(tmp_path: Path) -> None:
-    with Server(str(tmp_path / "reports.db"), tmp_path) as server:
+def test_a_body_that_is_too_large_is_read_to_its_end_and_refused(database: str, tmp_path: Path) -> None:
+    with Server(database, tmp_path) as server:
         answer = server.send(bytes(9 << 20))
         assert (answer.status, answer.type) == (413, PLAIN)
         assert server.metric('lumaris_reports_total{outcome="too_large"}') == 1
         assert server.send(short_report()).status == 449
 
 
-def test_a_large_report_is_taken(tmp_path: Path) -> None:
-    with Server(str(tmp_path / "reports.db"), tmp_path) as server:
+def test_a_large_report_is_taken(database: str, tmp_path: Path) -> None:
+    with Server(database, tmp_path) as server:
         with open("/dev/urandom", "rb") as random:
             report = full_report(stack=random.read(1 << 20))
         assert len(report) > 1 << 20
@@ -89,16 +95,16 @@ def test_a_large_report_is_taken(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize(("method", "path"), [("GET", PATH), ("POST", "/"), ("PUT", PATH), ("GET", "/export.json"), ("GET", "/report/1")])
-def test_the_open_port_gives_nothing_out_and_never_as_text(tmp_path: Path, method: str, path: str) -> None:
-    with Server(str(tmp_path / "reports.db"), tmp_path) as server:
+def test_the_open_port_gives_nothing_out_and_never_as_text(database: str, tmp_path: Path, method: str, path: str) -> None:
+    with Server(database, tmp_path) as server:
         server.send(short_report())
         answer = server.ask(path, port=server.port, method=method)
         assert answer.status in (404, 405)
         assert not answer.type.lower().startswith("text/plain")
 
 
-def test_a_body_that_never_ends_and_one_that_stops_hold_nobody_up(tmp_path: Path) -> None:
-    with Server(str(tmp_path / "reports.db"), tmp_path) as server:
+def test_a_body_that_never_ends_and_one_that_stops_hold_nobody_up(database: str, tmp_path: Path) -> None:
+    with Server(database, tmp_path) as server:
         stuck = []
         for _ in range(50):
             client = socket.create_connection(("127.0.0.1", server.port))
@@ -147,30 +153,114 @@ def test_what_was_answered_is_there_after_a_sudden_end_and_what_was_not_is_sent_
     assert group["reports"] == len(reports)
 
 
-def test_a_locked_database_makes_the_client_keep_its_report(tmp_path: Path) -> None:
-    with Server(str(tmp_path / "reports.db"), tmp_path) as server:
-        with sqlite3.connect(tmp_path / "reports.db", isolation_level=None) as other:
-            other.execute("BEGIN IMMEDIATE")
-            answer = server.send(short_report())
-            assert answer.status == 503
-            assert not answer.type.startswith("text/plain")
-            other.execute("ROLLBACK")
-        assert server.send(short_report()).status == 449
+# What a report passes through on its way: the system calls that take it from the network, bring it to the disk or to the database server,
+# and answer. The server is killed as it enters each of them, one after the other.
+CALLS = {
+    "sqlite": {"accept4": 1, "readv": 1, "pwrite64": 4, "fdatasync": 1, "write": 1},
+    "postgres": {"accept4": 1, "readv": 1, "sendto": 8, "recvfrom": 8, "write": 1},
+}
 
 
-def test_a_database_that_is_gone_makes_the_client_keep_its_report_and_comes_back(postgres: Postgres, tmp_path: Path) -> None:
-    with Server(postgres.new_database(), tmp_path) as server:
-        assert server.send(short_report()).status == 449
-        postgres.stop()
+@contextmanager
+def killed_at(server: Server, call: str, count: int) -> Iterator[None]:
+    """Kills the server when one of its threads enters this system call for this time."""
+    with subprocess.Popen(["strace", "-f", "-qq", "-o", "/dev/null", "-p", str(server.process), "-e", f"trace={call}", "-e",
+                           f"inject={call}:signal=SIGKILL:when={count}"]) as tracer:
+        until = time.monotonic() + 30
+        threads = list(Path(f"/proc/{server.process}/task").iterdir())
+        while not all(f"TracerPid:\t{tracer.pid}\n" in (thread / "status").read_text(encoding="ascii") for thread in threads):
+            assert tracer.poll() is None and time.monotonic() < until, "strace does not trace the server"
+            time.sleep(0.01)
         try:
-            answer = server.send(short_report(address=1))
-            assert answer.status == 503
-            assert not answer.type.startswith("text/plain")
+            yield
+        finally:
+            tracer.terminate()
+            tracer.wait(30)
+
+
+def test_killed_at_every_call_between_accept_and_answer_loses_nothing_and_counts_nothing_twice(server: Server) -> None:
+    calls = CALLS["postgres" if server.database.startswith("postgresql:") else "sqlite"]
+    # The connection to the database is made, and the next report is not the first one of its group.
+    server.send(short_report(address=0))
+    sent = 1
+    for call, least in calls.items():
+        killed = 0
+        while True:
+            report = short_report(address=sent)
+            with killed_at(server, call, killed + 1):
+                try:
+                    is_answered = server.send(report).type.startswith("text/plain")
+                except (OSError, http.client.HTTPException):
+                    is_answered = False
+            sent += 1
+            if not server.has_ended():
+                assert is_answered
+                break
+            killed += 1
+            server.start()
+            (group,) = server.groups()
+            assert group["reports"] in ((sent,) if is_answered else (sent - 1, sent)), (call, killed)
+            # As at the next start of the program, which keeps what was not answered.
+            assert server.send(report).status == 449
+            (group,) = server.groups()
+            assert group["reports"] == sent, (call, killed)
+            assert killed < 100
+        print(f"{call}: killed {killed} times")
+        assert killed >= least, call
+
+
+def test_a_locked_database_makes_the_client_keep_its_report(server: Server) -> None:
+    with locked(server.database):
+        begin = time.monotonic()
+        answer = server.send(short_report())
+        assert answer.status == 503
+        assert not answer.type.startswith("text/plain")
+        # The program waits 30 seconds, and the system's own patience is 21 in places.
+        assert time.monotonic() - begin < 20
+    assert server.send(short_report()).status == 449
+    assert server.metric('lumaris_reports_total{outcome="failed"}') == 1
+
+
+@pytest.mark.parametrize("how", ["stopped", "killed"])
+def test_a_database_that_is_gone_makes_the_client_keep_its_report_and_comes_back(postgres: Postgres, tmp_path: Path, how: str) -> None:
+    numbers = itertools.count()
+    answered: set[int] = set()
+    refused: dict[int, Answer] = {}
+    has_stopped = threading.Event()
+
+    def deliver() -> None:
+        # Each goes on until the database has been missed.
+        while not has_stopped.is_set() or not refused:
+            number = next(numbers)
+            answer = server.send(short_report(address=number))
+            if answer.type.startswith("text/plain"):
+                answered.add(number)
+            else:
+                refused[number] = answer
+
+    with Server(postgres.new_database(), tmp_path) as server, concurrent.futures.ThreadPoolExecutor(8) as pool:
+        senders = [pool.submit(deliver) for _ in range(8)]
+        while len(answered) < 30:
+            time.sleep(0.001)
+        (postgres.stop if how == "stopped" else postgres.kill)()
+        has_stopped.set()
+        try:
+            for sender in senders:
+                sender.result(60)
             assert server.ask("/healthz", user=None).status == 503
         finally:
             postgres.start()
-        assert server.send(short_report(address=1)).status == 449
-        assert server.groups()[0]["reports"] == 2
+        assert server.groups()
+        # Nor does anybody see it who asks for the first time afterwards.
+        (postgres.stop if how == "stopped" else postgres.kill)()
+        postgres.start()
+        assert server.groups()
+        assert {(answer.status, answer.type) for answer in refused.values()} == {(503, "text/html; charset=utf-8")}
+        # As at the next start of the programs.
+        for number in refused:
+            assert server.send(short_report(address=number)).status == 449
+        assert server.groups()[0]["reports"] == len(answered) + len(refused)
+        assert server.ask("/healthz", user=None).status == 200
 
 
 def test_two_servers_share_a_database(postgres: Postgres, tmp_path: Path) -> None:
@@ -197,6 +287,106 @@ def test_addresses_are_counted_and_kept_as_a_digest(server: Server, tmp_path: Pa
             other.send(short_report(address=number), **{"X-Forwarded-For": address})
         assert other.groups()[0]["addresses"] == 2
         assert "192.0.2.1" in other.ask("/report/1").text
+
+
+def test_what_a_sender_says_of_its_address_counts_from_a_proxy_alone(database: str, tmp_path: Path) -> None:
+    with Server(database, tmp_path, "--client-header", "X-Forwarded-For", "--keep-addresses", "--proxy", "192.0.2.7") as server:
+        server.send(short_report(), **{"X-Forwarded-For": "203.0.113.9"})
+        page = server.ask("/report/1").text
+        assert "127.0.0.1" in page and "203.0.113.9" not in page
+
+
+@pytest.mark.parametrize("address", ["\xff\xfe", "<script>", "a" * 64, "", "1.2.3.4, \xe9"])
+def test_an_address_that_is_none_is_not_kept(database: str, tmp_path: Path, address: str) -> None:
+    with Server(database, tmp_path, "--client-header", "X-Forwarded-For", "--keep-addresses") as server:
+        assert server.send(short_report(), **{"X-Forwarded-For": address}).status == 449
+        assert "<dt>Address</dt><dd>127.0.0.1</dd>" in server.ask("/report/1").text
+
+
+def test_a_report_with_names_longer_than_an_index_takes_keeps_no_other_out(server: Server) -> None:
+    letters = random.Random(1)
+    names = ["".join(letters.choices("abcdefghijklmnopqrstuvwxyz\u0161\u4e2d", k=20000)) + ".exe" for _ in range(20)]
+    reports = [each for name in names for each in (short_report(name=name), short_report(address=len(name), note=name[:9]))]
+    with concurrent.futures.ThreadPoolExecutor(16) as pool:
+        answers = list(pool.map(server.send, reports))
+    assert {answer.status for answer in answers} == {449}
+    groups = server.groups()
+    assert len(groups) == len(names) + 1
+    assert all(len(group["title"]) <= 500 for group in groups)
+    assert sum(group["reports"] for group in groups) == len(reports)
+
+
+def test_a_thousand_connections_are_held_and_more_are_refused_and_counted(server: Server) -> None:
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    assert hard >= 6000, "this machine lets no process open 6000 files"
+    resource.setrlimit(resource.RLIMIT_NOFILE, (6000, hard))
+    try:
+        with ExitStack() as stack:
+
+            def connect(count: int) -> list[socket.socket]:
+                return [stack.enter_context(socket.create_connection(("127.0.0.1", server.port), timeout=30)) for _ in range(count)]
+
+            for client in connect(1000):
+                client.sendall(f"POST {PATH} HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nab".encode())
+            assert server.send(short_report()).status == 449
+            assert server.metric("lumaris_connections_refused_total") == 0
+            late = connect(1200)[1100:]
+            # They are closed, without an answer that a program could take for one.
+            for client in late:
+                assert client.recv(100) == b""
+        until = time.monotonic() + 30
+        while True:
+            try:
+                assert server.send(short_report(address=1)).status == 449
+                break
+            except (OSError, http.client.HTTPException):
+                assert time.monotonic() < until
+        assert server.metric("lumaris_connections_refused_total") >= len(late)
+        assert server.groups()[0]["reports"] == 2
+    finally:
+        resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
+
+
+def test_bombs_from_many_sides_fill_no_memory_and_are_counted(server: Server) -> None:
+    before = memory_of(server)
+    bombs = [zlib.compress(b"TZO1" + bytes(48 << 20) + bytes([number]), 9) for number in range(4)]
+    with concurrent.futures.ThreadPoolExecutor(16) as pool:
+        answers = list(pool.map(server.send, bombs * 16))
+    assert {(answer.status, answer.type) for answer in answers} == {(400, PLAIN)}
+    assert server.metric('lumaris_reports_total{outcome="refused"}') == 64
+    # Two threads inflate at a time, 16 MB each at the most; the rest is what the sanitizer keeps of what was freed.
+    assert memory_of(server) - before < 512
+
+
+def memory_of(server: Server) -> float:
+    """The most that it has ever had, in MB."""
+    (line,) = (line for line in Path(f"/proc/{server.process}/status").read_text(encoding="ascii").splitlines() if line.startswith("VmHWM:"))
+    return int(line.split()[1]) / 1024
+
+
+def test_a_slow_sender_holds_nobody_up_and_is_taken(server: Server) -> None:
+    report = short_report()
+    with socket.create_connection(("127.0.0.1", server.port), timeout=30) as slow:
+        slow.sendall(f"POST {PATH} HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n".encode())
+        for number, byte in enumerate(report):
+            slow.sendall(b"1\r\n%c\r\n" % byte)
+            if number % 10 == 0:
+                assert server.send(short_report(0x2000, address=number)).status == 449
+        slow.sendall(b"0\r\n\r\n")
+        assert slow.recv(100).startswith(b"HTTP/1.1 449 ")
+    assert sorted(group["reports"] for group in server.groups()) == [1, len(range(0, len(report), 10))]
+
+
+def test_what_the_fuzzer_begins_with_crashes_nothing(server: Server) -> None:
+    seeds = sorted(each for folder in ("report_intake_fuzz", "report_reader_fuzz") for each in (TREE / "fuzz/corpus" / folder).iterdir())
+    assert len(seeds) > 10
+    for seed in seeds:
+        for body in (seed.read_bytes(), zlib.compress(seed.read_bytes())):
+            answer = server.send(body)
+            assert (answer.status in (200, 400, 449), answer.type) == (True, PLAIN), seed
+    assert server.ask("/").status == 200
+    for group in server.groups():
+        assert server.ask(f"/group/{group['id']}").status == 200
 
 
 def test_it_ends_in_order(server: Server) -> None:

@@ -11,7 +11,7 @@ from pathlib import Path
 import pefile
 import pytest
 from prometheus_client.parser import text_string_to_metric_families
-from running import PROGRAM, TREE, Server, full_report, short_report
+from running import PROGRAM, TREE, Postgres, Server, full_report, locked, short_report
 
 PROBES = {"x64": TREE / "build/x64-test/tests/tools/report_reader/probe", "arm64": TREE / "build/arm64-test/tests/tools/report_reader/probe"}
 HOSTILE = "<script>alert(1)</script>\u202Edetrever\x1B[2J & \"quoted\""
@@ -27,10 +27,24 @@ def test_pages_need_a_user(server: Server, path: str) -> None:
     assert server.ask(path).status == 200
 
 
-def test_a_proxy_names_the_user(tmp_path: Path) -> None:
-    with Server(str(tmp_path / "reports.db"), tmp_path, "--user-header", "X-Remote-User") as server:
+def test_a_proxy_names_the_user(database: str, tmp_path: Path) -> None:
+    with Server(database, tmp_path, "--user-header", "X-Remote-User") as server:
         assert server.ask("/", user=None, X_Remote_User="eva").status == 200
         assert server.ask("/", user=None).status == 401
+
+
+def test_a_user_is_named_by_the_proxy_alone(database: str, tmp_path: Path) -> None:
+    (tmp_path / "other").mkdir()
+    # Somebody else's address is the proxy's; and a server that knows of no proxy.
+    with Server(database, tmp_path, "--user-header", "X-Remote-User", "--proxy", "192.0.2.7") as server, \
+            Server(database, tmp_path / "other") as other:
+        server.send(short_report())
+        for each in (server, other):
+            assert each.ask("/", user=None, X_Remote_User="eva").status == 401
+            # The port for reports gives nothing out to anybody.
+            for path in ("/", "/report/1", "/export.json", "/metrics", "/healthz", "/style.css"):
+                assert each.ask(path, port=each.port, X_Remote_User="eva").status == 404
+        assert server.ask("/").status == 200
 
 
 def test_pages_without_anybody_to_ask_for_are_refused(tmp_path: Path) -> None:
@@ -104,6 +118,22 @@ def test_a_version_that_is_none_is_refused(server: Server, version: str) -> None
     assert server.groups()[0]["state"] == "new"
 
 
+@pytest.mark.parametrize("headers", [
+    {"Sec-Fetch-Site": "cross-site"}, {"Sec-Fetch-Site": "same-site"}, {"Sec-Fetch-Site": "none"}, {"Origin": "https://elsewhere.example"},
+    {"Origin": "null"}, {"Origin": "http://127.0.0.1"}, {"Origin": "http://127.0.0.1:1.elsewhere.example"},
+])
+def test_nothing_of_another_site_changes_or_deletes(server: Server, headers: dict[str, str]) -> None:
+    server.send(short_report())
+    for path, form in (("/group/1/state", {"state": "known", "mended_in": "", "note": ""}), ("/report/1/delete", {})):
+        assert server.ask(path, form=form, headers=headers).status == 403
+    # A link or a picture is no form.
+    for path in ("/group/1/state?state=known&mended_in=&note=", "/report/1/delete"):
+        for method in ("GET", "HEAD", "PUT", "DELETE"):
+            assert server.ask(path, method=method).status in (404, 405)
+    assert server.groups()[0]["state"] == "new"
+    assert server.ask("/report/1").status == 200
+
+
 def test_forms_of_other_sites_change_nothing(server: Server) -> None:
     server.send(short_report())
     form = {"state": "known", "mended_in": "", "note": ""}
@@ -121,10 +151,68 @@ def test_a_report_can_be_deleted_and_its_count_stays(server: Server) -> None:
     assert server.groups()[0]["reports"] == 1
 
 
+def files_hold(server: Server, text: bytes) -> bool:
+    """Whether the database's files have these bytes."""
+    return any(text in file.read_bytes() for file in Path(server.database).parent.glob(Path(server.database).name + "*"))
+
+
+def test_a_deleted_report_is_not_in_the_files_any_more(tmp_path: Path) -> None:
+    """SQLite's alone: what PostgreSQL keeps is its administrator's affair."""
+    with Server(str(tmp_path / "reports.db"), tmp_path) as server, open("/dev/urandom", "rb") as random:
+        # It does not compress, so that it stands there as it is: in pages of its own and in one that it shares.
+        reports = [full_report(0x100 * number, stack=random.read(size)) for number, size in ((1, 20000), (2, 300), (3, 300))]
+        for report in reports:
+            assert server.send(report).status == 200
+        pieces = [report[100:140] for report in reports]
+        assert all(files_hold(server, piece) for piece in pieces)
+        for number in (1, 2):
+            assert server.ask(f"/report/{number}/delete", form={}).status == 303
+        assert [files_hold(server, piece) for piece in pieces] == [False, False, True]
+
+
+@pytest.mark.parametrize("text", ["%FF%FE", "%00", "a%00b", "%C0%80", "%ED%A0%80", "%F4%90%80%80", "%C4%8D" * 2500, "'%3B%20DROP%20TABLE%20groups%3B--", "!",
+                                  "%25%25%25%25", "%5C", "a" * 5000])
+def test_what_somebody_types_is_taken_as_text(server: Server, text: str) -> None:
+    server.send(short_report())
+    assert server.ask(f"/?q={text}").status == 200
+    assert server.ask(f"/?q={text}&state={text}&sort={text}&from={text}").status == 200
+    body = f"state=known&mended_in=&note={text}".encode()
+    answer = server.ask("/group/1/state", method="POST", body=body, Content_Type="application/x-www-form-urlencoded")
+    assert answer.status == 303
+    (group,) = server.groups()
+    assert group["state"] == "known"
+    assert len(group["note"].encode()) <= 4000
+    assert server.ask("/group/1").status == 200
+    if text.startswith("'"):
+        assert group["note"] == "'; DROP TABLE groups;--"
+        assert server.ask(f"/?q={text}").text.count('href="/group/') == 1
+
+
+@pytest.mark.parametrize("name", ["../../etc/passwd", "..", "..\\..\\symbol_probe.exe", "/etc/passwd", ".", "CON.exe", "a\0b.exe", "symbol_probe.exe/../x.exe"])
+def test_a_module_s_name_leads_nowhere(server: Server, name: str) -> None:
+    add_symbols(server, "x64")
+    before = sorted(server.symbols.rglob("*"))
+    assert server.send(probe_report("x64", name)).status == 449
+    page = server.ask("/report/1")
+    assert page.status == 200
+    assert "probe::leaf" not in page.text and "root:" not in page.text
+    assert sorted(server.symbols.rglob("*")) == before
+
+
 @pytest.mark.parametrize("path", ["/nothing", "/group/2", "/group/x", "/group/", "/report/99999999999999999999", "/group/1/state", "/../etc/passwd"])
 def test_what_is_not_there_is_not_found(server: Server, path: str) -> None:
     server.send(short_report())
     assert server.ask(path).status == 404
+
+
+@pytest.mark.parametrize("note", ["=1+1", "+1", "-1", "@SUM(A1)", "\t=1", "\r=1", "\n=1", "=cmd|' /C calc'!A0"])
+def test_no_cell_of_an_export_is_a_formula(server: Server, note: str) -> None:
+    server.send(short_report(name="=halvoro.exe"))
+    server.ask("/group/1/state", form={"state": "known", "mended_in": "", "note": note})
+    (line,) = csv.DictReader(io.StringIO(server.ask("/export.csv").text, newline=""))
+    # A control character is written out, and stands for itself no more.
+    assert line["note"] == (f"\\x{ord(note[0]):02X}{note[1:]}" if note[0] < " " else "'" + note)
+    assert all(value == "" or value[0] not in "=+-@\t\r\n" for value in line.values())
 
 
 def test_groups_are_exported_as_csv(server: Server) -> None:
@@ -198,6 +286,23 @@ def test_new_symbols_regroup_what_was_there(server: Server) -> None:
     assert (group["state"], group["note"]) == ("known", "seen before")
 
 
+def test_new_symbols_regroup_although_the_database_was_locked_when_they_came(server: Server) -> None:
+    for architecture in PROBES:
+        server.send(probe_report(architecture))
+    log = server.log.stat().st_size
+    with locked(server.database):
+        for architecture in PROBES:
+            add_symbols(server, architecture)
+        until = time.monotonic() + 60
+        while server.log.stat().st_size == log:
+            assert time.monotonic() < until, "nothing was in the way"
+            time.sleep(0.1)
+    until = time.monotonic() + 60
+    while len(server.groups()) != 1 and time.monotonic() < until:
+        time.sleep(0.1)
+    assert [group["reports"] for group in server.groups()] == [2]
+
+
 def test_symbols_of_another_build_name_nothing(server: Server) -> None:
     add_symbols(server, "x64")
     server.send(probe_report("arm64"))
@@ -215,14 +320,19 @@ def test_files_that_are_no_symbols_are_not_added(tmp_path: Path) -> None:
     assert not (tmp_path / "store").exists()
 
 
-def test_old_reports_are_deleted_and_their_counts_stay(tmp_path: Path) -> None:
-    database = tmp_path / "reports.db"
-    with Server(str(database), tmp_path) as server:
+def run_sql(database: str, statement: str) -> None:
+    """As an administrator."""
+    command = ["psql", "--quiet", "-v", "ON_ERROR_STOP=1", database, "-c"] if database.startswith("postgresql:") else ["sqlite3", database]
+    subprocess.run([*command, statement], check=True, timeout=60)
+
+
+def test_old_reports_are_deleted_and_their_counts_stay(database: str, tmp_path: Path) -> None:
+    with Server(database, tmp_path) as server:
         server.send(short_report())
         server.send(full_report())
     a_hundred_days = 100 * 24 * 60 * 60 * 1000
-    subprocess.run(["sqlite3", str(database), f"UPDATE reports SET received = received - {a_hundred_days}"], check=True, timeout=60)
-    with Server(str(database), tmp_path) as server:
+    run_sql(database, f"UPDATE reports SET received = received - {a_hundred_days}")
+    with Server(database, tmp_path) as server:
         until = time.monotonic() + 60
         while server.ask("/report/2").status != 404 and time.monotonic() < until:
             time.sleep(0.1)
@@ -230,17 +340,34 @@ def test_old_reports_are_deleted_and_their_counts_stay(tmp_path: Path) -> None:
         assert server.ask("/report/2").status == 404
         assert server.ask("/report/1").status == 200
         assert server.groups()[0]["full_reports"] == 1
+    with Server(database, tmp_path, "--keep-short", "99d") as server:
+        until = time.monotonic() + 60
+        while server.ask("/report/1").status != 404 and time.monotonic() < until:
+            time.sleep(0.1)
+        assert server.ask("/report/1").status == 404
+        assert server.groups()[0]["reports"] == 1
 
 
-def test_a_copy_made_while_it_runs_is_a_whole_database(tmp_path: Path) -> None:
-    with Server(str(tmp_path / "reports.db"), tmp_path) as server:
+def test_a_copy_made_while_it_runs_is_restored_whole(database: str, postgres: Postgres, tmp_path: Path) -> None:
+    """With the commands that the document names."""
+    copy = tmp_path / "copy"
+    with Server(database, tmp_path) as server:
         for number in range(20):
             server.send(short_report(address=number))
-        subprocess.run(["sqlite3", str(tmp_path / "reports.db"), f".backup {tmp_path / 'copy.db'}"], check=True, timeout=60)
+        if database.startswith("postgresql:"):
+            with copy.open("wb") as out:
+                subprocess.run(["pg_dump", "--format=custom", database], check=True, stdout=out, timeout=60)
+            restored = postgres.new_database()
+            subprocess.run(["pg_restore", "--no-owner", "--exit-on-error", f"--dbname={restored}", str(copy)], check=True, timeout=60)
+        else:
+            subprocess.run(["sqlite3", database, f".backup {copy}"], check=True, timeout=60)
+            restored = str(copy)
+        before = server.ask("/export.json").text
     (tmp_path / "other").mkdir()
-    with Server(str(tmp_path / "copy.db"), tmp_path / "other") as other:
-        assert other.groups()[0]["reports"] == 20
-        assert other.ask("/report/20").status == 200
-        # The salt is part of it.
-        other.send(short_report(address=99))
-        assert other.groups()[0]["addresses"] == 1
+    with Server(restored, tmp_path / "other") as other:
+        assert other.ask("/export.json").text == before
+        assert other.ask("/report/20/body").body == short_report(address=19)
+        # The salt is part of it, and new reports get numbers of their own.
+        assert other.send(short_report(address=99)).status == 449
+        assert (other.groups()[0]["reports"], other.groups()[0]["addresses"]) == (21, 1)
+        assert other.ask("/report/21").status == 200

@@ -44,6 +44,8 @@ public:
     virtual void begin() = 0;
     void commit() { run("COMMIT"); }
     virtual void roll_back() noexcept = 0;
+    // What was deleted is not to be found in the database's files any more, as far as the database has a say in it.
+    virtual void forget_deleted() = 0;
 
     // How the type of a column is called: a number that the database gives to new rows, and bytes.
     virtual const char* identity_type() const noexcept = 0;

@@ -2,10 +2,12 @@
 
 #include "tools/report_reader/names.h"
 #include "tools/report_reader/symbol_store.h"
+#include "tools/reports/digest.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <utility>
 
 namespace corvo::reports {
 
@@ -16,15 +18,39 @@ using namespace report_reader;
 // Three: one function alone throws together what is called from everywhere, and many frames tear apart one crash that is
 // reached on several ways.
 constexpr std::size_t functions_in_signature = 3;
+constexpr std::size_t longest_program = 255; // as long as a file's name can be
+constexpr std::size_t longest_title = 500;
+constexpr std::size_t longest_signature = 1500;
 
 std::string module_name(const report_reader::report& report, const frame& shown) {
     return printable(to_utf8(report.modules[shown.module].name));
+}
+
+// Without cutting a character in two. What is longer is no name of ours, and must neither fill a page nor be too long for an index of the
+// database, which would keep back all that is written together with it.
+std::string at_most(std::string text, std::size_t longest) {
+    if (text.size() > longest) {
+        while (longest > 0 && (static_cast<unsigned char>(text[longest]) & 0xC0) == 0x80) {
+            --longest;
+        }
+        text.resize(longest);
+    }
+    return text;
 }
 
 std::string digits(std::uint64_t number) {
     std::array<char, 24> text{};
     std::snprintf(text.data(), text.size(), "%llX", static_cast<unsigned long long>(number));
     return text.data();
+}
+
+// Its beginning, for those who search, and what tells it from others.
+std::string short_signature(std::string signature) {
+    if (signature.size() <= longest_signature) {
+        return signature;
+    }
+    const std::string digest = short_digest(signature);
+    return at_most(std::move(signature), longest_signature) + '\n' + digest;
 }
 
 bool is_program(std::string_view module) {
@@ -129,7 +155,7 @@ crash describe(const report_reader::report& report, const std::vector<code_chain
     for (const frame& shown : report.frames) {
         const std::string module = module_name(report, shown);
         if (is_program(module)) {
-            result.program = module;
+            result.program = at_most(module, longest_program);
             result.stamp = report.modules[shown.module].time_stamp;
         }
     }
@@ -143,8 +169,9 @@ crash describe(const report_reader::report& report, const std::vector<code_chain
         result.signature += '\n' + each.name;
     }
     if (!own.found.empty()) {
-        result.title += " in " + own.found.front().name;
-        result.place = own.found.front().source;
+        result.title = at_most(result.title + " in " + own.found.front().name, longest_title);
+        result.place = at_most(own.found.front().source, longest_title);
+        result.signature = short_signature(std::move(result.signature));
         return result;
     }
     // Nothing of our own is on the stack: the modules alone say a little.
@@ -159,6 +186,8 @@ crash describe(const report_reader::report& report, const std::vector<code_chain
             ++count;
         }
     }
+    result.title = at_most(std::move(result.title), longest_title);
+    result.signature = short_signature(std::move(result.signature));
     return result;
 }
 

@@ -33,6 +33,11 @@ character first_of(std::string_view text) {
         }
         code = code << 6 | (byte(index) & 0x3FU);
     }
+    // Written longer than it needs to be, half of a pair, or beyond Unicode.
+    static constexpr std::array<std::uint32_t, 5> least{0, 0, 0x80, 0x800, 0x10000};
+    if (code < least[length] || (code >= 0xD800 && code < 0xE000) || code > 0x10FFFF) {
+        return {0xFFFD, 1};
+    }
     return {code, length};
 }
 
@@ -69,6 +74,22 @@ std::string escaped(std::string_view utf8) {
             result += utf8.substr(0, length);
         }
         utf8.remove_prefix(length);
+    }
+    return result;
+}
+
+std::string valid_text(std::string_view text, std::size_t longest) {
+    std::string result;
+    while (!text.empty()) {
+        const auto [code, length] = first_of(text);
+        const std::string_view next = code == 0xFFFD ? "\uFFFD" : text.substr(0, length);
+        if (result.size() + next.size() > longest) {
+            break;
+        }
+        if (code != 0) {
+            result += next;
+        }
+        text.remove_prefix(length);
     }
     return result;
 }

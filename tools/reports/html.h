@@ -12,6 +12,9 @@ namespace corvo::reports {
 // the page reads: marks that turn the direction of writing, and other control characters, are written out as \u{202E}.
 std::string escaped(std::string_view utf8);
 
+// What a database takes as text: at most so many bytes of UTF-8, no character cut in two, and without zeros; what is no UTF-8 is replaced.
+std::string valid_text(std::string_view text, std::size_t longest);
+
 // A value of a query, RFC 3986 section 2.1.
 std::string percent_encoded(std::string_view text);
 

@@ -7,12 +7,14 @@
 
 #include <drogon/HttpAppFramework.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
 #include <exception>
 #include <mutex>
 #include <string_view>
+#include <sys/resource.h>
 #include <thread>
 #include <utility>
 
@@ -132,14 +134,16 @@ private:
             return;
         }
         std::string address = request->peerAddr().toIp();
-        if (!m_settings.client_header.empty()) {
+        if (!m_settings.client_header.empty() && m_settings.proxies.contains(address)) {
             // The last one is the proxy's own; what stands before it the client may have written.
             const std::string& named = request->getHeader(m_settings.client_header);
             const std::size_t comma = named.rfind(',');
             const std::size_t begin =
                 named.find_first_not_of(' ', comma == std::string::npos ? 0 : comma + 1);
-            if (begin != std::string::npos) {
-                address = named.substr(begin, 64);
+            // 45 characters are the longest address (RFC 4291 section 2.2).
+            if (begin != std::string::npos && named.size() - begin <= 45 &&
+                named.find_first_not_of("0123456789abcdefABCDEF.:", begin) == std::string::npos) {
+                address = named.substr(begin);
             }
         }
         m_intake.deliver({std::string(request->body()), std::move(address), wanted},
@@ -152,72 +156,80 @@ private:
             reply(respond(200, "text/css; charset=utf-8", std::string(style_sheet())));
             return;
         }
-        if (path != "/healthz" && path != "/metrics" &&
-            m_access
-                ->user_of(request->getHeader("authorization"),
-                          m_access->user_header().empty() ? std::string()
-                                                          : request->getHeader(m_access->user_header()))
-                .empty()) {
-            const HttpResponsePtr refused = respond_page(401, "A name and a password are needed.");
-            refused->addHeader("WWW-Authenticate", "Basic realm=\"Error reports\", charset=\"UTF-8\"");
-            reply(refused);
-            return;
-        }
-        if (request->method() == drogon::Post && !is_own_form(request)) {
-            reply(respond_page(403, "The form comes from another site."));
-            return;
-        }
-        page_request asked{request->method() == drogon::Post ? "POST" : "GET", path, {}};
-        if (request->method() != drogon::Post && request->method() != drogon::Get &&
-            request->method() != drogon::Head) {
-            reply(respond_page(405, "Pages are read or posted to."));
-            return;
-        }
-        for (const auto& [name, value] : request->getParameters()) {
-            asked.parameters[name] = value;
-        }
-        const auto shared = std::make_shared<reply_function>(reply);
-        if (!m_page_thread.add([this, asked = std::move(asked), shared] { (*shared)(make_page(asked)); })) {
-            (*shared)(respond_page(503, "Too many pages are asked for at the moment."));
+        // A password is slow to look at, on purpose, and must not keep reports waiting either.
+        if (!m_page_thread.add([this, request, reply] { reply(answer_to(request)); })) {
+            reply(respond_page(503, "Too many pages are asked for at the moment."));
         }
     }
 
-    HttpResponsePtr make_page(const page_request& asked) {
+    HttpResponsePtr answer_to(const HttpRequestPtr& request) {
         try {
-            if (asked.path == "/healthz") {
-                m_pages->ping();
-                return respond(200, "text/plain; charset=utf-8", "ok\n");
-            }
-            if (asked.path == "/metrics") {
-                const totals now = m_pages->count();
-                return respond(200, "text/plain; version=0.0.4; charset=utf-8",
-                               m_metrics.text() +
-                                   "# HELP lumaris_groups Groups of crashes.\n# TYPE lumaris_groups "
-                                   "gauge\nlumaris_groups " +
-                                   std::to_string(now.groups) +
-                                   "\n# HELP lumaris_crashes Crashes that were counted.\n# TYPE "
-                                   "lumaris_crashes gauge\nlumaris_crashes " +
-                                   std::to_string(now.reports) + "\n");
-            }
-            page made = m_pages->answer(asked);
-            const HttpResponsePtr response = respond(made.status, made.type, std::move(made.body));
-            response->addHeader("Content-Security-Policy",
-                                "default-src 'none'; style-src 'self'; form-action 'self'; base-uri 'none'; "
-                                "frame-ancestors 'none'");
-            response->addHeader("X-Content-Type-Options", "nosniff");
-            response->addHeader("Referrer-Policy", "same-origin");
-            response->addHeader("Cache-Control", "no-store");
-            if (!made.location.empty()) {
-                response->addHeader("Location", made.location);
-            }
-            if (!made.file.empty()) {
-                response->addHeader("Content-Disposition", "attachment; filename=\"" + made.file + "\"");
-            }
-            return response;
+            return look_and_make_page(request);
         } catch (const std::exception& error) {
             std::fprintf(stderr, "lumaris-reports: a page cannot be shown: %s\n", error.what());
             return respond_page(503, "The page cannot be shown at the moment.");
         }
+    }
+
+    HttpResponsePtr look_and_make_page(const HttpRequestPtr& request) {
+        const std::string& path = request->path();
+        const bool is_from_proxy = m_settings.proxies.contains(request->peerAddr().toIp());
+        if (path != "/healthz" && path != "/metrics" &&
+            m_access
+                ->user_of(request->getHeader("authorization"),
+                          m_access->user_header().empty() || !is_from_proxy
+                              ? std::string()
+                              : request->getHeader(m_access->user_header()))
+                .empty()) {
+            const HttpResponsePtr refused = respond_page(401, "A name and a password are needed.");
+            refused->addHeader("WWW-Authenticate", "Basic realm=\"Error reports\", charset=\"UTF-8\"");
+            return refused;
+        }
+        if (request->method() == drogon::Post && !is_own_form(request)) {
+            return respond_page(403, "The form comes from another site.");
+        }
+        if (request->method() != drogon::Post && request->method() != drogon::Get &&
+            request->method() != drogon::Head) {
+            return respond_page(405, "Pages are read or posted to.");
+        }
+        page_request asked{request->method() == drogon::Post ? "POST" : "GET", path, {}};
+        for (const auto& [name, value] : request->getParameters()) {
+            asked.parameters[name] = value;
+        }
+        return make_page(asked);
+    }
+
+    HttpResponsePtr make_page(const page_request& asked) {
+        if (asked.path == "/healthz") {
+            m_pages->ping();
+            return respond(200, "text/plain; charset=utf-8", "ok\n");
+        }
+        if (asked.path == "/metrics") {
+            const totals now = m_pages->count();
+            return respond(200, "text/plain; version=0.0.4; charset=utf-8",
+                           m_metrics.text() +
+                               "# HELP lumaris_groups Groups of crashes.\n# TYPE lumaris_groups "
+                               "gauge\nlumaris_groups " +
+                               std::to_string(now.groups) +
+                               "\n# HELP lumaris_crashes Crashes that were counted.\n# TYPE "
+                               "lumaris_crashes gauge\nlumaris_crashes " +
+                               std::to_string(now.reports) + "\n");
+        }
+        page made = m_pages->answer(asked);
+        const HttpResponsePtr response = respond(made.status, made.type, std::move(made.body));
+        response->addHeader("Content-Security-Policy",
+                            "default-src 'none'; style-src 'self'; form-action 'self'; base-uri 'none'; "
+                            "frame-ancestors 'none'");
+        response->addHeader("X-Content-Type-Options", "nosniff");
+        response->addHeader("Referrer-Policy", "same-origin");
+        response->addHeader("Cache-Control", "no-store");
+        if (!made.location.empty()) {
+            response->addHeader("Location", made.location);
+        }
+        if (!made.file.empty()) {
+            response->addHeader("Content-Disposition", "attachment; filename=\"" + made.file + "\"");
+        }
+        return response;
     }
 
     // Browsers say where a form comes from; what says nothing is no browser, and has given a password of its own accord.
@@ -240,19 +252,37 @@ private:
     page_thread m_page_thread;
 };
 
+// Returns how many connections that is enough for.
+std::size_t open_files_for(std::size_t connections) {
+    constexpr rlim_t others = 200; // databases, symbols, bodies while they come in
+    rlimit allowed{};
+    if (::getrlimit(RLIMIT_NOFILE, &allowed) != 0) {
+        return connections;
+    }
+    // A body that is large while it comes in is a file as well.
+    allowed.rlim_cur = std::min<rlim_t>(allowed.rlim_max, 2 * connections + others);
+    if (::setrlimit(RLIMIT_NOFILE, &allowed) != 0) {
+        ::getrlimit(RLIMIT_NOFILE, &allowed);
+    }
+    return allowed.rlim_cur > 2 * others ? std::min<std::size_t>(connections, (allowed.rlim_cur - others) / 2)
+                                         : 100;
+}
+
 } // namespace
 
 void serve(const http_settings& settings, intake& taken, pages* shown, access* allowed, metrics& counted,
            const std::function<void()>& started) {
     server all(settings, taken, shown, allowed, counted);
     drogon::HttpAppFramework& app = drogon::app();
+    const auto most_connections = static_cast<std::int64_t>(open_files_for(settings.most_connections));
     app.setLogLevel(trantor::Logger::kError)
         .setThreadNum(settings.threads)
         .setUploadPath(settings.folder)
         .setDocumentRoot(settings.folder + "/nothing")
         .setClientMaxBodySize(settings.largest_body * times_largest)
         .setClientMaxMemoryBodySize(std::size_t{256} * 1024)
-        .setMaxConnectionNum(settings.most_connections)
+        // The advice below counts those that it refuses; the framework's own limit is silent.
+        .setMaxConnectionNum(settings.most_connections * 2)
         .setIdleConnectionTimeout(settings.idle_seconds)
         .enableServerHeader(false)
         .setStaticFilesCacheTime(0)
@@ -262,6 +292,14 @@ void serve(const http_settings& settings, intake& taken, pages* shown, access* a
     }
     app.registerPreRoutingAdvice([&all](const HttpRequestPtr& request, drogon::AdviceCallback&& reply,
                                         drogon::AdviceChainCallback&&) { all.handle(request, reply); });
+    app.registerNewConnectionAdvice(
+        [&app, &counted, most_connections](const trantor::InetAddress&, const trantor::InetAddress&) {
+            if (app.getConnectionCount() <= most_connections) {
+                return true;
+            }
+            counted.count_refused_connection();
+            return false;
+        });
     app.registerBeginningAdvice(started);
     app.run();
 }

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <set>
 #include <string>
 
 namespace corvo::reports {
@@ -23,15 +24,16 @@ struct endpoint {
 struct http_settings {
     endpoint reports;
     endpoint pages;
-    std::string folder;        // for bodies while they come in
-    std::string client_header; // in which a proxy says the client's address; empty without one
+    std::string folder;            // for bodies while they come in
+    std::string client_header;     // in which a proxy says the client's address; empty without one
+    std::set<std::string> proxies; // the addresses whose word is taken for what the headers say
     std::size_t threads = 2;
     std::size_t largest_body = std::size_t{8} * 1024 * 1024; // as it is sent
     std::size_t most_connections = 2000;
     std::size_t idle_seconds = 60;
 };
 
-// Serves until SIGTERM or SIGINT. `shown` and `allowed` may be null where there is no port for pages. `started` is called once the
+// May open as many files as `most_connections` need. Serves until SIGTERM or SIGINT. `shown` and `allowed` may be null where there is no port for pages. `started` is called once the
 // ports are open.
 void serve(const http_settings& settings, intake& taken, pages* shown, access* allowed, metrics& counted,
            const std::function<void()>& started);

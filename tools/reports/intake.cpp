@@ -21,6 +21,7 @@ constexpr std::size_t most_in_a_batch = 64;
 constexpr std::size_t most_described = 20000;
 constexpr int tries = 3;
 constexpr std::int64_t regrouped_at_once = 100;
+constexpr auto between_tries = std::chrono::seconds(2);
 
 milliseconds now() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -120,11 +121,20 @@ void intake::work() {
 // False at the end, when nothing waits any more.
 bool intake::wait_for_work(std::vector<waiting>& batch) {
     std::unique_lock lock(m_mutex);
-    m_wake.wait(lock, [this] { return m_ends || m_regroup || !m_queue.empty(); });
-    if (m_queue.empty() && m_regroup && !m_ends) {
+    const auto is_work = [this] { return m_ends || !m_queue.empty(); };
+    if (m_regroup) {
+        m_wake.wait_until(lock, m_regroup_after, is_work);
+    } else {
+        m_wake.wait(lock, [&] { return is_work() || m_regroup; });
+    }
+    if (m_regroup && !m_ends && std::chrono::steady_clock::now() >= m_regroup_after) {
         m_regroup = false;
         lock.unlock();
-        look_again();
+        if (!look_again()) {
+            lock.lock();
+            m_regroup = true;
+            m_regroup_after = std::chrono::steady_clock::now() + between_tries;
+        }
         return true;
     }
     while (!m_queue.empty() && batch.size() < most_in_a_batch) {
@@ -155,7 +165,7 @@ crash intake::describe_known(const reader::report& report) {
 
 void intake::keep(std::vector<waiting>& batch) {
     const auto begin = std::chrono::steady_clock::now();
-    std::vector<kept> results;
+    std::vector<std::optional<kept>> results;
     try {
         std::vector<new_report> reports;
         reports.reserve(batch.size());
@@ -166,29 +176,61 @@ void intake::keep(std::vector<waiting>& batch) {
                                std::string(reader::machine_name(each.report.machine)),
                                each.report.records.front().code, describe_known(each.report)});
         }
-        results = keep_all(reports);
+        results = keep_each(reports);
     } catch (const std::exception& error) {
         complain("reports cannot be stored, and their senders keep them", error);
         // A connection that has failed is made anew with the next delivery.
         m_store.reset();
-        for (const waiting& each : batch) {
-            m_metrics.count(outcome::failed);
-            each.answer(come_again());
-        }
-        return;
+        results.assign(batch.size(), std::nullopt);
     }
     m_metrics.count_write(batch.size(),
                           std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
+    answer_all(batch, results);
+}
+
+void intake::answer_all(std::vector<waiting>& batch, const std::vector<std::optional<kept>>& results) {
     for (std::size_t index = 0; index < batch.size(); ++index) {
-        m_metrics.count(results[index].is_duplicate ? outcome::duplicate : outcome::stored);
-        const answer given = answer_to(batch[index], results[index]);
+        if (!results[index]) {
+            m_metrics.count(outcome::failed);
+            batch[index].answer(come_again());
+            continue;
+        }
+        const kept& result = *results[index];
+        m_metrics.count(result.is_duplicate ? outcome::duplicate : outcome::stored);
+        const answer given = answer_to(batch[index], result);
         if (given.status == 449) {
             m_metrics.count(outcome::full_wanted);
-        } else if (!results[index].mended_in.empty()) {
+        } else if (!result.mended_in.empty()) {
             m_metrics.count(outcome::mended);
         }
         batch[index].answer(given);
     }
+}
+
+// One that the database does not take must not keep the others out.
+std::vector<std::optional<kept>> intake::keep_each(const std::vector<new_report>& reports) {
+    std::vector<std::optional<kept>> results;
+    try {
+        const std::vector<kept> all = keep_all(reports);
+        results.assign(all.begin(), all.end());
+        return results;
+    } catch (const database_error& error) {
+        if (error.is_transient() || reports.size() == 1) {
+            throw;
+        }
+    }
+    for (const new_report& report : reports) {
+        try {
+            results.emplace_back(keep_all({report}).front());
+        } catch (const database_error& error) {
+            if (error.is_transient()) {
+                throw;
+            }
+            complain("a report cannot be stored, and its sender keeps it", error);
+            results.emplace_back(std::nullopt);
+        }
+    }
+    return results;
 }
 
 std::vector<kept> intake::keep_all(const std::vector<new_report>& reports) {
@@ -217,8 +259,8 @@ answer intake::answer_to(const waiting& given, const kept& result) const {
     return thank(given.wanted);
 }
 
-// A piece at a time, so that deliveries do not wait for all of it.
-void intake::look_again() {
+// A piece at a time, so that deliveries do not wait for all of it. False when it has failed.
+bool intake::look_again() {
     m_symbols.forget();
     m_described.clear();
     std::optional<std::int64_t> last = 0;
@@ -240,7 +282,7 @@ void intake::look_again() {
             {
                 const std::lock_guard lock(m_mutex);
                 if (m_ends) {
-                    return;
+                    return true;
                 }
                 while (!m_queue.empty() && batch.size() < most_in_a_batch) {
                     m_queued_bytes -= m_queue.front().body.size();
@@ -255,7 +297,9 @@ void intake::look_again() {
     } catch (const std::exception& error) {
         complain("reports cannot be grouped again", error);
         m_store.reset();
+        return false;
     }
+    return true;
 }
 
 } // namespace corvo::reports

@@ -10,12 +10,14 @@
 #include "tools/reports/metrics.h"
 #include "tools/reports/store.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -61,10 +63,12 @@ private:
     void work();
     bool wait_for_work(std::vector<waiting>& batch);
     void keep(std::vector<waiting>& batch);
+    void answer_all(std::vector<waiting>& batch, const std::vector<std::optional<kept>>& results);
+    std::vector<std::optional<kept>> keep_each(const std::vector<new_report>& reports);
     std::vector<kept> keep_all(const std::vector<new_report>& reports);
     crash describe_known(const report_reader::report& report);
     answer answer_to(const waiting& given, const kept& result) const;
-    void look_again();
+    bool look_again();
 
     intake_settings m_settings;
     metrics& m_metrics;
@@ -78,6 +82,8 @@ private:
     std::deque<waiting> m_queue;
     std::size_t m_queued_bytes = 0;
     bool m_regroup = false;
+    std::chrono::steady_clock::time_point
+        m_regroup_after; // a failure is not followed by the next try at once
     bool m_ends = false;
     std::thread m_thread;
 };

@@ -40,6 +40,7 @@ struct options {
     std::string password_file;
     std::string user_header;
     std::string client_header;
+    std::vector<std::string> proxies{"127.0.0.1", "::1"};
     std::string folder;
     std::string keep_full = "90d";
     std::string keep_short = "0d";
@@ -90,10 +91,13 @@ int serve(const options& wanted) {
             "the pages need --password-file or --user-header: reports hold what lay in people's memory");
     }
     const reports::http_settings http{
-        endpoint_of(wanted.reports), has_pages ? endpoint_of(wanted.pages) : reports::endpoint(),
+        endpoint_of(wanted.reports),
+        has_pages ? endpoint_of(wanted.pages) : reports::endpoint(),
         wanted.folder.empty() ? (std::filesystem::temp_directory_path() / "lumaris-reports").string()
                               : wanted.folder,
-        wanted.client_header, wanted.threads};
+        wanted.client_header,
+        {wanted.proxies.begin(), wanted.proxies.end()},
+        wanted.threads};
     const reports::page_settings shown{wanted.database,           {wanted.symbols},
                                        days_of(wanted.keep_full), days_of(wanted.keep_short),
                                        wanted.full_reports,       wanted.keep_addresses};
@@ -173,6 +177,11 @@ int main(int count, char** arguments) {
     serving->add_option(
         "--client-header", wanted.client_header,
         "the header in which a reverse proxy names the client's address, such as X-Forwarded-For");
+    serving
+        ->add_option(
+            "--proxy", wanted.proxies,
+            "the address of a reverse proxy; what such headers say counts from these addresses alone")
+        ->capture_default_str();
     serving->add_option("--folder", wanted.folder,
                         "for large bodies while they come in (default: a folder below the temporary one)");
     serving

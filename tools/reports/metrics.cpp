@@ -36,6 +36,9 @@ std::string metrics::text() const {
     text += "lumaris_reports_received_bytes_total " + std::to_string(m_bytes.load()) + "\n";
     append(text, "lumaris_reports_waiting", "gauge", "Deliveries that wait to be written.");
     text += "lumaris_reports_waiting " + std::to_string(m_waiting.load()) + "\n";
+    append(text, "lumaris_connections_refused_total", "counter",
+           "Connections that were closed at once, since too many were open.");
+    text += "lumaris_connections_refused_total " + std::to_string(m_refused_connections.load()) + "\n";
     append(text, "lumaris_reports_write_seconds", "summary", "Time of the transactions that write reports.");
     text += "lumaris_reports_write_seconds_sum " +
             std::to_string(static_cast<double>(m_write_microseconds.load()) / 1e6) + "\n";

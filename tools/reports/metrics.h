@@ -16,6 +16,7 @@ public:
     void count(outcome what) noexcept { ++m_outcomes[static_cast<std::size_t>(what)]; }
     void count_bytes(std::uint64_t bytes) noexcept { m_bytes += bytes; }
     void set_waiting(std::uint64_t deliveries) noexcept { m_waiting = deliveries; }
+    void count_refused_connection() noexcept { ++m_refused_connections; }
     void count_write(std::uint64_t reports, double seconds) noexcept {
         ++m_writes;
         m_written += reports;
@@ -31,6 +32,7 @@ private:
     std::array<std::atomic<std::uint64_t>, outcomes> m_outcomes{};
     std::atomic<std::uint64_t> m_bytes{0};
     std::atomic<std::uint64_t> m_waiting{0};
+    std::atomic<std::uint64_t> m_refused_connections{0};
     std::atomic<std::uint64_t> m_writes{0};
     std::atomic<std::uint64_t> m_written{0};
     std::atomic<std::uint64_t> m_write_microseconds{0};

@@ -32,9 +32,9 @@ milliseconds now() {
         .count();
 }
 
-std::string value_of(const page_request& asked, const std::string& name) {
+std::string value_of(const page_request& asked, const std::string& name, std::size_t longest = longest_text) {
     const auto found = asked.parameters.find(name);
-    return found == asked.parameters.end() ? std::string() : found->second.substr(0, longest_text);
+    return found == asked.parameters.end() ? std::string() : valid_text(found->second, longest);
 }
 
 std::int64_t number_of(std::string_view text, std::int64_t otherwise) {
@@ -143,7 +143,7 @@ std::string records_text(const reader::report& report) {
 std::string csv_field(const std::string& text) {
     std::string field = "\"";
     // A cell that begins like a formula would be one in a spreadsheet.
-    if (!text.empty() && std::string_view("=+-@\t\r").find(text.front()) != std::string_view::npos) {
+    if (!text.empty() && std::string_view("=+-@\t\r\n").find(text.front()) != std::string_view::npos) {
         field += '\'';
     }
     for (const char chr : text) {
@@ -161,14 +161,25 @@ pages::pages(page_settings settings)
     : m_settings(std::move(settings)), m_store(open_database(m_settings.database)),
       m_symbols(m_settings.symbols) {}
 
-void pages::ping() {
+// A connection that was lost while nobody asked for a page is noticed by the next one, and made anew by the second try.
+template <typename Work> auto pages::tried_twice(Work work) {
     const std::lock_guard lock(m_mutex);
-    m_store.ping();
+    try {
+        return work();
+    } catch (const database_error& error) {
+        if (!error.is_transient()) {
+            throw;
+        }
+    }
+    return work();
+}
+
+void pages::ping() {
+    tried_twice([this] { m_store.ping(); });
 }
 
 totals pages::count() {
-    const std::lock_guard lock(m_mutex);
-    return m_store.count();
+    return tried_twice([this] { return m_store.count(); });
 }
 
 void pages::forget_symbols() {
@@ -177,7 +188,10 @@ void pages::forget_symbols() {
 }
 
 page pages::answer(const page_request& asked) {
-    const std::lock_guard lock(m_mutex);
+    return tried_twice([&] { return make(asked); });
+}
+
+page pages::make(const page_request& asked) {
     if (asked.method == "POST") {
         if (const auto id = number_in(asked.path, "/group/", "/state")) {
             return change_group(*id, asked);
@@ -465,7 +479,7 @@ page pages::export_csv() {
 
 page pages::change_group(std::int64_t id, const page_request& asked) {
     const std::optional<group_state> state = group_state_of(value_of(asked, "state"));
-    const std::string mended_in = value_of(asked, "mended_in").substr(0, 50);
+    const std::string mended_in = value_of(asked, "mended_in", 50);
     if (!state || !m_store.find_group(id, now())) {
         return not_found();
     }

@@ -50,6 +50,8 @@ public:
     void forget_symbols();
 
 private:
+    template <typename Work> auto tried_twice(Work work);
+    page make(const page_request& asked);
     page front(const page_request& asked);
     page group_page(std::int64_t id, const page_request& asked);
     page report_page(std::int64_t id);

@@ -83,6 +83,9 @@ public:
         }
     }
 
+    // Its own autovacuum does that.
+    void forget_deleted() override {}
+
     const char* identity_type() const noexcept override {
         return "BIGINT GENERATED ALWAYS AS IDENTITY PRIMARY KEY";
     }
@@ -111,7 +114,7 @@ private:
     void prepare_session() {
         PQsetNoticeProcessor(m_connection.get(), [](void*, const char*) {}, nullptr);
         // An answer that takes longer than a client waits is of no use; neither is one that another server's lock keeps back.
-        const result set(PQexec(m_connection.get(), "SET statement_timeout='20s'; SET lock_timeout='10s'"));
+        const result set(PQexec(m_connection.get(), "SET statement_timeout='20s'; SET lock_timeout='2s'"));
         check(set.get());
     }
 

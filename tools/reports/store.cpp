@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <numeric>
 #include <utility>
 
 namespace corvo::reports {
@@ -172,11 +173,16 @@ void store::ping() {
 // Keeping
 
 std::vector<kept> store::keep(const std::vector<new_report>& reports) {
-    std::vector<kept> result;
-    result.reserve(reports.size());
+    std::vector<kept> result(reports.size());
+    // All servers of a database take its groups in the same order, so that no two wait for each other.
+    std::vector<std::size_t> order(reports.size());
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    std::stable_sort(order.begin(), order.end(), [&reports](std::size_t left, std::size_t right) {
+        return reports[left].what.signature < reports[right].what.signature;
+    });
     transaction all(*m_database);
-    for (const new_report& report : reports) {
-        result.push_back(keep_one(report));
+    for (const std::size_t index : order) {
+        result[index] = keep_one(reports[index]);
     }
     all.commit();
     return result;
@@ -423,7 +429,10 @@ void store::set_state(std::int64_t group, group_state state, const std::string& 
 }
 
 bool store::remove_report(std::int64_t report) {
-    return !m_database->run("DELETE FROM reports WHERE id = $1 RETURNING 1", {report}).empty();
+    const bool was_there =
+        !m_database->run("DELETE FROM reports WHERE id = $1 RETURNING 1", {report}).empty();
+    m_database->forget_deleted();
+    return was_there;
 }
 
 void store::name_version(const std::string& program, std::uint32_t stamp, const std::string& version) {
@@ -443,6 +452,9 @@ std::int64_t store::remove_before(milliseconds full_reports, milliseconds short_
                                                 "WHERE is_full = $1 AND received < $2 LIMIT $3) RETURNING 1",
                                                 {is_full, moment, count})
                                           .size());
+    }
+    if (removed > 0) {
+        m_database->forget_deleted();
     }
     return removed;
 }

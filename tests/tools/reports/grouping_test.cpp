@@ -80,6 +80,21 @@ TEST(reports_grouping, without_symbols_it_is_by_module_build_and_offset) {
     EXPECT_EQ(what.stamp, 7U);
 }
 
+TEST(reports_grouping, names_longer_than_any_of_ours_are_cut_and_still_tell_crashes_apart) {
+    const std::u16string name = std::u16string(3000, u'\u0161') + u".exe";
+    const std::string function(5000, 'f');
+    const crash what = described(5, {{name.c_str(), 1, in(function + '1')}});
+    const crash other = described(5, {{name.c_str(), 1, in(function + '2')}});
+    // An index of PostgreSQL takes 2704 bytes.
+    EXPECT_LT(what.signature.size(), 2000U);
+    EXPECT_NE(what.signature, other.signature);
+    EXPECT_EQ(what.signature, described(5, {{name.c_str(), 9, in(function + '1')}}, 2).signature);
+    EXPECT_EQ(what.title.size(), 500U);
+    // No character is cut in two.
+    EXPECT_EQ(what.program.size(), 254U);
+    EXPECT_TRUE(what.program.ends_with("\u0161"));
+}
+
 TEST(reports_grouping, libraries_of_others_are_not_our_own) {
     const crash what = described(5, {{u"watcher.dll", 1, {}}, {u"a.exe", 2, in("f")}});
     EXPECT_EQ(what.signature, "0x00000005 in a.exe\nf");

@@ -23,6 +23,18 @@ TEST(reports_html, what_is_no_utf_8_is_replaced) {
     EXPECT_EQ(escaped("\xC0\xAF"), "\uFFFD\uFFFD");
 }
 
+TEST(reports_html, what_a_database_takes_as_text_is_whole_characters) {
+    EXPECT_EQ(valid_text("\u010Daj", 100), "\u010Daj");
+    EXPECT_EQ(valid_text("a\u010D", 2), "a");
+    EXPECT_EQ(valid_text(std::string_view("a\0b", 3), 100), "ab");
+    // A byte that begins nothing, half of a pair, a character written too long, one beyond Unicode.
+    for (const char* bad : {"\xFF", "\xED\xA0\x80", "\xC0\x80", "\xE0\x80\x80", "\xF4\x90\x80\x80"}) {
+        const std::string text = valid_text(bad, 100);
+        EXPECT_EQ(text.substr(0, 3), "\uFFFD");
+        EXPECT_EQ(text.size() % 3, 0U);
+    }
+}
+
 TEST(reports_html, queries_are_encoded) {
     EXPECT_EQ(percent_encoded("a b&c=ž"), "a%20b%26c%3D%C5%BE");
 }
