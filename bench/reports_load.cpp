@@ -1,7 +1,10 @@
 // Sends short reports to a report server, each with bytes of its own, and prints how many were answered in a second and how long
 // an answer took: JSON on standard output.
 //
-//     reports_load PORT CONNECTIONS REPORTS RATE SEED      RATE 0: as fast as it goes; else reports a second, all connections together
+//     reports_load PORT[,PORT] CONNECTIONS REPORTS RATE SEED PLACES
+//
+// RATE is reports a second, all connections together; 0 is as fast as it goes. With two ports every other connection goes to the second one.
+// PLACES is how many different crashes there are.
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -31,8 +34,8 @@ template <typename Number> void append(std::string& bytes, Number number) {
     }
 }
 
-// A crash in one of a hundred places; the address makes the bytes differ.
-std::string report(std::uint64_t number) {
+// A crash in one of so many places; the address makes the bytes differ.
+std::string report(std::uint64_t number, std::uint64_t places) {
     std::string plain("TZO1\x64\xAA", 6);
     append<std::uint32_t>(plain, 0xC0000005);
     append<std::uint32_t>(plain, 0);
@@ -46,7 +49,7 @@ std::string report(std::uint64_t number) {
     append<std::uint32_t>(plain, 7);
     for (std::uint64_t frame = 0; frame < 10; ++frame) {
         plain += "FUN1";
-        append<std::uint64_t>(plain, 0x1000 + (number % 100) * 16 + frame * 4096);
+        append<std::uint64_t>(plain, 0x1000 + (number % places) * 16 + frame * 4096);
     }
     std::string packed(compressBound(plain.size()), '\0');
     uLongf length = packed.size();
@@ -101,15 +104,19 @@ int read_answer(int handle, std::string& buffer) {
 } // namespace
 
 int main(int count, char** arguments) {
-    if (count != 6) {
-        std::fprintf(stderr, "usage: reports_load PORT CONNECTIONS REPORTS RATE SEED\n");
+    if (count != 7) {
+        std::fprintf(stderr, "usage: reports_load PORT[,PORT] CONNECTIONS REPORTS RATE SEED PLACES\n");
         return 2;
     }
-    const auto port = static_cast<std::uint16_t>(std::atoi(arguments[1]));
+    const char* const comma = std::strchr(arguments[1], ',');
+    const std::array ports{
+        static_cast<std::uint16_t>(std::atoi(arguments[1])),
+        static_cast<std::uint16_t>(std::atoi(comma == nullptr ? arguments[1] : comma + 1))};
     const std::size_t connections = std::strtoul(arguments[2], nullptr, 10);
     const std::uint64_t reports = std::strtoull(arguments[3], nullptr, 10);
     const double rate = std::atof(arguments[4]);
     const std::uint64_t seed = std::strtoull(arguments[5], nullptr, 10) << 32;
+    const std::uint64_t places = std::strtoull(arguments[6], nullptr, 10);
     std::atomic<std::uint64_t> next{0};
     std::atomic<std::uint64_t> refused{0};
     std::vector<std::vector<double>> times(connections);
@@ -117,7 +124,7 @@ int main(int count, char** arguments) {
     const clock_type::time_point begin = clock_type::now();
     for (std::size_t index = 0; index < connections; ++index) {
         threads.emplace_back([&, index] {
-            const int handle = connect_to(port);
+            const int handle = connect_to(ports[index % ports.size()]);
             std::string buffer;
             for (std::uint64_t number = 0; (number = next++) < reports;) {
                 if (rate > 0) {
@@ -125,7 +132,7 @@ int main(int count, char** arguments) {
                         begin + std::chrono::duration_cast<clock_type::duration>(
                                     std::chrono::duration<double>(static_cast<double>(number) / rate)));
                 }
-                const std::string body = report(seed + number);
+                const std::string body = report(seed + number, places);
                 std::array<char, 16> size{};
                 std::snprintf(size.data(), size.size(), "%zx\r\n", body.size());
                 const std::string request =

@@ -21,8 +21,10 @@ from contextlib import ExitStack
 from dataclasses import dataclass
 from pathlib import Path
 
+import report_server
 import size_report
 from plotting import plots, results
+from verdict import Verdict
 
 TREE = Path(__file__).resolve().parents[1]
 sys.path[:0] = [str(TREE / "tests"), str(TREE / "tools/installer")]
@@ -46,25 +48,16 @@ PAGE = TREE / "docs/performance.md"
 PICTURES = TREE / "docs/images"
 
 
-@dataclass
-class Verdict:
-    """One number, what it was to be, and whether it is."""
-
-    what: str
-    measured: str
-    to_reach: str
-    reached: bool
-
-
 class Bench:
     """The bed with what is measured in it."""
 
-    def __init__(self, machine: windows.Windows, server: ReportServer, files: Path, key: KeyPair, runs: int) -> None:
+    def __init__(self, machine: windows.Windows, server: ReportServer, files: Path, key: KeyPair, runs: int, *, at_length: bool = False) -> None:
         self.machine = machine
         self.server = server
         self.files = files
         self.key = key
         self.runs = runs
+        self.at_length = at_length
         self._programs: dict[str, str] = {}
 
     def program(self, path: Path) -> str:
@@ -381,13 +374,18 @@ def _installer_size() -> Verdict:
     return Verdict("installer package for ARM64: size over the program's", f"{more / 1024:+.0f} KB", "at most +150 KB", more <= INSTALLER_LIMIT)
 
 
+def reports(bench: Bench) -> list[Verdict]:
+    """The report server."""
+    return report_server.measure(bench.runs, at_length=bench.at_length)
+
+
 MEASUREMENTS = {"check": present_package, "download": download, "memory": memory, "url": url_parse, "compress": compress,
                 "cache": cached_read, "idle": idle_run, "machine": machine_check,
                 "report": report_size, "installation": installation, "crash": crash_time,
-                "size": size}
+                "size": size, "reports": reports}
 
 
-def measure(names: list[str], runs: int) -> list[results.Row]:
+def measure(names: list[str], runs: int, *, at_length: bool = False) -> list[results.Row]:
     """Makes the named measurements in a bed of their own."""
     rows: list[results.Row] = []
     with ExitStack() as stack:
@@ -401,7 +399,7 @@ def measure(names: list[str], runs: int) -> list[results.Row]:
         server = stack.enter_context(make_report_server(network, authority))
         machine = stack.enter_context(windows.Windows("x64", network, X64 / "tests/bed/windows/agent.exe"))
         key = KeyPair(TREE / "tests/keys/test.pub", TREE / "tests/keys/test.key")
-        bench = Bench(machine, server, files, key, runs)
+        bench = Bench(machine, server, files, key, runs, at_length=at_length)
         for name in names:
             print(f"{name}: {(MEASUREMENTS[name].__doc__ or '').rstrip('.')}", flush=True)
             rows += [results.Row(name, each.what, each.measured, each.to_reach, each.reached) for each in MEASUREMENTS[name](bench)]
@@ -415,6 +413,7 @@ def main() -> int:
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--only", choices=MEASUREMENTS, action="append", help="measure only this; may be given again")
     parser.add_argument("--runs", type=int, default=5, help="pairs a comparison (default: %(default)s)")
+    parser.add_argument("--at-length", action="store_true", help="reports: stores a million reports, not 100,000, which takes ten minutes")
     parser.add_argument("--plot", action="store_true", help="keeps the numbers in bench/results.json, and puts table and plots into docs/performance.md")
     parser.add_argument("--from", type=Path, dest="source", metavar="FILE", help="takes the numbers from this file, and measures nothing")
     parser.add_argument("--output", type=Path, metavar="FILE", default=TREE / "build/bench/results.json",
@@ -423,7 +422,7 @@ def main() -> int:
     if options.source:
         rows = results.load(options.source)
     else:
-        rows = measure(list(options.only or MEASUREMENTS), options.runs)
+        rows = measure(list(options.only or MEASUREMENTS), options.runs, at_length=options.at_length)
         for file in (options.output, *([RESULTS] if options.plot else [])):
             results.save(file, results.merged(results.load(file) if file.exists() else [], rows))
     print("\n" + "\n".join(results.table(rows)))
