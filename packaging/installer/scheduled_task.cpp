@@ -72,6 +72,14 @@ HRESULT open_task(pwrap::com_obj<IRegisteredTask>& task) {
     return result;
 }
 
+// What a scheduler has answered. One of its own success codes, such as "has not run", comes in the place of a value.
+template <class T> std::optional<T> told(HRESULT result, T value, T in_its_place) {
+    if (FAILED(result)) {
+        return std::nullopt;
+    }
+    return result == S_OK ? value : in_its_place;
+}
+
 bool replace_once(std::wstring& text, std::wstring_view place, std::wstring_view value) {
     const std::size_t at = text.find(place);
     if (at == std::wstring::npos) {
@@ -165,16 +173,16 @@ HRESULT read_task_state(task_state& state) {
     }
     VARIANT_BOOL enabled = VARIANT_FALSE;
     state.enabled = SUCCEEDED(task->get_Enabled(&enabled)) && enabled != VARIANT_FALSE;
-    // What a scheduler cannot say stays 0.
-    if (FAILED(task->get_LastTaskResult(&state.last_result))) {
-        state.last_result = 0;
-    }
-    if (FAILED(task->get_LastRunTime(&state.last_run))) {
-        state.last_run = 0;
-    }
-    if (FAILED(task->get_NextRunTime(&state.next_run))) {
-        state.next_run = 0;
-    }
+    LONG code = 0;
+    const HRESULT result_told = task->get_LastTaskResult(&code);
+    state.last_result =
+        told<std::uint32_t>(result_told, static_cast<std::uint32_t>(code), 0x41303); // has not run
+    double date = 0;
+    const HRESULT last_told = task->get_LastRunTime(&date);
+    state.last_run = told<double>(last_told, date, 0);
+    date = 0;
+    const HRESULT next_told = task->get_NextRunTime(&date);
+    state.next_run = told<double>(next_told, date, 0);
     return S_OK;
 }
 

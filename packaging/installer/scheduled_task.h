@@ -6,6 +6,8 @@
 
 #include <windows.h>
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -28,12 +30,14 @@ HRESULT create_task(const std::wstring& xml);
 // Puts the XML of the registered task into `xml`. HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND or ERROR_PATH_NOT_FOUND) when there is none.
 HRESULT read_task(std::wstring& xml);
 
-// What the Task Scheduler knows of the task's past and future.
+// What the Task Scheduler knows of the task's past and future. Times are OLE automation dates in local time, and 0 for a run that never was or is
+// not planned. Nothing stands for what a scheduler cannot say.
 struct task_state {
     bool enabled = false;
-    LONG last_result = 0;
-    double last_run = 0; // OLE automation dates, 0 for never
-    double next_run = 0;
+    std::optional<std::uint32_t>
+        last_result; // an exit code, or one of the scheduler's own: 0x41303 before the first run
+    std::optional<double> last_run;
+    std::optional<double> next_run;
 };
 HRESULT read_task_state(task_state& state);
 

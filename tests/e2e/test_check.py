@@ -3,6 +3,8 @@
 from __future__ import annotations
 
 import json
+import os
+import re
 from collections.abc import Callable
 from dataclasses import dataclass
 from typing import Any
@@ -11,6 +13,7 @@ import pytest
 
 import faults
 import test_disk_faults as disk_faults
+import test_package
 import test_server_faults as server_faults
 from bed import settings, version, windows
 from bed.http_server import Reply
@@ -18,7 +21,7 @@ from bed.isolation import PAGE
 from bed.services import AuthenticatingProxy
 from bed.snapshot import nothing_else_changes
 from bed.windows import GENERIC_READ, GENERIC_WRITE, SHARE_DELETE, SHARE_READ, SHARE_WRITE
-from world import DESCRIPTION, FAILED, FOLDER_URL, PACKAGE, PACKAGE_CONTENT, World
+from world import DESCRIPTION, FAILED, FOLDER, FOLDER_URL, PACKAGE, PACKAGE_CONTENT, World
 
 EVENTS = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\HalvoroUpdate"
 STORED = "Halvoro.ARM64.msi"
@@ -297,11 +300,35 @@ def test_a_proxy_with_its_password_is_used_and_named_without_it(world: World, ch
 
 
 @pytest.mark.any_processor
-def test_a_large_package_is_not_fetched_unless_asked_for(world: World, check: Check) -> None:
-    world.offer(content=LARGE)
+@pytest.mark.parametrize("variant", test_package.VARIANTS.values(), ids=test_package.VARIANTS)
+def test_what_a_variant_leads_to_is_predicted(world: World, check: Check, variant: str) -> None:
+    world.offer()
+    world.publish(f"{FOLDER}Halvoro.ARM64{variant}.msi", PACKAGE_CONTENT)
+    quoted = variant.replace('"', '\\"')
+    predicted = check(f'--download "--variant={quoted}"').said["next_run"]
+    run = world.run(f'"{quoted}"')
+    assert predicted == {"exit_code": run.exit_code, "message": "".join(each.strings[-1] for each in run.events),
+                         "installs": bool(run.commands), "known": True}
+
+
+@pytest.mark.any_processor
+def test_a_large_package_is_neither_fetched_nor_promised_unless_asked_for(well: World, check: Check) -> None:
+    well.offer(content=LARGE)
     checked = check("")
-    assert checked.said["next_run"]["known"] is False
+    assert checked.said["next_run"] == {"exit_code": 0, "message": "", "installs": False, "known": False}
     assert checked.finding("package")["text"] == "Halvoro.ARM64.msi is on the server, larger than this check fetches (--download verifies it)"
+    assert (checked.exit_code, checked.verdict) == (
+        HEALTHY, f"An update is offered: {version.NEWER} over {version.OWN}; its package was not fetched to its end, so whether the next run "
+                 "installs it is not known.")
+    checked = check("--download")
+    assert checked.said["next_run"] == {"exit_code": 0, "message": "", "installs": True, "known": True}
+    assert (checked.exit_code, checked.verdict) == (HEALTHY, f"An update is due: the next run installs {version.NEWER} over {version.OWN}.")
+    # And one that would not be installed is not called one that would.
+    well.answer(PACKAGE, Reply(LARGE[:-1] + b"x"))
+    assert "An update is offered" in check("").verdict
+    checked = check("--download")
+    assert (checked.exit_code, checked.verdict) == (UNHEALTHY, "The update check fails: Invalid Minisign signature.")
+    well.machine.delete_key(EVENTS)
 
 
 # What is wrong with the machine
@@ -339,26 +366,56 @@ def test_a_task_that_is_missing_is_a_problem(well: World, check: Check) -> None:
     well.machine.delete_key(EVENTS)
 
 
+DATE = r"\d{4}-\d\d-\d\d \d\d:\d\d"
+
+
 @pytest.mark.any_processor
 @pytest.mark.parametrize("encoding", ["utf-8", "utf-16"])
-def test_an_installation_that_failed_is_a_problem(well: World, check: Check, encoding: str) -> None:
+@pytest.mark.parametrize(("log", "told"), [
+    ("Action start\r\nAction ended 3:26:25: InstallFinalize. Return value 3.\r\n",
+     rf"the last installation \({DATE}\) failed, at: Action ended 3:26:25: InstallFinalize\. Return value 3\."),
+    ("=== started ===\r\nMSI (c) (B0:1C) [03:26:25:120]: MainEngineThread is returning 1625\r\n=== stopped ===\r\n",
+     rf"the last installation \({DATE}\) ended with 1625: a policy forbids it")])
+def test_an_installation_that_failed_is_a_problem(well: World, check: Check, encoding: str, log: str, told: str) -> None:
     well.store.mkdir(parents=True)
-    (well.store / "Halvoro.ARM64.log").write_bytes("Action start\r\nAction ended 3:26:25: InstallFinalize. Return value 3.\r\n".encode(encoding))
+    (well.store / "Halvoro.ARM64.log").write_bytes(log.encode(encoding))
     checked = check()
     assert checked.exit_code == UNHEALTHY
-    assert checked.verdict == "Not healthy: the last installation failed: Action ended 3:26:25: InstallFinalize. Return value 3."
+    assert re.fullmatch(rf"Not healthy: {told}\.", checked.verdict), checked.verdict
     well.machine.delete_key(EVENTS)
 
 
 @pytest.mark.any_processor
-def test_the_last_lines_of_an_installation_that_succeeded_are_shown(well: World, check: Check) -> None:
+def test_the_last_lines_of_an_installation_that_succeeded_are_shown_with_its_date(well: World, check: Check) -> None:
     well.store.mkdir(parents=True)
-    (well.store / "Halvoro.ARM64.log").write_bytes(
+    log = well.store / "Halvoro.ARM64.log"
+    log.write_bytes(
         "Action start\r\nAction ended 3:26:25: INSTALL. Return value 1.\r\n\r\nMainEngineThread is returning 0\r\n=== stopped ===\r\n".encode("utf-16"))
+    # Noon, so that the day is the same in every time zone in which tests are run.
+    os.utime(log, (1_700_000_000, 1_700_049_600))
     checked = check()
     assert checked.exit_code == HEALTHY
-    assert checked.finding("installer log")["text"] == (
-        "ends with: Action ended 3:26:25: INSTALL. Return value 1. / MainEngineThread is returning 0 / === stopped ===")
+    assert re.sub(r"\d\d:\d\d\)", "TIME)", checked.finding("installer log")["text"], count=1) == (
+        "the last installation (2023-11-15 TIME) ended with 0: done; the log ends with: Action ended 3:26:25: INSTALL. Return value 1. / "
+        "MainEngineThread is returning 0 / === stopped ===")
+    well.machine.delete_key(EVENTS)
+
+
+@pytest.mark.any_processor
+@pytest.mark.parametrize("open_folder", ["the folder", "the one above it"])
+def test_a_folder_in_which_others_may_write_is_a_problem(well: World, check: Check, open_folder: str) -> None:
+    """Wine makes the rights of a file out of those that the host keeps."""
+    well.store.mkdir(parents=True)
+    folder = well.store if open_folder == "the folder" else well.maker_folder
+    for mode, exit_code in ((0o755, HEALTHY), (0o757, UNHEALTHY), (0o755, HEALTHY)):
+        folder.chmod(mode)
+        checked = check()
+        assert checked.exit_code == exit_code, checked.verdict
+        if exit_code == UNHEALTHY:
+            seen = well.store_path.rstrip("\\") if folder == well.store else well.store_path.removesuffix("\\Lumaris\\")
+            assert checked.verdict == (f"Not healthy: {seen} can be written by Everyone, who could exchange a package between its "
+                                       "verification and its installation.")
+    assert checked.finding("folder")["text"].endswith("\\Tavrin\\Lumaris can be written by SYSTEM and administrators alone")
     well.machine.delete_key(EVENTS)
 
 

@@ -15,6 +15,10 @@
 #include "platform/text.h"
 #include "stream/file.h"
 #include "stream/limit_exceeded.h"
+#include "tools/check/folder_rights.h"
+#include "tools/check/installer_log.h"
+#include "tools/check/task.h"
+#include "tools/check/task_definition.h"
 #include "updater/ask_network.h"
 #include "updater/build_config.h"
 #include "updater/installer.h"
@@ -22,7 +26,9 @@
 #include "updater/updater.h"
 #include "updater/version.h"
 
+#include <aclapi.h>
 #include <knownfolders.h>
+#include <sddl.h>
 #include <shlobj.h>
 #include <winhttp.h>
 
@@ -31,6 +37,7 @@
 #include <cstdio>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -39,6 +46,7 @@ namespace check {
 
 using corvo::updater::ask_network;
 using corvo::updater::gate;
+using corvo::updater::installer_parameters;
 using corvo::updater::is_plain_name;
 using corvo::updater::own_version;
 using corvo::updater::own_version_text;
@@ -57,6 +65,9 @@ constexpr REGSAM for_reading = KEY_READ | KEY_WOW64_64KEY;
 
 // A server that sends an error page sends less, and a package more.
 constexpr std::uint64_t most_fetched = 65536;
+
+// What a file's name may have, on every file system of Windows.
+constexpr std::size_t longest_name = 255;
 
 std::string utf8(const std::wstring& text) {
     std::string result;
@@ -225,6 +236,10 @@ void look_at_proxy(findings& found) {
     found.items.push_back({"proxy", state::note, text, ""});
 }
 
+struct local_memory_deleter {
+    void operator()(void* memory) const noexcept { ::LocalFree(memory); }
+};
+
 std::wstring common_folder() {
     wchar_t* path = nullptr;
     const HRESULT result =
@@ -292,16 +307,17 @@ store look_for_store() {
 }
 
 // Throws what opening the package would throw. Opening it for writing changes nothing as long as nothing is written.
-void open_as_the_updater_does(const store& place, const std::wstring& package_file) {
-    if (!place.is_there) {
-        return;
-    }
-    const pwrap::win_handle<-1> opened(::CreateFileW(package_file.c_str(), GENERIC_READ | GENERIC_WRITE,
-                                                     FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                                                     FILE_ATTRIBUTE_NORMAL, nullptr));
+void open_as_the_updater_does(const store& place, const std::wstring& name) {
+    // A name that no file can have is refused in any folder, before it is looked for.
+    const pwrap::win_handle<-1> opened(::CreateFileW((place.nearest + name).c_str(),
+                                                     GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                                                     OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
     DWORD error = opened ? ERROR_SUCCESS : ::GetLastError();
-    if (error == ERROR_FILE_NOT_FOUND) {
-        error = can_add(place.folder, FILE_ADD_FILE) ? ERROR_SUCCESS : ::GetLastError();
+    if (!place.is_there && error != ERROR_FILE_NOT_FOUND && error != ERROR_INVALID_NAME) {
+        return; // another file of that name, in a folder that is not the updater's
+    }
+    if (error == ERROR_FILE_NOT_FOUND && name.size() <= longest_name) {
+        error = !place.is_there || can_add(place.folder, FILE_ADD_FILE) ? ERROR_SUCCESS : ::GetLastError();
     }
     if (error != ERROR_SUCCESS) {
         throw std::system_error(static_cast<int>(error), std::system_category(), "Failed to open file");
@@ -338,8 +354,9 @@ void look_at_package(findings& found, const Updater& updater, const wish& wanted
     const std::string name = package_base_name(updater.platform_suffix, variant);
     url.path = package_path(url.path, name);
     const store place = look_for_store();
-    const std::wstring package_file = place.folder + widen_name(name) + L".msi";
-    open_as_the_updater_does(place, package_file);
+    const std::wstring file_name = widen_name(name);
+    const std::wstring package_file = place.folder + file_name + L".msi";
+    open_as_the_updater_does(place, file_name + L".msi");
 
     untouched_file content(wanted.whole_package ? ~std::uint64_t{0} : most_fetched,
                            room_for(place, package_file));
@@ -366,7 +383,9 @@ void look_at_package(findings& found, const Updater& updater, const wish& wanted
                                   ? "on the server, larger than this check fetches (--download verifies it)"
                                   : "on the server and verified";
     found.items.push_back({"package", state::good, name + ".msi is " + where, ""});
-    found.next_run.installs = true;
+    installer_parameters(package_file, place.folder + file_name + L".log",
+                         true); // refuses what cannot be handed over
+    found.next_run.installs = !stopped;
 }
 
 // Description, offer and package: what the updater does after the network gate, with the same code and so with the same messages.
@@ -397,21 +416,115 @@ void look_at_offer(findings& found, const wish& wanted) {
     }
 }
 
+std::string sid_text(PSID sid) {
+    wchar_t* text = nullptr;
+    if (sid == nullptr || ::ConvertSidToStringSidW(sid, &text) == 0) {
+        return {};
+    }
+    const std::unique_ptr<wchar_t, local_memory_deleter> owner(text);
+    return utf8(text);
+}
+
+// "Everyone" for "S-1-1-0", in the system's language; the identifier when it has no name.
+std::string account_name(const std::string& sid) {
+    PSID binary = nullptr;
+    if (::ConvertStringSidToSidW(std::wstring(sid.begin(), sid.end()).c_str(), &binary) == 0) {
+        return sid;
+    }
+    const std::unique_ptr<void, local_memory_deleter> owner(binary);
+    std::array<wchar_t, 257> name{};
+    std::array<wchar_t, 257> domain{};
+    DWORD name_size = static_cast<DWORD>(name.size());
+    DWORD domain_size = static_cast<DWORD>(domain.size());
+    SID_NAME_USE use{};
+    return ::LookupAccountSidW(nullptr, binary, name.data(), &name_size, domain.data(), &domain_size, &use) !=
+                   0
+               ? utf8(name.data())
+               : sid;
+}
+
+std::string own_sid() {
+    HANDLE opened = nullptr;
+    if (::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, &opened) == 0) {
+        return {};
+    }
+    const pwrap::win_handle<0> token(opened);
+    alignas(TOKEN_USER) std::array<unsigned char, sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE> user{};
+    DWORD size = 0;
+    return ::GetTokenInformation(token.get(), TokenUser, user.data(), static_cast<DWORD>(user.size()),
+                                 &size) != 0
+               ? sid_text(reinterpret_cast<TOKEN_USER*>(user.data())->User.Sid)
+               : std::string();
+}
+
+// Throws std::system_error when the rights cannot be read.
+folder_rights read_rights(const std::wstring& folder) {
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    PSID owner = nullptr;
+    ACL* list = nullptr;
+    const DWORD error = ::GetNamedSecurityInfoW(folder.c_str(), SE_FILE_OBJECT,
+                                                OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION,
+                                                &owner, nullptr, &list, nullptr, &descriptor);
+    if (error != ERROR_SUCCESS) {
+        throw std::system_error(static_cast<int>(error), std::system_category(), "the rights cannot be read");
+    }
+    const std::unique_ptr<void, local_memory_deleter> memory(descriptor);
+    folder_rights rights;
+    rights.owner = sid_text(owner);
+    rights.everything_to_everybody = list == nullptr;
+    void* entry = nullptr;
+    for (DWORD at = 0; list != nullptr && ::GetAce(list, at, &entry) != 0; ++at) {
+        auto* const allowed = static_cast<ACCESS_ALLOWED_ACE*>(entry);
+        if (allowed->Header.AceType == ACCESS_ALLOWED_ACE_TYPE) {
+            rights.allowed.push_back(
+                {sid_text(&allowed->SidStart), static_cast<std::uint32_t>(allowed->Mask)});
+        }
+    }
+    return rights;
+}
+
+// Who but administrators and SYSTEM may exchange what is in the folder; names, separated by commas.
+std::string others_who_may_write_in(const std::wstring& folder) {
+    std::string names;
+    for (const std::string& who : others_who_may_write(read_rights(folder), own_sid())) {
+        names += (names.empty() ? "" : ", ") + account_name(who);
+    }
+    return names;
+}
+
 void look_at_folder(findings& found) {
     const std::wstring folder = store_folder();
     const std::wstring bare = folder.substr(0, folder.size() - 1);
+    const bool elevated = corvo::errorreport::running_system().elevated;
     if (!exists(bare)) {
         found.items.push_back({"folder", state::note, utf8(bare) + " does not exist yet", ""});
         return;
     }
-    if (can_add(bare, FILE_ADD_FILE)) {
-        found.items.push_back({"folder", state::good, utf8(bare) + " can be written", ""});
-    } else if (corvo::errorreport::running_system().elevated) {
-        found.items.push_back({"folder", state::problem, utf8(bare) + " cannot be written",
-                               "Give SYSTEM and administrators full access to the folder."});
-    } else {
-        found.items.push_back({"folder", state::note, utf8(bare) + " cannot be written by this account", ""});
+    if (!can_add(bare, FILE_ADD_FILE)) {
+        found.items.push_back(
+            elevated ? finding{"folder", state::problem, utf8(bare) + " cannot be written",
+                               "Give SYSTEM and administrators full access to the folder."}
+                     : finding{"folder", state::note, utf8(bare) + " cannot be written by this account", ""});
+        return;
     }
+    if (!elevated) {
+        found.items.push_back({"folder", state::good, utf8(bare) + " can be written", ""});
+        return;
+    }
+    // Who may write in the maker's folder may put another one in the place of the folder for packages.
+    for (const std::wstring& each : {bare, bare.substr(0, bare.rfind(L'\\'))}) {
+        const std::string others = others_who_may_write_in(each);
+        if (!others.empty()) {
+            found.items.push_back(
+                {"folder", state::problem,
+                 utf8(each) + " can be written by " + others +
+                     ", who could exchange a package between its verification and its installation",
+                 "Take that right away, so that only SYSTEM and administrators write there."});
+            return;
+        }
+    }
+    found.items.push_back(
+        {"folder", state::good, utf8(bare) + " can be written by SYSTEM and administrators alone", ""});
 }
 
 void look_at_events(findings& found) {
@@ -430,11 +543,24 @@ void look_at_events(findings& found) {
     }
 }
 
-std::wstring between(const std::wstring& text, std::wstring_view begin, std::wstring_view end) {
-    const std::size_t at = text.find(begin);
-    const std::size_t stop = at == std::wstring::npos ? at : text.find(end, at + begin.size());
-    return stop == std::wstring::npos ? std::wstring()
-                                      : text.substr(at + begin.size(), stop - at - begin.size());
+// An OLE automation date: days since 1899-12-30 in local time. Of this moment when there is no `time`.
+double local_date(const FILETIME* time) noexcept {
+    FILETIME now{};
+    ::GetSystemTimeAsFileTime(&now);
+    FILETIME local{};
+    if (::FileTimeToLocalFileTime(time != nullptr ? time : &now, &local) == 0) {
+        return 0;
+    }
+    constexpr std::uint64_t ticks_a_day = 864000000000;
+    constexpr double days_from_1601 = 109205;
+    const std::uint64_t ticks = std::uint64_t{local.dwHighDateTime} << 32U | local.dwLowDateTime;
+    return static_cast<double>(ticks) / static_cast<double>(ticks_a_day) - days_from_1601;
+}
+
+// As the Task Scheduler looks for it: a name without a folder in the folders of programs, too.
+bool finds_program(const std::wstring& command) noexcept {
+    return exists(command) || (command.find_first_of(L"\\/") == std::wstring::npos &&
+                               ::SearchPathW(nullptr, command.c_str(), L".exe", 0, nullptr, nullptr) != 0);
 }
 
 void look_at_task(findings& found) {
@@ -460,25 +586,33 @@ void look_at_task(findings& found) {
         }
         return;
     }
-    setup::task_state scheduled;
-    setup::read_task_state(scheduled);
-    const std::wstring command = between(xml, L"<Command>", L"</Command>");
-    if (!scheduled.enabled) {
-        found.items.push_back({"task", state::problem, "the task \\Tavrin\\Halvoro update is disabled",
-                               R"(Enable it: schtasks /change /tn "\Tavrin\Halvoro update" /enable)"});
-    } else if (between(xml, L"<DisallowStartIfOnBatteries>", L"<") != L"false") {
-        found.items.push_back(
-            {"task", state::problem, "the task does not start on battery",
-             "Clear \"Start the task only if the computer is on AC power\" in its conditions."});
-    } else if (!command.empty() && !exists(command)) {
-        found.items.push_back(
-            {"task", state::problem, "the task starts " + utf8(command) + ", which does not exist", repair});
-    } else {
-        found.items.push_back({"task", state::good,
-                               "\\Tavrin\\Halvoro update, last result " +
-                                   hexadecimal(static_cast<std::uint32_t>(scheduled.last_result)),
-                               ""});
+    const std::optional<task_definition> definition = read_definition(xml);
+    if (!definition) {
+        found.items.push_back({"task", state::unknown, "the definition of the task cannot be understood",
+                               "Look at the task in the Task Scheduler."});
+        return;
     }
+    setup::task_state scheduled;
+    const HRESULT asked = setup::read_task_state(scheduled);
+    if (FAILED(asked)) {
+        found.items.push_back(
+            {"task", state::unknown,
+             "the state of the task cannot be read (" + hexadecimal(static_cast<std::uint32_t>(asked)) + ")",
+             "Check again from a prompt that was started as administrator."});
+        return;
+    }
+    const std::wstring command = looked_for(definition->command);
+    task_facts task;
+    task.enabled = scheduled.enabled;
+    task.starts_on_battery = definition->starts_on_battery;
+    task.starts_at_events = definition->starts_at_events;
+    task.command = utf8(command);
+    task.command_exists = command.empty() || finds_program(command);
+    task.last_result = scheduled.last_result;
+    task.last_run = scheduled.last_run;
+    task.next_run = scheduled.next_run;
+    task.now = local_date(nullptr);
+    judge_task(found, task);
 }
 
 std::string whole_text(const std::wstring& path) {
@@ -502,42 +636,18 @@ std::string whole_text(const std::wstring& path) {
     return bytes;
 }
 
-// The last lines of a text that hold something, in their order.
-std::string last_lines(std::string_view text, int most) {
-    std::string result;
-    for (int count = 0; count < most; ++count) {
-        const std::size_t end = text.find_last_not_of("\r\n ");
-        if (end == std::string_view::npos) {
-            break;
-        }
-        const std::size_t begin = text.rfind('\n', end) + 1; // npos + 1 is 0
-        result.insert(0, std::string(text.substr(begin, end + 1 - begin)) + (result.empty() ? "" : " / "));
-        text = text.substr(0, begin);
-    }
-    return result;
-}
-
-// The installer's log of the last installation that the updater started: the action that failed, or its last lines.
 void look_at_log(findings& found, const wish& wanted) {
     const std::string variant =
         is_plain_name(wanted.variant) ? pwrap::narrow_user_text(::GetACP(), wanted.variant) : std::string();
     const std::wstring path = store_folder() + widen_name(package_base_name(".ARM64", variant)) + L".log";
-    if (!exists(path)) {
+    WIN32_FILE_ATTRIBUTE_DATA log{};
+    if (::GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &log) == 0) {
         found.items.push_back(
             {"installer log", state::note, "none: the updater has started no installer yet", ""});
         return;
     }
-    const std::string text = whole_text(path);
-    // Names of actions are the installer's own in every language; their results are numbers: 1 done, 3 failed.
-    const std::size_t failed = text.find("Return value 3");
-    if (failed != std::string::npos) {
-        const std::size_t begin = text.rfind('\n', failed) + 1; // npos + 1 is 0
-        found.items.push_back({"installer log", state::problem,
-                               "the last installation failed: " + text.substr(begin, failed + 14 - begin),
-                               "Read " + utf8(path) + " above that line."});
-        return;
-    }
-    found.items.push_back({"installer log", state::good, "ends with: " + last_lines(text, 3), ""});
+    found.items.push_back(
+        judge_log(whole_text(path), date_text(local_date(&log.ftLastWriteTime)), utf8(path)));
 }
 
 int count_files(const std::wstring& pattern) {

@@ -167,6 +167,13 @@ verdict of_the_next_run(const findings& found) {
         return {healthy, "Updates are switched off by an empty channel.",
                 "Nothing, if that is intended; else set or delete the value Channel."};
     }
+    if (!next.known) {
+        return {
+            healthy,
+            "An update is offered: " + found.offered_version + " over " + found.own_version +
+                "; its package was not fetched to its end, so whether the next run installs it is not known.",
+            "Nothing; the task tries it. lumaris_check --download fetches the package and verifies it."};
+    }
     if (next.installs) {
         return {healthy,
                 "An update is due: the next run installs " + found.offered_version + " over " +
@@ -207,7 +214,18 @@ verdict judge(const findings& found) {
     if (const finding* const unknown = first_of(found, state::unknown)) {
         return {not_checkable, "Not everything could be looked at: " + unknown->text + ".", unknown->advice};
     }
-    return of_the_next_run(found);
+    verdict judged = of_the_next_run(found);
+    if (found.task_never_ran) {
+        judged.exit_code = not_checkable;
+        judged.sentence += " But the scheduled task has never run";
+        judged.sentence +=
+            found.task_next_run.empty() ? "." : "; it is planned for " + found.task_next_run + ".";
+        judged.advice =
+            R"(Start the task, schtasks /run /tn "Tavrin\Halvoro update", and check again when it has ended.)";
+    } else if (!found.last_run_remark.empty()) {
+        judged.sentence += " " + found.last_run_remark;
+    }
+    return judged;
 }
 
 std::string as_text(const findings& found, const verdict& judged) {

@@ -22,8 +22,9 @@ struct finding {
 struct prediction {
     std::uint32_t exit_code = 0; // its exit code, which for 2 to 5 and 0x80000001 is the id of its event, too
     std::string message;         // of its error event
-    bool installs = false;       // whether it would start the installer
-    bool known = true;           // false when the package is offered but was not fetched to its end
+    bool installs =
+        false;         // whether it would start the installer: never true of a package that was not verified
+    bool known = true; // false when a package is offered but was not fetched to its end
 };
 
 struct findings {
@@ -33,6 +34,9 @@ struct findings {
     std::string own_version;     // three numbers
     std::string offered_version; // likewise, empty when nothing is offered
     std::string channel;
+    bool task_never_ran = false;
+    std::string task_next_run;   // when a task that never ran is to run, empty when that is not known
+    std::string last_run_remark; // a sentence about a last run that did not check, empty when there is none
 };
 
 // Exit codes of the check.
@@ -46,7 +50,8 @@ struct verdict {
     std::string advice;
 };
 
-// A failed check comes before what is wrong with the machine, and that before what could not be looked at.
+// A failed check comes before what is wrong with the machine, and that before what could not be looked at. A machine that could be updated is not
+// healthy yet when its task has never run: nothing has shown that it is.
 verdict judge(const findings& found);
 
 // What an administrator does about the message of an error event. Never empty.

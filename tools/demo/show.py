@@ -248,7 +248,9 @@ class Show(Demonstration):
         asked = list(outcome.requests[:2])
         self._expect("the check's requests", asked, self._show_requests(log_size, len(asked)))
         self._timeline.add("check", f"lumaris_check.exe: {verdict.removeprefix('VERDICT: ')}", checked.end)
-        self._expect("the check's exit code", 0, checked.exit_code)
+        # Up to date; but the Task Scheduler here starts nothing, and the check does not call a machine healthy whose task has never run.
+        self._expect("the check's exit code", 2, checked.exit_code)
+        self._expect("the check's verdict", True, "Up to date" in verdict and "the scheduled task has never run" in verdict)
 
     # The judgement
 

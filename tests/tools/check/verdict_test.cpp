@@ -40,6 +40,17 @@ TEST(verdict, finds_a_machine_healthy_that_will_be_updated) {
                    "Nothing; the task does it.");
 }
 
+TEST(verdict, promises_no_installation_of_a_package_that_was_not_fetched_to_its_end) {
+    findings found = up_to_date();
+    found.offered_version = "3.4.1";
+    found.next_run.known = false;
+    expect_verdict(
+        found, 0,
+        "An update is offered: 3.4.1 over 3.4.0; its package was not fetched to its end, so whether the next "
+        "run installs it is not known.",
+        "Nothing; the task tries it. lumaris_check --download fetches the package and verifies it.");
+}
+
 TEST(verdict, finds_a_machine_healthy_whose_updates_are_switched_off) {
     findings found = up_to_date();
     found.updates_off = true;
