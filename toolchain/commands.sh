@@ -376,13 +376,14 @@ usage: ./dev installer --key KEY --partner NAME [--update-host HOST] [--report-h
 
 Builds for ARM64 and packs lumaris.exe, the event source, the folder for packages and logs and the scheduled task into
 lumaris-VERSION-arm64.msi, checks the tables of the package, and signs it. packaging/installer/lumaris.wxs describes the same for
-Halvoro's own package. docs/administrators.md says how it is installed.
+Halvoro's own package. Beside it go a manifest for winget, and lumaris-VERSION-administrators.zip with the group policies, the event
+queries and the definition of the task. docs/administrators.md says how all of it is used.
 
   --key KEY               the trusted public key: the line that minisign prints, or a .pub file
   --update-host HOST, --report-host HOST, --partner NAME
                           what the program is built with
   --program PROGRAM       packs this lumaris.exe, such as the signed one of ./dev release, and not the one that is built
-  --output FOLDER         where package and winget manifest go (default: build/installer)
+  --output FOLDER         where all of it goes (default: build/installer)
   --url URL               the address of the folder from which winget is to fetch the package
   --certificate CERT, --certificate-key KEY
                           signs with this certificate (PEM, with the certificates up to its root) and its key
@@ -421,7 +422,7 @@ command_installer() {
     job build arm64-release || return
     check_after_failure in_room python3 tools/installer "${arguments[@]}" "${release_ship[@]}" || return
     [[ -n $output ]] || return 0
-    mkdir -p -- "$output" && cp -- "$here"/build/installer/lumaris-*-arm64.{msi,yaml} "$output/" || die "cannot write to $output"
+    mkdir -p -- "$output" && cp -- "$here"/build/installer/lumaris-*-{arm64.msi,arm64.yaml,administrators.zip} "$output/" || die "cannot write to $output"
 }
 
 publish_help() {

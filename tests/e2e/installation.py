@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import dataclasses
 import sys
 import xml.etree.ElementTree as ElementTree
 from dataclasses import dataclass
@@ -78,7 +79,12 @@ class Installer:
         return ElementTree.fromstring(self.log[begin:end] + "</Task>")
 
     def start_task(self, task: ElementTree.Element) -> FinishedRun:
-        """Runs the task's own command line, as the Task Scheduler does."""
+        """Runs the task's own command line in the task's own folder, as the Task Scheduler does; 99 when there is no such folder."""
         command, = task.findall("t:Actions/t:Exec/t:Command", NAMESPACE)
+        folder, = task.findall("t:Actions/t:Exec/t:WorkingDirectory", NAMESPACE)
         assert not task.findall("t:Actions/t:Exec/t:Arguments", NAMESPACE)
-        return self.machine.run(f'"{command.text}"', limit=100, settle=100)
+        batch = self.folder / "task.cmd"
+        batch.write_bytes(f'@cd /d "{folder.text}" || exit /b 99\r\n@"{command.text}"\r\n@exit /b %ERRORLEVEL%\r\n'.encode())
+        run = self.machine.run(f'cmd /c "{windows_path(batch)}"', limit=100, settle=100)
+        # What the shell has started is the task itself, and not what the task has left.
+        return dataclasses.replace(run, left=tuple(each for each in run.left if each.image != PROGRAM))

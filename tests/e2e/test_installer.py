@@ -8,6 +8,7 @@ import shutil
 import subprocess
 import sys
 import xml.etree.ElementTree as ElementTree
+import zipfile
 from collections.abc import Iterator
 from dataclasses import dataclass
 from pathlib import Path
@@ -81,7 +82,7 @@ def test_an_installation_brings_program_event_source_folder_and_task_and_its_rem
     assert [line for line in drive.changes() if not re.fullmatch(r"new (d windows/Installer|- windows/Installer/[0-9a-f]+\.msi)", line)] == [
         "new d Program Files/Common Files/Tavrin", "new d Program Files/Common Files/Tavrin/Lumaris",
         "new d Program Files/Tavrin", "new d Program Files/Tavrin/Halvoro", "new - Program Files/Tavrin/Halvoro/lumaris.exe",
-        "new - Program Files/Tavrin/Halvoro/lumaris_check.exe",
+        "new - Program Files/Tavrin/Halvoro/lumaris_check.exe", "new - Program Files/Tavrin/Halvoro/lumaris_notices.txt",
         "new d windows/system32/tasks/Tavrin", "new - windows/system32/tasks/Tavrin/Halvoro update"]
 
     # The program runs as the task starts it, and leaves what a run leaves. A crash, too, has left something.
@@ -215,6 +216,76 @@ def test_the_product_s_own_package_brings_the_updater_with_all_that_it_needs_and
     assert set(drive.changes()) <= {"new d windows/Installer"}
 
 
+def owners(machine: Windows) -> list[str]:
+    """The packages that Windows knows as installed, by their names."""
+    uninstall = registry(machine, "HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall")
+    return sorted(value.strip('"') for name, value in uninstall.items() if name.endswith('-> "DisplayName"') and value.strip('"') in ("Lumaris", "Halvoro"))
+
+
+def sample_with_kit(installer: Installer) -> product.InstallerPackage:
+    """The product's own package. Wine does not tell the version that is being replaced so; see Installer.package."""
+    sample = product.InstallerPackage.build_with_kit(installer.folder, installer.machine.architecture, installer.bed.program_file.parents[2])
+    packaging.run("msibuild", str(sample.path), "-q", "UPDATE `Upgrade` SET `Remove` = 'Lumaris' WHERE `ActionProperty` = 'LUMARISALONE'")
+    return sample
+
+
+def test_the_first_update_to_the_product_s_own_package_leaves_one_owner(installer: Installer, world: World) -> None:
+    machine = installer.machine
+    drive = Snapshot(machine.unix_path("C:\\").resolve())
+    installer.install(properties="CHANNEL=beta PROXYUSER=updates PROXYPASSWORD=Geslo-za-posrednika")
+    task = installer.registered_task()
+    machine.unix_path(TASK).write_bytes(machine.unix_path(TASK).read_bytes().replace(b"<Priority>7<", b"<Priority>5<"))
+    assert owners(machine) == ["Lumaris"]
+    assert str(machine.value(settings.UPDATER_KEY, "ProductCode")).startswith("{")
+    sample = sample_with_kit(installer)
+    world.offer(content=sample.path.read_bytes(), description="/Halvoro/Lumaris/win10-beta.txt")
+    try:
+        run = installer.start_task(task)
+        assert (run.exit_code, run.events) == (0, ())
+        assert {(each.image, each.exit_code) for each in run.left} == {("C:\\windows\\system32\\msiexec.exe", 0)}
+        assert owners(machine) == ["Halvoro"]
+        # What the removal command of the package of its own would take.
+        assert machine.value(settings.UPDATER_KEY, "ProductCode") is None
+        assert machine.unix_path(PROGRAM).read_bytes() == installer.bed.program_file.read_bytes()
+        assert machine.unix_path(PROGRAM).with_name("lumaris_check.exe").exists()
+        assert machine.value(EVENTS, "EventMessageFile") == PROGRAM
+        assert b"<Priority>5<" in machine.unix_path(TASK).read_bytes()
+        assert machine.value(settings.UPDATER_KEY, "Channel") == "beta"
+        assert machine.value(settings.PRODUCT_KEY, "ProxyGeslo") == "Geslo-za-posrednika"
+        assert (world.store / "Halvoro.ARM64.msi").exists()
+
+        # And it stays the only one.
+        assert installer.msiexec("/i", installer.package()).exit_code == INSTALL_FAILURE
+        assert owners(machine) == ["Halvoro"]
+    finally:
+        removed = installer.msiexec("/x", sample.path)
+    assert removed.exit_code == 0, installer.log[-3000:]
+    assert owners(machine) == []
+    assert not installer.has_task()
+    assert set(drive.changes()) <= {"new d windows/Installer"}
+
+
+@pytest.mark.any_processor
+def test_the_product_s_own_package_does_not_take_the_place_of_a_newer_package_of_lumaris(installer: Installer) -> None:
+    installer.install(NEWER)
+    sample = sample_with_kit(installer)
+    assert installer.msiexec("/i", sample.path).exit_code == INSTALL_FAILURE
+    assert owners(installer.machine) == ["Lumaris"]
+    assert installer.machine.unix_path(PROGRAM).exists()
+    installer.remove(NEWER)
+
+
+@pytest.mark.any_processor
+def test_the_command_of_the_removal_is_in_the_registry(installer: Installer) -> None:
+    installer.install()
+    code = installer.machine.value(settings.UPDATER_KEY, "ProductCode")
+    assert code == {row["Property"]: row["Value"] for row in packaging.table(installer.package(), "Property")}["ProductCode"]
+    assert isinstance(code, str)
+    assert installer.machine.run(f"msiexec /x {code} /qn /norestart", limit=120, settle=60).exit_code == 0
+    assert owners(installer.machine) == []
+    assert installer.machine.value(settings.UPDATER_KEY, "ProductCode") is None
+
+
 # What Wine does not show is in the tables
 
 
@@ -270,10 +341,69 @@ def test_the_tables_of_the_package_are_as_they_must_be(tables: Tables) -> None:
     ("UPDATE `MsiLockPermissionsEx` SET `SDDLText` = 'D:P(A;OICI;FA;;;WD)' WHERE `LockObject` = 'LumarisStore'",
      "the folder of the packages does not get its rights"),
     ("UPDATE `Property` SET `Value` = '/work/x/lumaris.exe' WHERE `Property` = 'Manufacturer'",
-     "the package holds a path of the machine that built it: /work/x"),
+     "the table Property holds a path of the machine that built it: /work/x"),
+    ("DELETE FROM `AppSearch` WHERE `Property` = 'LUMARISPRESENT'", "the package is installed beside the product's, which has brought the same"),
+    ("UPDATE `File` SET `FileName` = 'other.txt' WHERE `File` = 'lumaris_notices.txt'", "the package does not carry the licences of the libraries"),
 ])
 def test_a_package_with_a_damaged_table_is_refused(tables: Tables, statement: str, complaint: str) -> None:
     assert tables.damage(statement) == complaint.splitlines()
+
+
+@pytest.mark.any_processor
+@pytest.mark.parametrize(("statements", "complaint"), [
+    (["DELETE FROM `Upgrade` WHERE `ActionProperty` = 'LUMARISALONE'"], "Lumaris's package of its own stays beside this one: two owners of the same files"),
+    # 2: it is only looked for.
+    (["DELETE FROM `Upgrade` WHERE `ActionProperty` = 'LUMARISALONE'",
+      "INSERT INTO `Upgrade` (`UpgradeCode`, `VersionMin`, `Attributes`, `ActionProperty`) "
+      "VALUES ('{2F5D8F4E-0A5B-4D77-9A07-6F7F2F0B9C40}', '0.0.0', 258, 'LUMARISALONE')"],
+     "Lumaris's package of its own stays beside this one: two owners of the same files"),
+    (["DELETE FROM `LaunchCondition` WHERE `Condition` = 'NOT LUMARISALONENEWER'"], "the package takes the place of a newer package of Lumaris's own"),
+])
+def test_a_product_s_package_that_leaves_two_owners_is_refused(made: Installer, statements: list[str], complaint: str) -> None:
+    sample = product.InstallerPackage.build_with_kit(made.folder, made.machine.architecture, made.bed.program_file.parents[2])
+    before = checks.check(sample.path, made.machine.architecture, sample.version)
+    for statement in statements:
+        packaging.run("msibuild", str(sample.path), "-q", statement)
+    assert [each for each in checks.check(sample.path, made.machine.architecture, sample.version) if each not in before] == [complaint]
+
+
+@pytest.mark.any_processor
+@pytest.mark.parametrize("encoding", ["ascii", "utf-16-le"])
+@pytest.mark.parametrize(("name", "place"), [("lumaris_check.exe", "cabinet"), ("lumaris_setup.dll", "binary table")])
+def test_a_path_of_the_build_in_a_compressed_file_is_found(made: Installer, tmp_path: Path, name: str, place: str, encoding: str) -> None:
+    for each in made.programs.iterdir():
+        shutil.copyfile(each, tmp_path / each.name)
+    shutil.copyfile(made.bed.program_file, tmp_path / "lumaris.exe")
+    with (tmp_path / name).open("ab") as program:
+        program.write("\0/home/somebody/main.cpp\0".encode(encoding) * 20)
+    package = tmp_path / "lumaris.msi"
+    packaging.make(tmp_path, made.machine.architecture, OWN, package)
+    assert ("/home/somebody".encode(encoding) in package.read_bytes()) == (place == "binary table")
+    named = {"lumaris_setup.dll": "LumarisSetup"}.get(name, name)
+    assert checks.check(package, made.machine.architecture, OWN) == [f"{named} holds a path of the machine that built it: /home/somebody"]
+
+
+@pytest.mark.any_processor
+def test_no_code_or_id_has_changed_since_the_first_version(made: Installer) -> None:
+    """Windows Installer knows by them what it has to replace, keep or remove."""
+    package = made.package()
+    assert {row["Component"]: row["ComponentId"] for row in packaging.table(package, "Component")} == {
+        "LumarisStoreFolder": "{8D0F4B0E-66AB-4A44-9A55-5A86BB0BD101}", "LumarisProgram": "{8D0F4B0E-66AB-4A44-9A55-5A86BB0BD102}",
+        "LumarisMakerFolder": "{8D0F4B0E-66AB-4A44-9A55-5A86BB0BD103}", "LumarisCheck": "{8D0F4B0E-66AB-4A44-9A55-5A86BB0BD104}",
+        "LumarisNotices": "{8D0F4B0E-66AB-4A44-9A55-5A86BB0BD105}"}
+    assert {row["File"] for row in packaging.table(package, "File")} == {"lumaris.exe", "lumaris_check.exe", "lumaris_notices.txt"}
+    properties = {row["Property"]: row["Value"] for row in packaging.table(package, "Property")}
+    assert properties["UpgradeCode"].upper() == packaging.ALONE == "{2F5D8F4E-0A5B-4D77-9A07-6F7F2F0B9C40}"
+    assert {row["Directory"] for row in packaging.table(package, "Directory")} >= {"LumarisStore", "LumarisCommonMaker", "INSTALLDIR"}
+
+
+@pytest.mark.any_processor
+def test_the_package_brings_the_licence_of_every_library(installer: Installer) -> None:
+    installer.install()
+    text = installer.machine.unix_path(PROGRAM).with_name("lumaris_notices.txt").read_text(encoding="utf-8")
+    for each in sorted((TREE / "packaging/notices").glob("*.txt")):
+        assert each.read_text(encoding="utf-8").strip() in text.replace("\r\n", "\n")
+    installer.remove()
 
 
 @pytest.mark.any_processor
@@ -303,6 +433,12 @@ def test_the_signed_package_installs_and_its_manifest_is_that_of_the_package(ins
     assert (made.returncode, made.stderr) == (0, ""), made.stdout
     assert "Signature verification: ok" in made.stdout
     package, = tmp_path.glob("lumaris-*-x64.msi")
+    # What administrators need beside it.
+    with zipfile.ZipFile(tmp_path / f"lumaris-{OWN}-administrators.zip") as kit:
+        assert kit.namelist() == ["administrators.md", "events/all.xml", "events/failures.xml", "events/subscription.xml", "policy/Lumaris.admx",
+                                  "policy/en-US/Lumaris.adml", "policy/sl-SI/Lumaris.adml", "task.xml"]
+        assert kit.read("task.xml") == (TREE / "packaging/installer/task.xml").read_bytes()
+        assert {each.date_time for each in kit.infolist()} == {(2000, 1, 1, 0, 0, 0)}
     assert installer.msiexec("/i", package).exit_code == 0, installer.log[-3000:]
     # Its programs are signed, too: the one that is installed is larger than the one that was built.
     assert installer.machine.unix_path(PROGRAM).stat().st_size > installer.bed.program_file.stat().st_size

@@ -27,11 +27,11 @@ TIDY_FOLDERS = {"x64-test": (*PRODUCT_FOLDERS, "packaging", "tools"), "native-fu
 PYTHON_FOLDERS = ("toolchain", "tests", "bench", "tools", "fuzz")
 PYTHON_LINE = 200
 # Folders of Python whose types are looked at, with what their programs put on the path of modules beside COMMON_PATHS.
-COMMON_PATHS = ("tests", "toolchain", "tools/installer")
+COMMON_PATHS = ("tests", "toolchain", "tools/installer", "tools/release")
 TYPED_FOLDERS: dict[str, tuple[str, ...]] = {
     "toolchain": (),
     "tools/demo": ("tools",),
-    "tools/installer": ("tools/release",),
+    "tools/installer": (),
     "tools/publish": (),
     "tools/release": (),
     "bench": ("tests/reports",),
@@ -42,7 +42,7 @@ TYPED_FOLDERS: dict[str, tuple[str, ...]] = {
     "tests/ground": ("tests", "bench"),  # "run" is that of tests/
     "tests/mutations": (),
     "tests/publish": ("tools/publish",),
-    "tests/release": ("tools/release",),
+    "tests/release": (),
     "tests/reports": (),
 }
 

@@ -1,6 +1,7 @@
 """Makes lumaris-VERSION-arm64.msi: Lumaris in an installer package of its own, checked, and signed where a certificate is given.
 
-Beside it goes lumaris-VERSION-arm64.yaml, with which winget installs it from a private source.
+Beside it go lumaris-VERSION-arm64.yaml, with which winget installs it from a private source, and lumaris-VERSION-administrators.zip with the group
+policies, the event queries and the definition of the task.
 """
 
 from __future__ import annotations
@@ -16,7 +17,8 @@ ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 sys.path.append(str(ROOT / "tools/release"))
 
-import package  # noqa: E402  (the path to it is set above)
+import kit  # noqa: E402  (the path to it is set above)
+import package  # noqa: E402
 import signing  # noqa: E402
 import tables  # noqa: E402
 import winget  # noqa: E402
@@ -84,6 +86,7 @@ def main(arguments: list[str] | None = None) -> int:
                 made.write_bytes(unsigned[0].read_bytes())
                 print("installer: WARNING: the package is not signed", flush=True)
             made.with_suffix(".yaml").write_text(winget.manifest(made, options.architecture, f"{options.url.rstrip('/')}/{made.name}"), encoding="ascii")
+            kit.write(options.output / f"lumaris-{version}-administrators.zip")
             content, carried = made.read_bytes(), (programs / "lumaris.exe").stat().st_size
     except (package.PackagingError, signing.SigningError, OSError) as error:
         for line in str(error).splitlines():

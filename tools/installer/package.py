@@ -10,6 +10,7 @@ import os
 import shutil
 import struct
 import subprocess
+import sys
 import tempfile
 import uuid
 from pathlib import Path
@@ -17,6 +18,11 @@ from pathlib import Path
 import pefile
 
 ROOT = Path(__file__).resolve().parents[2]
+sys.path.append(str(ROOT / "tools/release"))
+
+import bill  # noqa: E402  (the path to it is set above)
+import notices  # noqa: E402
+
 SOURCES = ROOT / "packaging/installer"
 LIMIT = 120.0
 
@@ -26,6 +32,16 @@ NAMESPACE = uuid.UUID("5b0f3f0a-6d0e-4c53-8f1b-0a1d5c8b2f11")
 PLATFORMS = {"arm64": "Arm64", "x64": "x64"}
 # What is installed.
 PROGRAMS = ("lumaris.exe", "lumaris_check.exe")
+# The licences of the libraries in them. Not THIRD-PARTY-NOTICES.txt, as in a release: the product may have a file of that name in the same folder.
+NOTICES = "lumaris_notices.txt"
+# The upgrade code of Lumaris's package of its own.
+ALONE = "{2F5D8F4E-0A5B-4D77-9A07-6F7F2F0B9C40}"
+# What FindRelatedProducts sets when that package is on the machine, in any version and in a newer one.
+ALONE_FOUND = "LUMARISALONE"
+ALONE_NEWER = "LUMARISALONENEWER"
+# What AppSearch sets when some package has installed the program, whose component has this code.
+PRESENT = "LUMARISPRESENT"
+PROGRAM_COMPONENT = "{8D0F4B0E-66AB-4A44-9A55-5A86BB0BD102}"
 SECURE = ("CHANNEL", "LUMARISNOTASK", "NOTASK", "PROXYPASSWORD", "PROXYUSER", "TASKTIME")
 HIDDEN = ("LumarisStoreSettings", "PROXYPASSWORD")
 
@@ -88,7 +104,9 @@ def finish(package: Path, architecture: str, programs: dict[str, Path], *, subje
         statements.append(f"UPDATE `File` SET `Version` = '{file_version(program)}', `Language` = '1033' WHERE `File` = '{identifier}'")
         statements.append(f"DELETE FROM `MsiFileHash` WHERE `File_` = '{identifier}'")
     properties = {row["Property"]: row["Value"] for row in table(package, "Property")}
-    for name, values in (("SecureCustomProperties", SECURE), ("MsiHiddenProperties", HIDDEN)):
+    is_alone = properties["UpgradeCode"].upper() == ALONE
+    for name, values in (("SecureCustomProperties", (*SECURE, *((PRESENT,) if is_alone else (ALONE_FOUND, ALONE_NEWER)))),
+                         ("MsiHiddenProperties", HIDDEN)):
         wanted = ";".join(sorted({*values, *filter(None, properties.get(name, "").split(";"))}))
         statements.append(f"UPDATE `Property` SET `Value` = '{wanted}' WHERE `Property` = '{name}'" if name in properties else
                           f"INSERT INTO `Property` (`Property`, `Value`) VALUES ('{name}', '{wanted}')")
@@ -97,6 +115,10 @@ def finish(package: Path, architecture: str, programs: dict[str, Path], *, subje
             statements.append(f"UPDATE `CustomAction` SET `Type` = {int(row['Type']) | _HIDE_TARGET} WHERE `Action` = '{row['Action']}'")
     for statement in statements:
         run("msibuild", str(package), "-q", statement)
+    if is_alone:
+        _import_table(package, "CompLocator", ["Signature_\tComponentId\tType", "s72\ts38\tI2", "CompLocator\tSignature_"],
+                      [["LumarisPresent", PROGRAM_COMPONENT, "1"]])
+        run("msibuild", str(package), "-q", f"INSERT INTO `AppSearch` (`Property`, `Signature_`) VALUES ('{PRESENT}', 'LumarisPresent')")
     _import_table(package, "MsiLockPermissionsEx",
                   ["MsiLockPermissionsEx\tLockObject\tTable\tSDDLText\tCondition", "s72\ts72\ts32\ts0\tS255", "MsiLockPermissionsEx\tMsiLockPermissionsEx"],
                   [[f"{folder}Rights", folder, "CreateFolder", rights, ""] for folder, rights in {"LumarisStore": STORE_RIGHTS, **(more or {})}.items()])
@@ -147,8 +169,13 @@ def stage(programs: dict[str, Path], folder: Path) -> None:
 
 
 def pack(source: Path, package: Path, staged: Path, variables: dict[str, str]) -> None:
-    """Packs what a source file describes, with the fragment of Lumaris at hand."""
-    definitions = [part for name, value in {"programs": str(staged), **variables}.items() for part in ("-D", f"{name}={value}")]
+    """Packs what a source file describes, with the fragment of Lumaris at hand, and the licences of the libraries beside the staged programs."""
+    sources = bill.read_sources((ROOT / "toolchain/sources.list").read_text(encoding="utf-8"))
+    text = staged / NOTICES
+    version = file_version(staged / "lumaris.exe").removesuffix(".0")
+    text.write_text(notices.make_notices(version, sources), encoding="utf-8", newline="\r\n")
+    os.utime(text, (_EPOCH, _EPOCH))
+    definitions = [part for name, value in {"programs": str(staged), "lumaris_version": version, **variables}.items() for part in ("-D", f"{name}={value}")]
     package.unlink(missing_ok=True)
     run("wixl", "-a", "x64", "-I", str(SOURCES), *definitions, "-o", str(package), str(source))
 
@@ -167,5 +194,5 @@ def make(programs: Path, architecture: str, version: str, package: Path) -> None
         stage(files, staged)
         # The same version is the same product whoever packs it: a second package of one version is refused, not installed beside the first.
         product = str(uuid.uuid5(NAMESPACE, f"{architecture} {version}")).upper()
-        pack(SOURCES / "package.wxs", package, staged, {"version": version, "product": product})
+        pack(SOURCES / "package.wxs", package, staged, {"version": version, "product": product, "lumaris_alone": "yes"})
         finish(package, architecture, {name: files[name] for name in PROGRAMS}, subject=f"Lumaris {version}, the updater of Halvoro")

@@ -6,17 +6,24 @@ Wine forgives what Windows does not: actions outside the transaction, missing ve
 from __future__ import annotations
 
 import re
+import tempfile
+from collections.abc import Iterator
 from pathlib import Path
 
-from package import HIDDEN, PLATFORMS, PROGRAMS, SECURE, STORE_RIGHTS, run, table
+from package import (
+    ALONE, ALONE_FOUND, ALONE_NEWER, HIDDEN, NOTICES, PLATFORMS, PRESENT, PROGRAM_COMPONENT, PROGRAMS, SECURE, STORE_RIGHTS, run, table)
+
+from program import strings_of  # isort: skip  (package sets the path to it)
 
 _DEFERRED = 0x400
 _NO_IMPERSONATION = 0x800
 _HIDE_TARGET = 0x2000
 _IN_COMPONENT_64 = 256
+_ONLY_DETECT = 0x2
+_WITH_MINIMUM = 0x100
 
 # A path of the machine on which it was built.
-_BUILD_PATH = re.compile(rb"(?:/src/|/tmp/|/home/|/root/|/work/|[A-Za-z]:\\(?:src|build|Users)\\)[\w.-]")
+_BUILD_PATH = re.compile(r"(?:/src/|/tmp/|/home/|/root/|/work/|[A-Za-z]:\\(?:src|build|Users)\\)[\w.-]+")
 
 
 def check(package: Path, architecture: str, version: str, programs: tuple[str, ...] = PROGRAMS) -> list[str]:
@@ -24,7 +31,8 @@ def check(package: Path, architecture: str, version: str, programs: tuple[str, .
     summary = dict(line.split(": ", 1) for line in run("msiinfo", "suminfo", str(package)).splitlines() if ": " in line)
     properties = {row["Property"]: row["Value"] for row in table(package, "Property")}
     return [*_check_summary(summary, architecture), *_check_properties(properties, version), *_check_sequence(package),
-            *_check_going_back(package, version), *_check_files(package, version, programs), *_check_rights(package), *_check_paths(package)]
+            *_check_going_back(package, version), *_check_owner(package, properties), *_check_files(package, version, programs),
+            *_check_rights(package), *_check_paths(package)]
 
 
 def _check_summary(summary: dict[str, str], architecture: str) -> list[str]:
@@ -88,6 +96,30 @@ def _check_going_back(package: Path, version: str) -> list[str]:
     return [] if any(f"NOT {name}" in refused for name in newer) else ["the package does not refuse to take the place of a newer version"]
 
 
+def _rows(package: Path, name: str) -> list[dict[str, str]]:
+    """The rows of a table that may not be there."""
+    return table(package, name) if name in run("msiinfo", "tables", str(package)).split() else []
+
+
+def _check_owner(package: Path, properties: dict[str, str]) -> list[str]:
+    """Lumaris's package of its own must not stay beside the product's: two owners of the same files."""
+    secure = properties.get("SecureCustomProperties", "").split(";")
+    conditions = [row["Condition"] for row in table(package, "LaunchCondition")]
+    if properties.get("UpgradeCode", "").upper() == ALONE:
+        searched = ("LumarisPresent", PROGRAM_COMPONENT) in [(row["Signature_"], row["ComponentId"]) for row in _rows(package, "CompLocator")]
+        found = (PRESENT, "LumarisPresent") in [(row["Property"], row["Signature_"]) for row in table(package, "AppSearch")]
+        refused = f"Installed OR WIX_UPGRADE_DETECTED OR NOT {PRESENT}" in conditions
+        return [] if searched and found and refused and PRESENT in secure else ["the package is installed beside the product's, which has brought the same"]
+    rows = [row for row in table(package, "Upgrade") if row["UpgradeCode"].upper() == ALONE]
+    takes = any(row["ActionProperty"] == ALONE_FOUND and row["VersionMin"] == "0.0.0" and not row["VersionMax"]
+                and int(row["Attributes"]) & _ONLY_DETECT == 0 and int(row["Attributes"]) & _WITH_MINIMUM for row in rows)
+    refuses = any(row["ActionProperty"] == ALONE_NEWER and not row["VersionMax"] and int(row["Attributes"]) & _ONLY_DETECT for row in rows)
+    faults = [] if takes and ALONE_FOUND in secure else ["Lumaris's package of its own stays beside this one: two owners of the same files"]
+    if not refuses or ALONE_NEWER not in secure or f"NOT {ALONE_NEWER}" not in conditions:
+        faults.append("the package takes the place of a newer package of Lumaris's own")
+    return faults
+
+
 def _check_files(package: Path, version: str, programs: tuple[str, ...]) -> list[str]:
     files = {row["File"]: row for row in table(package, "File")}
     faults = []
@@ -96,6 +128,8 @@ def _check_files(package: Path, version: str, programs: tuple[str, ...]) -> list
             faults.append(f"the package does not carry {name}")
         elif files[name]["Version"] != f"{version}.0":
             faults.append(f"{name} has the version {files[name]['Version'] or 'none'}, not {version}.0")
+    if NOTICES not in {row["FileName"].rpartition("|")[2] for row in files.values()}:
+        faults.append("the package does not carry the licences of the libraries")
     for row in table(package, "Component"):
         if not int(row["Attributes"]) & _IN_COMPONENT_64:
             faults.append(f"the component {row['Component']} is one of 32 bits: its registry values would go elsewhere")
@@ -107,6 +141,21 @@ def _check_rights(package: Path) -> list[str]:
     return [] if ("LumarisStore", "CreateFolder", STORE_RIGHTS) in rows else ["the folder of the packages does not get its rights"]
 
 
+def contents(package: Path) -> Iterator[tuple[str, bytes]]:
+    """What the package holds, each by its name and uncompressed: tables, files of the cabinet, libraries of the custom actions."""
+    with tempfile.TemporaryDirectory(prefix="installer-") as folder:
+        for name in run("msiinfo", "tables", str(package)).split():
+            # A table of streams, such as Binary, leaves them as files in a folder of its name.
+            yield f"the table {name}", run("msiinfo", "export", str(package.resolve()), name, cwd=Path(folder)).encode()
+        run("msiextract", "-C", folder, str(package))
+        for file in sorted(path for path in Path(folder).rglob("*") if path.is_file()):
+            yield file.name.removeprefix("Binary."), file.read_bytes()
+
+
 def _check_paths(package: Path) -> list[str]:
-    found = _BUILD_PATH.search(package.read_bytes())
-    return [f"the package holds a path of the machine that built it: {found[0].decode('ascii', 'replace')}"] if found else []
+    """In the package itself a cabinet is compressed, and no path would be found."""
+    faults = []
+    for name, content in contents(package):
+        found = {place.group() for text in strings_of(content) for place in _BUILD_PATH.finditer(text)}
+        faults += [f"{name} holds a path of the machine that built it: {path}" for path in sorted(found)]
+    return faults
