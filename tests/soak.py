@@ -41,6 +41,8 @@ PARTS = (
     Part("faults", 25, "every fault of a server at every request, and every reply cut after every byte",
          (sys.executable, "-m", "pytest", "tests/e2e/test_server_faults.py", "tests/e2e/test_report_server_faults.py",
           "--every-byte", "-p", "no:cacheprovider", "-q")),
+    Part("switching", 5, "an offer and a push killed at every step while the program asks in a loop",
+         (sys.executable, "-m", "pytest", "tests/e2e/test_switching.py", "--every-step", "-p", "no:cacheprovider", "-q")),
     Part("repeat", 330, "all unit tests 200 times and all whole runs 10 times, in random order",
          (sys.executable, "tests/repeat.py")),
     Part("mutations", 40, "the product broken in one place after another, which the tests must see",

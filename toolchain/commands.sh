@@ -262,8 +262,8 @@ usage: ./dev release --key KEY --update-host HOST --report-host HOST --partner N
 
 Builds lumaris.exe for ARM64 twice, in two places, compares every byte of program and PDB, checks that the program is what a release
 must be, runs it to learn which version it calls itself, signs it, and writes lumaris.exe, lumaris.pdb, lumaris.cdx.json (bill of
-materials), THIRD-PARTY-NOTICES.txt and SHA256SUMS. If anything is not as it should be, it prints what, and writes nothing.
-docs/release.md says what is checked, and how others can check a release.
+materials), THIRD-PARTY-NOTICES.txt, read_report with the symbols that it looks up, and SHA256SUMS. If anything is not as it should be, it
+prints what, and writes nothing. docs/release.md says what is checked, and how others can check a release.
 
   --key KEY               the trusted public key: the line that minisign prints, or a .pub file
   --update-host HOST, --report-host HOST, --partner NAME
@@ -331,7 +331,8 @@ command_release() {
         esac
         shift 2
     done
-    need "${products_arm64[@]}" "${products_run_arm64[@]}"
+    release_check_signed_elsewhere "$command" "$adopt" "${files[*]}"
+    need "${products_arm64[@]}" "${products_run_arm64[@]}" "${products_native[@]}"
     check_namespaces
     [[ $isolation == full ]] || die "$namespaces_fault" "A release runs its program in a network of its own. ./dev build works without."
     check_arm64
@@ -345,16 +346,10 @@ command_release() {
         return
     fi
     # What was shipped before does not stay beside a release that is refused.
-    [[ -z $output ]] || rm -f -- "$output"/{lumaris.exe,lumaris.pdb,lumaris.cdx.json,THIRD-PARTY-NOTICES.txt,SHA256SUMS}
+    [[ -z $output ]] || rm -f -- "${release_shipped[@]/#/"$output"/}"
+    job build --target read_report native-release || return
     job_release make "${arguments[@]}" || return
-    if [[ -n $command ]]; then
-        # On this machine, which knows its key; the room has neither devices nor a network.
-        adopt=$run_folder/signed/lumaris.exe
-        mkdir -p "$run_folder/signed" && cp "$here/build/release-candidate/lumaris.exe" "$adopt" || die "cannot copy the program"
-        local quoted
-        printf -v quoted '%q' "$adopt"
-        bash -c "${command//\{file\}/$quoted}" || die "the command that signs failed: $command"
-    fi
+    [[ -z $command ]] || release_sign_here "$command"
     [[ -z $adopt ]] || release_file --adopt "$adopt"
     if [[ -n $online ]]; then
         isolation=mounts isolation_said=1 in_room --bind /etc/resolv.conf /etc/resolv.conf \
@@ -363,8 +358,31 @@ command_release() {
         job_release ship "${release_ship[@]}" || return
     fi
     [[ -n $output ]] || return 0
-    mkdir -p -- "$output" && cp -- "$here"/build/release/{lumaris.exe,lumaris.pdb,lumaris.cdx.json,THIRD-PARTY-NOTICES.txt,SHA256SUMS} "$output/" ||
+    # What is in a symbol store belongs to one build whatever stands beside it, so that of former releases stays.
+    mkdir -p -- "$output" && cp -r -- "${release_shipped[@]/#/"$here"/build/release/}" "$here/build/release/symbols" "$output/" ||
         die "cannot write to $output"
+}
+
+release_shipped=(lumaris.exe lumaris.pdb lumaris.cdx.json THIRD-PARTY-NOTICES.txt read_report SHA256SUMS)
+
+# release_check_signed_elsewhere COMMAND ADOPT FILES: what would fail after the builds is said before them.
+release_check_signed_elsewhere() {
+    [[ -n $1$2 ]] || return 0
+    [[ -z $1 || -z $2 ]] || die "--sign-command and --adopt are two ways to the same: give one"
+    [[ -z $1 || $1 == *'{file}'* ]] || die "--sign-command: nothing says which file is to be signed: write {file} into the command"
+    [[ -z $2 || -f $2 ]] || die "--adopt: there is no file $2"
+    [[ $3 == *--authority\ * ]] || die "nobody says whose signature it must be: give --authority with the root of the certificate"
+    [[ $3 != *--certificate* && $3 != *--pkcs12* ]] || die "a program that is signed already is not signed again: give no certificate"
+}
+
+# release_sign_here COMMAND: lets a command of this machine, which knows its key, sign the program that was built, and sets adopt to it. The room
+# has neither devices nor a network.
+release_sign_here() {
+    local quoted
+    adopt=$run_folder/signed/lumaris.exe
+    mkdir -p "$run_folder/signed" && cp "$here/build/release-candidate/lumaris.exe" "$adopt" || die "cannot copy the program"
+    printf -v quoted '%q' "$adopt"
+    bash -c "${1//\{file\}/"$quoted"}" || die "the command that signs failed: $1"
 }
 
 job_release() { check_after_failure in_room python3 tools/release "$@"; }

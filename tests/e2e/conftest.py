@@ -40,6 +40,7 @@ def pytest_addoption(parser: pytest.Parser) -> None:
     parser.addoption("--build", metavar="FOLDER", help="build folder (default: build/ARCH-test)")
     parser.addoption("--every-byte", action="store_true",
                      help="cut replies after every byte and not only at their seams, and let every fault meet every request")
+    parser.addoption("--every-step", action="store_true", help="kill a publisher at every step of an offer and a push, and not at some of them")
     parser.addoption("--shuffle", metavar="SEED", help="run the tests in the random order that follows from this text")
     parser.addoption("--backwards", action="store_true", help="run the tests in the opposite order")
 

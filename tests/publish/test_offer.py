@@ -6,13 +6,14 @@ import json
 import os
 import shutil
 import subprocess
+import sys
 import threading
 from collections.abc import Callable
 from pathlib import Path
 
 import pytest
 
-from conftest import Workshop
+from conftest import TREE, Workshop
 from kit import HOST, Kit
 from lumaris_publish import cli
 from lumaris_publish.judge import Judge
@@ -276,3 +277,30 @@ def test_a_package_that_is_larger_than_clients_take_is_not_offered(staged: Kit) 
     record.write_text(json.dumps({**json.loads(record.read_text(encoding="utf-8")), "size": 50_331_649}), encoding="utf-8")
     said = staged.refused("too-large", "offer", "3.4.1", "--channel", "beta")
     assert "50,331,649 bytes, and clients break a download off after 50,331,648" in said.err
+
+
+def test_an_offer_needs_a_channel_and_an_acceptance_a_reason(staged: Kit) -> None:
+    staged.refused("channel-name", "offer", "3.4.1", "--channel", "")
+    staged.refused("channel-name", "withdraw", "3.4.1", "--channel", " , ")
+    for reason in ("", "  "):
+        said = staged("offer", "3.4.1", "--channel", "beta", "--accept", reason)
+        assert said.status == 2 and "write one" in said.err
+
+
+@pytest.mark.parametrize("size", [20, 100, 300, 400, 0, 1, 60])
+def test_a_disk_that_is_full_leaves_the_old_offer_or_the_new(staged: Kit, size: int) -> None:
+    """No file may become larger: a description, a signature, what is about to be done; or, for the last ones, so much more than the log."""
+    staged.done("offer", "3.4.1", "--channel", "beta")
+    if size < 100 and size != 20:
+        size += (staged.root / "log.jsonl").stat().st_size
+    done = subprocess.run(["prlimit", f"--fsize={size}", sys.executable, "-m", "lumaris_publish", "--root", str(staged.root), "offer", "3.4.2",
+                           "--channel", "beta", "--key", str(staged.key.secret)], capture_output=True, text=True, timeout=60, check=False,
+                          env={**os.environ, "PYTHONPATH": str(TREE / "tools/publish"), "PYTHONDONTWRITEBYTECODE": "1"})
+    assert done.returncode in (0, 1) and "Traceback" not in done.stderr, done
+    assert done.returncode == 0 or "REFUSED [disk]" in done.stderr or "REFUSED [signing]" in done.stderr
+    seen = {version_at(staged, path) for path in PATHS["beta"]}
+    assert seen in ({"3040100"}, {"3040200"}) and (done.returncode == 1 or seen == {"3040200"})
+    # With room again the log says what clients see, once.
+    staged.done("offer", "3.4.1", "--channel", "stable")
+    beta = [entry["version"] for entry in json.loads(staged.done("log", "--json").out) if entry["channel"] == "beta"]
+    assert beta == (["3.4.1", "3.4.2"] if seen == {"3040200"} else ["3.4.1"])

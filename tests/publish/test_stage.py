@@ -78,6 +78,12 @@ def test_a_dry_run_changes_nothing(kit: Kit, workshop: Workshop) -> None:
     ("no-guard", {}, ("UPDATE `InstallExecuteSequence` SET `Sequence` = 5000 WHERE `Action` = 'FindRelatedProducts'",)),
     ("no-guard", {}, ("DELETE FROM `InstallExecuteSequence` WHERE `Action` = 'LaunchConditions'",)),
     ("no-guard", {}, (set_property("SecureCustomProperties", "OTHER"),)),
+    ("no-guard", {}, ("UPDATE `InstallExecuteSequence` SET `Condition` = 'NOT Installed' WHERE `Action` = 'FindRelatedProducts'",)),
+    ("no-guard", {}, ("UPDATE `InstallExecuteSequence` SET `Condition` = '0' WHERE `Action` = 'LaunchConditions'",)),
+    ("no-guard", {}, ("INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('Forget', 307, 'WIX_DOWNGRADE_DETECTED', '{}')",)),
+    ("optional-program", {}, ("UPDATE `Component` SET `Condition` = 'VersionNT >= 1000' WHERE `Component` = 'Updater'",)),
+    ("optional-program", {}, ("UPDATE `Feature` SET `Level` = 0",)),
+    ("optional-program", {}, ("UPDATE `Feature` SET `Level` = 200",)),
     ("no-program", {"with_program": False}, ()),
     ("fourth-field", {}, (set_property("ProductVersion", "3.4.0.1"),)),
     ("fourth-field", {}, (set_property("ProductVersion", "3.4.1.7"),)),
@@ -109,6 +115,13 @@ def test_a_program_whose_fourth_field_is_not_0_is_refused(kit: Kit, workshop: Wo
     kit.refused("program-version", "stage", workshop.package("3.4.1", program=workshop.program("3.4.1.5")))
 
 
+def test_a_file_table_that_calls_the_program_older_is_refused_unless_there_is_a_reason(kit: Kit, workshop: Workshop) -> None:
+    for version in ("3.4.0.0", ""):
+        package = workshop.package("3.4.1", f"UPDATE `File` SET `Version` = '{version}' WHERE `File` = 'lumaris.exe'")
+        kit.refused("file-version", "stage", package)
+    kit.done("stage", package, "--accept", "the old product goes before the new one comes")
+
+
 def test_a_program_that_trusts_another_key_is_refused(kit: Kit, workshop: Workshop) -> None:
     kit.refused("other-key", "stage", workshop.package("3.4.1", program=workshop.program(key=workshop.other_key)))
 
@@ -138,7 +151,7 @@ def test_a_program_that_names_a_test_host_is_refused_unless_there_is_a_reason(ne
     (b"www.example.com", ["www.example.com"]), (b"\0localhost\0", ["localhost"]), (b"127.0.0.1:80", ["127.0.0.1"]),
     (b"\0updates.tavrin.private\0 .example 5127.0.0.1 localhosts mylocalhost x.examples.org a.testing", []),
 ])
-def test_hosts_of_laboratories_are_reported_from_other_texts(text: bytes, hosts: list[str]) -> None:
+def test_hosts_of_laboratories_are_distinguished_from_other_texts(text: bytes, hosts: list[str]) -> None:
     assert program.Program("3.4.1.0", 0xAA64, text).laboratory_hosts == hosts
 
 

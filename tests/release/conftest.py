@@ -65,6 +65,13 @@ def built_fixture() -> Built:
                  program.read_allowed((ROOT / "tools/release/imports.txt").read_text(encoding="utf-8")))
 
 
+@pytest.fixture(scope="session", name="reader")
+def reader_fixture() -> Path:
+    """The reader of error reports as it is released."""
+    _run(sys.executable, "toolchain/job.py", "build", "--target", "read_report", "native-release")
+    return ROOT / "build/native-release/tools/report_reader/read_report"
+
+
 @pytest.fixture(scope="session", name="release")
 def release_fixture() -> ModuleType:
     """The module behind `./dev release`."""

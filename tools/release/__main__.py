@@ -23,11 +23,13 @@ import compare  # noqa: E402
 import notices  # noqa: E402
 import program  # noqa: E402
 import signing  # noqa: E402
+import symbols  # noqa: E402
 from jobs.version import configured_version  # noqa: E402  (builds sets the path to it)
 
 CANDIDATE = ROOT / "build/release-candidate"
 OUTPUT = ROOT / "build/release"
-SHIPPED = ("lumaris.exe", "lumaris.pdb", "lumaris.cdx.json", "THIRD-PARTY-NOTICES.txt", "SHA256SUMS")
+READER = ROOT / "build/native-release/tools/report_reader/read_report"
+SHIPPED = ("lumaris.exe", "lumaris.pdb", "lumaris.cdx.json", "THIRD-PARTY-NOTICES.txt", "read_report", "SHA256SUMS")
 
 
 class Refusal(Exception):
@@ -93,6 +95,7 @@ def remove_shipped(folder: Path) -> None:
     """No release of a former call stays where this one fails."""
     for name in SHIPPED:
         (folder / name).unlink(missing_ok=True)
+    shutil.rmtree(folder / "symbols", ignore_errors=True)
 
 
 def make(options: argparse.Namespace) -> None:
@@ -155,10 +158,14 @@ def adopted(program: Path, authority: Path | None, unsigned: bytes) -> bytes:
     return signed
 
 
-def assemble(candidate: Path, output: Path, identity: signing.Identity | None, adopt: Path | None = None, authority: Path | None = None) -> None:
+def assemble(candidate: Path, output: Path, reader: Path, identity: signing.Identity | None, adopt: Path | None = None,
+             authority: Path | None = None) -> None:
     """Signs the candidate if there is somebody to sign, or takes the one that was signed elsewhere, and writes what is shipped: everything, or
     nothing."""
     remove_shipped(output)
+    reads = reader.read_bytes()
+    if complaints := symbols.check_reader(reads):
+        raise Refusal(*complaints)
     unsigned, pdb = (candidate / "lumaris.exe").read_bytes(), (candidate / "lumaris.pdb").read_bytes()
     known = json.loads((candidate / "candidate.json").read_text(encoding="utf-8"))
     shipped = unsigned
@@ -177,10 +184,12 @@ def assemble(candidate: Path, output: Path, identity: signing.Identity | None, a
     sources = bill.read_sources((ROOT / "toolchain/sources.list").read_text(encoding="utf-8"))
     text = bill.make_bill(bill.Release(program=shipped, unsigned=unsigned, pdb=pdb, **known), sources)
     files = {"lumaris.exe": shipped, "lumaris.pdb": pdb, "lumaris.cdx.json": text.encode("utf-8"),
-             notices.NAME: notices.make_notices(known["version"], sources).encode("utf-8")}
-    output.mkdir(parents=True, exist_ok=True)
+             notices.NAME: notices.make_notices(known["version"], sources).encode("utf-8"), "read_report": reads,
+             **symbols.store(shipped, pdb)}
     for name, data in files.items():
+        (output / name).parent.mkdir(parents=True, exist_ok=True)
         (output / name).write_bytes(data)
+    (output / "read_report").chmod(0o755)
     # The checksums come last: a folder with them is whole.
     (output / "SHA256SUMS").write_text(checksums(files), encoding="ascii")
     for name, data in files.items():
@@ -203,7 +212,7 @@ def ship(options: argparse.Namespace) -> None:
             raise Refusal(fault)
     elif any((options.password_file, options.authority, options.timestamp, options.timestamp_authority)):
         raise Refusal("there is nobody to sign: give --certificate and --certificate-key, or --pkcs12")
-    assemble(options.candidate, options.output, identity, options.adopt, options.authority)
+    assemble(options.candidate, options.output, options.reader, identity, options.adopt, options.authority)
     if identity is None and options.adopt is None:
         print("release: WARNING: the program is not signed", flush=True)
 
@@ -232,6 +241,7 @@ def main(arguments: list[str] | None = None) -> int:
     for name in ("certificate", "certificate-key", "pkcs12", "password-file", "authority", "timestamp-authority", "adopt"):
         step.add_argument(f"--{name}", type=Path)
     step.add_argument("--timestamp", metavar="URL")
+    step.add_argument("--reader", type=Path, default=READER, help="the reader of error reports that goes with it")
     step.set_defaults(run=ship)
     step = steps.add_parser("match", help="compare a released program with what was made")
     step.add_argument("program", type=Path)

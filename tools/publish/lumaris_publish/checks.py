@@ -17,8 +17,8 @@ def check(file: Path, package: msi.Package, settings: Settings, history: History
     own = version.parse(package.version)
     with msi.program_inside(file) as inside:
         carried = program.read(inside)
-    return [*_check_tables(package, settings), *_check_program(carried, own, settings), *_check_past(package, own, variant, history, digest),
-            *_check_authenticode(file, settings)]
+    return [*_check_tables(package, settings), *_check_program(carried, own, settings), *_check_file_version(package, carried, own),
+            *_check_past(package, own, variant, history, digest), *_check_authenticode(file, settings)]
 
 
 def _check_tables(package: msi.Package, settings: Settings) -> list[Fault]:
@@ -32,6 +32,9 @@ def _check_tables(package: msi.Package, settings: Settings) -> list[Fault]:
     if not package.refuses_to_go_back:
         faults.append(Fault("no-guard", "the package does not refuse to take the place of a newer version, and once it is signed anybody may "
                                         "hand it out for ever: put <MajorUpgrade DowngradeErrorMessage=\"...\"/> into its source"))
+    if reasons := package.may_leave_out:
+        faults.append(Fault("optional-program", f"some machines would install the package without its lumaris.exe, and again at every run "
+                                                f"({'; '.join(reasons)}): let it be installed everywhere"))
     if not package.upgrade_code or not package.product_code:
         faults.append(Fault("codes", "the package has no UpgradeCode or no ProductCode: give it both"))
     return faults
@@ -59,6 +62,15 @@ def _check_program(carried: program.Program, own: version.Version, settings: Set
         faults.append(Fault("test-host", f"the lumaris.exe in the package names {', '.join(hosts)}, which is for tests and examples: build it "
                                          "with the true hosts", policy=True))
     return faults
+
+
+def _check_file_version(package: msi.Package, carried: program.Program, own: version.Version) -> list[Fault]:
+    """The installer asks the table and not the file, and takes a file on the disk for the newer one when the table says less."""
+    if carried.version != f"{own}.0":
+        return []  # another program altogether, which is said already
+    return [Fault("file-version", f"the File table says that lumaris.exe is {row['Version'] or 'without a version'}, and the file says "
+                                  f"{carried.version}: machines might keep the program that they have; put the true version into the table", policy=True)
+            for row in package.programs if row["Version"] != carried.version]
 
 
 def _check_past(package: msi.Package, own: version.Version, variant: str, history: History, digest: Callable[[], str]) -> list[Fault]:

@@ -53,6 +53,13 @@ WORDS = (
 )
 
 
+def _reason(text: str) -> str:
+    """A reason that somebody can read in the log."""
+    if not text.strip():
+        raise argparse.ArgumentTypeError("nobody could read the reason in the log: write one")
+    return text.strip()
+
+
 def make_parser(given: Collection[str]) -> argparse.ArgumentParser:
     """The command line, with the options of the words that are given."""
     parser = argparse.ArgumentParser(prog="lumaris-publish", description="Publishes updates of Halvoro so that every client accepts them, or "
@@ -72,7 +79,7 @@ def make_parser(given: Collection[str]) -> argparse.ArgumentParser:
         if word.signs:
             sub.add_argument("--key", type=Path, metavar="FILE", help="the secret key (default: secret_key of publish.toml)")
             sub.add_argument("--password-file", type=Path, metavar="F", help="a file with the key's password in its first line")
-            sub.add_argument("--accept", metavar="REASON", help="go on in spite of what is a matter of policy; the reason stands in the log")
+            sub.add_argument("--accept", metavar="REASON", type=_reason, help="go on in spite of what is a matter of policy; the reason stands in the log")
             sub.add_argument("--wait", type=float, default=30.0, metavar="SECONDS", help="how long to wait for somebody else (default: 30)")
         sub.set_defaults(chosen=word)
     return parser

@@ -13,6 +13,8 @@ from pathlib import Path
 from . import tools
 from .refusal import refuse
 
+PROGRAM = "lumaris.exe"
+
 Row = dict[str, str]
 
 
@@ -25,6 +27,11 @@ class Package:
     upgrades: list[Row]
     conditions: list[Row]
     sequence: dict[str, int]
+    always: frozenset[str]  # the actions of the sequence that depend on no condition
+    actions: list[Row]
+    programs: list[Row]  # files that are called like the program
+    components: list[Row]  # with the program in them
+    features: list[Row]  # with such a component
 
     @property
     def version(self) -> str:
@@ -51,23 +58,32 @@ class Package:
         """Whether it ends, and changes nothing, where a newer version is installed.
 
         That takes an Upgrade row that only detects every higher version of the same product, a launch condition that the detected product
-        fails, and the two actions in this order; the property must reach the installer's service, too.
+        fails, and the two actions in this order and in every case; the property must reach the installer's service, too, and no action may set
+        it anew.
         """
         secure = set(self.properties.get("SecureCustomProperties", "").split(";"))
         refused = {" ".join(row["Condition"].split()).lower() for row in self.conditions}
         find, judge = self.sequence.get("FindRelatedProducts"), self.sequence.get("LaunchConditions")
-        if find is None or judge is None or find > judge:
+        if find is None or judge is None or find > judge or not {"FindRelatedProducts", "LaunchConditions"} <= self.always:
             return False
-        return any(row["UpgradeCode"].upper() == self.upgrade_code and not row["VersionMax"] and _flags(row) & _ONLY_DETECT
-                   and _covers_every_newer(row["VersionMin"], self.version, bool(_flags(row) & _MIN_INCLUSIVE)) and not row["Language"]
-                   and row["ActionProperty"] in secure and f"not {row['ActionProperty']}".lower() in refused for row in self.upgrades)
+        written = {action["Source"] for action in self.actions if _number(action["Type"]) & _KIND_OF_ACTION == _SETS_PROPERTY}
+        return any(row["UpgradeCode"].upper() == self.upgrade_code and not row["VersionMax"] and _number(row["Attributes"]) & _ONLY_DETECT
+                   and _covers_every_newer(row["VersionMin"], self.version, bool(_number(row["Attributes"]) & _MIN_INCLUSIVE)) and not row["Language"]
+                   and row["ActionProperty"] in secure - written and f"not {row['ActionProperty']}".lower() in refused for row in self.upgrades)
+
+    @property
+    def may_leave_out(self) -> list[str]:
+        """The components and features that some machines would not install."""
+        return [f"the component {row['Component']} has a condition" for row in self.components if row["Condition"]] + [
+            f"the feature {row['Feature']} has level {row['Level']}" for row in self.features if _number(row["Level"]) != 1]
 
 
 _ONLY_DETECT, _MIN_INCLUSIVE = 0x2, 0x100
+_KIND_OF_ACTION, _SETS_PROPERTY = 0x3F, 51
 
 
-def _flags(row: Row) -> int:
-    return int(row["Attributes"]) if row["Attributes"].isdigit() else 0
+def _number(text: str) -> int:
+    return int(text) if text.isdigit() else 0
 
 
 def _covers_every_newer(least: str, own: str, inclusive: bool) -> bool:
@@ -90,19 +106,25 @@ def read(package: Path) -> Package:
     """Reads the tables. Raises Refusal where the file is no package."""
     with concurrent.futures.ThreadPoolExecutor(4) as pool:
         summary = pool.submit(tools.run, ["msiinfo", "suminfo", package])
-        properties, upgrades, conditions, sequence = pool.map(
-            lambda table: _export(package, table), ("Property", "Upgrade", "LaunchCondition", "InstallExecuteSequence"))
+        properties, upgrades, conditions, sequence, actions, files, components, links, features = pool.map(
+            lambda table: _export(package, table), ("Property", "Upgrade", "LaunchCondition", "InstallExecuteSequence", "CustomAction", "File",
+                                                    "Component", "FeatureComponents", "Feature"))
         said = summary.result()
     if said.returncode != 0 or not properties:
         raise refuse("no-package", f"{package.name} is no installer package, or it is damaged: {tools.words_of(said)}")
+    programs = [row for row in files if row["FileName"].rpartition("|")[2].lower() == PROGRAM]
+    holders = {row["Component_"] for row in programs}
     found = re.search(r"^Template: ([^;\n]*)", said.stdout.decode("utf-8", "replace"), re.MULTILINE)
     return Package(platform=found[1].strip() if found else "", properties={row["Property"]: row["Value"] for row in properties},
                    upgrades=upgrades, conditions=conditions,
-                   sequence={row["Action"]: int(row["Sequence"]) for row in sequence if row["Sequence"].isdigit()})
+                   sequence={row["Action"]: int(row["Sequence"]) for row in sequence if row["Sequence"].isdigit()},
+                   always=frozenset(row["Action"] for row in sequence if not row["Condition"]), actions=actions, programs=programs,
+                   components=[row for row in components if row["Component"] in holders],
+                   features=[row for row in features if row["Feature"] in {link["Feature_"] for link in links if link["Component_"] in holders}])
 
 
 @contextmanager
-def program_inside(package: Path, name: str = "lumaris.exe") -> Iterator[Path]:
+def program_inside(package: Path, name: str = PROGRAM) -> Iterator[Path]:
     """The program that a package installs, in a folder of its own."""
     with tempfile.TemporaryDirectory(prefix="lumaris-publish-") as folder:
         done = tools.run(["msiextract", "-C", folder, package])

@@ -52,6 +52,8 @@ def _channels(text: str) -> list[str]:
 def _act(options: argparse.Namespace, signer: Signer, what: str, channels: list[str]) -> int:
     publication = Publication(options.root)
     settings = publication.settings
+    if not channels:
+        raise refuse("channel-name", f"no channel is given: publish.toml has {', '.join(settings.channels)}")
     for channel in [*channels, *([options.source] if what == "promote" else [])]:
         if channel not in settings.channels:
             raise refuse("channel-name", f"no client asks for the channel \"{channel}\": publish.toml has {', '.join(settings.channels)}")

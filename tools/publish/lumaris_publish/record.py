@@ -130,7 +130,9 @@ def append(root: Path, entry: Entry) -> bool:
     line = json.dumps(dataclasses.asdict(entry), ensure_ascii=False) + "\n"
     descriptor = os.open(file, os.O_WRONLY | os.O_APPEND | os.O_CREAT, 0o644)
     try:
-        os.write(descriptor, line.encode("utf-8"))
+        rest = memoryview(line.encode("utf-8"))
+        while rest:  # a disk that is nearly full takes a part
+            rest = rest[os.write(descriptor, rest):]
         os.fsync(descriptor)
     finally:
         os.close(descriptor)

@@ -81,7 +81,7 @@ class Signing:
         with contextlib.suppress(OSError):  # a larger pipe is quicker, no more
             fcntl.fcntl(self._pipe, fcntl.F_SETPIPE_SZ, 1 << 20)
         self.process = subprocess.Popen([*command, "-x", f"/dev/fd/{self._signature}", "-m", f"/dev/fd/{content}"], stdin=subprocess.PIPE,
-                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE, pass_fds=(content, self._signature))
+                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE, pass_fds=(content, self._signature))
         os.close(content)
         assert self.process.stdin is not None
         with contextlib.suppress(BrokenPipeError), self.process.stdin as stdin:
