@@ -1,11 +1,12 @@
 """How long publishing takes: staging a large package, offering it, and checking a live server; and what a day of 5,000 machines is for nginx.
 
-Runs in the room, with the x64-test build and the judge of native-release: ./dev shell python3 bench/publishing.py
+A part of `./dev bench`, or alone in the room with the x64-test build and the judge of native-release: ./dev shell python3 bench/publishing.py
 """
 
 from __future__ import annotations
 
 import argparse
+import json
 import os
 import random
 import shutil
@@ -13,11 +14,13 @@ import statistics
 import subprocess
 import sys
 import tempfile
-import threading
 import time
-import http.client
-from collections.abc import Callable
+from collections import Counter
 from pathlib import Path
+from typing import Any
+
+import release_day
+from verdict import Verdict
 
 TREE = Path(__file__).resolve().parents[1]
 sys.path[:0] = [str(TREE / "tests"), str(TREE / "tools/publish")]
@@ -32,7 +35,8 @@ MB = 1 << 20
 SIZE = 200 * MB
 HOST = "updates.tavrin.example"
 PORT = 18200
-MACHINES = 5000
+RELEASE_SIZE = 60_000_000
+JUDGE = TREE / "build/native-release/tools/publish/lumaris_judge"
 CHANNELS = "stable,beta,gamma,delta"
 WINDOWS = "win11,win10,win8_1,win8,win7sp1"
 
@@ -49,15 +53,22 @@ class Publishing:
         self._environment["PYTHONPYCACHEPREFIX"] = str(folder / "pycache")
         self._environment.pop("PYTHONDONTWRITEBYTECODE", None)
 
+    def _run(self, *arguments: str) -> str:
+        done = subprocess.run([sys.executable, "-m", "lumaris_publish", "--root", str(self.root), *arguments], env=self._environment,
+                              capture_output=True, text=True, timeout=300, check=False)
+        if done.returncode != 0:
+            raise RuntimeError(done.stdout + done.stderr)
+        return done.stdout
+
     def __call__(self, *arguments: str) -> float:
         """Seconds that a command takes."""
         begin = time.monotonic()
-        done = subprocess.run([sys.executable, "-m", "lumaris_publish", "--root", str(self.root), *arguments], env=self._environment,
-                              capture_output=True, text=True, timeout=300, check=False)
-        took = time.monotonic() - begin
-        if done.returncode != 0:
-            raise RuntimeError(done.stdout + done.stderr)
-        return took
+        self._run(*arguments)
+        return time.monotonic() - begin
+
+    def says(self, *arguments: str) -> Any:
+        """What a command says in JSON."""
+        return json.loads(self._run(*arguments))
 
     def init(self, *options: str) -> None:
         """A new publication."""
@@ -143,89 +154,68 @@ def serve(publishing: Publishing) -> NginxWith:
     return NginxWith(publishing.folder / f"nginx-{time.monotonic_ns()}", block, PORT)
 
 
-def replay(publishing: Publishing, small: Path, day: float) -> dict[str, float]:
-    """A day of 5,000 machines, in so many seconds: each asks once within four hours, one in a hundred is slow or tries again."""
+def replay_day(publishing: Publishing, small: Path, day: float) -> list[Verdict]:
+    """The day of a release, on paper with the package of a release and replayed with a small one in so many seconds."""
     publishing.init()
     publishing.stage(small)
     publishing("offer", str(OWN), "--channel", "stable", "--key", str(publishing.key.secret))
-    chance = random.Random(5000)
-    moments = sorted((chance.random() * day, chance.random() < 0.01) for _ in range(MACHINES))
-    moments += sorted((moment + day / 100, False) for moment, slow in moments if slow)  # their second try
-    paths = ["/Halvoro/Lumaris/win11-stable.txt.minisig", "/Halvoro/Lumaris/win11-stable.txt", f"/packages/{OWN}/Halvoro.ARM64.msi.minisig",
-             f"/packages/{OWN}/Halvoro.ARM64.msi"]
-    (publishing.folder / "access.log").unlink(missing_ok=True)
-    counts = {"requests": 0, "bytes": 0, "failures": 0}
-    begin = time.monotonic()
-    lock = threading.Lock()
-    queue = iter(sorted(moments))
-
-    def machine() -> None:
-        while True:
-            with lock:
-                one = next(queue, None)
-            if one is None:
-                return
-            moment, slow = one
-            time.sleep(max(0.0, begin + moment - time.monotonic()))
-            connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=60)
-            cookie: dict[str, str] = {}
-            for path in paths:
-                connection.request("GET", path, headers={"Host": HOST, "User-Agent": f"Lumaris/{OWN}", **cookie})
-                response = connection.getresponse()
-                size = 0
-                while block := response.read(4096 if slow else MB):
-                    size += len(block)
-                    if slow:
-                        time.sleep(0.005)
-                if said := response.headers.get("Set-Cookie"):
-                    cookie = {"Cookie": said.partition(";")[0]}
-                with lock:
-                    counts["requests"] += 1
-                    counts["bytes"] += size
-                    counts["failures"] += response.status != 200
-            connection.close()
+    visits = release_day.plan(random.Random(5000))
+    load = release_day.on_paper(visits, RELEASE_SIZE)
+    print(f"  on paper, with {RELEASE_SIZE / 1e6:.0f} MB: {load.requests:,} requests, {load.bytes / 1e9:,.1f} GB; busiest hour {load.busiest_hour_requests:,} "
+          f"requests ({load.busiest_hour_requests / 3600:.2f} a second), {load.busiest_hour_bytes * 8 / 3600e6:,.0f} Mbit/s; peak "
+          f"{load.peak_requests} requests in a second, {load.peak_bytes * 8 / 1e6:,.0f} Mbit/s over a minute, {load.peak_connections} connections", flush=True)
+    log = publishing.folder / "access.log"
+    log.unlink(missing_ok=True)
     with serve(publishing):
-        threads = [threading.Thread(target=machine) for _ in range(64)]
-        for thread in threads:
-            thread.start()
-        for thread in threads:
-            thread.join()
-    took = time.monotonic() - begin
-    log = (publishing.folder / "access.log").read_text(encoding="ascii").splitlines()
-    by_second: dict[str, int] = {}
-    for line in log:
-        moment = line.split("[")[1].split("]")[0]
-        by_second[moment] = by_second.get(moment, 0) + 1
-    return {**counts, "seconds": took, "peak": max(by_second.values()), "logged": len(log)}
+        seen = release_day.replay(visits, PORT, HOST, ["/Halvoro/Lumaris/win11-stable.txt.minisig", "/Halvoro/Lumaris/win11-stable.txt",
+                                                       f"/packages/{OWN}/Halvoro.ARM64.msi.minisig", f"/packages/{OWN}/Halvoro.ARM64.msi"],
+                                  f"Lumaris/{OWN}", day)
+    lines = log.read_text(encoding="ascii").splitlines()
+    by_second = Counter(line.split("[")[1].split("]")[0] for line in lines)
+    print(f"  replayed in {seen.seconds:.0f} s with {small.stat().st_size / 1e6:.1f} MB: {seen.requests:,} requests, {seen.bytes / 1e6:,.0f} MB, "
+          f"{seen.requests / seen.seconds:,.0f} requests a second, {max(by_second.values()):,} at the peak; {seen.broken_off} broken off, "
+          f"{seen.failures} failures", flush=True)
+    fleet = publishing.says("fleet", str(log), "--json")
+    asked = next(iter(fleet["days"].values()))
+    return [verdict("failures in the day of a release, replayed", seen.failures, "none", seen.failures == 0),
+            verdict("its requests that the access log lacks", load.requests - len(lines), "none", len(lines) == seen.requests == load.requests),
+            verdict("machines that lumaris-publish fleet counts in it", sum(asked.values()), f"{release_day.MACHINES}",
+                    sum(asked.values()) == release_day.MACHINES)]
+
+
+def verdict(what: str, value: float, to_reach: str, reached: bool, form: str = ".0f") -> Verdict:
+    """One number."""
+    return Verdict(what, f"{value:{form}}", to_reach, reached)
+
+
+def measure(runs: int, day: float, judge: Path) -> list[Verdict]:
+    """Everything that is promised."""
+    with tempfile.TemporaryDirectory(prefix="publishing-") as scratch:
+        publishing = Publishing(Path(scratch), judge)
+        (publishing.folder / "large").mkdir()
+        (publishing.folder / "small").mkdir()
+        large, small = make_package(publishing.folder / "large", SIZE), make_package(publishing.folder / "small", MB)
+        staged = measure_stage(publishing, large, runs)
+        offered = measure_offer(publishing, small, runs)
+        full, quick = measure_check(publishing, large, runs)
+        return [verdict("stage of 200 MB: time over minisign -S and sha256sum", staged, "at most 1.30", staged <= 1.3, ".2f"),
+                verdict("offer for 2 channels and 6 kinds of Windows, s", offered, "under 1", offered < 1, ".2f"),
+                verdict("check of 24 descriptions and 3 packages of 200 MB: time over fetching", full, "at most 1.20", full <= 1.2, ".2f"),
+                verdict("the same without the packages, s", quick, "under 1", quick < 1, ".2f"),
+                *replay_day(publishing, small, day)]
 
 
 def main() -> int:
     """Returns 0 when every number is reached."""
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--runs", type=int, default=5)
-    parser.add_argument("--day", type=float, default=30.0, metavar="SECONDS", help="how long the day of the simulation takes (default: 30)")
-    parser.add_argument("--judge", type=Path, default=TREE / "build/native-release/tools/publish/lumaris_judge")
+    parser.add_argument("--day", type=float, default=20.0, metavar="SECONDS", help="how long the replayed day takes (default: 20)")
+    parser.add_argument("--judge", type=Path, default=JUDGE)
     options = parser.parse_args()
-    results: list[tuple[str, float, Callable[[float], bool] | None, str]] = []
-    with tempfile.TemporaryDirectory(prefix="publishing-") as scratch:
-        publishing = Publishing(Path(scratch), options.judge)
-        (publishing.folder / "large").mkdir()
-        (publishing.folder / "small").mkdir()
-        large, small = make_package(publishing.folder / "large", SIZE), make_package(publishing.folder / "small", MB)
-        ratio = measure_stage(publishing, large, options.runs)
-        results.append(("stage of 200 MB over minisign -S and sha256sum", ratio, lambda value: value <= 1.3, "at most 1.3"))
-        results.append(("offer for 2 channels and 6 kinds of Windows, s", measure_offer(publishing, small, options.runs), lambda value: value < 1,
-                        "under 1"))
-        full, quick = measure_check(publishing, large, options.runs)
-        results.append(("check of 24 descriptions and 3 packages of 200 MB over fetching", full, lambda value: value <= 1.2, "at most 1.2"))
-        results.append(("the same without the packages, s", quick, lambda value: value < 1, "under 1"))
-        day = replay(publishing, small, options.day)
-        print(f"  a day of {MACHINES:,} machines in {day['seconds']:.0f} s: {day['requests']:,.0f} requests, {day['bytes'] / 1e6:,.0f} MB, "
-              f"{day['requests'] / day['seconds']:,.0f} requests a second, {day['peak']:,.0f} at the peak, {day['failures']:,.0f} failures")
-        results.append(("failures in a day of 5,000 machines", day["failures"] + abs(day["logged"] - day["requests"]), lambda value: value == 0, "none"))
-    for what, value, good, wanted in results:
-        print(f"{what:66} {value:8.2f}  {wanted:>12}  {'reached' if good is None or good(value) else 'MISSED'}")
-    return 0 if all(good is None or good(value) for _, value, good, _ in results) else 1
+    verdicts = measure(options.runs, options.day, options.judge)
+    for each in verdicts:
+        print(f"{each.what:70} {each.measured:>9}  {each.to_reach:>13}  {'reached' if each.reached else 'MISSED'}")
+    return 0 if all(each.reached for each in verdicts) else 1
 
 
 if __name__ == "__main__":

@@ -21,6 +21,7 @@ from contextlib import ExitStack
 from dataclasses import dataclass
 from pathlib import Path
 
+import publishing
 import report_server
 import size_report
 from plotting import plots, results
@@ -379,10 +380,15 @@ def reports(bench: Bench) -> list[Verdict]:
     return report_server.measure(bench.runs, at_length=bench.at_length)
 
 
+def publish(bench: Bench) -> list[Verdict]:
+    """The publisher's kit: staging, offering, checking a live server, and the day of a release for 5,000 machines."""
+    return publishing.measure(bench.runs, 20.0, publishing.JUDGE)
+
+
 MEASUREMENTS = {"check": present_package, "download": download, "memory": memory, "url": url_parse, "compress": compress,
                 "cache": cached_read, "idle": idle_run, "machine": machine_check,
                 "report": report_size, "installation": installation, "crash": crash_time,
-                "size": size, "reports": reports}
+                "size": size, "reports": reports, "publish": publish}
 
 
 def measure(names: list[str], runs: int, *, at_length: bool = False) -> list[results.Row]:
