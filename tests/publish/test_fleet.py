@@ -48,3 +48,8 @@ def test_a_table_and_a_plot_say_the_same(kit: Kit, tmp_path: Path) -> None:
 def test_a_log_with_nothing_in_it_is_no_failure(kit: Kit, tmp_path: Path) -> None:
     (tmp_path / "access.log").write_text("", encoding="ascii")
     assert "0 requests" in kit.done("fleet", str(tmp_path / "access.log"), "--svg", str(tmp_path / "fleet.svg")).out
+
+
+def test_a_version_that_somebody_made_up_is_counted_and_stops_nothing(kit: Kit, tmp_path: Path) -> None:
+    (tmp_path / "access.log").write_text(line("10.0.0.1", "20", "3.4.0") + line("10.0.0.2", "20", "999999.0.0"), encoding="ascii")
+    assert "1 of 2 addresses were not seen with 999999.0.0" in kit.done("fleet", str(tmp_path / "access.log")).out

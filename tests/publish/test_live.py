@@ -82,7 +82,7 @@ def test_a_whole_publication_is_accepted(offered: Kit, serve: Callable[..., str]
     server = serve(offered)
     assert findings(offered, server, *options) == []
     said = offered.done("check", "--url", server, *options)
-    assert "6 descriptions and 1 packages" in said.out and "clients accept everything" in said.out
+    assert "6 descriptions and 1 packages" in said.out and "clients accept everything\nnext: lumaris-publish fleet" in said.out
 
 
 def test_nginx_sends_what_clients_and_proxies_need(offered: Kit, serve: Callable[..., str]) -> None:

@@ -218,6 +218,18 @@ def test_the_status_says_what_is_offered(staged: Kit) -> None:
     assert "beta     3.4.2" in out and "keys drill" in out
 
 
+def test_whatever_is_done_ends_with_what_to_do_next(staged: Kit, tmp_path: Path) -> None:
+    (tmp_path / "access.log").write_text("", encoding="ascii")
+    (tmp_path / "there").mkdir()
+    same = staged.root / "public/packages/3.4.1/Halvoro.ARM64.msi"
+    for command in (("stage", same), ("offer", "3.4.1", "--channel", "beta"), ("promote", "3.4.1", "--from", "beta", "--to", "stable"),
+                    ("offer", "3.4.2", "--channel", "beta"), ("withdraw", "3.4.2", "--channel", "beta"), ("push", tmp_path / "there"),
+                    ("keys", "drill", "--key", staged.key.secret), ("status",), ("log",), ("fleet", tmp_path / "access.log"),
+                    ("keys", "new", tmp_path / "mine", "--without-password"), ("init", tmp_path / "new", "--host", "h", "--public-key", staged.key.line)):
+        said = staged.done(*command)  # type: ignore[arg-type]
+        assert "\nnext: " in said.out, command
+
+
 def test_a_log_that_somebody_damaged_is_said(staged: Kit) -> None:
     with (staged.root / "log.jsonl").open("a", encoding="utf-8") as log:
         log.write("nonsense\n")

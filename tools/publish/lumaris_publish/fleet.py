@@ -13,7 +13,7 @@ from dataclasses import dataclass, field
 from html import escape
 from pathlib import Path
 
-from . import terminal, version
+from . import terminal
 
 # The combined format of nginx and Apache. Where the remote user would stand, our configurations write the host.
 _LINE = re.compile(r'(?P<address>\S+) \S+ (?P<host>\S+) \[(?P<day>\d{2}/\w{3}/\d{4}):[^\]]*\] "(?:GET|HEAD) (?P<path>\S+)[^"]*" (?P<status>\d{3}) '
@@ -128,7 +128,10 @@ def run(options: argparse.Namespace) -> int:
                  f"{', '.join(f'{status}: {count:,}' for status, count in sorted(fleet.failures.items())) or 'none'}")
     for host, addresses in asking.items():
         terminal.say(f"{host} is still asked by {len(addresses):,} addresses{': ' + ', '.join(addresses[:20]) if addresses else ''}")
-    if len(fleet.versions) > 1:
-        behind = sum(version.parse(last) < version.parse(fleet.versions[-1]) for _, last in fleet.last_version.values())
-        terminal.next_step(f"{behind:,} of {len(fleet.last_version):,} addresses were not seen with {fleet.versions[-1]}")
+    if fleet.versions:
+        behind = sum(last != fleet.versions[-1] for _, last in fleet.last_version.values())
+        terminal.next_step(f"{behind:,} of {len(fleet.last_version):,} addresses were not seen with {fleet.versions[-1]}" if behind else
+                           f"nothing: every address was last seen with {fleet.versions[-1]}")
+    else:
+        terminal.next_step("give the log of the server that the programs ask: none of them asked here")
     return 0

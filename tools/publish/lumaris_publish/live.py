@@ -325,6 +325,6 @@ def run(options: argparse.Namespace) -> int:
         terminal.say(f"{'REFUSED' if finding.refused else 'remark '}  {finding.url}  {finding.sentence}")
     terminal.say(f"{outcome.descriptions} descriptions and {outcome.packages} packages ({outcome.bytes / 1e6:,.1f} MB) of {server}: "
                  f"{'clients would refuse something' if refused else 'clients accept everything'}")
-    if refused:
-        terminal.next_step("lumaris-publish status, then push again; docs/publishing.md has a page for a bad release")
+    terminal.next_step("lumaris-publish status, then push again; docs/publishing.md has a page for a bad release" if refused else
+                       "lumaris-publish fleet ACCESS.LOG, to see the machines follow")
     return 1 if refused else 0

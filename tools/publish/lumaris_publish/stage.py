@@ -57,6 +57,7 @@ def run(options: argparse.Namespace, signer: Signer) -> int:
                 if known is not None:
                     checks.check_same(known, digesting.result())
                     terminal.say(f"{own} is staged already, with the same bytes: nothing to do")
+                    terminal.next_step(f"lumaris-publish offer {own} --channel {settings.channels[-1]}, unless it is offered")
                     return 0
                 folder = str(own)
                 with signer.start(made / name, f"{name}, Halvoro {own}") if not options.dry_run else contextlib.nullcontext() as signature:

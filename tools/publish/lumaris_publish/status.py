@@ -42,6 +42,8 @@ def status(options: argparse.Namespace) -> int:
                                 [(each["version"], each["variant"] or "(none)", each["bytes"], str(each["sha256"])[:16]) for each in packages]))
     if drill is None or time.time() - drill > YEAR:
         terminal.next_step("lumaris-publish keys drill: nobody has tried the copy of the secret key for a year")
+    else:
+        terminal.next_step("lumaris-publish check, which asks the server itself")
     return 0
 
 
@@ -55,6 +57,6 @@ def log(options: argparse.Namespace) -> int:
         what = " ".join(filter(None, (entry.what, entry.version, entry.variant, f"on {entry.channel}" if entry.channel else "", entry.note)))
         accepted = f"; accepted {', '.join(entry.accepted)}: {entry.reason}" if entry.accepted else ""
         terminal.say(f"{entry.day_and_time}  {entry.who}  {what}{accepted}")
-    if not entries:
-        terminal.next_step("nothing was published: lumaris-publish stage PACKAGE.msi --key FILE")
+    terminal.next_step("lumaris-publish status, for what is offered now" if entries else
+                       "nothing was published: lumaris-publish stage PACKAGE.msi --key FILE")
     return 0
