@@ -155,6 +155,15 @@ def test_hosts_of_laboratories_are_distinguished_from_other_texts(text: bytes, h
     assert program.Program("3.4.1.0", 0xAA64, text).laboratory_hosts == hosts
 
 
+def test_a_program_in_another_place_is_refused_unless_there_is_a_reason(kit: Kit, workshop: Workshop) -> None:
+    kit.done("stage", workshop.package())
+    moved = workshop.package("3.4.2", "UPDATE `Directory` SET `DefaultDir` = 'Elsewhere' WHERE `Directory` = 'INSTALLDIR'")
+    said = kit.refused("program-place", "stage", moved)
+    assert 'Tavrin/Elsewhere", and was in' in said.err
+    kit.done("stage", moved, "--accept", "the task starts it there from now on")
+    kit.done("stage", workshop.package("3.4.3"))
+
+
 def test_all_faults_are_said_at_once(kit: Kit, workshop: Workshop) -> None:
     said = kit("stage", workshop.package("3.4.1", set_property("ALLUSERS", "2"), guarded=False, program=workshop.program("3.4.0")))
     assert said.refusals == ["per-machine", "no-guard", "program-version"]

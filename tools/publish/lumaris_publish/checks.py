@@ -12,13 +12,23 @@ from .refusal import Fault, Refusal, refuse
 from .settings import ARCHITECTURES, Settings
 
 
-def check(file: Path, package: msi.Package, settings: Settings, history: History, variant: str, digest: Callable[[], str]) -> list[Fault]:
-    """What is wrong with a package. Raises Refusal where what is inside cannot even be read."""
+def check(file: Path, package: msi.Package, settings: Settings, history: History, variant: str,
+          digest: Callable[[], str]) -> tuple[list[Fault], str]:
+    """What is wrong with a package, and where it installs its program. Raises Refusal where what is inside cannot even be read."""
     own = version.parse(package.version)
-    with msi.program_inside(file) as inside:
+    with msi.program_inside(file) as (inside, place):
         carried = program.read(inside)
     return [*_check_tables(package, settings), *_check_program(carried, own, settings), *_check_file_version(package, carried, own),
-            *_check_past(package, own, variant, history, digest), *_check_authenticode(file, settings)]
+            *_check_past(package, own, variant, history, digest), *_check_authenticode(file, settings), *_check_place(place, history)], place
+
+
+def _check_place(place: str, history: History) -> list[Fault]:
+    """What starts the program knows one place; a program in another one is never run, and the old one installs for ever."""
+    former = {staged.place for staged in history.staged if staged.place}
+    if not former or place in former:
+        return []
+    return [Fault("program-place", f"lumaris.exe is installed in \"{place}\", and was in \"{', '.join(sorted(former))}\": machines would go on running the "
+                                   "old one and install this package at every run; install it where it was", policy=True)]
 
 
 def _check_tables(package: msi.Package, settings: Settings) -> list[Fault]:

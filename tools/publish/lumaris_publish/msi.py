@@ -124,8 +124,8 @@ def read(package: Path) -> Package:
 
 
 @contextmanager
-def program_inside(package: Path, name: str = PROGRAM) -> Iterator[Path]:
-    """The program that a package installs, in a folder of its own."""
+def program_inside(package: Path, name: str = PROGRAM) -> Iterator[tuple[Path, str]]:
+    """The program that a package installs, in a folder of its own, and where it is to be installed."""
     with tempfile.TemporaryDirectory(prefix="lumaris-publish-") as folder:
         done = tools.run(["msiextract", "-C", folder, package])
         if done.returncode != 0:
@@ -136,4 +136,4 @@ def program_inside(package: Path, name: str = PROGRAM) -> Iterator[Path]:
                                        "the same version into it")
         if len(found) > 1:
             raise refuse("no-program", f"{package.name} brings {len(found)} files called {name}: put the program into it once")
-        yield found[0]
+        yield found[0], str(found[0].parent.relative_to(folder))

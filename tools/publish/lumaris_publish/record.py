@@ -37,6 +37,7 @@ class Staged:
     size: int
     product_code: str
     upgrade_code: str
+    place: str = ""  # the folder of the program; publications of the kit's first days do not say it
 
     @property
     def title(self) -> str:

@@ -61,7 +61,8 @@ def run(options: argparse.Namespace, signer: Signer) -> int:
                     return 0
                 folder = str(own)
                 with signer.start(made / name, f"{name}, Halvoro {own}") if not options.dry_run else contextlib.nullcontext() as signature:
-                    accepted = settle(checks.check(made / name, package, settings, history, options.variant, digesting.result), options.accept)
+                    faults, place = checks.check(made / name, package, settings, history, options.variant, digesting.result)
+                    accepted = settle(faults, options.accept)
                     address.check(f"{settings.packages}{folder}/", clients)
                     if signature is None:
                         terminal.say(f"would sign {given.name} ({size:,} bytes) as {settings.packages}{folder}/{name}")
@@ -73,7 +74,7 @@ def run(options: argparse.Namespace, signer: Signer) -> int:
                                           "publish.toml names?")
                 digest = digesting.result()
                 lasting.result()
-                staged = record.Staged(folder, options.variant, folder, digest, size, package.product_code, package.upgrade_code)
+                staged = record.Staged(folder, options.variant, folder, digest, size, package.product_code, package.upgrade_code, place)
                 publication.add_package(staged, made, record.Entry(
                     id=record.next_id(history), time=time, who=record.who(), what="stage", version=staged.version, variant=options.variant,
                     sha256=digest, accepted=tuple(accepted), reason=options.accept or ""))
