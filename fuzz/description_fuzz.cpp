@@ -30,7 +30,7 @@ bool is_white(char c) {
     return c == ' ' || (c >= 9 && c <= 13);
 }
 
-// strtoull takes white space and a second sign where a number must follow already; those are no number here.
+// strtoull accepts white space and a second sign before the number; these do not count as a number here.
 std::uint32_t naive_version(const std::string& text) {
     const char* start = text.c_str();
     while (is_white(*start)) {

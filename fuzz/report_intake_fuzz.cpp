@@ -1,7 +1,7 @@
 // Fuzzes what the report server does with a delivery: the input as a body, and as an inflated report.
 //
 // What holds for every input: it is answered exactly once, in text/plain with one of the statuses that the program knows, and a
-// report is asked for in full, or thanked for, only when it is one. Text of any bytes is no markup on a page.
+// report is asked for in full, or thanked for, only when it is one. Text of any bytes never becomes markup on a page.
 #include "tools/report_reader/inflate.h"
 #include "tools/report_reader/report.h"
 #include "tools/reports/html.h"

@@ -1,7 +1,7 @@
 // Fuzzes the report reader: the input as an inflated report, as a file, and as a body with chunk framing.
 //
 // What holds for every input: it is read or refused, and the offset in the refusal lies within the bytes; what has been read
-// as a report is put together again to the same bytes, and can be shown both ways. The inflated size stays within its limit.
+// as a report is put together again to the same bytes, and can be shown both ways. The inflated size remains within its limit.
 #include "tests/tools/report_reader/serialize.h"
 #include "tools/report_reader/chunk_framing.h"
 #include "tools/report_reader/inflate.h"

@@ -56,7 +56,7 @@ struct outcome {
     char algorithm = 0;
     std::uint64_t id = 0;
     std::string bytes;
-    std::size_t line_end = 0; // behind the line feed of the signature line; 0 where there is none
+    std::size_t line_end = 0; // behind the line feed of the signature line; 0 if there is none
 
     friend bool operator==(const outcome& left, const outcome& right) {
         return left.failure == right.failure && left.algorithm == right.algorithm && left.id == right.id &&

@@ -1,6 +1,6 @@
 // Fuzzes the URL matchers and the conversion of a URL.
 //
-// What holds for every text: the matchers stay inside it (it is matched without a zero byte behind it, where
+// What holds for every text: the matchers remain inside it (it is matched without a zero byte behind it, where
 // the sanitizer watches), a bounded match and an open one say the same, a graph used again says what a new
 // one says, and a record put together again is the URL of the same record.
 #include "http/parser/url_parts.h"
@@ -53,7 +53,7 @@ void check_record(const std::string& text, const webio::url_parts& parts) {
         require(
             std::all_of(field->begin(), field->end(), [](char chr) { return chr > ' ' && chr < '\x7F'; }));
     }
-    // Where nothing stands between host and path, any text may begin the path; the port put there now would
+    // If nothing stands between host and path, any text may begin the path; the port put there now would
     // be read together with it.
     if (!parts.path.empty() && std::string_view("/?#").find(parts.path.front()) == std::string_view::npos) {
         return;
@@ -72,7 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const unsigned flags : {corvo::parser::match_default, corvo::parser::match_case_insensitive}) {
         test::url_graph bounded;
         test::url_graph open;
-        // `data` is a copy of just this size; where it is null there is nothing to read.
+        // `data` is a copy of just this size; if it is null there is nothing to read.
         const char nothing = 'x';
         const char* exact = size == 0 ? &nothing : reinterpret_cast<const char*>(data);
         const bool matched = bounded.url.match(exact, 0, size, flags);

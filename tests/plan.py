@@ -29,8 +29,8 @@ How a case is written, and every note that there is, stands at the top of docs/t
 X64, ARM64, NATIVE = "x86-64", "ARM64", "native"
 PLACES = {"x64": X64, "arm64": ARM64, None: NATIVE}
 
-# What a note says of the tests before it: where each of them must have passed, where each must not have run at all, and
-# where each must have been skipped.
+# What a note says of the tests before it: on which machines each of them must have passed, on which it must not have run at
+# all, and on which it must have been skipped.
 NOTES: dict[str, tuple[frozenset[str], frozenset[str], frozenset[str]]] = {
     "": (frozenset({X64, ARM64}), frozenset(), frozenset()),
     "x86-64 only": (frozenset({X64}), frozenset({ARM64}), frozenset()),
@@ -214,7 +214,7 @@ def read_sources(tests: Path) -> set[str]:
 def plain_name(class_name: str, name: str) -> tuple[str, str]:
     """The name of a reported test without what it is repeated with, and that."""
     parts = class_name.split("/")
-    # "instances/suite", "suite/0" where it is repeated for types, or both.
+    # "instances/suite", "suite/0" if it is repeated for types, or both.
     suite = next((part for part in reversed(parts) if not part.isdigit()), class_name)
     test = re.split(r"[/\[]", name, maxsplit=1)[0]
     return f"{suite.rpartition('.')[2]}.{test}", class_name + name[len(test):]
@@ -371,7 +371,7 @@ def tell(verdict: Verdict) -> None:
 
 
 def main() -> int:
-    """Checks and tells."""
+    """Checks, and prints the result."""
     parser = argparse.ArgumentParser(prog="./dev plan", description=__doc__, epilog=EXAMPLES,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--unnamed", action="store_true", help="list the tests that no case names")

@@ -116,7 +116,7 @@ def reported(suite: Suite, arguments: list[str], report: Path, accepted: tuple[i
 
 
 def missing(*files: Path) -> Result | None:
-    """A failure where one of the files has not been built."""
+    """A failure if one of the files has not been built."""
     for file in files:
         if not file.exists():
             result = Result()
@@ -134,7 +134,7 @@ def run_native(suite: Suite, options: argparse.Namespace) -> Result:
 
 
 def built(suite: Suite, preset: str, *targets: str) -> Result | None:
-    """Builds what `./dev test` has not built, so that a tree without it is not a failure. A failure where it does not build."""
+    """Builds what `./dev test` has not built, so that a tree without it is not a failure. A failure if it does not build."""
     for target in targets:
         status, output = command(suite, [sys.executable, "toolchain/job.py", "build", "--target", target, preset], log_name=f"{suite.name}-build")
         if status != 0:
@@ -208,7 +208,7 @@ def run_fuzz(suite: Suite, options: argparse.Namespace) -> Result:
     for target in targets:
         if options.k and options.k not in target.name:
             continue
-        # What it finds goes into the first folder; the seeds stay as they are.
+        # What it finds goes into the first folder; the seeds remain as they are.
         found = RESULTS / "fuzz" / target.name
         (found / "corpus").mkdir(parents=True, exist_ok=True)
         seeds = TREE / "fuzz/corpus" / target.name
@@ -250,7 +250,7 @@ def select(only: list[str]) -> list[Suite]:
 
 
 def perform(suites: list[Suite], options: argparse.Namespace) -> dict[str, Result]:
-    """Runs the suites, two at a time, and tells how far it is."""
+    """Runs the suites, two at a time, and prints how far it is."""
     results: dict[str, Result] = {}
     running: dict[str, float] = {}
     lock = threading.Lock()

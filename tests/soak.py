@@ -51,7 +51,7 @@ PARTS = (
 
 
 def main() -> int:
-    """Runs the parts that are asked for, one after another, and tells what came of each."""
+    """Runs the parts that are asked for, one after another, and prints the result of each."""
     parser = argparse.ArgumentParser(prog="./dev soak", description=__doc__, epilog=EXAMPLES,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("parts", nargs="*", metavar="PART", help=f"of {', '.join(part.name for part in PARTS)} (default: all)")

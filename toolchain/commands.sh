@@ -300,7 +300,7 @@ use_key() {
 }
 
 # release_file OPTION FILE: copies the file to where the room sees it, for this run alone, and adds it to release_ship. The rest of the
-# host's files stays outside.
+# host's files remains outside.
 release_file() {
     [[ -f $2 && -r $2 ]] || die "$1: there is no file $2"
     (umask 077 && mkdir -p "$run_folder/tmp/release" && cp -- "$2" "$run_folder/tmp/release/${1#--}") || die "cannot copy $2"
@@ -345,7 +345,7 @@ command_release() {
         job_release make "${arguments[@]}" && job_release match "/tmp/released/$(basename -- "$match")"
         return
     fi
-    # What was shipped before does not stay beside a release that is refused.
+    # What was shipped before does not remain beside a release that is refused.
     [[ -z $output ]] || rm -f -- "${release_shipped[@]/#/"$output"/}"
     job build --target read_report native-release || return
     job_release make "${arguments[@]}" || return

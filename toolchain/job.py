@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Jobs of ./dev that run inside the room.
 
-    job.py build [--target TARGET] PRESET...     configures where needed, and builds in build/PRESET
+    job.py build [--target TARGET] PRESET...     configures if needed, and builds in build/PRESET
     job.py coverage [--whole-runs]               counts which lines the tests run
     job.py docs                                  makes the documents' site in build/docs and checks its links
     job.py fuzz [--seconds N] [TARGET]...        runs fuzz targets of build/native-fuzz
@@ -17,9 +17,9 @@ from jobs.common import JobError
 
 def main() -> int:
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    words = parser.add_subparsers(dest="job", required=True)
+    commands = parser.add_subparsers(dest="job", required=True)
     for module in (building, coverage, documents, fuzzing, linting):
-        module.add_parser(words)
+        module.add_parser(commands)
     arguments = parser.parse_args()
     try:
         arguments.run(arguments)

@@ -1,5 +1,5 @@
 // minidump FILE: the crash of tests/crash/access_violation.cpp with the error-report component, of which the system's own function
-// writes a minidump first. Both tell the same crash.
+// writes a minidump first. Both describe the same crash.
 
 #include "errorreport/error_reporting.h"
 #include "tests/crash/crash_program.h"

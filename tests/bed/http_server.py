@@ -187,7 +187,7 @@ class ScriptedServer:
             connection.close()
 
     def _send(self, connection: socket.socket, answer: Raw) -> bool:
-        """Answers; true where the connection goes on."""
+        """Answers; true if the connection goes on."""
         for piece in answer.pieces:
             if isinstance(piece, bytes):
                 connection.sendall(piece)
@@ -215,7 +215,7 @@ def _raw(answer: Single) -> Raw:
 
 
 def _pause(connection: socket.socket, seconds: float) -> bool:
-    """Says nothing for so long; false where the program goes away meanwhile."""
+    """Says nothing for so long; false if the program goes away meanwhile."""
     connection.settimeout(seconds)
     try:
         return bool(connection.recv(1))
@@ -243,7 +243,7 @@ def _requests(connection: socket.socket) -> Iterator[Request]:
 
 
 def _unchunked(stream: BinaryIO) -> bytes | None:
-    """A body without the framing of its chunks, or None where it ends early."""
+    """A body without the framing of its chunks, or None if it ends early."""
     body = b""
     while True:
         line = stream.readline()

@@ -38,7 +38,7 @@ GATEWAY_ADDRESS = "10.77.0.2"
 # The unit in which a disk of this bed is filled.
 PAGE = 4096
 
-# Files on such a disk, where their number does not matter. A disk without a limit could not be given one later.
+# Files on such a disk, for tests in which their number does not matter. A disk without a limit could not be given one later.
 MANY = 1000
 
 # No name server: a name that is not in /etc/hosts fails at once, without a packet and without a wait.

@@ -1,4 +1,4 @@
-"""A small but real installer package: one file and one registry value, and the updater where one is given.
+"""A small but real installer package: one file and one registry value, and the updater if one is given.
 
 Given a folder of built programs it is the sample of a product's own package: it includes the fragment of packaging/installer, as Halvoro's does, and
 so brings the updater with its check, event source, task and folder.
@@ -50,7 +50,7 @@ _SOURCE = """<?xml version="1.0" encoding="utf-8"?>
 </Wix>
 """
 
-# What a newer version refuses: to be replaced by this package. Without it Windows Installer goes back without a word.
+# What a newer version refuses: to be replaced by this package. Without it Windows Installer goes back silently.
 _GUARD = """    <MajorUpgrade DowngradeErrorMessage="A newer version of Halvoro is installed already."/>
     <InstallExecuteSequence>
       <RemoveExistingProducts Sequence="1510"/>
@@ -85,7 +85,7 @@ class InstallerPackage:
     def build(folder: Path, architecture: str, version: str = str(NEWER), *, guarded: bool = True, program: Path | None = None) -> InstallerPackage:
         """Builds "Halvoro" of this version for the processor on which the installer is to run.
 
-        `program` is the lumaris.exe that it brings. One that is not guarded goes back to an older version without a word.
+        `program` is the lumaris.exe that it brings. One that is not guarded goes back to an older version silently.
         """
         text = f"Halvoro {version}, installed by its own installer package.\n"
         (folder / "halvoro.txt").write_text(text, encoding="ascii")

@@ -63,8 +63,8 @@ class RealReportServer:
         temporary = "\n".join(f"{kind}_temp_path {self._folder}/{kind};" for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
         configuration = self._folder / "nginx.conf"
         configuration.write_text(f"daemon off;\nuser root;\npid {self._folder}/nginx.pid;\nerror_log {self._folder}/error.log;\nevents {{}}\nhttp {{\n"
-                                 f"{temporary}\nlog_format told '$msec $status $request_length $request';\n"
-                                 f"access_log {self._folder}/access.log told;\n{shipped}\n}}\n", encoding="utf-8")
+                                 f"{temporary}\nlog_format moments '$msec $status $request_length $request';\n"
+                                 f"access_log {self._folder}/access.log moments;\n{shipped}\n}}\n", encoding="utf-8")
         return configuration
 
     def add_symbols(self, *files: Path) -> None:

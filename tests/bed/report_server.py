@@ -1,4 +1,4 @@
-"""The report server: takes error reports over HTTPS, remembers every request, and answers as told.
+"""The report server: takes error reports over HTTPS, remembers every request, and answers as the test says.
 
 It runs on a thread with an event loop of its own. A request is remembered when its head has come, and what follows is added to it
 as it comes; a test that has seen the program end knows everything.
@@ -178,7 +178,7 @@ class ReportServer:
         return await self._reply(received, answer, request)
 
     async def _pass(self, stage: str, received: Received, answer: Answer, request: web.BaseRequest) -> bool:
-        """Notes that a stage is reached; false where the connection ends there."""
+        """Notes that a stage is reached; false if the connection ends there."""
         received.moments[stage] = time.time()
         if answer.hold_at == stage:
             await self._released.wait()

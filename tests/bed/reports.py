@@ -30,16 +30,16 @@ class Frame:
     """Of the module's file header."""
     offset: int
     functions: tuple[str, ...]
-    """Where symbols were given: the innermost one first, those that were put into it, and last the one that the code belongs
+    """If symbols were given: the innermost one first, those that were put into it, and last the one that the code belongs
     to; without namespaces and parameters."""
     sources: tuple[str, ...]
-    """"file:line" of each of them, empty where it is not known."""
+    """"file:line" of each of them, empty if it is not known."""
     stack: bytes
-    """Full reports only; empty where the report has none."""
+    """Full reports only; empty if the report has none."""
 
     @property
     def function(self) -> str | None:
-        """The innermost function, where it is known."""
+        """The innermost function, if it is known."""
         return self.functions[0] if self.functions else None
 
 

@@ -106,7 +106,7 @@ class Screen:
             if int(self._do("identify", "-format", "%k", str(file))) > _FEW_COLOURS:
                 return file
             if time.monotonic() > until:
-                raise BedError(f"window \"{window.title}\" stays empty for {limit} s")
+                raise BedError(f"window \"{window.title}\" remains empty for {limit} s")
             time.sleep(_PAUSE)
 
     def _do(self, *command: str, accepted: tuple[int, ...] = (0,)) -> str:

@@ -26,7 +26,7 @@ _VERSION = "HKLM\\Software\\Microsoft\\Windows NT\\CurrentVersion"
 
 
 class ListManager:
-    """Puts a list manager that answers as told in the place of the system's own, and takes it away again."""
+    """Puts a list manager that answers as the test says in the place of the system's own, and takes it away again."""
 
     def __init__(self, windows: Windows, library: Path) -> None:
         self._windows = windows
@@ -69,5 +69,5 @@ def set_version(windows: Windows, major: int, minor: int, build: int) -> None:
 
 
 def set_screen_reader(windows: Windows, running: bool) -> None:
-    """Whether programs are told that a screen reader runs. They ask each time, so it takes effect at once."""
+    """Whether the system says that a screen reader runs. They ask each time, so it takes effect at once."""
     windows.set_value(_BLIND_ACCESS, "On", "1" if running else "0", REG_SZ)

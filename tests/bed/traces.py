@@ -59,7 +59,7 @@ def commands(trace: str) -> Iterator[ShellCommand]:
 
 
 def event_sources(trace: str) -> list[str]:
-    """The names of the event sources that a trace opens, and "closed" where it closes one."""
+    """The names of the event sources that a trace opens, and "closed" if it closes one."""
     return [_text(found[2]) if found[1] == "RegisterEventSourceW" else "closed"
             for found in map(_SOURCE.search, trace.splitlines()) if found]
 

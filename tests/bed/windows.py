@@ -22,7 +22,7 @@ ARCHITECTURES = ("x64", "arm64")
 _WINE = "/usr/lib/wine/wine64"
 _WINE_SERVER = "/usr/lib/wine/wineserver"
 
-# Prefixes made once and copied for each run, where the machine has them.
+# Prefixes made once and copied for each run, if the machine has them.
 _PREPARED = {"x64": Path("/opt/lumaris/prefix-x86_64"), "arm64": Path("/opt/lumaris/prefix-aarch64")}
 
 # What the shipped programs may need on top of a bare prefix is nothing: no .NET, no HTML engine, no menus.
@@ -298,7 +298,7 @@ class Windows:
         self.ask("set", key, name, str(kind), data.hex())
 
     def value(self, key: str, name: str) -> str | int | bytes | None:
-        """Reads a registry value, or None where there is none."""
+        """Reads a registry value, or None if there is none."""
         answer = self._exchange(("get", key, name), 30)
         if answer[0] != "ok":
             return None

@@ -1,4 +1,4 @@
-// Overflows its stack without the component. Its filter does nothing but end the process, with 77: whether that happens tells
+// Overflows its stack without the component. Its filter does nothing but end the process, with 77: whether that happens shows
 // whether this system gives a filter a chance at all.
 
 #include <windows.h>

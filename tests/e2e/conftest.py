@@ -52,7 +52,7 @@ def pytest_configure(config: pytest.Config) -> None:
 
 
 def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
-    """Leaves out what the other processor does and what takes long, and changes the order where that is asked for."""
+    """Leaves out what the other processor does and what takes long, and changes the order if that is asked for."""
     without = [*["any_processor"] * (config.getoption("--arch") == "arm64"), *["at_length"] * (not config.getoption("--every-byte"))]
     left_out = [item for item in items if any(item.get_closest_marker(each) for each in without)]
     if left_out:
@@ -177,6 +177,6 @@ def desktop(request: pytest.FixtureRequest, bed: Bed) -> Iterator[tuple[windows.
 
 @pytest.fixture
 def watched(crash_bed: CrashBed, desktop: tuple[windows.Windows, Screen]) -> Iterator[CrashWorld]:
-    """A Windows with a screen, for programs that tell somebody about their crash."""
+    """A Windows with a screen, for programs that show their crash to a user."""
     with CrashWorld(crash_bed, *desktop) as fresh:
         yield fresh

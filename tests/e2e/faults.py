@@ -72,7 +72,7 @@ class Fault:
 
     answer: Raw
     arrives: tuple[bytes | str, ...]
-    """What the program is given as the body, or the failure instead of it. More than one where it is not always the same."""
+    """What the program is given as the body, or the failure instead of it. More than one if it is not always the same."""
 
 
 # The numbers of the platform's failures. It has no texts for those of its own.

@@ -44,7 +44,7 @@ class Installer:
                 program.write(self.bed.program_file.read_bytes() + more)
             packaging.make(self.programs, self.machine.architecture, version, file)
             # Windows tells the version that is being replaced so, in UPGRADINGPRODUCTCODE. Wine does not; what it removes for a
-            # newer version can then be told apart only by the name of the feature, where a removal has ALL.
+            # newer version can then be distinguished only by the name of the feature, where a removal has ALL.
             packaging.run("msibuild", str(file), "-q", "UPDATE `Upgrade` SET `Remove` = 'Lumaris' WHERE `ActionProperty` = 'WIX_UPGRADE_DETECTED'")
         return file
 

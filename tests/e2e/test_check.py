@@ -176,7 +176,7 @@ CUTS = [(name, position) for name, form in server_faults.FORM.items() for positi
 
 
 def meet(world: World, check: Check, request_name: str, fault_of: Callable[[faults.Message], faults.Fault]) -> None:
-    """The check and the program meet the same fault. Where the platform lost the request after it, both meet it once more."""
+    """The check and the program meet the same fault. If the platform lost the request after it, both meet it once more."""
     path = server_faults.path_of(request_name)
     for _ in range(4):
         world.clean()

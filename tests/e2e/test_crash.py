@@ -14,7 +14,7 @@ from world import World
 ACCESS_VIOLATION = 0xC0000005
 STACK_OVERFLOW = 0xC00000FD
 FAST_FAIL = 0xC0000409
-# What the component raises for failures that are no structured exceptions, so that they come to the filter.
+# What the component raises for failures that are not structured exceptions, so that they reach the filter.
 TERMINATE_CALLED = 0xE0544D01
 ABORT_CALLED = 0xE0544D02
 INVALID_PARAMETER = 0xE0544D03
@@ -42,7 +42,7 @@ TIME_LIMIT = {"x64": 10, "arm64": 40}
 
 
 def assert_crash_of(report: Report, kind: str) -> None:
-    """The report tells this crash: its code, and the way to it."""
+    """The report describes this crash: its code, and the way to it."""
     code, raised, functions = KINDS[kind]
     program = f"crash_{kind}.exe"
     assert report.code == code

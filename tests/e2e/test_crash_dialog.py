@@ -146,7 +146,7 @@ def test_a_page_for_an_answer_is_reported_as_not_sent(watched: CrashWorld) -> No
 
 @pytest.mark.any_processor
 def test_an_answer_that_breaks_off_is_shown_as_far_as_it_came(watched: CrashWorld) -> None:
-    """The report has arrived. That a body ends before its announced length is nothing that Wine tells."""
+    """The report has arrived. Wine does not report that a body ends before its announced length."""
     watched.server.usual = Answer(body=b"Thanks so f", content_type="text/plain; charset=utf-8", cut_at=REPLIED)
     assert crash_before_a_user(watched).texts == [INTRODUCTION + ANSWERED + "Thanks so f" + CLOSING]
 

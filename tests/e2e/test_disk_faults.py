@@ -69,7 +69,7 @@ def test_a_disk_that_is_full_after_so_many_pages(world: World, pages: int) -> No
     with world.bed.network.disk_at(world.store, 16 * PAGE) as disk:
         disk.fill(but=pages * PAGE)
         assert_fails(world, "Failed to load content: Disk full.", LOADED)
-        # What found room stays: the next run looks at it, finds it short, and writes over it.
+        # What found room remains: the next run checks it, finds it short, and writes over it.
         assert (world.store / STORED).read_bytes() == PACKAGE_CONTENT[:pages * PAGE]
         disk.resize(16 * PAGE)
         assert_recovers(world)
@@ -444,7 +444,7 @@ def long_folder(top: Path, length: int) -> Path:
     return folder
 
 
-# The lengths of the folder for which the package has paths of 259, 260 and 261 characters, and the longest that the system tells.
+# The lengths of the folder for which the package has paths of 259, 260 and 261 characters, and the longest that the system reports.
 @pytest.mark.parametrize("length", [242, pytest.param(243, marks=QUICK), pytest.param(244, marks=QUICK), 259])
 def test_a_long_temporary_folder_is_not_cut(world: World, plain: str, temporary: Path, length: int) -> None:
     folder = long_folder(temporary, length)

@@ -96,10 +96,10 @@ def test_an_installation_brings_program_event_source_folder_and_task_and_its_rem
 
     installer.remove()
     after = [registry(machine, key) for key in ("HKLM\\Software", "HKLM\\System")]
-    # Windows Installer's own keys stay, empty. Wine starts its Task Scheduler with the first task, and counts service starts.
+    # Windows Installer's own keys remain, empty. Wine starts its Task Scheduler with the first task, and counts service starts.
     assert [line for pair in zip(before, after, strict=True) for line in changed(*pair)
             if not any(re.fullmatch(allowed, line) for allowed in UNAVOIDABLE)] == []
-    # Windows Installer's own folder stays, empty.
+    # Windows Installer's own folder remains, empty.
     assert set(drive.changes()) <= {"new d windows/Installer"}
 
 

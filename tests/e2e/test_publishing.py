@@ -114,7 +114,7 @@ def factory_fixture(world: World) -> Iterator[Factory]:
 
 
 def clean(factory: Factory) -> None:
-    """Nothing of what was installed stays."""
+    """Nothing of what was installed remains."""
     machine = factory.world.machine
     for made in reversed(factory.made):
         machine.run(f'msiexec /x "{windows_path(made)}" /qn /norestart', limit=120, settle=60)

@@ -115,7 +115,7 @@ class Round:
 
 
 def kind_of(body: bytes) -> str | None:
-    """"short" or "full", or None for what is no whole report."""
+    """"short" or "full", or None for anything but a complete report."""
     stream = zlib.decompressobj()
     try:
         content = stream.decompress(body)
@@ -223,7 +223,7 @@ def next_start(crashes: CrashWorld) -> list[str]:
     wrong = [] if run.exit_code == 0 else [f"the next start ends with {run.exit_code}"]
     if sorted(left) != sorted(each.body for each in crashes.server.requests):
         wrong.append(f"the next start sends {crashes.server.kinds} where {len(left)} are saved")
-    return wrong + [f"{name} stays" for name in crashes.files() if name.endswith(".tzo")]
+    return wrong + [f"{name} remains" for name in crashes.files() if name.endswith(".tzo")]
 
 
 @pytest.mark.parametrize("lock", ["loader", "heap"])

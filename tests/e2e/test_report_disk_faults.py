@@ -261,7 +261,7 @@ def mend(temporary: Path) -> None:
     (temporary / "1.tzo").chmod(0o644)
 
 
-# What of the second of three reports gets through each time. What stays is tried again by each start.
+# What of the second of three reports gets through each time. What remains is tried again by each start.
 @pytest.mark.parametrize(("kind", "sent"), [
     pytest.param("unreadable", [], marks=QUICK),
     ("read-only", [b"short report 1"]),
@@ -316,7 +316,7 @@ def test_a_report_that_another_program_has_open(crashes: CrashWorld, temporary: 
 @pytest.mark.any_processor
 @pytest.mark.parametrize("hindrance", ["held", "unreadable", "missing"])
 def test_a_full_report_that_is_wanted_and_cannot_be_read(crashes: CrashWorld, temporary: Path, hindrance: str) -> None:
-    """Its short report has been sent: it stays, and the next start goes on with the next report."""
+    """Its short report has been sent: it remains, and the next start goes on with the next report."""
     save_in(temporary, 0, 1)
     file = temporary / "0.tzr"
     crashes.server.queue = [FULL_WANTED]

@@ -1,7 +1,7 @@
 """What faulty servers and networks do to a report: no reply, however broken, loses one that has not arrived, or sends one twice.
 
 Both posts, of the short and of the full report, meet every fault, most of them at the next start, which sends what a crash has left. A
-report whose reply cannot be read stays; one whose reply could be read counts as delivered, whatever the reply says.
+report whose reply cannot be read remains; one whose reply could be read counts as delivered, whatever the reply says.
 """
 
 from __future__ import annotations
@@ -29,7 +29,7 @@ Pair = tuple[bytes, bytes]
 THANKS = Message("Hvala za poročilo.".encode())
 FULL_WANTED = Message("Prosim za celotno poročilo.".encode(), status_line="HTTP/1.1 449 Retry With")
 
-# What becomes of a report: it counts as delivered and is deleted; it stays; it stays and the reply is kept, too, as a page.
+# What becomes of a report: it counts as delivered and is deleted; it remains; it remains and the reply is kept, too, as a page.
 DELIVERED, KEPT, PAGE = "delivered", "kept", "page"
 POSTS = ["short", "full"]
 

@@ -1,6 +1,6 @@
 """What faulty servers and networks do to an update: each of its four requests meets every fault, and the next run makes it good.
 
-A fault ends in one error event with the text that it has to have, or, where the platform makes the right content of it all the same, in
+A fault ends in one error event with the text that it has to have, or, if the platform makes the right content of it all the same, in
 an update. Nothing but what is signed is ever given to the installer, and nothing outside the program's own folder changes.
 
 With `--every-byte` each fault meets each request, and replies are cut after every byte; without, the faults take turns with the requests,
@@ -31,7 +31,7 @@ MEGABYTE = 1048576
 ELSEWHERE = "/elsewhere"
 SECURE_HOST = "packages.tavrin.example"
 
-# What stands for a reply where tests are collected: of the same form, since only positions and names matter there.
+# What stands for a reply while tests are collected: of the same form, since only positions and names matter there.
 FORM = {"description.minisig": Message(b"x" * 284), "description": Message(b"x" * 67), "package.minisig": Message(b"x" * 284),
         "package": Message(CONTENT)}
 
@@ -180,7 +180,7 @@ def test_a_reply_with_this_fault_is_refused_or_harmless(world: World, request_na
     suffer(world, path, fault.answer, *fault.arrives)
 
 
-# Redirections. What is no address of http or https this platform takes for a path on the same server.
+# Redirections. This platform takes what is not an http or https address for a path on the same server.
 REDIRECTIONS: dict[str, tuple[str, ...]] = {
     ELSEWHERE: (TAKEN,),
     "http://updates.tavrin.example/elsewhere": (TAKEN,),

@@ -101,7 +101,7 @@ class World:
 
     def offer(self, *, url: str = FOLDER_URL, package: str | None = PACKAGE, content: bytes = PACKAGE_CONTENT,
               version: str = versions.NEWER.offer, description: str = DESCRIPTION) -> None:
-        """Offers an update: the description, and the package where one is given."""
+        """Offers an update: the description, and the package if one is given."""
         self.describe(f"{version}\nHalvoro {versions.NEWER}\n{url}\n", path=description)
         if package is not None:
             self.publish(package, content)

@@ -1,11 +1,11 @@
-// Does many times in one process what the product does once, and tells what the process held before and after.
+// Does many times in one process what the product does once, and prints what the process held before and after.
 //
 //     endurance.exe VARIANT WHAT WARM_UP ROUNDS [LEAK]
 //
 //     VARIANT   of the package, as for the updater, which reads it from the same place
 //     WHAT      updates      whole runs: with a download, with the package there, with a package that the server does not have
 //               crashes      the component installed, a crash caught, composed, sent or saved, the component removed
-//               quick-crashes    the same where the system's symbol engine cannot be had, which takes most of the time and keeps some memory
+//               quick-crashes    the same if the system's symbol engine is missing, which takes most of the time and keeps some memory
 //               uploads      both reports of an exception composed and sent, without the system's symbol engine
 //               component    the component installed and removed, with ten notes
 //     WARM_UP   rounds before the first measurement, which fill the system's own caches

@@ -74,7 +74,7 @@ struct handle_table {
 
 constexpr auto system_handle_information = static_cast<SYSTEM_INFORMATION_CLASS>(16);
 
-// GetProcessHandleCount is 0 where nobody has written it.
+// GetProcessHandleCount is 0 if nobody has written it.
 std::size_t count_handles() {
     static std::array<unsigned char, 1 << 20> buffer;
     ULONG size = 0;

@@ -54,7 +54,7 @@ TEST(decoding, of_utf_16_takes_the_units_as_they_stand) {
 
 TEST(decoding, of_utf_16_ends_with_the_first_zero_unit_or_the_last_whole_one) {
     EXPECT_EQ(L"ab", decoded(reply_decoding::utf_16, "a\0b\0\0\0c\0"sv));
-    EXPECT_EQ(L"\x0100z", decoded(reply_decoding::utf_16, "\0\x01z\0"sv)) << "a zero byte is no zero unit";
+    EXPECT_EQ(L"\x0100z", decoded(reply_decoding::utf_16, "\0\x01z\0"sv)) << "a zero byte is not a zero unit";
     EXPECT_EQ(L"a", decoded(reply_decoding::utf_16, "a\0b"sv));
 }
 

@@ -104,7 +104,7 @@ TEST_F(dialog_texts, cut_each_note_by_itself) {
               question_about(longer + L"\0short\0"s + longer + L'\0'));
 }
 
-// Units are counted: half of a pair stays. A cut by characters would show 99 of them here.
+// Units are counted: half of a pair remains. A cut by characters would show 99 of them here.
 TEST_F(dialog_texts, cut_through_a_surrogate_pair) {
     const std::wstring note = std::wstring(99, L'x') + L"\U0001F600";
     ASSERT_EQ(101U, note.size());
@@ -206,7 +206,7 @@ TEST(dialog_texts_in_slovenian, fit_the_same_pieces) {
               text.get());
 }
 
-// Also where the partner's name holds a percent sign, in texts that are formats and in one that is none.
+// Also if the partner's name holds a percent sign, in texts that are formats and in one that is none.
 TEST(dialog_texts_in_albanian, name_the_partner) {
     const texts_in language(support::albanian);
     dialog_text text;

@@ -477,7 +477,7 @@ TEST_F(pending_reports, stay_where_they_cannot_be_opened) {
     }
     EXPECT_EQ((strings{"zero"}), sent());
     EXPECT_FALSE(files.has(L"0.tzo")) << "what has been sent is gone";
-    EXPECT_TRUE(files.has(L"2.tzo")) << "the rest stays";
+    EXPECT_TRUE(files.has(L"2.tzo")) << "the rest remains";
 }
 
 TEST_F(pending_reports, miss_a_full_report_that_the_server_wants) {

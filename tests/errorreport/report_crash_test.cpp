@@ -616,7 +616,7 @@ TEST_F(report_crash, ends_before_anything_is_sent_where_the_question_is_missing)
               calls_from("SetEvent"));
 }
 
-// The report has arrived, but what came of it could not be told: that counts as not sent.
+// The report has arrived, but its result could not be shown: that counts as not sent.
 TEST_F(report_crash, saves_where_the_text_of_the_result_is_missing) {
     missing_text = 28661;
     answer("Thanks.");

@@ -29,7 +29,7 @@ protected:
         return ::GetFileAttributesW((folder + name).c_str()) != INVALID_FILE_ATTRIBUTES;
     }
 
-    // The four bytes that the report begins with; the content if it is no report.
+    // The four bytes that the report begins with; the content if it is not a report.
     std::string magic(const wchar_t* name) const {
         const std::string content = test::get_file((folder + name).c_str());
         const auto report = support::inflated(bytes(content.begin(), content.end()));

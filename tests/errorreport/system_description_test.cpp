@@ -15,7 +15,7 @@ using corvo::errorreport::system_description;
 
 namespace {
 
-// What this program answers itself where it is taken for kernel32.dll.
+// What this program answers itself if it is taken for kernel32.dll.
 struct processor {
     BOOL succeeds = TRUE;
     USHORT process = 0;

@@ -1,4 +1,4 @@
-"""./dev coverage knows the product's sources by every name that they get, and fails where less ran than must."""
+"""./dev coverage knows the product's sources by every name that they get, and fails if less ran than must."""
 
 import json
 import sys

@@ -1,4 +1,4 @@
-"""./dev fuzz runs each target with its seeds and dictionary, and fails where one finds something."""
+"""./dev fuzz runs each target with its seeds and dictionary, and fails if one finds something."""
 
 import argparse
 import re
@@ -40,14 +40,14 @@ def asked(*targets: str) -> argparse.Namespace:
     return argparse.Namespace(targets=list(targets), seconds=7)
 
 
-def told(capsys: pytest.CaptureFixture[str]) -> list[str]:
+def printed(capsys: pytest.CaptureFixture[str]) -> list[str]:
     """What was printed, whatever time it took."""
     return re.sub(r"in \d+ s,", "in N s,", capsys.readouterr().out).splitlines()
 
 
 def test_no_finding_is_reported_with_the_number_of_inputs(tree: Path, capsys: pytest.CaptureFixture[str]) -> None:
     fuzzing.run(asked("good_fuzz"))
-    assert told(capsys) == ["dev: fuzzing good_fuzz for 7 s",
+    assert printed(capsys) == ["dev: fuzzing good_fuzz for 7 s",
                             "dev: good_fuzz: 1,234,567 inputs in N s, no finding (log: build/fuzz/good_fuzz.log)"]
     assert (tree / "build/fuzz/good_fuzz.log").read_text(encoding="utf-8").splitlines()[0] == (
         "-dict=fuzz/good_fuzz.dict -max_total_time=7 -timeout=10 -print_final_stats=1 "
@@ -57,7 +57,7 @@ def test_no_finding_is_reported_with_the_number_of_inputs(tree: Path, capsys: py
 def test_a_finding_is_a_failure_that_names_its_input(tree: Path, capsys: pytest.CaptureFixture[str]) -> None:
     with pytest.raises(JobError, match="^bad_fuzz found something: the input is in build/fuzz/bad_fuzz$"):
         fuzzing.run(asked())
-    assert "dev: bad_fuzz: 1,234,567 inputs in N s, a finding (log: build/fuzz/bad_fuzz.log)" in told(capsys)
+    assert "dev: bad_fuzz: 1,234,567 inputs in N s, a finding (log: build/fuzz/bad_fuzz.log)" in printed(capsys)
     assert (tree / "build/fuzz/good_fuzz.log").exists()
 
 

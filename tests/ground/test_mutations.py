@@ -1,4 +1,4 @@
-"""The list of breaks fits the product as it is now, and the runner tells an entry that does not."""
+"""The list of breaks fits the product as it is now, and the runner reports an entry that does not."""
 
 import importlib.util
 import sys

@@ -166,7 +166,7 @@ def function_in_map(name: str) -> tuple[int, int]:
 
 @pytest.fixture(name="walk")
 def walk_fixture(tmp_path: Path) -> Path:
-    """Two frames in functions whose place the linker's map tells, and one in another module."""
+    """Two frames in functions whose place the linker's map shows, and one in another module."""
     run, run_size = function_in_map("_ZN5corvo7updater3runEPv")
     main, main_size = function_in_map("wWinMain")
     path = tmp_path / "walk.tzo"
@@ -270,8 +270,8 @@ def store_guid() -> bytes:
 @pytest.mark.parametrize(("name", "spoil", "complaint"), [
     ("lumaris.exe", of_another_build, "lumaris.exe: this is another build than the report's: its time stamp is 0x"),
     ("lumaris.pdb", of_another_link, "lumaris.pdb: this PDB is of another build than "),
-    ("lumaris.exe", lambda file: file.write_bytes(b"MZ"), "lumaris.exe: this is no Windows program: "),
-    ("lumaris.pdb", lambda file: file.write_bytes(b"MZ"), "lumaris.pdb: this is no PDB"),
+    ("lumaris.exe", lambda file: file.write_bytes(b"MZ"), "lumaris.exe: this is not a Windows program: "),
+    ("lumaris.pdb", lambda file: file.write_bytes(b"MZ"), "lumaris.pdb: this is not a PDB"),
     ("lumaris.pdb", lambda file: file.write_bytes(file.read_bytes()[:1000]), "lumaris.pdb: the PDB cannot be read: "),
     ("lumaris.pdb", scrambled, "lumaris.pdb: the PDB cannot be read: "),
     ("lumaris.pdb", lambda file: file.unlink(), "lumaris.exe: there is no lumaris.pdb with the identity "),
@@ -289,7 +289,7 @@ def test_symbols_that_do_not_fit_are_refused_by_name(name: str, spoil: Callable[
 def test_a_folder_that_does_not_exist_is_reported(walk: Path, tmp_path: Path) -> None:
     shown = read(walk, "--symbols", tmp_path / "missing")
     assert (shown.returncode, shown.stdout) == (2, "")
-    assert shown.stderr == f"read_report: {tmp_path}/missing: this is no folder\n"
+    assert shown.stderr == f"read_report: {tmp_path}/missing: this is not a folder\n"
 
 
 def test_the_name_of_a_module_does_not_lead_out_of_the_folder(tmp_path: Path, symbols: Path) -> None:

@@ -62,7 +62,7 @@ TEST(base64, stops_at_padding_in_the_third_place_whatever_is_in_the_fourth) {
     EXPECT_EQ("f", decode("Zg=AZm9v"));
 }
 
-// The first byte of a group is always given out, even where the group has padding in its first or second
+// The first byte of a group is always given out, even if the group has padding in its first or second
 // place.
 TEST(base64, gives_the_first_byte_of_a_group_of_padding) {
     EXPECT_EQ("\x04", decode("===="));
@@ -101,7 +101,7 @@ TEST(base64, makes_room_for_the_whole_text_beforehand) {
     decoder.decode(std::string(4001, ' '), output);
     EXPECT_EQ("before", output);
     EXPECT_LE(6U + 3003U, output.capacity());
-    decoder.decode("Zm9", output); // stays pending, and counts next time
+    decoder.decode("Zm9", output); // remains pending, and counts next time
     // Rounded down, the text alone fits what is there; with the three that are pending it needs more.
     const std::size_t room = output.capacity() - 6;
     const std::size_t text = room / 3 * 4 + 1;

@@ -61,7 +61,7 @@ TEST(forgery, of_any_bit_of_a_content_of_several_blocks_is_refused) {
     }
 }
 
-// A changed signature file is accepted only where what is read of it did not change: in the text of the untrusted comment, after
+// A changed signature file is accepted only if what is read of it did not change: in the text of the untrusted comment, after
 // the signature line, and in the bits of base64 that carry nothing.
 TEST(forgery, of_any_bit_of_a_signature_file_is_refused_or_changes_nothing) {
     const std::string content(fixtures::text);

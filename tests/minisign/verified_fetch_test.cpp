@@ -267,7 +267,7 @@ TEST_F(verified, refuses_content_that_was_not_signed) {
     serve(fixtures::text_minisig);
     serve("Halvoro\nother content!\n");
     test::expect_throw<std::runtime_error>("Invalid Minisign signature", [&] { fetch(); });
-    EXPECT_EQ("Halvoro\nother content!\n", contents()) << "it stays, for the caller not to use";
+    EXPECT_EQ("Halvoro\nother content!\n", contents()) << "it remains; the caller must not use it";
 }
 
 TEST_F(verified, cuts_off_older_content_before_it_judges_the_new) {
@@ -373,7 +373,7 @@ TEST_F(verified, tells_the_status_of_an_error_page_that_is_longer_than_its_desti
     expect_nested<std::runtime_error>("Failed to load content", "404", [&] { fetch_into(small); });
 }
 
-// Where the head does not say what it is, the limit is all that is known.
+// If the head does not say what it is, the limit is all that is known.
 TEST_F(verified, tells_the_limit_where_a_page_that_is_too_long_has_no_status_line) {
     auto page = fake_winhttp::answer(std::string(70000, 'x'), 404);
     page.raw_headers = L"404\r\n\r\n";

@@ -218,7 +218,7 @@ TEST(content_verifies, takes_reads_of_any_length) {
     EXPECT_EQ(24u, file.sizes.size());
 }
 
-// Where reading fails nobody has checked what follows, even if all that was read is what was signed.
+// If reading fails nobody has checked what follows, even if all that was read is what was signed.
 TEST(content_verifies, refuses_a_file_that_cannot_be_read_to_its_end) {
     watched_file file;
     fixtures::fill(file, fixtures::text);

@@ -39,7 +39,7 @@ EXAMPLES = """examples:
   ./dev shell python3 tests/mutations/run.py --shard 1/2     every second break, in a copy of its own
   ./dev soak mutations                                       all of them
 
-A new break is tried with --wide, which runs all unit tests in the place of the named ones and tells which of them sees it.
+A new break is tried with --wide, which runs all unit tests in the place of the named ones and prints which of them fail.
 """
 
 COMPILER = "compiler"
@@ -158,7 +158,7 @@ class Copy:
         return digest.hexdigest()
 
     def build(self, suites: set[str], log: Path) -> bool:
-        """Configures where needed, and builds what the suites need; false where it does not build."""
+        """Configures if needed, and builds what the suites need; false if it does not build."""
         with log.open("ab") as output:
             for preset in sorted({SUITES[suite].preset for suite in suites}):
                 targets = sorted({target for suite in suites if SUITES[suite].preset == preset for target in SUITES[suite].targets})
@@ -170,7 +170,7 @@ class Copy:
         return True
 
     def forget_configuration(self, file: str) -> None:
-        """What a toolchain file says is only read where a build folder is configured afresh."""
+        """What a toolchain file says is only read when a build folder is configured afresh."""
         if file.startswith("toolchain/"):
             for stamp in self.tree.glob("build/*/.configured"):
                 stamp.unlink()
@@ -220,7 +220,7 @@ class Copy:
 
 
 def read_report(report: Path, output: str) -> tuple[list[str], list[str]]:
-    """The tests that ran and those that failed, from the report or, where the program died before it wrote one, its output."""
+    """The tests that ran and those that failed, from the report or, if the program died before it wrote one, its output."""
     if not report.exists():
         return [], list(dict.fromkeys(re.findall(r"^\[  FAILED  \] ([^\s,]+)", output, re.MULTILINE)))
     cases = [(f"{case.class_name}.{case.name}".removeprefix("tests.e2e.").removeprefix("tests.ground."), case.outcome)
@@ -328,12 +328,12 @@ def shard_of(text: str) -> tuple[int, int]:
     """The numbers of "1/2"."""
     number, _, count = text.partition("/")
     if not (number.isdecimal() and count.isdecimal() and 1 <= int(number) <= int(count)):
-        raise argparse.ArgumentTypeError(f"{text} is no shard such as 1/2")
+        raise argparse.ArgumentTypeError(f"{text} is not a shard such as 1/2")
     return int(number), int(count)
 
 
 def main() -> int:
-    """Selects, breaks, tells."""
+    """Selects, breaks, reports."""
     parser = argparse.ArgumentParser(description=__doc__, epilog=EXAMPLES, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--list", action="store_true", help="list the breaks, each with what is to see it and why it matters")
     parser.add_argument("--only", action="append", default=[], metavar="NAME", help="only the breaks of this name (*: anything); may be given again")
@@ -363,7 +363,7 @@ def main() -> int:
 
 
 def try_all(breaks: list[Break], folder: Path, *, wide: bool) -> int:
-    """Tries every break and counts. The status is 1 where one has survived."""
+    """Tries every break and counts. The status is 1 if one has survived."""
     with locked(folder):
         copy = Copy(folder)
         check_baseline(copy, breaks, copy.refresh(), wide=wide)

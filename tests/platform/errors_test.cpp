@@ -84,7 +84,7 @@ private:
                                                   [this](HLOCAL memory) { return free(memory); }};
 };
 
-// The library that WinHTTP's texts are looked up in, or null where it cannot be loaded.
+// The library that WinHTTP's texts are looked up in, or null if it cannot be loaded.
 class winhttp_library {
 public:
     explicit winhttp_library(HMODULE module) : m_module(module) {}

@@ -14,7 +14,7 @@ namespace {
 using progress = corvo::progress<std::uint64_t>;
 using global_progress = corvo::global_progress<std::uint64_t>;
 
-// Writes down what it was told.
+// Records its calls.
 class recorder : public progress {
 public:
     void text(const wchar_t* message) override { texts.emplace_back(message); }

@@ -33,7 +33,7 @@ protected:
                                                   static_cast<const BYTE*>(data), static_cast<DWORD>(size)));
     }
     void set(DWORD type, const std::wstring& text, bool terminated = true) {
-        // What follows the text is no terminator that the system would add to it.
+        // The bytes after the text are not a terminator that the system would add to it.
         const std::wstring stored = text + (terminated ? std::wstring(1, L'\0') : std::wstring()) + L"behind";
         set_bytes(type, stored.data(), (text.size() + (terminated ? 1 : 0)) * sizeof(wchar_t));
     }

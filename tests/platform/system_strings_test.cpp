@@ -51,7 +51,7 @@ std::vector<DWORD> sizes_for(std::size_t length) {
 
 using sizes = std::vector<DWORD>;
 
-// Answers to ExpandEnvironmentStringsW, one after another; a text is written where it fits.
+// Answers to ExpandEnvironmentStringsW, one after another; a text is written if it fits.
 class expansions {
 public:
     explicit expansions(std::vector<std::wstring> texts) : m_texts(std::move(texts)) {}
@@ -185,7 +185,7 @@ TEST(expand_environment_strings, expands_the_environments_variables) {
     ::SetEnvironmentVariableW(L"LUMARIS_SHORT", nullptr);
     ::SetEnvironmentVariableW(L"LUMARIS_LONG", nullptr);
     EXPECT_EQ(16U, pwrap::ExpandEnvironmentStringsW(L"%LUMARIS_SHORT%", text));
-    EXPECT_EQ(L"%LUMARIS_SHORT%", text); // an unknown name stays
+    EXPECT_EQ(L"%LUMARIS_SHORT%", text); // an unknown name remains
     EXPECT_EQ(1U, pwrap::ExpandEnvironmentStringsW(L"", text));
     EXPECT_EQ(L"", text);
 }

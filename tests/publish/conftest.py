@@ -49,7 +49,7 @@ class Workshop:
     numbers: Iterator[int] = field(default_factory=itertools.count)
 
     def program(self, version: str = "3.4.1", *, key: KeyPair | None = None, host: str = HOST, architecture: str = "arm64") -> Path:
-        """The real program, told in its own bytes another version, key and host."""
+        """The real program, with another version, key and host written into its bytes."""
         trusted = key or self.key
         known = ("program", version, trusted.line, host, architecture)
         if known not in self.made:

@@ -1,6 +1,6 @@
 """kill_at.py NUMBER ARGUMENTS...: runs the kit, and kills it before the change of the disk with this number. Exit code 77: it had ended before.
 
-Python announces each change to its audit hooks: that is as many moments as there are, without a word of it in the kit.
+Python announces each change to its audit hooks: that is as many moments as there are, without any code for it in the kit.
 """
 
 from __future__ import annotations

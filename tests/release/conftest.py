@@ -49,7 +49,7 @@ def _run(*arguments: str) -> None:
 
 @pytest.fixture(scope="session", name="built")
 def built_fixture() -> Built:
-    """Builds with a key of its own, which stays in the build folder so that the next build finds everything done."""
+    """Builds with a key of its own, which remains in the build folder so that the next build finds everything done."""
     folder = ROOT / "build/release-test"
     folder.mkdir(parents=True, exist_ok=True)
     if not (folder / "test-release.pub").exists():

@@ -46,5 +46,5 @@ def test_a_library_without_a_licence_is_refused(folder: Path) -> None:
 
 def test_a_licence_of_no_library_is_refused(folder: Path) -> None:
     (folder / "other.txt").write_text("Free for all.\n", encoding="utf-8")
-    with pytest.raises(bill.BillError, match="has the licence text of other, which is no part of the program"):
+    with pytest.raises(bill.BillError, match="has the licence text of other, which is not part of the program"):
         notices.make_notices("9.8.7", SOURCES, folder)

@@ -171,7 +171,7 @@ def test_the_default_hosts_are_refused(steps: Steps, monkeypatch: pytest.MonkeyP
 def test_what_is_no_host_name_is_refused(steps: Steps, host: str, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]) -> None:
     monkeypatch.setenv("LUMARIS_REPORT_HOST", host)
     assert steps("make") == EXIT_REFUSED
-    assert capsys.readouterr().err == (f'release: REFUSED: the report host is "{host}", which is no host name: give it alone, without scheme, '
+    assert capsys.readouterr().err == (f'release: REFUSED: the report host is "{host}", which is not a host name: give it alone, without scheme, '
                                        "port and path\n")
 
 
@@ -236,7 +236,7 @@ def test_a_released_program_is_matched_with_what_the_sources_make(steps: Steps, 
     assert "release: REFUSED: plain.exe differs at offset 0x2000, 1 bytes, section .text at " in said
     plain.write_bytes(b"MZ")
     assert steps("match", str(plain)) == EXIT_REFUSED
-    assert capsys.readouterr().err == "release: REFUSED: plain.exe: this is no Windows program\n"
+    assert capsys.readouterr().err == "release: REFUSED: plain.exe: this is not a Windows program\n"
 
 
 @pytest.mark.parametrize("named", ["Lumaris/0.0.1", f"Lumaris/{version.OWN}.0", f"lumaris/{version.OWN}", ""])

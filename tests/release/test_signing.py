@@ -191,10 +191,10 @@ def test_a_time_stamp_that_was_asked_for_must_be_there(unsigned: Path, signer: S
 
 
 @pytest.mark.parametrize(("make", "complaint"), [
-    (lambda image: b"", "this is no Windows program"),
-    (lambda image: b"\x7fELF" + image[4:], "this is no Windows program"),
-    (lambda image: image[:0x78 + 24] + b"\x0b\x01" + image[0x78 + 26:], "this is no 64-bit Windows program"),
-    (lambda image: image[:0x3C] + struct.pack("<I", 0x7FFFFFFF) + image[0x40:], "this is no Windows program"),
+    (lambda image: b"", "this is not a Windows program"),
+    (lambda image: b"\x7fELF" + image[4:], "this is not a Windows program"),
+    (lambda image: image[:0x78 + 24] + b"\x0b\x01" + image[0x78 + 26:], "this is not a 64-bit Windows program"),
+    (lambda image: image[:0x3C] + struct.pack("<I", 0x7FFFFFFF) + image[0x40:], "this is not a Windows program"),
     (lambda image: image[:0x78 + 168] + struct.pack("<II", 0x1000, 8) + image[0x78 + 176:], "the signature does not stand at the end of the program"),
 ])
 def test_what_has_no_signature_to_take_off_is_reported(built: Built, make: Callable[[bytes], bytes], complaint: str) -> None:

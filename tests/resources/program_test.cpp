@@ -138,7 +138,7 @@ TEST_F(program, holds_no_symbols) {
     EXPECT_EQ(0U, headers.FileHeader.NumberOfSymbols);
 }
 
-// A time would make every build another program. A hash of the program stands in its place, which a report tells.
+// A time would make every build another program. A hash of the program stands in its place, which a report contains.
 TEST_F(program, says_by_a_hash_and_not_by_a_time_which_build_it_is) {
     const auto& directory = headers.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_DEBUG];
     const std::size_t begin = offset_of(directory.VirtualAddress);

@@ -33,7 +33,7 @@ protected:
         }
     }
 
-    // The text as it stands in the message table, "none" where it has none.
+    // The text as it stands in the message table, "none" if it has none.
     std::wstring message(DWORD id, DWORD language) const {
         wchar_t buffer[1024];
         const DWORD length = ::FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_IGNORE_INSERTS,
@@ -238,12 +238,12 @@ TEST_F(resources, demand_an_administrator) {
               manifest.find("<requestedExecutionLevel level=\"requireAdministrator\" uiAccess=\"false\"/>"));
     EXPECT_NE(std::string::npos, manifest.find(std::string("version=\"") + expected::version + ".0\""));
     EXPECT_TRUE(manifest.ends_with("</assembly>\n"));
-    // Windows 10 and 11; without it the program is told of an older system.
+    // Windows 10 and 11; without it Windows reports an older system to the program.
     EXPECT_NE(std::string::npos,
               manifest.find("<supportedOS Id=\"{8e0f7a12-bfb3-4fe8-b9a5-48fd50a15a9a}\"/>"));
 }
 
-// The languages are told apart by all 16 bits: a block that stands under another sublanguage is found by nobody who asks for it.
+// All 16 bits distinguish the languages: a block that stands under another sublanguage is found by nobody who asks for it.
 TEST_F(resources, stand_under_the_languages_of_their_texts) {
     const auto languages = [&](WORD type, WORD name) {
         std::vector<WORD> found;

@@ -21,7 +21,7 @@ thread_local bool refuse_allocation = false;
 
 } // namespace
 
-// The allocation that a long skip makes, as the standard library has it, except where a test refuses it.
+// The allocation that a long skip makes, as the standard library has it, except if a test refuses it.
 void* operator new[](std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
     if (refuse_allocation) {
         return nullptr;

@@ -163,7 +163,7 @@ TEST(stream_cache_read, at_the_end_gives_0_with_eof_and_part_of_the_rest_with_ok
     EXPECT_EQ(100000U, stream.tell());
 }
 
-// The source says eof to the direct read; the caller got bytes, and would drop them if it were told the same.
+// The source says eof to the direct read; the caller got bytes, and would drop them if it saw the same.
 TEST(stream_cache_read, that_meets_the_end_behind_held_bytes_is_ok) {
     const bytes contents = numbered(4096);
     plain_file file(contents);

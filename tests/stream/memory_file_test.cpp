@@ -59,7 +59,7 @@ public:
 
     void put(state_t state) { m_state = state; }
 
-    // Works on a block that stays the caller's.
+    // Works on a block that remains the caller's.
     void lend(unsigned char* data, fsize size, fsize capacity) {
         m_data = data;
         m_size = size;
@@ -351,7 +351,7 @@ TEST(memory_file_seek, refuses_a_target_that_no_position_can_hold) {
     EXPECT_EQ(0x7FFFFFFFFFFFFFFFU, file.seek(0x7FFFFFFFFFFFFFFF, seek_beg));
     EXPECT_EQ(0xFFFFFFFFFFFFFFFEU, file.seek(0x7FFFFFFFFFFFFFFF, seek_cur));
     test::expect_throw<std::invalid_argument>("add overflow", [&] { file.seek(2, seek_cur); });
-    // All bits set is no position.
+    // All bits set means no position.
     test::expect_throw<std::invalid_argument>("add overflow", [&] { file.seek(1, seek_cur); });
     EXPECT_EQ(0xFFFFFFFFFFFFFFFEU, file.tell());
     EXPECT_EQ(0x7FFFFFFFFFFFFFFEU, file.seek(std::numeric_limits<foff>::min(), seek_cur));
@@ -610,7 +610,7 @@ TEST(memory_file, asks_for_tell_and_size_leave_the_state) {
 
 namespace {
 
-// The same file in the simplest words: known bytes, or unknown ones where nothing was written.
+// The same file in the simplest words: known bytes, or unknown ones if nothing was written.
 class model {
 public:
     static constexpr int unknown = -1;
@@ -656,7 +656,7 @@ public:
     void close() { *this = model(); }
 };
 
-// True where the bytes are the model's, or not known to it.
+// True if the bytes are the model's, or not known to it.
 bool agree(const std::vector<int>& expected, std::size_t from, const unsigned char* actual,
            std::size_t length) {
     return std::equal(actual, actual + length, expected.begin() + static_cast<std::ptrdiff_t>(from),

@@ -1,7 +1,7 @@
 // A random-access file in memory that behaves like one on disk, for the tests of what stands in front of a file:
 // bytes between the old end and a write or a cut beyond it are zero.
 //
-// Writes down every call with its position and length ("read 4096+10"), and fails the calls that it is told to fail,
+// Writes down every call with its position and length ("read 4096+10"), and fails the calls that the test chooses,
 // with last error 5. Written for the tests, and shares nothing with the streams under test.
 #pragma once
 
@@ -138,7 +138,7 @@ private:
     std::set<std::string> m_failing;
 };
 
-// Bytes that tell where they stand: no two neighbouring blocks are the same.
+// Bytes that show where they stand: no two neighbouring blocks are the same.
 inline plain_file::bytes numbered(std::size_t length) {
     plain_file::bytes bytes(length);
     for (std::size_t index = 0; index < length; ++index) {

@@ -40,7 +40,7 @@ public:
 
     // The full path of a file that is removed with the folder.
     const wchar_t* path_of(const wchar_t* name) {
-        m_names.reserve(16); // the paths given out stay where they are
+        m_names.reserve(16); // the paths given out do not move
         if (m_names.size() == 16) {
             throw std::logic_error("too many files");
         }

@@ -561,24 +561,24 @@ TEST_F(zlib_writer_failing, to_finish_while_an_exception_is_on_its_way_keeps_tha
     EXPECT_EQ(1, ended);
 }
 
-// A writer that is made and destroyed while an exception is on its way does tell: it is not the one that is left.
+// A writer that is made and destroyed while an exception is on its way reports its failure: that exception does not leave it.
 TEST_F(zlib_writer_failing, to_finish_inside_a_destructor_throws) {
     struct composer {
-        bool& m_told;
+        bool& m_reported;
 
         ~composer() {
             narrow_target target(0);
             try {
                 const zlib_writer writer(target);
             } catch (const std::system_error&) {
-                m_told = true;
+                m_reported = true;
             }
         }
     };
-    bool told = false;
+    bool reported = false;
     test::expect_throw<std::logic_error>("the first", [&] {
-        const composer last{told};
+        const composer last{reported};
         throw std::logic_error("the first");
     });
-    EXPECT_TRUE(told);
+    EXPECT_TRUE(reported);
 }

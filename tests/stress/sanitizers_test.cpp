@@ -1,5 +1,5 @@
 // That the sanitizers of this build find what they are there for: each test makes one mistake in a process of its own, and the process
-// is ended for it. A build in which the sanitizer is off, or was told to keep quiet, fails here.
+// is ended for it. A build in which the sanitizer is off, or was configured to be silent, fails here.
 #include <gtest/gtest.h>
 
 #include <cstdlib>

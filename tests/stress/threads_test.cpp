@@ -31,7 +31,7 @@ namespace {
 constexpr int thread_count = 8;
 constexpr int rounds = 50;
 
-// Runs `work` on every thread, none of which begins before all are there. The work throws where its result is not the right one.
+// Runs `work` on every thread, none of which begins before all are there. The work throws if its result is not the right one.
 void on_all_threads(const std::function<void(int thread)>& work) {
     std::atomic<int> ready{0};
     std::array<std::exception_ptr, thread_count> failures;

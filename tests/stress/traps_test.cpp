@@ -1,5 +1,5 @@
 // That undefined behaviour ends a program of this build: each of these mistakes reaches a trap. A build in which the checks are off, or
-// were told to go on, fails here.
+// were configured to go on, fails here.
 #include "platform/structured_exception.h"
 
 #include <gtest/gtest.h>

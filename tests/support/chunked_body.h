@@ -17,7 +17,7 @@ public:
 
     explicit chunked_body(std::string_view text) : m_rest(text) { m_outcome = read(); }
 
-    // Complete where the last chunk is there, incomplete where more bytes may make it so.
+    // Complete if the last chunk is there, incomplete if more bytes may make it so.
     outcome result() const noexcept { return m_outcome; }
 
     // The data of each chunk, without the empty one at the end.

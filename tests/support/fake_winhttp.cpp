@@ -226,7 +226,7 @@ void fake_winhttp::deliver(event what) {
         const write_record& write = request.writes.back();
         if (!request.closed) { // with the request its buffer may be gone
             EXPECT_EQ(0, std::memcmp(write.buffer, write.bytes.data(), write.bytes.size()))
-                << "the bytes of a write stay until it has completed";
+                << "the bytes of a write remain until it has completed";
         }
         write_size = static_cast<DWORD>(write.bytes.size());
         request.is_writing = false;
@@ -484,7 +484,7 @@ BOOL fake_winhttp::query(HINTERNET request, DWORD level, LPVOID buffer, LPDWORD 
         if (record == nullptr) {
             error = ERROR_INVALID_HANDLE;
         } else if (error == 0 && level == WINHTTP_QUERY_RAW_HEADERS_CRLF) {
-            // Without its terminator counted a success tells the length, with it a failure tells the room
+            // Without its terminator counted a success gives the length, with it a failure gives the room
             // that is needed.
             const std::wstring& text = record->answer.raw_headers;
             const auto bytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));

@@ -1,4 +1,4 @@
-// The whole of a zlib stream (RFC 1950), by the library's own inflate; nothing where it is damaged, short or followed by more.
+// The whole of a zlib stream (RFC 1950), by the library's own inflate; nothing if it is damaged, short or followed by more.
 #pragma once
 
 #include <zlib.h>

@@ -12,7 +12,7 @@ inline constexpr WORD english = 0x0409;
 inline constexpr WORD slovenian = 0x0424;
 inline constexpr WORD albanian = 0x041C;
 
-// The text as it stands in the resource; empty where the table has none. `start`, if given, receives where it stands.
+// The text as it stands in the resource; empty if the table has none. `start`, if given, receives where it stands.
 inline std::wstring string_of(HMODULE module, UINT id, WORD language, const wchar_t** start = nullptr) {
     constexpr UINT block = 16; // texts in a resource, each with its length before it
     const HRSRC found =

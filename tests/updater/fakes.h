@@ -36,7 +36,7 @@ private:
                                                                [this] { ++uninitialized; }};
 };
 
-// The network list manager with its cost manager. Connected at no cost, unless told otherwise.
+// The network list manager with its cost manager. Connected at no cost, unless a test sets something else.
 class network : public INetworkListManager {
 public:
     virtual ~network() {
@@ -364,7 +364,7 @@ public:
 
     const std::wstring& path() const { return m_path; }
 
-    // The file's contents, or nothing where there is no such file or it is still open for writing.
+    // The file's contents, or nothing if there is no such file or it is still open for writing.
     std::optional<std::string> contents(const std::wstring& name) const {
         const HANDLE file = support::CreateFileW.real((m_path + name).c_str(), GENERIC_READ, FILE_SHARE_READ,
                                                       nullptr, OPEN_EXISTING, 0, nullptr);

@@ -224,7 +224,7 @@ TEST(updater, closes_key_and_connection_and_keeps_the_session) {
     {
         const Updater updater(1);
         EXPECT_EQ(1, remote.key.closed);
-        EXPECT_EQ("RegCloseKey", remote.http.calls.back()) << "the key stays open to the end";
+        EXPECT_EQ("RegCloseKey", remote.http.calls.back()) << "the key remains open to the end";
         EXPECT_TRUE(remote.http.connections.at(0).closed);
         EXPECT_FALSE(remote.http.sessions.at(0).closed);
     }

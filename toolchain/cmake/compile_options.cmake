@@ -10,15 +10,15 @@ if(WIN32)
     # with Microsoft's meaning.
     add_compile_definitions(UNICODE _UNICODE WINVER=0x0A00 _WIN32_WINNT=0x0A00 NOMINMAX WIN32_LEAN_AND_MEAN
                             __USE_MINGW_ANSI_STDIO=0)
-    # Every function keeps a frame pointer: an error report tells the memory of a frame by it, and without one "the memory of the
+    # Every function keeps a frame pointer: an error report finds the memory of a frame by it, and without one "the memory of the
     # frame" reaches to that of some caller, again and again.
     add_compile_options(-fno-omit-frame-pointer)
     # __try and __except.
     add_compile_options(-fms-extensions -Wno-language-extension-token)
     # CodeView for the PDB beside the program. Whatever the folders are, sources are called /lumaris/..., and what is built
     # /lumaris/build/...: two builds of one commit are the same bytes. The PDB counts, too: its hash stands in the program. The
-    # compiler's command line stays out of it: that names the true folders, or, out of the compiler cache, those of another build.
-    # Where the compiler's folder is a relative one, object files are named relative to it.
+    # compiler's command line is not part of it: that names the true folders, or, out of the compiler cache, those of another build.
+    # If the compiler's folder is a relative one, object files are named relative to it.
     add_compile_options(-g -gcodeview -gno-codeview-command-line -fdebug-compilation-dir=.
                         -ffile-prefix-map=${PROJECT_SOURCE_DIR}=/lumaris -ffile-prefix-map=${PROJECT_BINARY_DIR}=/lumaris/build)
     set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")

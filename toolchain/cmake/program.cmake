@@ -1,6 +1,6 @@
 # lumaris_harden(TARGET): links a Windows program or library the way the product is linked. High-entropy
-# address layout and data execution prevention, libraries from System32 only, a PDB beside it, and so no symbols inside. No time stamps: where
-# one belongs stands a hash of the program, the same for the same content, by which an error report tells which build it comes from.
+# address layout and data execution prevention, libraries from System32 only, a PDB beside it, and so no symbols inside. No time stamps:
+# in their place stands a hash of the program, the same for the same content, which shows from which build an error report comes.
 # The PDB keeps the linker's command line and folder, and its hash gets into the program: file names are relative to the build folder,
 # which is called as the compiler calls it.
 function(lumaris_harden target)

@@ -21,8 +21,8 @@ from jobs.version import configured_version, next_version
 SETTINGS = ("LUMARIS_PUBLIC_KEY", "LUMARIS_UPDATE_HOST", "LUMARIS_REPORT_HOST", "LUMARIS_PARTNER", "LUMARIS_VERSION")
 
 
-def add_parser(words: "argparse._SubParsersAction[argparse.ArgumentParser]") -> None:
-    parser = words.add_parser("build", help="configure and build presets")
+def add_parser(commands: "argparse._SubParsersAction[argparse.ArgumentParser]") -> None:
+    parser = commands.add_parser("build", help="configure and build presets")
     parser.add_argument("presets", nargs="+", metavar="PRESET")
     parser.add_argument("--target")
     parser.set_defaults(run=run)
@@ -54,7 +54,7 @@ def settings_of(preset: str) -> dict[str, str]:
     if not preset.startswith("native-") and not preset.endswith(("-test", "-coverage", "-ubsan")):
         return given
     settings = {name: value for name, value in given.items() if name == "LUMARIS_VERSION"}
-    # Where there is no /proc, a program with sanitizers does not run.
+    # If there is no /proc, a program with sanitizers does not run.
     if preset.startswith("native-") and os.environ.get("LUMARIS_NO_SANITIZERS"):
         settings["LUMARIS_SANITIZE"] = ""
     return settings
@@ -63,7 +63,7 @@ def settings_of(preset: str) -> dict[str, str]:
 def configure(preset: str, folder: Path) -> None:
     settings = settings_of(preset)
     inputs = os.environ.get(f"LUMARIS_INPUTS_{preset.partition('-')[0].upper()}", "")
-    # CMake reads a preset's variables only where the build folder is new.
+    # CMake reads a preset's variables only if the build folder is new.
     presets = hashlib.sha256(Path("CMakePresets.json").read_bytes()).hexdigest()
     stamp = folder / ".configured"
     former = json.loads(stamp.read_text(encoding="utf-8")) if stamp.exists() else None

@@ -71,8 +71,8 @@ class Sums:
         return 100.0 * self.ran[at] / self.there[at] if self.there[at] else 100.0
 
 
-def add_parser(words: "argparse._SubParsersAction[argparse.ArgumentParser]") -> None:
-    parser = words.add_parser("coverage", help="count which lines the tests run")
+def add_parser(commands: "argparse._SubParsersAction[argparse.ArgumentParser]") -> None:
+    parser = commands.add_parser("coverage", help="count which lines the tests run")
     parser.add_argument("--whole-runs", action="store_true", help="count whole runs of the program, too")
     parser.add_argument("--again", action="store_true", help="show what the last call counted")
     parser.set_defaults(run=run)
@@ -95,7 +95,7 @@ def run(arguments: argparse.Namespace) -> None:
             # The reader of reports that the whole runs look through.
             building.build("native-asan", "read_report")
             run_whole()
-    # The programs themselves hold what is no part of the unit tests. That did not run, but it is there.
+    # The programs themselves hold code that is not part of the unit tests. It did not run, but it counts.
     native = counted_in(NATIVE, [NATIVE / "tests/unit_tests", NATIVE / "tools/report_reader/read_report"])
     programs = [X64 / "tests/unit_tests.exe", X64 / "src/updater/lumaris.exe"]
     if arguments.whole_runs:
@@ -258,7 +258,7 @@ def united(native: dict[str, Counted], windows: dict[str, Counted]) -> dict[str,
 
 
 def judge(native: dict[str, Counted], windows: dict[str, Counted], floors: dict[str, tuple[float, float, float]]) -> dict[str, Counted]:
-    """Prints the tables and what did not run; fails where a half is below its floor. Returns what ran in either half."""
+    """Prints the tables and what did not run; fails if a half is below its floor. Returns what ran in either half."""
     everything = united(native, windows)
     groups: dict[tuple[str, str], Sums] = {}
     halves: dict[str, Sums] = {half: Sums() for half in floors}
@@ -293,7 +293,7 @@ def missed_in_product(everything: dict[str, Counted]) -> set[str]:
 
 
 def check_explained(missed: set[str], document: str, *, all_of_it: bool) -> None:
-    """The table of docs/coverage.md says why these sources did not run whole; and, where that is all of it, names no others."""
+    """The table of docs/coverage.md says why not all of these sources ran; and, with all_of_it, names no others."""
     named = {name for line in document.splitlines() if line.startswith("| `") for name in re.findall(r"`([\w/]+\.(?:cpp|h))`", line)}
     if without := sorted(missed - named):
         raise JobError(f"docs/coverage.md does not say why not all of {', '.join(without)} ran")

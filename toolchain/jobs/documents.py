@@ -15,8 +15,8 @@ CONFIGURATION = Path("docs/mkdocs.yml")
 TOP_PAGES = {"README.md": "index.md", "SECURITY.md": "SECURITY.md", "CONTRIBUTING.md": "CONTRIBUTING.md", "CHANGELOG.md": "CHANGELOG.md"}
 
 
-def add_parser(words: "argparse._SubParsersAction[argparse.ArgumentParser]") -> None:
-    parser = words.add_parser("docs", help="make the documents' site and check its links")
+def add_parser(commands: "argparse._SubParsersAction[argparse.ArgumentParser]") -> None:
+    parser = commands.add_parser("docs", help="make the documents' site and check its links")
     parser.set_defaults(run=run)
 
 

@@ -14,8 +14,8 @@ from pathlib import Path
 from jobs.common import JobError, cores
 
 
-def add_parser(words: "argparse._SubParsersAction[argparse.ArgumentParser]") -> None:
-    parser = words.add_parser("fuzz", help="run fuzz targets")
+def add_parser(commands: "argparse._SubParsersAction[argparse.ArgumentParser]") -> None:
+    parser = commands.add_parser("fuzz", help="run fuzz targets")
     parser.add_argument("targets", nargs="*", metavar="TARGET")
     parser.add_argument("--seconds", type=int, default=60, help="time for each target (default 60)")
     parser.set_defaults(run=run)
@@ -39,7 +39,7 @@ def run(arguments: argparse.Namespace) -> None:
 
 
 def fuzz(target: str, seconds: int) -> str:
-    """Runs one target, its output in a file beside what it finds, and tells how far it came. Returns what it found, if anything."""
+    """Runs one target, its output in a file beside what it finds, and prints how far it came. Returns what it found, if anything."""
     found = Path("build/fuzz") / target
     found.mkdir(parents=True, exist_ok=True)
     command = [f"build/native-fuzz/fuzz/{target}", f"-max_total_time={seconds}", "-timeout=10", "-print_final_stats=1",

@@ -47,8 +47,8 @@ TYPED_FOLDERS: dict[str, tuple[str, ...]] = {
 }
 
 
-def add_parser(words: "argparse._SubParsersAction[argparse.ArgumentParser]") -> None:
-    parser = words.add_parser("lint", help="check the sources")
+def add_parser(commands: "argparse._SubParsersAction[argparse.ArgumentParser]") -> None:
+    parser = commands.add_parser("lint", help="check the sources")
     parser.add_argument("checks", nargs="*", metavar="CHECK", help=f"of {', '.join(CHECKS)} (default: all)")
     parser.add_argument("--fix", action="store_true", help="let clang-format change the files")
     parser.set_defaults(run=run)

@@ -24,7 +24,7 @@ _EXAMPLES = """examples:
   ./dev run --variant=-sl            the Slovenian package
   ./dev run --tamper package         a package that somebody has changed: refused
   ./dev run --proxy                  through a proxy that asks for user name and password
-  ./dev run --crash access_violation            a program crashes, tells its user and reports it; the server shows the line
+  ./dev run --crash access_violation            a program crashes, informs its user and sends a report; the server shows the line
   ./dev run --crash abort --server full --note "twice as fast since Tuesday"
   ./dev run --crash uncaught_exception --server away --arch x64
 

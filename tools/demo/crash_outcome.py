@@ -43,14 +43,14 @@ class Server:
 
     what: str
     answers: tuple[Answer, ...]
-    """To the requests in turn; none at all where nobody listens."""
+    """To the requests in turn; none at all if nobody listens."""
     requests: tuple[str, ...]
     text: str
     """What the last box says about it."""
     saved: bool = False
     page: bool = False
     real: bool = False
-    """It is the server that ships, and not one that does as it is told."""
+    """It is the server that ships, and not one whose answers are given."""
 
 
 _ANSWERED = "which replied with"

@@ -1,4 +1,4 @@
-"""Makes lumaris-VERSION-arm64.msi: Lumaris in an installer package of its own, checked, and signed where a certificate is given.
+"""Makes lumaris-VERSION-arm64.msi: Lumaris in an installer package of its own, checked, and signed if a certificate is given.
 
 Beside it go lumaris-VERSION-arm64.yaml, with which winget installs it from a private source, and lumaris-VERSION-administrators.zip with the group
 policies, the event queries and the definition of the task.

@@ -138,7 +138,7 @@ def _stamp(package: Path, architecture: str, subject: str) -> None:
 
 
 def _set_times(package: Path) -> None:
-    """Sets the two times of the summary information (properties 12 and 13 of its stream), which tell when the package was made."""
+    """Sets the two times of the summary information (properties 12 and 13 of its stream), which say when the package was created."""
     content = bytearray(package.read_bytes())
     # [MS-OLEPS]: byte order, version, system, class, one set, its format (that of the summary information) and its place in the stream.
     form = uuid.UUID("f29f85e0-4ff9-1068-ab91-08002b27b3d9").bytes_le

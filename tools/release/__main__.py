@@ -73,7 +73,7 @@ def check_configuration(configured: program.Configuration, allow_default_hosts: 
         complaints.append("there is no partner whom the Albanian texts name: give --partner")
     for what, host in (("update", configured.update_host), ("report", configured.report_host)):
         if not re.fullmatch(r"[A-Za-z0-9-]+(\.[A-Za-z0-9-]+)*", host):
-            complaints.append(f"the {what} host is \"{host}\", which is no host name: give it alone, without scheme, port and path")
+            complaints.append(f"the {what} host is \"{host}\", which is not a host name: give it alone, without scheme, port and path")
         if not program.is_laboratory_host(host):
             continue
         if allow_default_hosts:
@@ -92,7 +92,7 @@ def check_built(image: bytes, pdb: bytes, configured: program.Configuration) -> 
 
 
 def remove_shipped(folder: Path) -> None:
-    """No release of a former call stays where this one fails."""
+    """No release of an earlier call remains if this one fails."""
     for name in SHIPPED:
         (folder / name).unlink(missing_ok=True)
     shutil.rmtree(folder / "symbols", ignore_errors=True)

@@ -21,7 +21,7 @@ def make_notices(version: str, sources: Mapping[str, Source], folder: Path = FOL
     if lacking := [part.name for part in PARTS if not texts.get(part.name, "").strip()]:
         raise BillError(f"there is no licence text of {', '.join(lacking)} in {folder}")
     if surplus := sorted(set(texts) - {part.name for part in PARTS}):
-        raise BillError(f"{folder} has the licence text of {', '.join(surplus)}, which is no part of the program")
+        raise BillError(f"{folder} has the licence text of {', '.join(surplus)}, which is not part of the program")
     parts = [f"Lumaris {version} contains the following libraries, each under its own licence.\n"]
     for part in PARTS:
         changed = ", changed for this program" if part.patches else ""

@@ -1,6 +1,6 @@
 """What a released program must look like: checks over the bytes of the program and of its PDB.
 
-Each check is a function that returns its complaints, a sentence each, and none where all is well. They read the bytes
+Each check is a function that returns its complaints, a sentence each, and none if all is well. They read the bytes
 alone and know nothing of how the program was built. Formats: Microsoft's "PE Format", with the structures of winnt.h.
 """
 
@@ -61,7 +61,7 @@ RESOURCES = frozenset({*((RT_STRING, STRING_BLOCK, language) for language in STR
                        *((RT_MESSAGETABLE, 1, language) for language in MESSAGE_LANGUAGES),
                        (RT_VERSION, 1, 0x0409), (RT_MANIFEST, 1, 0)})
 
-# Names of source files that the libraries' assertions print. They are no paths of the machine: the libraries are compiled with
+# Names of source files that the libraries' assertions print. They are not paths of the machine: the libraries are compiled with
 # their folders called so, wherever they are.
 KNOWN_SOURCES = re.compile(r"^(\\toolchain\\llvm\\libcxxabi\\src\\[\w\\]+\.(cpp|h)"  # libc++abi
                            r"|crypto_generichash\\blake2b\\ref\\[\w-]+\.c|sodium\\core\.c)$")  # libsodium
@@ -71,7 +71,7 @@ _FOLDER = re.compile(r"(?:\b[A-Za-z]:[\\/]\w|[\\/](?:home|root|Users|src|tmp|opt
 # Names and addresses that never leave a laboratory: RFC 2606, RFC 6761, loopback.
 _LABORATORY = re.compile(r"\b(?:[A-Za-z0-9-]+\.)*(?:example|invalid|test|localhost)\b(?:\.(?:com|net|org)\b)?|\b127\.\d+\.\d+\.\d+\b",
                          re.IGNORECASE)
-# As words of a text these are no hosts; "localhost" is one.
+# As words of a text these are not hosts; "localhost" is one.
 _DOTLESS = re.compile(r"^(example|invalid|test)$", re.IGNORECASE)
 # The text for a certificate of another host explains itself with two names, whatever the hosts are.
 _EXPLANATION = "if you requested updates.tavrin.example and the certificate says www.tavrin.example."
@@ -188,7 +188,7 @@ def check_load_configuration(image: bytes) -> list[str]:
 
 
 def read_allowed(text: str) -> dict[str, frozenset[str]]:
-    """The functions of each library in the list of imports; see imports.txt for its form. ValueError where it has not that form."""
+    """The functions of each library in the list of imports; see imports.txt for its form. ValueError if it has not that form."""
     allowed: dict[str, set[str]] = {}
     functions: set[str] | None = None
     for number, line in enumerate(text.splitlines(), 1):
@@ -239,7 +239,7 @@ def _resources(program: pefile.PE) -> dict[tuple[int | str, int | str, int], byt
     for kind in getattr(getattr(program, "DIRECTORY_ENTRY_RESOURCE", None), "entries", []):
         for name in getattr(getattr(kind, "directory", None), "entries", []):
             for language in getattr(getattr(name, "directory", None), "entries", []):
-                # A name is text, a number is a number: the type "11" as text is no message table.
+                # A name is text, a number is a number: the type "11" as text is not a message table.
                 key = (str(kind.name) if kind.name else kind.id, str(name.name) if name.name else name.id, language.id)
                 found[key] = program.get_data(language.data.struct.OffsetToData, language.data.struct.Size)
     return found
@@ -434,7 +434,7 @@ def key_parts(line: str) -> tuple[bytes, bytes]:
     """The id and the Ed25519 key of a minisign public key."""
     data = base64.b64decode(line, validate=True)
     if len(data) != 42 or data[:2] != b"Ed":
-        raise ValueError(f"{line} is no public key of minisign")
+        raise ValueError(f"{line} is not a public key of minisign")
     return data[2:10], data[10:]
 
 

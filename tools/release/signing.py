@@ -38,7 +38,7 @@ class Identity:
 
 
 def _run(arguments: list[str]) -> str:
-    """Runs a program; its output, errors too, where it succeeds."""
+    """Runs a program; its output, errors too, if it succeeds."""
     try:
         done = subprocess.run(arguments, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
                               errors="replace", timeout=LIMIT, check=False)
@@ -81,7 +81,7 @@ def verify(signed: Path, identity: Identity, scratch: Path) -> str:
     said = _run(["osslsigncode", "verify", "-CAfile", str(_authority(identity, scratch)), *when, "-in", str(signed)])
     if "Signature verification: ok" not in said:
         raise SigningError(f"osslsigncode verify does not say that the signature holds:\n{said.strip()}")
-    # A time stamp that nobody vouches for is no failure to osslsigncode.
+    # osslsigncode does not fail for a time stamp that nobody vouches for.
     if identity.timestamp_url and "Timestamp Server Signature verification: ok" not in said:
         raise SigningError(f"the signature has no time stamp that holds:\n{said.strip()}")
     return said
@@ -96,18 +96,18 @@ def verify_against(signed: Path, authority: Path) -> str:
 
 
 def without_signature(image: bytes) -> bytes:
-    """The program as it was before it was signed. A program without a signature stays as it is.
+    """The program as it was before it was signed. A program without a signature remains as it is.
 
     A signature adds three things: the certificate table at the end, its entry in the directory of data, and the checksum of the
     file, which our linker leaves 0. (osslsigncode remove-signature takes off the first two and works out the checksum anew.)
-    ValueError where the table is not at the end, or where the bytes are no program.
+    ValueError if the table is not at the end, or if the bytes are not a program.
     """
     try:
         program = pefile.PE(data=image, fast_load=True)
     except (pefile.PEFormatError, struct.error) as error:
-        raise ValueError("this is no Windows program") from error
+        raise ValueError("this is not a Windows program") from error
     if program.PE_TYPE != pefile.OPTIONAL_HEADER_MAGIC_PE_PLUS:
-        raise ValueError("this is no 64-bit Windows program")
+        raise ValueError("this is not a 64-bit Windows program")
     table = program.OPTIONAL_HEADER.DATA_DIRECTORY[pefile.DIRECTORY_ENTRY["IMAGE_DIRECTORY_ENTRY_SECURITY"]]
     start, size = table.VirtualAddress, table.Size
     checksum, entry = program.OPTIONAL_HEADER.get_field_absolute_offset("CheckSum"), table.get_file_offset()

@@ -49,7 +49,7 @@ struct options {
     bool body = false;
 };
 
-// What cannot be read at all, which is no damage to a report.
+// A file that cannot be read at all; that is not damage to a report.
 class unreadable : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
@@ -137,7 +137,7 @@ int show(const std::string& path, const options& wanted, reader::symbol_store& s
 int run(const options& wanted) {
     for (const std::string& folder : wanted.symbols) {
         if (!std::filesystem::is_directory(folder)) {
-            throw unreadable(folder + ": this is no folder");
+            throw unreadable(folder + ": this is not a folder");
         }
     }
     reader::symbol_store symbols({wanted.symbols.begin(), wanted.symbols.end()});
@@ -168,7 +168,7 @@ int main(int count, char** arguments) {
         ->type_name("DIR")
         ->allow_extra_args(false);
     parser.add_flag("--body", wanted.body,
-                    "the files are upload bodies: take HTTP chunk framing off, where there is any");
+                    "the files are upload bodies: take HTTP chunk framing off, if there is any");
     try {
         parser.parse(count, arguments);
     } catch (const CLI::ParseError& error) {

@@ -17,7 +17,7 @@ std::string_view exception_name(std::uint32_t code) noexcept;
 // The names of the flags that have one, joined by ", "; empty for none.
 std::string exception_flag_names(std::uint32_t flags);
 
-// What the parameters of this record say, such as "writing to 0x0000000000000010"; empty where they say nothing that is
+// What the parameters of this record say, such as "writing to 0x0000000000000010"; empty if they say nothing that is
 // known. Only access violations and in-page errors give their parameters a meaning.
 std::string exception_detail(const exception_record& record);
 

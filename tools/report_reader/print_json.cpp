@@ -125,7 +125,7 @@ std::string to_json(const std::string& file, const report& what, const frame_pla
         const frame& shown = what.frames[index];
         result["frames"].push_back(frame_json(shown, what.modules[shown.module], places[index]));
     }
-    // A file's name may be any bytes; what is no UTF-8 is replaced rather than refused.
+    // A file's name may be any bytes; what is not UTF-8 is replaced rather than refused.
     return result.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 

@@ -103,7 +103,7 @@ report_kind parse_magic(cursor& in) {
     if (in.left() < 4) {
         in.take(4, "the magic");
     }
-    cursor::fail(0, R"(it begins with neither "TZO1" nor "TZR1": this is no report)");
+    cursor::fail(0, R"(it begins with neither "TZO1" nor "TZR1": this is not a report)");
 }
 
 machine_type parse_machine(cursor& in) {

@@ -100,9 +100,9 @@ struct report {
     machine_type machine;
     std::vector<exception_record> records;            // one in a short report, at least one in a full one
     std::optional<processor_context> context;         // full reports only
-    std::optional<std::vector<std::u16string>> notes; // oldest first, at least one where there are any
+    std::optional<std::vector<std::u16string>> notes; // oldest first, at least one if there are any
     std::vector<module_block> modules;                // in the order of the stream; one may occur again
-    std::vector<frame> frames; // from the fault outward; none where the walk found no module
+    std::vector<frame> frames; // from the fault outward; none if the walk found no module
 };
 
 // Throws `damage` with the offset in `bytes` at which the part begins that cannot be.

@@ -27,10 +27,10 @@ namespace corvo::report_reader {
 
 class symbol_store {
 public:
-    // `kept` is how many builds stay loaded.
+    // `kept` is how many builds remain loaded.
     explicit symbol_store(std::vector<std::filesystem::path> folders, std::size_t kept = 8);
 
-    // A null pointer where no folder knows a module of that name; `why` of refusals() says why one that is known was refused.
+    // A null pointer if no folder knows a module of that name; `why` of refusals() says why one that is known was refused.
     module_symbols* find(std::string_view module, std::uint32_t time_stamp);
 
     // One chain for each frame, empty for those of which nothing is known.
@@ -46,7 +46,7 @@ private:
     struct loaded {
         std::string module; // in small letters
         std::uint32_t time_stamp;
-        std::unique_ptr<module_symbols> symbols; // null where there are none
+        std::unique_ptr<module_symbols> symbols; // null if there are none
     };
 
     std::unique_ptr<module_symbols> load(const std::string& module, std::uint32_t time_stamp);

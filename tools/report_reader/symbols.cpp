@@ -42,10 +42,10 @@ std::unique_ptr<llvm::object::COFFObjectFile> open_program(const std::filesystem
                                                            const llvm::MemoryBuffer& bytes) {
     auto program = llvm::object::COFFObjectFile::create(bytes);
     if (!program) {
-        refuse(file, "this is no Windows program: " + llvm::toString(program.takeError()));
+        refuse(file, "this is not a Windows program: " + llvm::toString(program.takeError()));
     }
     if ((*program)->getPE32PlusHeader() == nullptr) {
-        refuse(file, "this is no 64-bit Windows program");
+        refuse(file, "this is not a 64-bit Windows program");
     }
     return std::move(*program);
 }
@@ -69,7 +69,7 @@ std::unique_ptr<llvm::pdb::IPDBSession> open_pdb(const std::filesystem::path& fi
                                             32);
     file_bytes bytes = read(file);
     if (!std::string_view(bytes->getBufferStart(), bytes->getBufferSize()).starts_with(magic)) {
-        refuse(file, "this is no PDB");
+        refuse(file, "this is not a PDB");
     }
     std::unique_ptr<llvm::pdb::IPDBSession> session;
     if (llvm::Error error = llvm::pdb::NativeSession::createFromPdb(std::move(bytes), session)) {

@@ -2,7 +2,7 @@
 //
 // LLVM's own PDB reader does the reading. An object owns the files it has read; it may be used by one thread at a time,
 // since the reader keeps what it has looked up. The files are those of our own releases and are trusted; a damaged one is
-// refused where LLVM notices.
+// refused if LLVM notices.
 #pragma once
 
 #include <cstdint>
@@ -16,14 +16,14 @@ namespace corvo::report_reader {
 struct code_place {
     std::string function;              // as people write it; C++ names are demangled
     std::uint64_t function_offset = 0; // from the function's start; 0 for one that was put into another
-    std::string source;                // "file:line", empty where that is not known
+    std::string source;                // "file:line", empty if that is not known
 };
 
 // What a frame's address lies in: the innermost function that the compiler put into another one first, and last the function
 // that the code belongs to. Empty for an address of which nothing is known.
 using code_chain = std::vector<code_place>;
 
-// What tells one build of a program from another.
+// What distinguishes one build of a program from another.
 struct program_identity {
     std::uint32_t time_stamp;    // PE file header; for our programs a hash of the content
     std::uint32_t size_of_image; // PE optional header

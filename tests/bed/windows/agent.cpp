@@ -1,5 +1,5 @@
 // The test bed's hand inside Windows: a console program that reads commands from standard input, one a line,
-// and answers each with one line on standard output. It starts programs and tells their full 32-bit exit code
+// and answers each with one line on standard output. It starts programs and gives their full 32-bit exit code
 // (a shell sees eight bits of it), the processes that they left behind, and edits the registry without a
 // process start for each change.
 //
@@ -14,7 +14,7 @@
 //                                      (what the last run left running; what is still there then, is ended)
 //   start NAME COMMANDLINE OUTPUT      ok PID   (like run, but does not wait; NAME is for the two below)
 //   wait NAME MILLISECONDS             ok exited|running PID CODE BEGIN END
-//   kill NAME                          ok   (the program, as it stands; its wait tells the rest)
+//   kill NAME                          ok   (the program, as it stands; its wait gives the rest)
 //   environment NAME VALUE             ok   (for the programs to come; an empty VALUE removes it)
 //   hold FILE ACCESS SHARE             ok   (has a file open until `release`, with these hexadecimal numbers)
 //   release                            ok
@@ -508,55 +508,55 @@ fields set_environment(const fields& command) {
 
 // `tree` is the one of `run`; those of `start` have names.
 fields execute(process_tree& tree, std::map<std::string, process_tree>& started, const fields& command) {
-    const std::string& word = command[0];
+    const std::string& name = command[0];
     const std::size_t count = command.size();
     const auto milliseconds = [&](std::size_t index) {
         return static_cast<DWORD>(std::strtoul(command[index].c_str(), nullptr, 10));
     };
     const auto limit = [&] { return milliseconds(1); };
-    if (word == "run" && count == 4) {
+    if (name == "run" && count == 4) {
         return tree.run(limit(), command[2], command[3]);
     }
-    if (word == "settle" && count == 2) {
+    if (name == "settle" && count == 2) {
         return tree.settle(limit());
     }
-    if (word == "start" && count == 4) {
+    if (name == "start" && count == 4) {
         return started[command[1]].start(command[2], command[3]);
     }
-    if (word == "wait" && count == 3) {
+    if (name == "wait" && count == 3) {
         return started[command[1]].await(GetTickCount64() + milliseconds(2));
     }
-    if (word == "kill" && count == 2) {
+    if (name == "kill" && count == 2) {
         return started[command[1]].kill();
     }
-    if (word == "environment" && count == 3) {
+    if (name == "environment" && count == 3) {
         return set_environment(command);
     }
-    if (word == "hold" && count == 4) {
+    if (name == "hold" && count == 4) {
         return hold(command);
     }
-    if (word == "release" && count == 1) {
+    if (name == "release" && count == 1) {
         return release();
     }
-    if (word == "get" && count == 3) {
+    if (name == "get" && count == 3) {
         return registry_get(command);
     }
-    if (word == "set" && count == 5) {
+    if (name == "set" && count == 5) {
         return registry_set(command);
     }
-    if (word == "delete-value" && count == 3) {
+    if (name == "delete-value" && count == 3) {
         return registry_delete_value(command);
     }
-    if (word == "delete-key" && count == 2) {
+    if (name == "delete-key" && count == 2) {
         return registry_delete_key(command);
     }
-    if (word == "expand" && count == 2) {
+    if (name == "expand" && count == 2) {
         return expand(command);
     }
-    if (word == "boxes" && count == 1) {
+    if (name == "boxes" && count == 1) {
         return boxes();
     }
-    if (word == "message" && count >= 4) {
+    if (name == "message" && count >= 4) {
         return message(command);
     }
     return error(ERROR_INVALID_FUNCTION);

@@ -1,4 +1,4 @@
-// A network list manager that answers as the test tells it: an in-process COM server, registered in a test
+// A network list manager that answers as the test sets it: an in-process COM server, registered in a test
 // prefix under the list manager's own class id, so that the program under test asks it without knowing. The
 // answers stand in the registry under HKLM\Software\LumarisTestBed, each a DWORD:
 //

@@ -19,7 +19,7 @@ using test::expect_no_hit;
 
 namespace {
 
-// Notes what it was asked and matches what it is told.
+// Records its calls, and matches what the test sets.
 class probe : public basic_parser<char> {
 public:
     probe() : basic_parser<char>({}) {}

@@ -276,7 +276,7 @@ TEST(basic_url, a_host_label_that_ends_in_a_hyphen_ends_the_host_before_it) {
               "scheme http - - - user - password - host - - host port - path -/x url http://host-/x");
     EXPECT_EQ(parts_of("http://host-.example/x"), "scheme http - - - user - password - host - - host port - "
                                                   "path -.example/x url http://host-.example/x");
-    // Where no path may follow it stays unmatched.
+    // If no path may follow, it remains unmatched.
     EXPECT_EQ(parts_of("mailto:u@host-"),
               "scheme - - mailto - user u password - host - - host port - path - url mailto:u@host");
 }

@@ -410,7 +410,7 @@ TEST(exchange_in_every_order, is_closed_once_and_given_back_when_nobody_uses_it)
     RecordProperty("orders", std::to_string(orders));
 }
 
-// Where the event could not be created, the waiting thread asks for the end again and again.
+// If the event could not be created, the waiting thread asks for the end again and again.
 TEST(exchange_in_every_order, ends_without_an_event_too) {
     for (const scenario& played : scenarios()) {
         EXPECT_EQ(std::vector<std::string>(), explore(played, false).faults) << played.name;
@@ -435,7 +435,7 @@ TEST(exchange_in_every_order, would_show_a_request_that_does_not_wait) {
 
 namespace {
 
-// The same with threads, for the sanitizer of threads: a request as the product has it, whose fields are no atomics.
+// The same with threads, for the sanitizer of threads: a request as the product has it, whose fields are not atomic.
 struct threaded_request {
     exchange e;
     int handle = 1; // 0: closed
@@ -517,15 +517,15 @@ TEST(exchange_on_threads, hands_over_handle_and_failure_without_a_race) {
         }
         EXPECT_EQ(0, r.handle);
         EXPECT_EQ(1, closes.load());
-        const std::string told = text_of(r.e.failure());
+        const std::string reported = text_of(r.e.failure());
         if (round % 6 == 0) {
-            EXPECT_TRUE(told == "first" || told == "second") << told;
+            EXPECT_TRUE(reported == "first" || reported == "second") << reported;
         } else if (round % 3 == 0) {
-            EXPECT_EQ("second", told);
+            EXPECT_EQ("second", reported);
         } else if (round % 2 == 0) {
-            EXPECT_EQ("first", told);
+            EXPECT_EQ("first", reported);
         } else {
-            EXPECT_EQ("none", told);
+            EXPECT_EQ("none", reported);
         }
         made.reset(); // whoever is still on its way out has nothing to do with it any more
         first.join();

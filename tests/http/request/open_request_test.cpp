@@ -94,7 +94,7 @@ protected:
 
     const fake_winhttp::request_record& record() const { return http.requests.at(0); }
 
-    // "number: text" of each option that was set; the text with its terminator as a "!", where that was
+    // "number: text" of each option that was set; the text with its terminator as a "!", if that was
     // counted.
     wide_strings options() const {
         wide_strings result;

@@ -39,14 +39,14 @@ constexpr auto patience =
 class indicator : public corvo::progress<std::uint64_t> {
 public:
     void set_range(std::uint64_t start, std::uint64_t end) override {
-        told.push_back("range " + std::to_string(start) + " " + std::to_string(end));
+        reported.push_back("range " + std::to_string(start) + " " + std::to_string(end));
     }
-    void set(std::uint64_t position) override { told.push_back("set " + std::to_string(position)); }
+    void set(std::uint64_t position) override { reported.push_back("set " + std::to_string(position)); }
     bool cancel() override {
         ++asked;
         return cancel_at != 0 && asked >= cancel_at;
     }
-    strings told;
+    strings reported;
     int asked = 0;
     int cancel_at = 0;
 };
@@ -430,7 +430,7 @@ TEST_P(post, works_with_the_ready_made_handlers) {
 TEST_P(post, reports_progress_of_the_response_only) {
     x.source.add(std::string(9000, 'x'));
     x.post(&x.progress);
-    EXPECT_EQ((strings{"range 0 1", "set 1"}), x.progress.told);
+    EXPECT_EQ((strings{"range 0 1", "set 1"}), x.progress.reported);
 }
 
 // Asked once at each of the three notifications of the upload; then, since it asks before it passes a

@@ -225,22 +225,22 @@ TEST_P(get, without_a_content_length_reads_to_the_end_and_reports_no_progress) {
 TEST_P(get, reports_the_range_and_the_sum_of_the_pieces) {
     x.http.replies.push_back({.content_length = 6, .pieces = {"ab", "c", "def"}});
     x.get(&x.progress);
-    strings told;
+    strings reported;
     for (const auto& call : x.http.calls) {
         if (call.starts_with("set")) {
-            told.push_back(call);
+            reported.push_back(call);
         }
     }
-    // Each position is told after the next read was issued, so where that read ends inside its call the last
-    // one comes first, and where another thread takes its end they come as it happens.
+    // Each position is reported after the next read was issued, so if that read ends inside its call the last
+    // one comes first, and if another thread takes its end they come as it happens.
     const auto& [delivered, workers] = GetParam();
     if (delivered == delivery::worker && workers > 1) {
-        ASSERT_FALSE(told.empty());
-        std::ranges::sort(told.begin() + 1, told.end());
+        ASSERT_FALSE(reported.empty());
+        std::ranges::sort(reported.begin() + 1, reported.end());
     }
     EXPECT_EQ(delivered == delivery::nested ? (strings{"set_range 0 6", "set 6", "set 3", "set 2"})
                                             : (strings{"set_range 0 6", "set 2", "set 3", "set 6"}),
-              told);
+              reported);
     EXPECT_EQ((std::vector<std::uint32_t>{6}), x.lengths);
 }
 
@@ -421,7 +421,7 @@ TEST_P(get, rethrows_a_failed_read_in_the_middle_of_the_body) {
     x.http.replies.push_back({.pieces = {"abc", "def"}});
     x.http.failures["WinHttpReadData"] = {0, 0, 12030};
     test::expect_http_error(12030, "WinHttpReadData failed", [&] { x.get(); });
-    EXPECT_EQ("abcdef", x.body.text()); // what was written stays
+    EXPECT_EQ("abcdef", x.body.text()); // what was written remains
 }
 
 TEST_P(get, rethrows_request_errors_at_each_stage) {
@@ -522,7 +522,7 @@ TEST_P(get, cancelled_at_any_point_wakes_and_throws) {
         for (std::string call : x.http.calls) {
             if (call == "WinHttpOpenRequest" || call == "WinHttpSetStatusCallback" ||
                 call == "WinHttpSendRequest" || call == "WinHttpCloseHandle" ||
-                call == "set 1") { // progress is told after the next read is issued
+                call == "set 1") { // progress is reported after the next read
                 continue;
             }
             if (call.starts_with("WinHttpQueryHeaders/")) {
@@ -792,7 +792,7 @@ TEST(request_lifetime, outlasts_a_callback_that_is_still_issuing_a_read) {
     EXPECT_EQ("SetEvent", x.http.calls.back());
 }
 
-// Sending fails while a notification is still being handled on another thread: the object stays until that one is out, and its failure,
+// Sending fails while a notification is still being handled on another thread: the object remains until that one has ended, and its failure,
 // if it has one, is the cause.
 TEST(request_lifetime, outlasts_a_notification_that_is_inside_when_sending_fails) {
     for (const bool cancels : {false, true}) {
@@ -838,7 +838,7 @@ TEST(request_lifetime, outlasts_a_notification_that_is_inside_when_sending_fails
     }
 }
 
-// Two notifications fail at the same time, each with its own text: one of them is told, and the handle is closed once.
+// Two notifications fail at the same time, each with its own text: one of them is reported, and the handle is closed once.
 TEST(request_lifetime, keeps_one_of_two_failures_at_the_same_time) {
     exchange x(delivery::worker, 2);
     x.progress.set_throws = true;

@@ -22,7 +22,7 @@ public:
     struct step {
         std::string bytes;
         state_t state = state_t::ok;
-        unsigned int last_error = 0; // set where it is not 0
+        unsigned int last_error = 0; // set if it is not 0
     };
 
     // Without a step left a read is at the end.

@@ -296,7 +296,7 @@ TEST(report_reader_report, the_offset_of_a_truncation_is_where_the_part_begins_t
 }
 
 TEST(report_reader_report, other_magics_are_no_report) {
-    const std::string text = R"(it begins with neither "TZO1" nor "TZR1": this is no report)";
+    const std::string text = R"(it begins with neither "TZO1" nor "TZR1": this is not a report)";
     for (const char* magic : {"\"TZO2\"", "\"TZR0\"", "\"tzo1\"", "\"MOD1\"", "00000000"}) {
         SCOPED_TRACE(magic);
         expect_damage(with(short_report(), 0, magic), 0, text);
