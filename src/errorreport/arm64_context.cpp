@@ -8,8 +8,8 @@ namespace {
 // Every flag of a processor's context holds the processor's own bit, here 0x400000, too.
 enum : std::uint32_t { control = 0x400001, integer = 0x400002, floating_point = 0x400004, debug = 0x400008 };
 
-// Any shared bit will do, and not all of the block's: since every ARM64 context has the processor's bit, all four blocks are
-// written whatever else is set. The readers count on it.
+// One shared bit suffices, not all bits of the block: since every ARM64 context has the processor's bit, all four blocks are
+// written whatever else is set. The readers rely on that.
 bool wanted(std::uint32_t flags, std::uint32_t block) noexcept {
     return (flags & block) != 0;
 }

@@ -30,8 +30,8 @@ bool ended(DWORD wait_result) noexcept {
     return wait_result == WAIT_OBJECT_0 || wait_result == WAIT_ABANDONED;
 }
 
-// Whether the lock of the system's loader was got in time. Not waited for without a limit: a library that is being loaded may itself wait
-// for what a program holds while it ends, such as the run-time library's lock of the functions to be called at the exit.
+// Whether the lock of the system's loader was acquired in time. The wait has a limit: a library that is being loaded may itself wait for
+// something that a program holds while it ends, such as the run-time library's lock of the functions to be called at the exit.
 bool lock_loader(ULONG_PTR& cookie) noexcept {
     const ULONGLONG begin = ::GetTickCount64();
     do {
@@ -44,9 +44,9 @@ bool lock_loader(ULONG_PTR& cookie) noexcept {
     return false;
 }
 
-// Ends a thread of a program that goes on to its end, when the thread holds neither the lock of the system's loader nor that of the heap. It
-// spends much of its time in the first, with the libraries that an upload needs; nobody would give the lock back, and the process would wait
-// for it for ever. In this order: loading allocates.
+// Ends a thread while the program ends, at a moment when the thread holds neither the lock of the system's loader nor that of the heap. It
+// often holds the first, while it loads the libraries that an upload needs; nobody would release the lock, and the process would wait for it
+// for ever. The loader's lock is taken first, since loading allocates.
 void end_thread(HANDLE thread) noexcept {
     ULONG_PTR cookie = 0;
     const bool loader = lock_loader(cookie);
@@ -61,9 +61,9 @@ void end_thread(HANDLE thread) noexcept {
     }
 }
 
-// Runs the work and keeps to itself what goes wrong in it. An exception that left one of our threads or the filter would come to
-// the filter again, which then waits for itself. No objects with destructors may live in the function that holds __try. Neither this
-// function nor what it calls is noexcept by its type: what cannot throw needs no __try, says the compiler, and leaves it out.
+// Runs the work and hides its failures. An exception that left one of our threads or the filter would reach the filter again, which would
+// then wait for itself. No objects with destructors may live in the function that holds __try. Neither this function nor those that it
+// calls may be noexcept: the compiler leaves __try out around code that cannot throw.
 __attribute__((noinline)) void run_alone(void (*work)()) {
     __try {
         work();
@@ -168,7 +168,7 @@ void component::install() {
 
 // Only a few kinds of failure reach the filter by themselves. With this C++ library an uncaught exception, a broken noexcept, a pure
 // virtual call and the like end in abort, and the C runtime ends the process for an invalid parameter: each of these is turned into an
-// exception that does.
+// exception that reaches it.
 void component::take_over() {
     if (m_taken_over) { // what is there now is ours
         return;
@@ -181,7 +181,7 @@ void component::take_over() {
 }
 
 void component::give_back() noexcept {
-    // Without a previous filter ours stays, on purpose: it then ends the process without a report. There is no start-up thread any
+    // Without a previous filter ours remains, on purpose: it then ends the process without a report. There is no start-up thread any
     // more, and without one nothing is reported.
     if (m_previous_filter != nullptr) {
         ::SetUnhandledExceptionFilter(std::exchange(m_previous_filter, nullptr));
@@ -212,7 +212,7 @@ void component::add_note(std::wstring note) {
 
 void component::wait_for_start_up_thread() {
     const std::lock_guard lock(m_lock);
-    if (m_start_up_thread) { // the lock is held meanwhile: nothing is noted or removed before earlier crashes are told
+    if (m_start_up_thread) { // the lock is held meanwhile: nothing is noted or removed before earlier crashes are sent
         ::WaitForSingleObject(m_start_up_thread.get(), INFINITE);
     }
 }

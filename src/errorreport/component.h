@@ -18,7 +18,7 @@
 
 namespace corvo::errorreport {
 
-// The codes of the exceptions that stand for failures which are none on this platform. Non-continuable, without parameters.
+// The codes of the exceptions that stand for failures which are not exceptions on this platform. Non-continuable, without parameters.
 inline constexpr DWORD terminate_called = 0xE0544D01;
 inline constexpr DWORD abort_called = 0xE0544D02;
 inline constexpr DWORD invalid_parameter = 0xE0544D03;
@@ -56,7 +56,7 @@ public:
     // process belongs to the program. Throws pwrap::win_runtime_error "GetModuleFileNameW failed".
     void install();
 
-    // Puts back what was there before, where something was, and gives the sending 100 ms to end.
+    // Puts back what was there before, if something was, and gives the sending 100 ms to end.
     void uninstall() noexcept;
 
     // See error_reporting.h.
@@ -67,7 +67,7 @@ public:
     // the lock held, is not reported. Uses little stack, of which an overflow leaves a few kilobytes.
     LONG filter(const EXCEPTION_POINTERS* exception) noexcept;
 
-    // What the two threads and the filter run. Whatever goes wrong in them ends there.
+    // The two threads and the filter run these. A failure in them does not leave them.
     void report();
     void handle_crash();
 

@@ -26,7 +26,7 @@ exception_record described(const EXCEPTION_RECORD& record) noexcept {
              std::min<std::size_t>(record.NumberParameters, EXCEPTION_MAXIMUM_PARAMETERS)}};
 }
 
-// Neither chain nor stack is as long in a process that can be reported; damaged ones may lead in a circle.
+// Neither the chain nor the stack of a process that can be reported is that long; damaged ones may lead in a circle.
 constexpr std::uint32_t most_records = 100;
 constexpr std::uint32_t most_frames = 100000;
 
@@ -50,7 +50,7 @@ void write_exceptions(stream::basic& out, report_kind kind, const EXCEPTION_RECO
     }
 }
 
-// What the system knows of the memory at an address; false where it knows nothing.
+// What the system knows of the memory at an address; false if it knows nothing.
 bool query(DWORD64 address, MEMORY_BASIC_INFORMATION& memory) noexcept {
     return ::VirtualQuery(reinterpret_cast<const void*>(address), &memory, sizeof memory) >= 16;
 }
@@ -77,7 +77,7 @@ bool readable(DWORD64 begin, DWORD64 end) noexcept {
     return true;
 }
 
-// The memory between the stack pointer and the frame pointer. Empty where they do not enclose any, and where what lies between
+// The memory between the stack pointer and the frame pointer. Empty if they do not enclose any, and if what lies between
 // them cannot be read: code that uses the frame pointer for something else leaves anything in it.
 std::span<const std::byte> stack_memory(const STACKFRAME64& frame) noexcept {
     const DWORD64 begin = frame.AddrStack.Offset;
@@ -88,11 +88,11 @@ std::span<const std::byte> stack_memory(const STACKFRAME64& frame) noexcept {
     return {reinterpret_cast<const std::byte*>(begin), static_cast<std::size_t>(end - begin)};
 }
 
-// What a report still has room for, of the memory of stacks.
+// How much stack memory the report still has room for.
 class memory_budget {
 public:
-    // The memory to be written for a frame. The first that does not fit ends it: the frames beyond have none, so that what a report holds is
-    // always the whole inner part of the stack.
+    // The memory to be written for a frame. After the first frame that does not fit no frame has any, so that a report always holds the
+    // complete inner part of the stack.
     std::span<const std::byte> take(std::span<const std::byte> memory) noexcept {
         const std::size_t needed = memory.empty() ? 0 : memory.size() + sizeof(std::uint64_t);
         if (needed > m_left) {
@@ -146,7 +146,7 @@ void walk_stack(stream::basic& out, report_kind kind, const crash& what) {
     do {
         const bool walked = ::StackWalk64(machine_type, what.process, what.thread, &frame, &context, nullptr,
                                           ::SymFunctionTableAccess64, ::SymGetModuleBase64, nullptr) != FALSE;
-        // The first step may fail: the faulting frame is known from the context, and is always told.
+        // The first step may fail: the faulting frame is known from the context, and is always reported.
         if (!walked && written_module != 0) {
             return;
         }

@@ -34,7 +34,7 @@ std::optional<bool> screen_reader() noexcept {
 
 } // namespace
 
-// Under a screen reader the report is sent without a word, on purpose. Where the system does not say, boxes are shown.
+// Under a screen reader the report is sent without a box, on purpose. If the system does not say, boxes are shown.
 bool shows_dialogs(bool interactive, std::optional<bool> screen_reader) noexcept {
     return interactive && !screen_reader.value_or(false);
 }

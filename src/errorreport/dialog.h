@@ -9,8 +9,8 @@
 
 namespace corvo::errorreport {
 
-// Whether boxes are shown: where a user can see them, and no screen reader is known to run. `screen_reader` is what the system
-// says about one, empty where it does not say.
+// Whether boxes are shown: if a user can see them, and no screen reader is known to run. `screen_reader` is what the system
+// says about one, empty if it does not say.
 bool shows_dialogs(bool interactive, std::optional<bool> screen_reader) noexcept;
 
 // The same for the running process. Reports no failure.

@@ -2,7 +2,7 @@
 // piece, in the order in which the functions stand here; the question is a text of its own, and is cleared away after the answer.
 //
 // Shows nothing. One thread at a time. Each function throws pwrap::win_runtime_error "LoadString(...) failed", with the text's
-// identifier (dialog_strings.h), where the program lacks the text, and leaves what has been collected as it was; and what
+// identifier (dialog_strings.h), if the program lacks the text, and leaves what has been collected as it was; and what
 // pwrap::vsprintf throws.
 #pragma once
 
@@ -17,8 +17,8 @@ public:
     // What has happened to which program, and a line feed.
     void add_introduction(std::wstring_view program_name);
 
-    // Whether the notes (as note_list::joined() gives them) may be sent. A note stands on a line of its own; of a longer one the
-    // first 100 units are shown.
+    // Whether the notes (as note_list::joined() gives them) may be sent. Each note stands on a line of its own; if it is longer than
+    // 100 units, only these are shown.
     void add_question(std::span<const wchar_t> notes);
 
     void clear() noexcept { m_text.clear(); }

@@ -16,7 +16,7 @@ component& the_component() {
 }
 
 bool install() {
-    running_system(); // what the threads will ask for is there before they start
+    running_system(); // the threads ask for it, so it must be known before they start
     the_component().install();
     return std::atexit([] { the_component().uninstall(); }) == 0;
 }

@@ -18,7 +18,7 @@ namespace corvo::errorreport {
 void add_note(const char* text, std::size_t limit, unsigned int code_page);
 void add_note(const wchar_t* text, std::size_t limit);
 
-// Waits, without a limit, until the reports of earlier crashes have been sent or have failed to be. Holds the component's
+// Waits, without a limit, until the reports of earlier crashes have been sent or could not be sent. Holds the component's
 // lock meanwhile.
 void wait_for_start_up_thread();
 

@@ -7,8 +7,8 @@
 namespace corvo::errorreport {
 namespace {
 
-// Made with the first text, which is the installation's, and never given back: a crash can come after the last destructor. Without
-// it (the system lacks the memory) the C locale that is set serves, and only narrow strings beyond ASCII suffer.
+// Created with the first text, which is the installation's, and never freed: a crash can come after the last destructor. Without
+// it (the system lacks the memory) the present C locale is used, and only narrow strings beyond ASCII are wrong.
 _locale_t utf8() {
     static const _locale_t locale = ::_create_locale(LC_ALL, ".UTF-8");
     return locale;

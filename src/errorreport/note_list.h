@@ -9,14 +9,14 @@
 
 namespace corvo::errorreport {
 
-// Whether a container with `count` elements can hold one more: throws std::length_error "list too long" where not.
+// Whether a container with `count` elements can hold one more: throws std::length_error "list too long" if not.
 void require_room(std::size_t count, std::size_t most);
 
 class note_list {
 public:
     static constexpr std::size_t limit = 10;
 
-    // Drops the oldest note when there are ten. Throws std::length_error "list too long" where the container can hold no
+    // Drops the oldest note when there are ten. Throws std::length_error "list too long" if the container can hold no
     // more.
     void add(std::wstring note);
 

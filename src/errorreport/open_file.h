@@ -1,6 +1,6 @@
 // Opens a file as a double click does, in the program that the user has for it. Owns nothing.
 //
-// Any thread; COM is initialised for the call only. Returns whether the shell has taken the file; where it has not, the reason is
+// Any thread; COM is initialised for the call only. Returns whether the shell has taken the file; if it has not, the reason is
 // in the thread's last error. Never throws.
 #pragma once
 

@@ -26,25 +26,25 @@ constexpr std::size_t path_limit = 260;
                             "Odpiranje datoteke s poročilom o napaki " + name + " ni uspelo");
 }
 
-// The search compares short names, too, where the volume has them: it finds "a.tzobackup" by its name "A~1.TZO". That file is
+// The search compares short names, too, if the volume has them: it finds "a.tzobackup" by its name "A~1.TZO". That file is
 // somebody else's, and is neither sent nor deleted.
 bool is_report_name(const wchar_t* name) noexcept {
     const std::size_t length = std::wcslen(name);
     return length >= 4 && ::_wcsicmp(name + length - 4, L".tzo") == 0;
 }
 
-// A missing file is no failure.
+// A missing file is not a failure.
 void remove(const std::wstring& path) {
     std::filesystem::remove(path);
 }
 
-// No report of ours is larger: 100,000 frames, each in another module than the one before, come to 3 MiB when they are compressed, a
-// mebibyte of stack memory at most to itself; the rest is for the notes.
+// No report of ours is larger: 100,000 frames, each in another module than the one before, take 3 MiB when they are compressed, the stack
+// memory at most one more, and the rest is for the notes.
 constexpr stream::fsize largest_report = 8388608;
 
-// Whether what has this name may be a report: an ordinary file of a size that reports have. Everybody can make others in a folder that is
-// everybody's, as C:\Windows\Temp is: a folder, a link to some other file, a file without an end. What cannot be looked at may be one;
-// whoever opens it finds out.
+// Whether the object with this name may be a report: an ordinary file of a size that reports have. In a shared folder such as
+// C:\Windows\Temp everybody can create other things of that name: a folder, a link to some other file, a file without an end. An object
+// that cannot be examined may be a report; opening it will show.
 bool may_be_report(const std::wstring& path) noexcept {
     const pwrap::win_handle<-1> file(::CreateFileW(
         path.c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
@@ -58,7 +58,7 @@ bool may_be_report(const std::wstring& path) noexcept {
         return false;
     }
     if ((what.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
-        // A volume may keep ordinary files behind such points, too, but only links stand for something of another name.
+        // A volume may keep ordinary files behind such points, too, but only links stand for an object of another name.
         FILE_ATTRIBUTE_TAG_INFO tag{};
         if (!::GetFileInformationByHandleEx(file.get(), FileAttributeTagInfo, &tag, sizeof tag) ||
             IsReparseTagNameSurrogate(tag.ReparseTag)) {
@@ -68,7 +68,7 @@ bool may_be_report(const std::wstring& path) noexcept {
     return (stream::fsize{what.nFileSizeHigh} << 32 | what.nFileSizeLow) <= largest_report;
 }
 
-// Sends a report's file, deletes it and returns the reply's status; nothing where it is no report of ours, which then stays. The file is
+// Sends a report's file, deletes it and returns the reply's status; nothing if it is not a report of ours, which then remains. The file is
 // deleted whatever the status is: the server has seen the report, and sending it again would not make it more welcome.
 std::optional<std::uint16_t> send_file(upload_session& session, const std::wstring& path) {
     if (path.size() > path_limit) {
@@ -86,7 +86,7 @@ std::optional<std::uint16_t> send_file(upload_session& session, const std::wstri
         if (file.size() > largest_report) { // it has grown meanwhile; now nobody can write to it
             return std::nullopt;
         }
-        std::exception_ptr reception_failure; // there is nobody to tell what the server says
+        std::exception_ptr reception_failure; // not used: no user is there to see the server's reply
         status = session.send(file, reception_failure);
     } // closes the file, which could not be deleted while it is open
     remove(path);

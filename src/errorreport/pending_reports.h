@@ -1,10 +1,10 @@
 // Sends the reports that earlier crashes left in the temporary folder (report_files.h), and deletes them.
 //
-// What has the name of a report and is no ordinary file, or is larger than any report, is somebody else's: it is neither sent nor deleted,
-// and the others are sent all the same.
+// An object with the name of a report that is not an ordinary file, or is larger than any report, is somebody else's: it is neither sent nor
+// deleted, and the others are sent all the same.
 //
 // Called once in a process, on the start-up thread. A named mutex lets one process of the session send at a time. What has not
-// been sent when it throws stays for the next start.
+// been sent when it throws remains for the next start.
 #pragma once
 
 #include "stream/file.h"
@@ -17,7 +17,7 @@ inline constexpr int report_mode = stream::mode_for_reading | stream::mode_open_
                                    stream::hint_sequential_access;
 
 // Throws pwrap::win_runtime_error "Napaka pri stvaritvi ključavnice. Verjetno drug proces že pošilja izjeme.", "GetTempPath
-// failed" or "WaitForSingleObject failed", std::runtime_error "timeout" where another process has been sending for more than
+// failed" or "WaitForSingleObject failed", std::runtime_error "timeout" if another process has been sending for more than
 // a second, std::system_error "Odpiranje datoteke s poročilom o napaki PATH ni uspelo", a std::filesystem::filesystem_error
 // for a file that cannot be deleted, and what upload_session throws.
 void send_pending_reports();

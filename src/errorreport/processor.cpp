@@ -26,8 +26,8 @@ static_assert(offsetof(CONTEXT, Wcr) == offsetof(arm64_context, wcr));
 static_assert(offsetof(CONTEXT, Wvr) == offsetof(arm64_context, wvr));
 
 frame_registers frame_of(const CONTEXT& context) noexcept {
-    // The link register stands in for the backing store, which the processor does not have. Intended: walks have always
-    // begun so, and reports of different versions are compared frame by frame.
+    // The link register takes the place of the backing store, which the processor does not have. Intended: walks have always
+    // begun like this, and reports of different versions are compared frame by frame.
     return {context.Pc, context.Fp, context.Sp, context.Lr};
 }
 

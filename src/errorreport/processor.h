@@ -17,7 +17,7 @@ inline constexpr std::uint16_t machine_type = 0xAA64;
 inline constexpr std::uint16_t machine_type = 0x8664;
 #endif
 
-// Where a walk along the stack begins.
+// The registers that a walk along the stack starts from.
 struct frame_registers {
     DWORD64 program_counter;
     DWORD64 frame_pointer;

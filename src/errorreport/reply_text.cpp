@@ -25,7 +25,7 @@ bool is_plain_text(std::string_view media_type) noexcept {
 }
 
 reply_decoding decoding_for(std::string_view charset) noexcept {
-    // The server's replies without a charset have always been in windows-1250. It is no oversight that this is not UTF-8.
+    // The server's replies without a charset have always been in windows-1250. It is not an oversight that this is not UTF-8.
     if (charset.empty() || equal_ignoring_case(charset, "windows-1250")) {
         return reply_decoding::windows_1250;
     }

@@ -28,14 +28,14 @@ enum class reply_decoding {
     windows_1250,
     utf_7,
     utf_16, // units as they stand
-    none,   // the text stays empty
+    none,   // the text remains empty
     utf_8
 };
 
 reply_decoding decoding_for(std::string_view charset) noexcept;
 
 #ifdef _WIN32
-// The body as text, up to its first zero. What is no text in a code page, such as a character that was cut, is replaced or left
+// The body as text, up to its first zero. What is not text in a code page, such as a character that was cut, is replaced or left
 // out as the system does it. Throws std::system_error "MultiByteToWideChar failed".
 std::wstring decode_reply(reply_decoding how, const unsigned char* body, std::size_t length);
 #endif

@@ -17,11 +17,11 @@
 namespace corvo::errorreport {
 namespace {
 
-// The system's symbol engine, for as long as the object lives. Where it cannot be initialised a report has fewer functions.
+// The system's symbol engine, for as long as the object lives. If it cannot be initialised a report has fewer functions.
 class symbol_engine {
 public:
     explicit symbol_engine(HANDLE process) noexcept : m_process(process) {
-        // Where symbols are looked for is not for the environment to say: that may be a server, and what comes from it is parsed.
+        // The environment must not choose where symbols are looked for: it may name a server, whose files would be parsed.
         ::SetEnvironmentVariableW(L"_NT_SYMBOL_PATH", nullptr);
         ::SetEnvironmentVariableW(L"_NT_ALTERNATE_SYMBOL_PATH", nullptr);
         ::SymSetOptions(::SymGetOptions() | SYMOPT_FAIL_CRITICAL_ERRORS | SYMOPT_EXACT_SYMBOLS);
@@ -40,7 +40,7 @@ private:
     bool m_initialised;
 };
 
-// One for the process, made where it is needed first; the second report takes the place of the first.
+// One for the process, created when it is first needed; the second report takes the place of the first.
 stream::memory_file& composed(report_kind kind, const crash& what, std::span<const wchar_t> notes) {
     // Not destroyed: another thread may bring the program to its end while the report is on its way.
     static stream::memory_file& file = *new stream::memory_file(4096);
@@ -51,11 +51,11 @@ stream::memory_file& composed(report_kind kind, const crash& what, std::span<con
     return file;
 }
 
-// Sends the report, under the lock of the symbol engine; `text` takes the reply, if there is one to take it. False where anything of
-// this failed, whatever it was: the report is then to be saved.
+// Sends the report, under the lock of the symbol engine; `text`, if it is not null, takes the reply. False if any step of
+// this failed: the report must then be saved.
 bool send_report(const crash_to_report& job, HANDLE symbol_mutex, std::span<const wchar_t> notes,
                  dialog_text* text) {
-    const pwrap::mutex_locker lock(symbol_mutex, INFINITE); // its failure is no failure to send
+    const pwrap::mutex_locker lock(symbol_mutex, INFINITE); // its failure is not a failure to send
     const symbol_engine engine(job.what.process);
     try {
         stream::basic& report = composed(report_kind::brief, job.what, notes);
@@ -74,8 +74,8 @@ bool send_report(const crash_to_report& job, HANDLE symbol_mutex, std::span<cons
     }
 }
 
-// Saves the report and says in `text` what came of it. The symbol engine has been left by now, and is taken once more: without it a
-// walk along the stack ends in the system's library that raised the exception, before it comes to the program.
+// Saves the report and writes the result to `text`. The symbol engine has been released by now, and is used once more: without it a
+// walk along the stack ends in the system's library that raised the exception, before it reaches the program.
 void save_report(const crash_to_report& job, HANDLE symbol_mutex, std::span<const wchar_t> notes,
                  dialog_text* text) {
     if (text != nullptr) {
@@ -112,7 +112,7 @@ void report_crash(const crash_to_report& job) {
             if (!ask_user(text->get())) {
                 notes = {};
             }
-            text->clear(); // what has happened has been said: the last box begins with the result
+            text->clear(); // the user has read what happened: the last box begins with the result
         }
     }
 

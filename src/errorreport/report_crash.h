@@ -1,5 +1,5 @@
 // Reporting a crash while the crashing thread waits: asks the user about the notes, sends the report, sends the full one when the
-// server wants it, saves both where they cannot be sent, and tells the user what came of it.
+// server wants it, saves both if they cannot be sent, and shows the result to the user.
 //
 // Runs on a thread of its own. It must not take the component's lock, which the crashing thread holds.
 #pragma once
@@ -22,7 +22,7 @@ struct crash_to_report {
 
 // Throws what is not about sending: pwrap::win_runtime_error "SetEvent failed", "LoadString(...) failed" with the string's
 // identifier, "CreateMutexW failed", std::runtime_error "timeout", pwrap::win_runtime_error "WaitForSingleObject failed". A
-// report that cannot be sent is saved (report_files.h), and what goes wrong there is told to the user, if there is one.
+// report that cannot be sent is saved (report_files.h), and a failure of that is shown to the user, if there is one.
 void report_crash(const crash_to_report& job);
 
 } // namespace corvo::errorreport

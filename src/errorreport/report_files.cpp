@@ -43,7 +43,7 @@ void write_report_files(const crash& what, std::span<const wchar_t> notes) {
         compose_report(report_kind::brief, what, notes, brief);
     }
     path.replace(path.rfind(L'.'), std::wstring::npos, L".tzr");
-    // The number of the short report decides: a full report of that number, which belongs to none, is replaced.
+    // The number of the short report decides: an old full report of that number has no short one, and is replaced.
     stream::file full(path.c_str(), full_mode);
     if (!full.ok()) {
         pwrap::throw_last<pwrap::win_runtime_error>("Napaka pri ustvarjanju datoteke TZR");

@@ -1,7 +1,7 @@
 // The files that a crash leaves when its report cannot be sent: N.tzo with the short report and N.tzr with the full one, in the
 // temporary folder, N being the first number whose .tzo is free. The next start sends them (pending_reports.h).
 //
-// Owns nothing. Called on the reporting thread, or on the crashing thread where there is no other.
+// Owns nothing. Called on the reporting thread, or on the crashing thread if there is no other.
 #pragma once
 
 #include "errorreport/crash.h"

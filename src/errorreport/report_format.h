@@ -2,7 +2,7 @@
 //
 // Portable. The functions append to a stream of the caller's, one part each, in the order in which they stand here; all
 // integers are little-endian, nothing is padded. Once the stream has failed they do nothing: a report that could not be
-// written whole ends short, and whoever finishes the compression learns of it. One thread at a time.
+// written completely ends early, and finishing the compression reports the failure. One thread at a time.
 #pragma once
 
 #include "stream/basic.h"
@@ -34,7 +34,7 @@ void write_record_count(stream::basic& out, std::uint32_t count);
 
 void write_record(stream::basic& out, const exception_record& record);
 
-// The notes, each with its terminating zero unit (UTF-16). Nothing is written where there are none. Throws
+// The notes, each with its terminating zero unit (UTF-16). Nothing is written if there are none. Throws
 // std::logic_error "collection too big" above 0xFFFFFFFF units.
 void write_notes(stream::basic& out, std::u16string_view units);
 

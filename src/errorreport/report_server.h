@@ -1,4 +1,4 @@
-// Where error reports are sent. Set when the program is built (CMake cache variable LUMARIS_REPORT_HOST).
+// The host that error reports are sent to. Set when the program is built (CMake cache variable LUMARIS_REPORT_HOST).
 //
 // A constant: it is there before any initialiser runs and after every destructor has, as the threads of the component need it.
 #pragma once

@@ -9,7 +9,7 @@
 
 namespace corvo::errorreport {
 
-// The text with this identifier, without a terminator. Empty where it cannot be loaded; the reason is in the thread's last
+// The text with this identifier, without a terminator. Empty if it cannot be loaded; the reason is in the thread's last
 // error then.
 std::wstring_view load_string(UINT id) noexcept;
 

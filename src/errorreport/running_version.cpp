@@ -16,7 +16,7 @@ const char* ask() noexcept {
     return windows_version_name(major, minor, build);
 }
 
-// Forces the name to be found during static initialisation, even where nobody asks for it then.
+// Forces the name to be found during static initialisation, even if nobody asks for it then.
 [[maybe_unused]] const char* const found_at_start = running_windows_version();
 
 } // namespace

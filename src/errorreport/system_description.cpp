@@ -50,7 +50,7 @@ bool lists_administrators(const TOKEN_GROUPS& groups) {
     }
     bool found = false;
     for (DWORD i = 0; i < groups.GroupCount && !found; ++i) {
-        // The group's attributes are not looked at: a filtered token still tells that its user is an administrator.
+        // The group's attributes are ignored: a filtered token still shows that its user is an administrator.
         found = ::EqualSid(administrators, groups.Groups[i].Sid) != FALSE;
     }
     ::FreeSid(administrators);
@@ -98,7 +98,7 @@ void describe_user(system_description& description) {
     }
 }
 
-// Forces the description to be made during static initialisation, even where nobody asks for it then.
+// Forces the description to be created during static initialisation, even if nobody asks for it then.
 [[maybe_unused]] const system_description& made_at_start = running_system();
 
 } // namespace

@@ -19,7 +19,7 @@ struct system_description {
 // Asks the system. Reports no failure; throws only std::bad_alloc.
 system_description describe_system();
 
-// The description of the running process, made once, during static initialisation or at the first call before that, and only
+// The description of the running process, created once, during static initialisation or at the first call before that, and only
 // read afterwards. It lasts as long as the process.
 const system_description& running_system() noexcept;
 

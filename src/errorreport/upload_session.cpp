@@ -52,7 +52,7 @@ webio::header_list report_headers() {
     return headers;
 }
 
-// Returns the path of the file, empty where there is none. Why there is none does not matter: what is told is the reply itself.
+// Returns the path of the file, empty if there is none. Why there is none does not matter: the failure reports the reply itself.
 std::wstring save_reply(const stream::memory_file& reply, stream::fsize size) {
     try {
         std::wstring path = pwrap::temporary_folder() + L"Odgovor.html";
@@ -68,7 +68,7 @@ std::wstring save_reply(const stream::memory_file& reply, stream::fsize size) {
 }
 
 [[noreturn]] void throw_unexpected_reply() {
-    // In this one language: the text is for whoever looks after the program.
+    // In this one language only: the text is for the people who maintain the program.
     throw std::runtime_error(std::string("Strežnik ") + report_server.host +
                              " je vrnil nepričakovan odgovor. Odgovor je program shranil v datoteko "
                              "Odgovor.html in ga odprl v vašem brskalniku.\n"
@@ -108,7 +108,7 @@ std::uint16_t upload_session::send(stream::basic& report, std::exception_ptr& re
         return full_report_wanted;
     }
 
-    m_reply.truncate(); // what was announced and did not come is no part of the reply
+    m_reply.truncate(); // what was announced and did not come is not part of the reply
 
     const auto [media_type, charset] = split_content_type(type);
     if (!is_plain_text(media_type)) {

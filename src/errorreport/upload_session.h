@@ -19,7 +19,7 @@ namespace corvo::errorreport {
 // The status with which the server asks for the full report of the crash whose short one it got.
 inline constexpr std::uint16_t full_report_wanted = 449;
 
-// What a reply may hold: far above any message box, and enough for the page of a proxy that is shown in its place.
+// How long a reply may be: far longer than any message box, and enough for the page of a proxy that is shown instead.
 inline constexpr stream::fsize max_reply_size = 1048576;
 
 class upload_session {
@@ -33,7 +33,7 @@ public:
     //
     // Throws what webio::post_chunked_request throws; stream::limit_exceeded "larger than 1048576 bytes" for a longer reply, announced
     // or sent, unless it asks for the full report in plain text, for which that is the reception failure; and std::runtime_error for a reply that is not plain text: that one is
-    // saved as Odgovor.html in the temporary folder, and shown where a user can see it.
+    // saved as Odgovor.html in the temporary folder, and shown if a user can see it.
     std::uint16_t send(stream::basic& report, std::exception_ptr& reception_failure);
 
     [[nodiscard]] const std::wstring& reply_text() const noexcept { return m_reply_text; }

@@ -12,8 +12,8 @@
 
 namespace corvo::minisign {
 
-// What a signature file may hold. Real ones have about 300 bytes, and `minisign` refuses long comments; whoever sends more
-// wants memory filled before anything is known to be signed.
+// How long a signature file may be. Real ones have about 300 bytes, and `minisign` refuses long comments; a sender of more
+// wants to fill the memory before anything is known to be signed.
 inline constexpr stream::fsize max_signature_file_size = 65536;
 
 struct signature {
@@ -22,7 +22,7 @@ struct signature {
     std::array<unsigned char, 64> bytes;
 };
 
-// Reads from the stream's position. Throws std::runtime_error "Minisign signature is too short" (also where there is no
+// Reads from the stream's position. Throws std::runtime_error "Minisign signature is too short" (also if there is no
 // complete signature line) or "not a Minisign signature".
 signature read_signature(stream::basic& source);
 

@@ -4,7 +4,7 @@
 
 namespace corvo::minisign {
 
-// The flag for case-insensitive matching is not looked at: the format knows one spelling.
+// The flag for case-insensitive matching is ignored: the format has one spelling.
 bool untrusted_comment::do_match(const char* text, std::size_t start, std::size_t end, unsigned) noexcept {
     constexpr std::string_view prefix = "untrusted comment:";
     for (std::size_t i = 0; i < prefix.size(); ++i) {

@@ -26,7 +26,7 @@ void fetch(const webio::connection& server, const webio::url_parts& url, const w
                                          body, progress);
         status = request.status();
     } catch (const stream::limit_exceeded&) {
-        // The limit is for what would be taken for the content. An error page may be longer, and its status is the cause.
+        // The limit applies to the content. An error page may be longer, and then its status is the failure to report.
         if (announced.value_or(200) == 200) {
             throw;
         }
@@ -83,7 +83,7 @@ void verified_fetch(const webio::connection& server, const webio::url_parts& url
                     const webio::header_list& headers, const std::string& accepted, const trusted_key* keys,
                     std::size_t count, stream::basic_file& destination, progress<std::uint64_t>* progress) {
     const signature made = fetch_signature(server, url, headers);
-    // Whose signature it is comes first: of an untrusted key not even the kind is worth a word.
+    // The key is checked first: if it is not trusted, that is the failure to report, whatever the kind of the signature.
     const trusted_key& key = find_trusted_key(made, keys, count);
     if (content_verifies(destination, made, key, progress)) {
         return;

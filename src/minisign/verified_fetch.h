@@ -15,8 +15,8 @@ namespace corvo::minisign {
 // `url` and `server` name the same server; `keys` is the table of trusted keys, `count` long. The destination is the caller's;
 // `progress` may be null. Runs on the calling thread and waits without a time limit of its own (the session has).
 //
-// Memory: the signature file is taken up to max_signature_file_size; how much content is taken is for `destination` to say
-// (it throws stream::limit_exceeded for more), since nobody has vouched for it while it arrives. An HTTP status other than 200 comes
+// Memory: the signature file is taken up to max_signature_file_size. `destination` decides how much content is taken (it throws
+// stream::limit_exceeded for more), since the content is not verified while it arrives. An HTTP status other than 200 is reported
 // before such a limit: what is too long then is an error page.
 //
 // Throws std::runtime_error: "Failed to load Minisign signature" or "Failed to load content" with the cause nested (an HTTP

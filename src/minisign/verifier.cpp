@@ -10,7 +10,7 @@
 namespace corvo::minisign {
 namespace {
 
-// libsodium chooses its fast BLAKE2b for this processor here; without the call it stays with the portable one.
+// libsodium chooses its fast BLAKE2b for this processor here; without the call it remains with the portable one.
 void prepare_libsodium() {
     static const int result = sodium_init();
     if (result < 0) {
@@ -22,7 +22,7 @@ void prepare_libsodium() {
 
 const trusted_key& find_trusted_key(const signature& made, const trusted_key* keys, std::size_t count) {
     // Every record is compared before the outcome is looked at: how long it takes to refuse a key says nothing about the table. Which
-    // record it is that matches is no secret; it is looked for from the start.
+    // record it is that matches is not a secret; it is looked for from the start.
     std::uint64_t mismatch = 1;
     for (std::size_t i = 0; i < count; ++i) {
         mismatch &= static_cast<std::uint64_t>((made.id ^ keys[i].id) != 0);

@@ -13,7 +13,7 @@ struct crypto_generichash_blake2b_state;
 
 namespace corvo::minisign {
 
-// The key that `made` was signed with. Throws std::runtime_error "Untrusted Minisign key" where it is not in the table, then
+// The key that `made` was signed with. Throws std::runtime_error "Untrusted Minisign key" if it is not in the table, then
 // "Unsupported Minisign signature" for any kind but Ed25519 over a BLAKE2b-512 hash.
 const trusted_key& find_trusted_key(const signature& made, const trusted_key* keys, std::size_t count);
 

@@ -1,4 +1,4 @@
-// White space and letter case of ASCII texts as protocols mean them: no locale has a say in it, and bytes above 127 are neither.
+// White space and letter case of ASCII texts as protocols mean them: they depend on no locale, and bytes above 127 have neither.
 //
 // Portable, owns nothing, never fails. Any thread.
 #pragma once

@@ -56,7 +56,7 @@ template <class E> [[noreturn]] void throw_last(const char* message) {
 }
 
 // The system's text for a Win32 error code, trailing white space cut; "Error %u" (below 0x10000) or "Error 0x%X"
-// where the system has none. `language` is a language identifier, 0 for the system's own order of choice. The calling
+// if the system has none. `language` is a language identifier, 0 for the system's own order of choice. The calling
 // thread's last error is kept.
 std::string win_error_message(DWORD number, DWORD language);
 

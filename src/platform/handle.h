@@ -31,7 +31,7 @@ public:
 
     explicit operator bool() const noexcept { return m_h != invalid(); }
 
-    // Releases what is held, if anything. Nothing of the object is touched once the system has been told: closing may
+    // Releases what is held, if anything. Nothing of the object is touched after the system's call: closing may
     // wake the thread that destroys it.
     void free() noexcept {
         if (m_h != invalid()) {

@@ -6,7 +6,7 @@
 
 extern "C" {
 
-// Flags 0 waits for the lock. Flag 2 does not wait: `*result` is then 1 where the lock was got, and 2 where it was not. Returns an NTSTATUS,
+// Flags 0 waits for the lock. Flag 2 does not wait: `*result` is then 1 if the lock is held, and 2 if it is not. Returns an NTSTATUS,
 // negative for a failure. `*cookie` is what unlocks it.
 __declspec(dllimport) LONG NTAPI LdrLockLoaderLock(ULONG flags, ULONG* result, ULONG_PTR* cookie);
 __declspec(dllimport) LONG NTAPI LdrUnlockLoaderLock(ULONG flags, ULONG_PTR cookie);

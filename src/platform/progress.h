@@ -1,4 +1,4 @@
-// Progress indicators: how a long operation tells its advance and asks whether to stop.
+// Progress indicators: how a long operation reports its progress and asks whether to stop.
 //
 // Operations take one as a nullable pointer that they do not own; null means that no progress is wanted and
 // that nothing cancels. An indicator is called on whichever thread does the work (for transfers the HTTP
@@ -19,7 +19,7 @@ public:
     progress& operator=(const progress&) = delete;
     virtual ~progress() = default;
 
-    // Says in words what is being done.
+    // Describes what is being done.
     virtual void text(const wchar_t* /*message*/) {}
 
     // Declares the range that the positions to follow lie in.
@@ -81,8 +81,8 @@ private:
         return to < from ? -static_cast<double>(from - to) : static_cast<double>(to - from);
     }
 
-    // A position outside its own range may map to one that T cannot hold, where the conversion would be
-    // undefined: it stays at the nearest that T can.
+    // A position outside its own range may map to one that T cannot hold. The conversion would then be
+    // undefined, so the nearest one that T can hold is taken.
     static T truncate(double value) noexcept {
         if (value <= 0) {
             return 0;

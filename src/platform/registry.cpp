@@ -7,7 +7,7 @@
 namespace pwrap {
 namespace {
 
-// A value may be a password: the buffers here are wiped. What stays is the caller's string, and where a text did not fit it, the memory
+// A value may be a password: the buffers here are wiped. What remains is the caller's string, and if a text did not fit it, the memory
 // that it had before.
 template <std::size_t Size> struct stack_text {
     stack_text() = default;
@@ -46,7 +46,7 @@ LSTATUS expand(const wchar_t* source, std::wstring& text) {
 
 LSTATUS RegQueryStringValue(HKEY key, const wchar_t* name, std::wstring& text) {
     constexpr DWORD stack_units = 512;
-    stack_text<stack_units + 1> buffer; // one more than the system is told of, for a missing terminator
+    stack_text<stack_units + 1> buffer; // one more than the system may fill, for a missing terminator
     DWORD type = REG_NONE;
     DWORD size = stack_units * sizeof(wchar_t);
     LSTATUS status =

@@ -58,7 +58,7 @@ DWORD ExpandEnvironmentStringsW(const wchar_t* source, std::wstring& result) {
             result.resize(needed - 1);
             return needed;
         }
-        // What a buffer too small was filled with may be a part of a password, and growing releases it.
+        // A buffer that was too small may hold a part of a password, and growing releases it.
         ::SecureZeroMemory(result.data(), result.size() * sizeof(wchar_t));
         size = needed;
     }

@@ -16,7 +16,7 @@ DWORD GetModuleFileNameW(HMODULE module, std::wstring& path);
 DWORD ExpandEnvironmentStringsW(const wchar_t* source, std::wstring& result);
 
 // The size of the first buffer for expanding a text of `source_length` characters. Throws std::invalid_argument
-// "add overflow", or "String too big" where the system could not take it.
+// "add overflow", or "String too big" if the system could not take it.
 DWORD expansion_buffer_size(std::size_t source_length);
 
 } // namespace pwrap

@@ -8,7 +8,7 @@
 namespace pwrap {
 namespace {
 
-// A text may be a password: nothing of it stays on the stack.
+// A text may be a password: nothing of it remains on the stack.
 template <class Unit, std::size_t Size> struct wiped_buffer {
     wiped_buffer() = default;
     wiped_buffer(const wiped_buffer&) = delete;

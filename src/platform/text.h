@@ -25,7 +25,7 @@ int utf8_to_wide(const std::string& text, std::wstring& result);
 int wide_to_utf8(const std::wstring& text, std::string& result);
 
 // What converting arbitrary user text to a narrow code page may be given: best-fit characters are refused and
-// "?" stands for what the code page lacks, except where the system forbids either.
+// "?" stands for what the code page lacks, except if the system forbids either.
 struct narrow_options {
     DWORD flags;
     const char* default_char;

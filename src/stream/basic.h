@@ -62,7 +62,7 @@ public:
 
     [[nodiscard]] bool ok() const noexcept { return m_state == state_t::ok; }
 
-    // Returns the next byte; throws std::system_error "failed to read" where there is none.
+    // Returns the next byte; throws std::system_error "failed to read" if there is none.
     std::uint8_t read_byte();
 
 protected:

@@ -1,4 +1,4 @@
-// The abstract random-access file: a stream with a position, a size and, where the kind of file has them,
+// The abstract random-access file: a stream with a position, a size and, if the kind of file has them,
 // locks and times.
 //
 // Threads and state are those of corvo::stream::basic. What a kind of file does not have throws

@@ -21,12 +21,12 @@ public:
     // byte; eof when the input had ended before; fail when nothing could be read.
     std::size_t read(void* data, std::size_t length) override;
 
-    // Returns the bytes written; state fail where that is less than `length`.
+    // Returns the bytes written; state fail if that is less than `length`.
     std::size_t write(const void* data, std::size_t length) override;
 
     void flush() override;
 
-    // Does nothing on a closed stream. After a failure the handle stays, for another attempt.
+    // Does nothing on a closed stream. After a failure the handle remains, for another attempt.
     void close() override;
 };
 

@@ -1,4 +1,4 @@
-// A file on disk that takes no more than a given number of bytes: for what strangers send before anything about it is known to be true.
+// A file on disk that takes no more than a given number of bytes: for data whose sender is not known to be trusted yet.
 //
 // Ownership, threads and state are those of file.
 #pragma once
@@ -12,7 +12,7 @@ public:
     // Takes over a handle that was opened elsewhere, and stands at its start. What the file holds already is not counted.
     bounded_file(HANDLE handle, fsize limit) noexcept : file(handle), m_limit(limit) {}
 
-    // Throws limit_exceeded "package larger than %llu bytes", with the limit, where the file would be written beyond it. Nothing of
+    // Throws limit_exceeded "package larger than %llu bytes", with the limit, if the file would be written beyond it. Nothing of
     // `data` is written then.
     std::size_t write(const void* data, std::size_t length) override;
 

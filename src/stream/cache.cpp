@@ -58,7 +58,7 @@ void cache::detach() {
     if (!write_back(*source)) {
         throw_not_flushed();
     }
-    // A source that cannot go there, such as a closed file, is no failure of ours.
+    // A source that cannot go there, such as a closed file, is not a failure of ours.
     const unsigned int kept = last_error();
     send(*source, m_offset);
     set_last_error(kept);
@@ -106,7 +106,7 @@ std::size_t cache::read(void* data, std::size_t length) {
 std::size_t cache::write(const void* data, std::size_t length) {
     const auto* const bytes = static_cast<const unsigned char*>(data);
     std::size_t done = 0;
-    // Nothing at all is written by a write of nothing, not even the gap before a position beyond the end.
+    // A write of no bytes writes nothing at all, not even the gap before a position beyond the end.
     while (done < length) {
         done += write_to_block(bytes + done, length - done);
         if (done == length) {
@@ -203,7 +203,7 @@ fpos cache::tell() {
 
 fsize cache::size() {
     const fsize behind = m_source->size();
-    // A block without bytes says nothing of the size: reading beyond the end leaves one there.
+    // A block without bytes does not enlarge the file: reading beyond the end leaves such a block.
     if (m_cache.status == cache_empty || m_cache.region.start == m_cache.region.end) {
         return behind;
     }
@@ -293,7 +293,7 @@ bool cache::send(basic_file& source, fpos position) {
     return ok();
 }
 
-// The block stays dirty where this fails, for another attempt. The state changes only where there was something
+// The block remains dirty if this fails, for another attempt. The state changes only if there was something
 // to write.
 bool cache::write_back(basic_file& source) {
     if (m_cache.status != cache_dirty) {
@@ -361,7 +361,7 @@ std::size_t cache::write_to_block(const unsigned char* data, std::size_t length)
     return piece;
 }
 
-// The end of a read that did not get everything: what was delivered is no failure, and no end of the file either.
+// The end of a read that did not get everything: if some bytes were delivered, it is neither a failure nor the end of the file.
 std::size_t cache::end_read(std::size_t done) {
     if (done > 0) {
         m_state = state_t::ok;

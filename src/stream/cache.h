@@ -3,7 +3,7 @@
 //
 // The block is owned; the source is not, and must outlive the cache. Until the cache is flushed, closed or
 // destroyed, the source may lack what was written, and nobody else may change it. One thread at a time. A failure
-// of the source is in the state; closing and destroying throw std::system_error "failed to flush cache" where
+// of the source is in the state; closing and destroying throw std::system_error "failed to flush cache" if
 // changed bytes cannot be written back. While another exception is on its way out the destructor throws nothing: that
 // one is the cause.
 #pragma once
@@ -20,14 +20,14 @@ public:
     // wherever the source stands.
     cache(basic_file& source, std::size_t cache_size);
 
-    // Writes back what was changed and leaves the source at the cache's position, where it can be sent there.
+    // Writes back what was changed and leaves the source at the cache's position, if it can be sent there.
     ~cache() noexcept(false) override;
 
     // Returns the bytes read. State: ok when all were read, or when the file ended or failed behind the first
     // byte; eof when the file had ended before; fail when nothing could be read.
     std::size_t read(void* data, std::size_t length) override;
 
-    // Returns the bytes taken; state fail where that is less than `length`. Bytes between the end of the file and a
+    // Returns the bytes taken; state fail if that is less than `length`. Bytes between the end of the file and a
     // position beyond it read as zero.
     std::size_t write(const void* data, std::size_t length) override;
 
@@ -35,21 +35,21 @@ public:
     void flush() override;
 
     // Writes back what was changed, and closes the source. What cannot be written back is given up with the
-    // exception, so that the destructor does not fail over it again; the source stays open then.
+    // exception, so that the destructor does not fail over it again; the source remains open then.
     void close() override;
 
     // Moves the position only, not the source. seek_end counts from the source's size, which does not know of
-    // bytes that have not been written back; where the source does not know its size, fpos_max with state fail.
+    // bytes that have not been written back; if the source does not know its size, fpos_max with state fail.
     // An unknown origin throws std::invalid_argument "unknown seek origin", a target before the start "negative
     // file offset", one above 0x7FFFFFFFFFFFFFFF, which the source could not be sent to, "file offset too big".
     fpos seek(foff offset, seek_t how) override;
 
     fpos tell() override;
 
-    // Counts bytes that have not been written back. fpos_max where the source does not know.
+    // Counts bytes that have not been written back. fpos_max if the source does not know.
     fsize size() override;
 
-    // Where the source fails nothing changes.
+    // If the source fails nothing changes.
     void truncate() override;
 
     // These are the source's, and leave its state. A later write back changes the last write of a file again.

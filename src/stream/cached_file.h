@@ -1,8 +1,8 @@
 // A file on disk behind a cache of its own (Windows only).
 //
-// Owns the file. Like `file`, one that cannot be opened is told by the state and the thread's last error. Reads,
+// Owns the file. If it cannot be opened, the state and the thread's last error show it, as with `file`. Reads,
 // writes and failures are those of the cache; destroying it writes back what was changed, closes the file, and
-// throws where either fails. One thread at a time.
+// throws if either fails. One thread at a time.
 #pragma once
 
 #include "stream/cache.h"
@@ -13,7 +13,7 @@ namespace corvo::stream {
 class cached_file : public cache {
 public:
     // `mode` is a sum of open_mode flags; a file for writing is opened for reading, too, since a block must be read
-    // before a part of it can be changed. The block is allocated first: where that throws, the file is not touched.
+    // before a part of it can be changed. The block is allocated first: if that throws, the file is not touched.
     // Throws as the constructor of cache and file::open do. The position is the file's.
     cached_file(const wchar_t* filename, int mode, std::size_t cache_size);
 

@@ -1,7 +1,7 @@
 // A file on disk (Windows only).
 //
-// Owns its handle, which other processes may share as the open mode allows. One thread at a time. A file that
-// cannot be opened, read, written, sought, locked or cut is told by the state and the thread's last error; an
+// Owns its handle, which other processes may share as the open mode allows. One thread at a time. If a file cannot
+// be opened, read, written, sought, locked or cut, the state and the thread's last error show it; an
 // open mode that makes no sense throws std::invalid_argument, a failed closing or setting of a time
 // std::system_error.
 #pragma once
@@ -61,12 +61,12 @@ public:
     void lock(fpos offset, fsize length) override;
     void unlock(fpos offset, fsize length) override;
 
-    // fpos_max where the size cannot be had.
+    // fpos_max if the size cannot be had.
     fsize size() override;
 
     void truncate() override;
 
-    // time_point_none where the handle does not allow it.
+    // time_point_none if the handle does not allow it.
     time_point ctime() override;
     time_point atime() override;
     time_point mtime() override;

@@ -1,4 +1,4 @@
-// Thrown by a stream with a limit that would have to take more than it may. It carries no number: nothing of the system's has failed.
+// Thrown by a stream with a limit that is asked to take more than that. It carries no error number: no call of the system has failed.
 // Immutable; safe on any thread.
 #pragma once
 

@@ -53,7 +53,7 @@ memory_file::~memory_file() {
 }
 
 std::size_t memory_file::read(void* data, std::size_t length) {
-    // Past the end even a read of nothing is at the end of the file; at the end it is not.
+    // Beyond the end even a read of no bytes reports the end of the file; exactly at the end it does not.
     if (m_offset > m_size || (m_offset == m_size && length > 0)) {
         m_state = state_t::eof;
         return 0;

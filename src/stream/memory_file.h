@@ -43,7 +43,7 @@ public:
     // which also is how the block shrinks (the contents are cut with it). The outcome is in the state.
     void reserve(fsize required, bool tight);
 
-    // The block, null where there is none; the first size() bytes are valid. A write, truncate, reserve or
+    // The block, null if there is none; the first size() bytes are valid. A write, truncate, reserve or
     // close may move or free it.
     [[nodiscard]] unsigned char* data() noexcept { return m_data; }
 

@@ -32,7 +32,7 @@ public:
     basic_sys_object(const basic_sys_object&) = delete;
     basic_sys_object& operator=(const basic_sys_object&) = delete;
 
-    // Throws where free does. That is meant: losing written data in silence is worse. While an exception is on its way out
+    // Throws if free does. That is meant: losing written data in silence is worse. While an exception is on its way out
     // nothing is thrown: that one is the cause, and a second one would end the program.
     virtual ~basic_sys_object() noexcept(false) {
         try {
@@ -44,7 +44,7 @@ public:
         }
     }
 
-    // Closes the handle if there is one. A handle that was closed behind our back is no failure; any other
+    // Closes the handle if there is one. A handle that was closed behind our back is not a failure; any other
     // failure throws std::system_error. The handle is given up either way, so that it is never closed twice.
     virtual void free() {
         if (m_handle == Traits::invalid()) {

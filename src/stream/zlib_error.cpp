@@ -15,7 +15,7 @@ void throw_zlib_error(int result) {
     switch (result) {
     case Z_ERRNO:
         // The C library's number with the system's texts: they differ on Windows, and the pairing is kept so that
-        // the number that is reported stays the one that the library saw.
+        // the number that is reported remains the one that the library saw.
         throw std::system_error(c_error, std::system_category(), "zlib failed with errno");
     case Z_STREAM_ERROR:
         throw std::runtime_error("zlib stream error");

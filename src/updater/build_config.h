@@ -11,7 +11,7 @@ namespace corvo::build_config {
 // Host name of the update server.
 extern const char update_host[];
 
-// Bytes that an installer package may have: whoever sends more wants the disk full before anything is known to be signed.
+// Bytes that an installer package may have: a sender of more wants to fill the disk before anything is known to be signed.
 extern const std::uint64_t package_limit;
 
 inline constexpr std::size_t trusted_key_count = 1;

@@ -19,7 +19,7 @@ std::string package_path(const std::string& folder_path, const std::string& name
 // `name` from the active ANSI code page. Throws std::system_error "MultiByteToWideChar failed".
 std::wstring widen_name(const std::string& name);
 
-// Where packages and logs go, with a final backslash: for an elevated process Tavrin\Lumaris below the common program files,
+// The folder for packages and logs, with a final backslash: for an elevated process Tavrin\Lumaris below the common program files,
 // created as needed, else the user's temporary folder.
 //
 // Throws pwrap::com_runtime_error "SHGetKnownFolderPath(KF_FLAG_CREATE) failed"; pwrap::win_runtime_error "Failed to create

@@ -16,7 +16,7 @@ const pwrap::event_log events(::RegisterEventSourceW(nullptr, L"HalvoroUpdate"))
 
 int WINAPI wWinMain(HINSTANCE, HINSTANCE, wchar_t*, int) {
     pwrap::enter_system_folder(); // before anything is started by its name
-    // An update may cure what crashed before, but first the crash is told.
+    // An update may correct what crashed before, but first the crash is reported.
     corvo::errorreport::wait_for_start_up_thread();
     return corvo::updater::run(events.get());
 }

@@ -31,7 +31,7 @@ void report_failure(HANDLE event_source, const std::exception& error) {
         return;
     }
     std::wstring
-        message; // stays empty where the text cannot be composed or converted: an event without its reason is better than none
+        message; // remains empty if the text cannot be composed or converted: an event without its reason is better than none
     try {
         pwrap::utf8_to_wide(corvo::exception_message(error), message);
     } catch (const std::bad_alloc&) { // NOLINT(bugprone-empty-catch): which may be what has failed the run

@@ -1,4 +1,4 @@
-// One run of the program: network gate, update check, installation, and what the event log is told of it.
+// One run of the program: network gate, update check, installation, and the event that it leaves in the event log.
 #pragma once
 
 #include <windows.h>

@@ -14,7 +14,7 @@ namespace corvo::updater {
 
 class Updater {
 public:
-    // Bit of the flags: nobody watches. An empty channel then switches updates off, and the installer stays quiet.
+    // Bit of the flags: nobody watches. An empty channel then switches updates off, and the installer remains quiet.
     static constexpr unsigned int unattended = 1;
 
     // Performs the whole check: reads the channel from the registry, fetches the channel's update description, verifies its

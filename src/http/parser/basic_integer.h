@@ -1,6 +1,6 @@
 // Matchers for unsigned numbers: `basic_integer` keeps the value, `basic_integer10` reads decimal digits,
 // each matched by one of ten digit parts whose index is the digit. All digits that follow are taken, leading
-// zeros included. The value is accumulated as value * 10 + digit and stays at the greatest 64-bit number once
+// zeros included. The value is accumulated as value * 10 + digit and remains at the greatest 64-bit number once
 // it would go beyond it, so a hostile row of digits can neither overflow nor come back as a small number.
 #pragma once
 

@@ -3,8 +3,8 @@
 //     address   = component separator component separator component separator component
 //     component = 1*digit                          ; value 0 to 255, leading zeros allowed, always decimal
 //
-// A component above 255 is no match at all, not a shorter one. What follows the fourth component is not
-// looked at.
+// A component above 255 does not match at all, not even in part. What follows the fourth component is
+// ignored.
 #pragma once
 
 #include "http/parser/basic_integer.h"

@@ -1,5 +1,5 @@
-// Matches a part repeated between a minimum and a maximum number of times, as often as it will (greedy, never
-// given back). `Part` may be a final matcher class, which then is called directly.
+// Matches a part repeated between a minimum and a maximum number of times, as often as it matches (greedy, without
+// backtracking). `Part` may be a final matcher class, which then is called directly.
 // A repetition that covers nothing ends the loop as if it had been repeated to the minimum: every further one
 // would be the same, so a part that matches the empty text cannot make the loop endless.
 #pragma once

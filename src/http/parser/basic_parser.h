@@ -20,7 +20,7 @@ inline constexpr std::size_t npos = static_cast<std::size_t>(-1);
 inline constexpr unsigned match_default = 0;
 inline constexpr unsigned match_case_insensitive = 1; // literal strings compare in lower case
 
-// Positions [start, end) of a text; a start beyond the end, canonically 1 and 0, is no match. An empty match
+// Positions [start, end) of a text; a start beyond the end, canonically 1 and 0, is not a match. An empty match
 // has its start at its end.
 struct interval {
     std::size_t start = 1;

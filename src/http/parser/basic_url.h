@@ -9,8 +9,8 @@
 //     user-info = user-name ":" password "@" / user-name "@"
 //     host      = ipv4 / "[" ipv6 "]" / dns-name
 //
-// Alternatives are tried in the order given and the first that matches stands, as in every matcher here. The
-// parts' intervals, invalid where a part did not take part, are read from the parts themselves.
+// Alternatives are tried in the order given and the first that matches is taken, as in every matcher here. The
+// parts' intervals are read from the parts themselves; that of a part which the URL does not have is invalid.
 // An IPv4 host stands in brackets in a "mailto" URL and without them elsewhere; this is intended.
 #pragma once
 
@@ -108,8 +108,8 @@ private:
         }
     };
 
-    // Takes back the hit of a part that takes no part in this URL. Most parts have none, and a matcher without a hit has nothing to take back:
-    // without the question a tenth of the time goes into clearing what is clear.
+    // Clears the hit of a part that this URL does not have. Most parts have no hit, and then there is nothing to clear: without the question
+    // a tenth of the time goes into clearing such parts.
     static void drop(basic_parser<T>& part) noexcept {
         if (part.hit().valid()) {
             part.invalidate();

@@ -51,8 +51,8 @@ private:
     Part* m_row = nullptr;
 };
 
-// Which of a row of sets is the first that has an ASCII code unit. A branch over such sets that is given one of these looks a code unit up
-// instead of asking one alternative after the other. Made at compile time: building it costs more than it saves in one match.
+// Tells for each ASCII code unit which of a row of sets is the first that contains it. A branch over such sets uses it to look a code unit
+// up, and need not ask one alternative after the other. Built at compile time: building it costs more than it saves in one match.
 class set_index {
 public:
     template <std::size_t Count>
@@ -71,7 +71,7 @@ public:
 
     template <class T> static constexpr bool knows(T chr) noexcept { return code_unit_value(chr) < size; }
 
-    // Index of the set; one that is greater than that of any set where none has it.
+    // Index of the set; one that is greater than that of any set if none has it.
     template <class T> constexpr std::size_t find(T chr) const noexcept {
         return m_index[code_unit_value(chr)];
     }

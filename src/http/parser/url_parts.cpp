@@ -82,7 +82,7 @@ url_parts parse_url(const char* text) {
     parser::basic_url_username_char<char> user_name_char;
     parser::basic_iterations<char, parser::basic_url_username_char<char>> user_name(unowned(user_name_char),
                                                                                     1, parser::npos);
-    // "user:@host" has an empty password, which is none.
+    // "user:@host" has an empty password, which counts as none.
     parser::basic_url_password_char<char> password_char;
     parser::basic_iterations<char, parser::basic_url_password_char<char>> password(unowned(password_char), 0,
                                                                                    parser::npos);

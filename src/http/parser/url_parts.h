@@ -39,7 +39,7 @@ struct scheme_properties {
 scheme_properties http_family_scheme(std::size_t alternative);
 
 // Matches `text` from its beginning, the scheme in any case. Throws std::runtime_error "Failed to parse URL"
-// when it is no URL, and std::invalid_argument "Unrecognized scheme" when it is one without a scheme of the
+// when it is not a URL, and std::invalid_argument "Unrecognized scheme" when it is one without a scheme of the
 // HTTP family ("ftp", "mailto", "file" or none). `text` is zero-terminated and not null.
 url_parts parse_url(const char* text);
 

@@ -32,7 +32,7 @@ struct chunk {
     bool last;
 };
 
-// Makes one read of up to 8180 bytes from `source` and frames what it gave; the last chunk where that was
+// Makes one read of up to 8180 bytes from `source` and frames what it gave; the last chunk if that was
 // nothing.
 //
 // The state of the source is looked at before the read and not after it: what a failing read has still given

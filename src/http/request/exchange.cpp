@@ -29,7 +29,7 @@ exchange::duty exchange::leave() noexcept {
     std::uint32_t state = m_state.load(std::memory_order_acquire);
     for (;;) {
         const bool last = (state & count_mask) == 1;
-        // Who is about to close stays inside: the closing notification may come, and leave, before the call returns.
+        // Who is about to close remains inside: the closing notification may come, and leave, before the call returns.
         const bool close = last && (state & sending_bit) == 0 && wants_close(state);
         const std::uint32_t next = close ? state | close_taken_bit : state - 1;
         if (m_state.compare_exchange_weak(state, next, std::memory_order_acq_rel,

@@ -35,8 +35,8 @@ void set_credential(const pwrap::http& request, DWORD option, const std::string&
     }
 }
 
-// Unlike those of the server, the length of a proxy credential counts the terminator and the result is not looked at:
-// a proxy that wants none must not stop the request. Both differences are intended.
+// Unlike those of the server, the length of a proxy credential counts the terminator and the result is ignored:
+// a proxy that wants no credentials must not stop the request. Both differences are intended.
 void set_proxy_credential(const pwrap::http& request, DWORD option, std::wstring& value) {
     ::WinHttpSetOption(request.get(), option, value.data(), static_cast<DWORD>(value.size() + 1));
 }
@@ -70,7 +70,7 @@ void set_proxy_credentials(const pwrap::http& request, const proxy_credentials& 
             set_proxy_password(request, *proxy.password);
         }
     } else if (proxy.password != nullptr) {
-        // Only the password: a caller that gives one is not second-guessed with a user name from elsewhere.
+        // Only the password: if the caller gives one, no user name is taken from elsewhere.
         set_proxy_password(request, *proxy.password);
     } else {
         set_proxy_credentials_from_registry(request);

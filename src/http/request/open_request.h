@@ -35,7 +35,7 @@ DWORD header_block_length(std::size_t characters);
 //
 // User name and password of `url` are set for the server when they are not empty. Proxy credentials: a given user name, with
 // the given password if there is one; else only the given password; else the values ProxyUporabnik and ProxyGeslo of
-// HKLM\SOFTWARE\Tavrin\Halvoro (64-bit view) where present. Every string that held a proxy password is overwritten
+// HKLM\SOFTWARE\Tavrin\Halvoro (64-bit view) if present. Every string that held a proxy password is overwritten
 // before its memory is released.
 //
 // Throws pwrap::http_error with the name of the call that failed, std::invalid_argument "Request headers too big".
@@ -45,7 +45,7 @@ void open_request(pwrap::http& request, pwrap::win_handle<0>& done, const connec
                   WINHTTP_STATUS_CALLBACK callback);
 
 // Sends the opened request with `context` for its callback and no body, as often as WinHTTP asks for it to be sent again
-// (there is no limit; this is intended), unless `state` says that the exchange is ending. Returns the error code where the last call
+// (there is no limit; this is intended), unless `state` says that the exchange is ending. Returns the error code if the last call
 // failed, whatever the reason.
 std::optional<DWORD> send_request(HINTERNET request, DWORD_PTR context, const exchange& state) noexcept;
 

@@ -16,7 +16,7 @@ namespace webio {
 // Adds "Transfer-Encoding: chunked" to a request. Throws pwrap::http_error "WinHttpAddRequestHeaders failed".
 void add_chunked_encoding(HINTERNET request);
 
-// Hands a chunk to WinHTTP; its bytes stay in place until the write has completed. Throws pwrap::http_error
+// Hands a chunk to WinHTTP; its bytes remain in place until the write has completed. Throws pwrap::http_error
 // "WinHttpWriteData failed", but not for the last chunk: the failure of that one arrives as a request error.
 void write_chunk(HINTERNET request, const chunk& next);
 
@@ -49,7 +49,7 @@ private:
         DWORD length;
     };
 
-    // Crash reports are sent by such a request. A fault in one of its notifications must not become a crash of its own: that one
+    // Crash reports are sent by such a request. A fault in one of its notifications must not become another crash: that crash
     // would wait for the thread that sends, and the thread for the end of the notification.
     void on_status(DWORD code, void* data, DWORD length) override {
         notification now{*this, code, data, length};
@@ -61,7 +61,7 @@ private:
             &now);
     }
 
-    // Asks about cancellation itself even where the base asks again: every notification begins with the
+    // Asks about cancellation itself even if the base asks again: every notification begins with the
     // question.
     void handle_status(DWORD code, void* data, DWORD length) {
         this->check_cancelled_unless_failed();

@@ -17,8 +17,8 @@ struct ignore_content_length {
     void operator()(std::uint32_t) const noexcept {}
 };
 
-// Takes the status code from the status line, the first line that it is handed: for callers to whom the status matters although the
-// exchange has been broken off. What does not begin like a status line (RFC 9112 section 4: version, blank, three digits) has none.
+// Takes the status code from the status line, the first line that it is given: for callers that need the status even if the exchange
+// was broken off. A line that does not begin like a status line (RFC 9112 section 4: version, blank, three digits) has none.
 class status_line_handler {
 public:
     explicit status_line_handler(std::optional<std::uint16_t>& status) noexcept : m_status(status) {}

@@ -25,8 +25,8 @@ namespace webio {
 
 // What a response is handed to, each owned by the caller:
 // - `HeaderLine`, called with (const char* line, std::size_t length) for each raw header line, status line first, with its
-//   CR LF where it has one (UTF-8);
-// - `ContentLength`, called with the content length (std::uint32_t), once, where the response has one;
+//   CR LF if it has one (UTF-8);
+// - `ContentLength`, called with the content length (std::uint32_t), once, if the response has one;
 // - `Data`, a corvo::stream::basic that every piece of the body is written to.
 // `Progress` counts bytes of the body.
 template <class HeaderLine, class ContentLength, class Data, class Progress> class request {

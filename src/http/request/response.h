@@ -18,13 +18,13 @@ namespace webio {
 std::uint16_t query_status(HINTERNET request);
 
 // The raw header block, status line first, as UTF-8. Throws pwrap::http_error
-// "WinHttpQueryHeaders(WINHTTP_QUERY_RAW_HEADERS) failed", with " to enumerate buffer length" where the size is not to be had.
+// "WinHttpQueryHeaders(WINHTTP_QUERY_RAW_HEADERS) failed", with " to enumerate buffer length" if the size is unknown.
 std::string query_raw_headers(HINTERNET request);
 
-// The Content-Length, or nothing where the response has none that WinHTTP can read as a 32-bit number.
+// The Content-Length, or nothing if the response has none that WinHTTP can read as a 32-bit number.
 std::optional<std::uint32_t> query_content_length(HINTERNET request);
 
-// The header line that starts at `position`, up to and with its CR LF, or to the end of the block where none follows.
+// The header line that starts at `position`, up to and with its CR LF, or to the end of the block if none follows.
 // `position` is below the block's size; the line is never empty.
 std::string_view header_line_at(std::string_view block, std::size_t position);
 
