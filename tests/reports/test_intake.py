@@ -103,6 +103,36 @@ def test_the_open_port_gives_nothing_out_and_never_as_text(database: str, tmp_pa
         assert not answer.type.lower().startswith("text/plain")
 
 
+HEAD = f"POST {PATH} HTTP/1.1\r\nHost: reports\r\n".encode()
+
+
+@pytest.mark.parametrize("sent", [
+    b"nonsense\r\n\r\n", b"GET\r\n\r\n", b"\0\0\0\0\r\n\r\n", b"\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03\r\n\r\n",
+    b"BREW " + PATH.encode() + b" HTTP/1.1\r\nHost: x\r\n\r\n", b"POST " + PATH.encode() + b" HTTP/9.9\r\nHost: x\r\nContent-Length: 0\r\n\r\n",
+    HEAD + b"Content-Length: -1\r\n\r\n", HEAD + b"Content-Length: 99999999999999999999\r\n\r\n", HEAD + b"Content-Length: 400000000\r\n\r\n",
+    HEAD + b"Transfer-Encoding: chunked\r\n\r\nxyz\r\n", HEAD + b"Transfer-Encoding: chunked\r\n\r\n-5\r\nabcde\r\n0\r\n\r\n",
+    HEAD + b"Transfer-Encoding: chunked\r\n\r\nFFFFFFFFFFFFFFFF\r\nabc\r\n0\r\n\r\n", HEAD + b"Transfer-Encoding: gzip\r\n\r\nabc",
+    HEAD + b"X: " + b"y" * 200000 + b"\r\n\r\n", HEAD + b"no colon\r\n\r\n", b"GET " + b"/a" * 100000 + b" HTTP/1.1\r\n\r\n",
+    HEAD + b"Content-Type: multipart/form-data; boundary=b\r\nContent-Length: 3\r\n\r\n--b", b"OPTIONS * HTTP/1.1\r\nHost: x\r\n\r\n",
+], ids=lambda sent: repr(sent[-24:]))
+def test_a_request_that_is_none_is_never_answered_as_text_but_by_refusing_its_report(server: Server, sent: bytes) -> None:
+    """The program would take such an answer for the delivery of its report."""
+    got = b""
+    with socket.create_connection(("127.0.0.1", server.port), timeout=30) as client:
+        client.sendall(sent)
+        client.shutdown(socket.SHUT_WR)
+        try:
+            while piece := client.recv(65536):
+                got += piece
+        except OSError:
+            pass  # cut
+    head = got.partition(b"\r\n\r\n")[0].lower()
+    # Its body came whole, and is no report.
+    is_refused = head.startswith(b"http/1.1 400") and b"no error report that the server can read" in got
+    assert b"text/plain" not in head or is_refused, got[:300]
+    assert server.send(short_report()).status == 449
+
+
 def test_a_body_that_never_ends_and_one_that_stops_hold_nobody_up(database: str, tmp_path: Path) -> None:
     with Server(database, tmp_path) as server:
         stuck = []
