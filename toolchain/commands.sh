@@ -15,6 +15,7 @@ below the cache folder, once) and then its job. It needs a Debian-like machine, 
   installer    packs the program with its task, event source and folder into lumaris-VERSION-arm64.msi
   publish      publishes releases: signs packages and descriptions, and switches all of a channel at once
   publish-kit  packs the tool behind publish for Debian 12 and 13, as lumaris-publish
+  reports-kit  packs the server that takes error reports for Debian 13, as lumaris-reports
   bench        measures the program, and compares the numbers with their limits
   fuzz         runs the fuzz targets
   soak         runs the long tests that ./dev test leaves out, or lists them with their times
@@ -523,6 +524,53 @@ command_publish_kit() {
     mkdir -p -- "$output" && cp -- "$here"/build/publish-kit/*.deb "$output/" || die "cannot write to $output"
 }
 
+reports_kit_help() {
+    cat <<'END'
+usage: ./dev reports-kit [--output FOLDER] [--check]
+
+Makes lumaris-reports_VERSION_amd64.deb: the server that takes error reports, with its service and the web server's configuration.
+
+  --output FOLDER  where the package goes (default: build/reports-kit)
+  --check          installs it in a bare folder of Debian 13, sends it a report through nginx and TLS, looks at the pages, copies the
+                   database back, and removes the package
+
+example:
+  ./dev reports-kit --check
+END
+}
+
+command_reports_kit() {
+    local output='' check='' aptopts
+    while (($#)); do
+        case $1 in
+        --help | -h) reports_kit_help; return ;;
+        --output) [[ -n ${2:-} ]] || die "--output needs a folder"; output=$2; shift 2 ;;
+        --check) check=1; shift ;;
+        *) die "unknown argument $1" "See ./dev reports-kit --help." ;;
+        esac
+    done
+    need "${products_native[@]}"
+    { job build --target read_report native-release && job build --target lumaris-reports native-release; } || return
+    rm -rf "$here/build/reports-kit" && mkdir -p "$here/build/reports-kit" || die "cannot make $here/build/reports-kit"
+    check_after_failure in_room packaging/reports/make_package.py build/reports-kit || return
+    if [[ -n $check ]]; then
+        need_root
+        prepare_host
+        rm -rf "$here/build/reports-trial" && mkdir -p "$here/build/reports-trial" || die "cannot make $here/build/reports-trial"
+        in_room python3 tests/reports/make_sample.py build/reports-trial || return
+        cp "$here"/build/reports-kit/*.deb "$here/tests/reports/trial.sh" "$here/build/reports-trial/" || die "cannot copy the package"
+        collect_aptopts
+        say "dev: trying the package in a bare Debian (trixie)"
+        mmdebstrap_alone --variant=apt --architectures=amd64 --format=null "${aptopts[@]}" \
+            --customize-hook="mkdir -p \"\$1/trial\" && cp '$here'/build/reports-trial/*.* \"\$1/trial/\"" \
+            --customize-hook='chroot "$1" sh /trial/trial.sh /trial' trixie - "$mirror" >"$logs/reports-trial.log" 2>&1 ||
+            die "the trial failed (log: $logs/reports-trial.log)" "$(tail -n 5 "$logs/reports-trial.log")"
+        grep '^trial: ' "$logs/reports-trial.log"
+    fi
+    [[ -n $output ]] || return 0
+    mkdir -p -- "$output" && cp -- "$here"/build/reports-kit/*.deb "$output/" || die "cannot write to $output"
+}
+
 command_bench() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
         printf '%s\n' 'usage: ./dev bench [--only MEASUREMENT]... [--runs N] [--plot] [--from FILE] [--output FILE]' '' \
@@ -664,6 +712,7 @@ main() {
     case $chosen in
     run | test | build | release | installer | publish | bench | fuzz | soak | plan | coverage | docs | lint | shell | report) "command_$chosen" "$@" ;;
     publish-kit) command_publish_kit "$@" ;;
+    reports-kit) command_reports_kit "$@" ;;
     --help | -h | help) help_text ;;
     '') help_text >&2; exit 2 ;;
     *) die "unknown command: $chosen" "See ./dev --help." ;;

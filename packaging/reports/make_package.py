@@ -15,8 +15,9 @@ TREE = Path(__file__).resolve().parents[2]
 FOLDER = Path(__file__).resolve().parent
 
 EXAMPLE = """example:
-  ./dev build native-release --target lumaris-reports --target read_report
-  ./dev shell packaging/reports/make_package.py build/lumaris-reports.deb
+  ./dev build native-release --target lumaris-reports
+  ./dev build native-release --target read_report
+  ./dev shell packaging/reports/make_package.py build
 """
 
 _CONTROL = """Package: lumaris-reports
@@ -66,9 +67,11 @@ def packages_of(program: Path) -> list[str]:
 def main() -> int:
     """Packs."""
     parser = argparse.ArgumentParser(description=__doc__, epilog=EXAMPLE, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("package", type=Path, help="the file to write")
+    parser.add_argument("package", type=Path, help="the file to write, or the folder for it")
     parser.add_argument("--build", type=Path, default=TREE / "build/native-release", help="the build folder (default: build/native-release)")
     options = parser.parse_args()
+    if options.package.is_dir():
+        options.package /= f"lumaris-reports_{version()}_amd64.deb"
     server = options.build / "tools/reports/lumaris-reports"
     reader = options.build / "tools/report_reader/read_report"
     for needed in (server, reader):
