@@ -169,11 +169,12 @@ class CrashShow(Demonstration):
         """Shows what the server makes of the crash."""
         (group,) = real.groups()
         number = group["reports"] + group["full_reports"]
-        picture = self._pictures / "report-page.png"
-        real.picture(f"/report/{number}", picture)
+        for path, name in (("/", "groups-page.png"), (f"/group/{group['id']}", "group-page.png"), (f"/report/{number}", "report-page.png")):
+            real.picture(path, self._pictures / name)
+        pictures = self._pictures.relative_to(self._tree)
         print("what the report server's pages say:\n")
         print(f"    {group['title']}\n    at {group['place'] or 'a place that no symbols name'}\n    {group['reports']} report, "
-              f"{group['full_reports']} full report  ({picture.relative_to(self._tree)})")
+              f"{group['full_reports']} full report\n    {pictures}/groups-page.png, group-page.png, report-page.png")
         # The stack walk of the ARM64 Wine ends before the culprit of a failure that is raised.
         if self._given.architecture == "x64" or REPORTED[self._given.kind][0] == ACCESS_VIOLATION:
             self._expect("the file of the crash", f"/lumaris/tests/crash/{self._given.kind}.cpp", group["place"].rpartition(":")[0])
