@@ -48,7 +48,7 @@ def printed(capsys: pytest.CaptureFixture[str]) -> list[str]:
 def test_no_finding_is_reported_with_the_number_of_inputs(tree: Path, capsys: pytest.CaptureFixture[str]) -> None:
     fuzzing.run(asked("good_fuzz"))
     assert printed(capsys) == ["dev: fuzzing good_fuzz for 7 s",
-                            "dev: good_fuzz: 1,234,567 inputs in N s, no finding (log: build/fuzz/good_fuzz.log)"]
+                               "dev: good_fuzz: 1,234,567 inputs in N s, no finding (log: build/fuzz/good_fuzz.log)"]
     assert (tree / "build/fuzz/good_fuzz.log").read_text(encoding="utf-8").splitlines()[0] == (
         "-dict=fuzz/good_fuzz.dict -max_total_time=7 -timeout=10 -print_final_stats=1 "
         "-artifact_prefix=build/fuzz/good_fuzz/crash- build/fuzz/good_fuzz fuzz/corpus/good_fuzz")

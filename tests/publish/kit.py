@@ -39,27 +39,27 @@ class Kit:
     key: KeyPair
     capfd: pytest.CaptureFixture[str]
 
-    def __call__(self, word: str, *arguments: str | Path, key: Path | None = None) -> Said:
+    def __call__(self, command: str, *arguments: str | Path, key: Path | None = None) -> Said:
         """Gives a command."""
-        signing = ["--key", str(key or self.key.secret)] if word in SIGNING and "--key" not in arguments else []
+        signing = ["--key", str(key or self.key.secret)] if command in SIGNING and "--key" not in arguments else []
         self.capfd.readouterr()
         try:
-            status = cli.main(["--root", str(self.root), word, *map(str, arguments), *signing])
+            status = cli.main(["--root", str(self.root), command, *map(str, arguments), *signing])
         except SystemExit as end:
             status = int(str(end.code))
         out, err = self.capfd.readouterr()
         return Said(status, out, err)
 
-    def done(self, word: str, *arguments: str | Path) -> Said:
+    def done(self, command: str, *arguments: str | Path) -> Said:
         """Gives a command that must succeed, and that says what to do next if it changes anything."""
-        said = self(word, *arguments)
+        said = self(command, *arguments)
         assert said.status == 0, said.err
         return said
 
-    def refused(self, name: str, word: str, *arguments: str | Path, key: Path | None = None) -> Said:
+    def refused(self, name: str, command: str, *arguments: str | Path, key: Path | None = None) -> Said:
         """Gives a command that must be refused for this reason alone, and must change nothing."""
         before = self.tree()
-        said = self(word, *arguments, key=key)
+        said = self(command, *arguments, key=key)
         assert (said.status, said.refusals) == (1, [name]), said
         assert self.tree() == before
         return said

@@ -1,4 +1,4 @@
-"""The command line: words, what they share, and how a refusal is said."""
+"""The command line: commands, what they share, and how a refusal is said."""
 
 from __future__ import annotations
 
@@ -17,8 +17,8 @@ from .signing import Signer
 
 
 @dataclass(frozen=True)
-class Word:
-    """A word of the command line: who does it is loaded when it is given, which is most of what a quick command takes."""
+class Command:
+    """A command of the command line: who does it is loaded when it is given, which is most of what a quick command takes."""
 
     name: str
     help: str
@@ -29,27 +29,27 @@ class Word:
     signs: bool = False
 
     def load(self, function: str) -> Any:
-        """A function of the word."""
+        """A function of the command."""
         return getattr(importlib.import_module(f"{__package__}.{self.module}"), function)
 
 
-WORDS = (
-    Word("init", "make a new publication", "lumaris-publish init /srv/updates --host updates.DOMAIN --public-key halvoro.pub "
-         "--channels stable,beta --windows win11,win10", "init"),
-    Word("stage", "check a package, copy it, sign it", "lumaris-publish stage Halvoro-3.4.1.msi --key halvoro.key --password-file password",
-         "stage", signs=True),
-    Word("offer", "offer a staged version to a channel", "lumaris-publish offer 3.4.1 --channel beta --key halvoro.key",
-         "offer", "offer", "add_offer_arguments", signs=True),
-    Word("promote", "offer to a channel what another one offers", "lumaris-publish promote 3.4.1 --from beta --to stable --key halvoro.key",
-         "offer", "promote", "add_promote_arguments", signs=True),
-    Word("withdraw", "offer the version before", "lumaris-publish withdraw 3.4.1 --channel stable --key halvoro.key",
-         "offer", "withdraw", "add_withdraw_arguments", signs=True),
-    Word("status", "what is offered", "lumaris-publish status", "status", "status"),
-    Word("log", "who published what when", "lumaris-publish log", "status", "log"),
-    Word("check", "ask a live server as every client would", "lumaris-publish check --quick || mail -s updates ops@DOMAIN", "live"),
-    Word("push", "copy the publication to a server", "lumaris-publish push web1.DOMAIN:/srv/updates/public", "push"),
-    Word("fleet", "which versions ask", "lumaris-publish fleet /var/log/nginx/lumaris.access.log* --svg fleet.svg", "fleet"),
-    Word("keys", "key pairs: new, rotate, drill", "lumaris-publish keys new halvoro --password-file password", "keys"),
+COMMANDS = (
+    Command("init", "make a new publication", "lumaris-publish init /srv/updates --host updates.DOMAIN --public-key halvoro.pub "
+            "--channels stable,beta --windows win11,win10", "init"),
+    Command("stage", "check a package, copy it, sign it", "lumaris-publish stage Halvoro-3.4.1.msi --key halvoro.key --password-file password",
+            "stage", signs=True),
+    Command("offer", "offer a staged version to a channel", "lumaris-publish offer 3.4.1 --channel beta --key halvoro.key",
+            "offer", "offer", "add_offer_arguments", signs=True),
+    Command("promote", "offer to a channel what another one offers", "lumaris-publish promote 3.4.1 --from beta --to stable --key halvoro.key",
+            "offer", "promote", "add_promote_arguments", signs=True),
+    Command("withdraw", "offer the version before", "lumaris-publish withdraw 3.4.1 --channel stable --key halvoro.key",
+            "offer", "withdraw", "add_withdraw_arguments", signs=True),
+    Command("status", "what is offered", "lumaris-publish status", "status", "status"),
+    Command("log", "who published what when", "lumaris-publish log", "status", "log"),
+    Command("check", "ask a live server as every client would", "lumaris-publish check --quick || mail -s updates ops@DOMAIN", "live"),
+    Command("push", "copy the publication to a server", "lumaris-publish push web1.DOMAIN:/srv/updates/public", "push"),
+    Command("fleet", "which versions ask", "lumaris-publish fleet /var/log/nginx/lumaris.access.log* --svg fleet.svg", "fleet"),
+    Command("keys", "key pairs: new, rotate, drill", "lumaris-publish keys new halvoro --password-file password", "keys"),
 )
 
 
@@ -61,27 +61,27 @@ def _reason(text: str) -> str:
 
 
 def make_parser(given: Collection[str]) -> argparse.ArgumentParser:
-    """The command line, with the options of the words that are given."""
+    """The command line, with the options of the commands that are given."""
     parser = argparse.ArgumentParser(prog="lumaris-publish", description="Publishes updates of Halvoro so that every client accepts them, or "
-                                     "says in a sentence why not.", epilog="example: lumaris-publish status\n\neach word has its own --help",
+                                     "says in a sentence why not.", epilog="example: lumaris-publish status\n\neach command has its own --help",
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--version", action="version", version=f"lumaris-publish {VERSION}")
     parser.add_argument("--root", type=Path, default=Path(os.environ.get("LUMARIS_PUBLISH_ROOT", ".")),
                         help="the publication (default: LUMARIS_PUBLISH_ROOT, or the current folder)")
-    words = parser.add_subparsers(dest="word", required=True, metavar="WORD")
-    for word in WORDS:
-        sub = words.add_parser(word.name, help=word.help, description=f"{word.help[0].upper()}{word.help[1:]}.", epilog=f"example: {word.example}")
-        if word.name not in given:
+    commands = parser.add_subparsers(dest="command", required=True, metavar="COMMAND")
+    for command in COMMANDS:
+        sub = commands.add_parser(command.name, help=command.help, description=f"{command.help[0].upper()}{command.help[1:]}.", epilog=f"example: {command.example}")
+        if command.name not in given:
             continue
-        word.load(word.arguments)(sub)
-        if word.name != "keys":  # its words have their own
+        command.load(command.arguments)(sub)
+        if command.name != "keys":  # its commands have their own
             sub.add_argument("--dry-run", action="store_true", help="say what would be done, and do nothing")
-        if word.signs:
+        if command.signs:
             sub.add_argument("--key", type=Path, metavar="FILE", help="the secret key (default: secret_key of publish.toml)")
             sub.add_argument("--password-file", type=Path, metavar="F", help="a file with the key's password in its first line")
             sub.add_argument("--accept", metavar="REASON", type=_reason, help="go on in spite of what is a matter of policy; the reason stands in the log")
             sub.add_argument("--wait", type=float, default=30.0, metavar="SECONDS", help="how long to wait for somebody else (default: 30)")
-        sub.set_defaults(chosen=word)
+        sub.set_defaults(chosen=command)
     return parser
 
 
@@ -89,14 +89,14 @@ def main(arguments: Sequence[str] | None = None) -> int:
     """0 when it is done, 1 when it was refused or something is wrong, 2 for a command that cannot be understood."""
     given = sys.argv[1:] if arguments is None else arguments
     options = make_parser(given).parse_args(given)
-    word: Word = options.chosen
+    command: Command = options.chosen
     try:
         signer = []
-        if word.signs:
+        if command.signs:
             configured = settings.load(options.root)
             key = options.key or (Path(configured.secret_key) if configured.secret_key else Path("--key is not given"))
             signer.append(Signer(key, options.password_file))
-        return int(word.load(word.run)(options, *signer))
+        return int(command.load(command.run)(options, *signer))
     except Refusal as refusal:
         for fault in refusal.faults:
             hint = " (or --accept REASON)" if fault.policy else ""

@@ -23,7 +23,7 @@ _COLOURS = ("#4269d0", "#efb118", "#ff725c", "#6cc5b0", "#3ca951", "#ff8ab7", "#
 
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
-    """The options of the word."""
+    """The options of the command."""
     parser.add_argument("logs", nargs="+", type=Path, metavar="ACCESS.LOG", help="access logs, as they are or compressed by gzip; - is the input")
     parser.add_argument("--old-host", action="append", default=[], metavar="H", help="a host that was left: who still asks it")
     parser.add_argument("--json", action="store_true", help="for programs")

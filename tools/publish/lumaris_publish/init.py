@@ -12,7 +12,7 @@ from .refusal import refuse
 
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
-    """The options of the word."""
+    """The options of the command."""
     parser.add_argument("folder", type=Path, metavar="ROOT", help="the new folder")
     parser.add_argument("--host", required=True, help="the host that the programs ask")
     parser.add_argument("--public-key", required=True, metavar="K", help="the key that they trust: the line that minisign prints, or a .pub file")

@@ -17,20 +17,20 @@ from .signing import Signer
 
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
-    """The words below this one."""
-    words = parser.add_subparsers(dest="keys_word", required=True, metavar="WHAT")
-    new = words.add_parser("new", help="make a key pair", epilog="example: lumaris-publish keys new halvoro --password-file password")
+    """The commands below this one."""
+    commands = parser.add_subparsers(dest="keys_command", required=True, metavar="WHAT")
+    new = commands.add_parser("new", help="make a key pair", epilog="example: lumaris-publish keys new halvoro --password-file password")
     new.add_argument("name", type=Path, help="what the two files are called, without .pub and .key")
     protection = new.add_mutually_exclusive_group(required=True)
     protection.add_argument("--password-file", type=Path, metavar="F", help="a file with the password in its first line")
     protection.add_argument("--without-password", action="store_true", help="for a key that is kept on a device of its own")
-    rotate = words.add_parser("rotate", help="leave this host and key for new ones",
-                              epilog="example: lumaris-publish keys rotate /srv/updates2 --host updates2.DOMAIN --public-key new.pub")
+    rotate = commands.add_parser("rotate", help="leave this host and key for new ones",
+                                 epilog="example: lumaris-publish keys rotate /srv/updates2 --host updates2.DOMAIN --public-key new.pub")
     rotate.add_argument("new_root", type=Path, metavar="NEWROOT", help="the publication of the new host")
     rotate.add_argument("--host", required=True, help="the new host: one host has one key for ever")
     rotate.add_argument("--public-key", required=True, metavar="K", help="the new key")
-    drill = words.add_parser("drill", help="try whether a copy of the secret key still signs",
-                             epilog="example: lumaris-publish keys drill --key /mnt/copy/halvoro.key --password-file password")
+    drill = commands.add_parser("drill", help="try whether a copy of the secret key still signs",
+                                epilog="example: lumaris-publish keys drill --key /mnt/copy/halvoro.key --password-file password")
     drill.add_argument("--key", type=Path, required=True, metavar="FILE", help="the copy, from where it is kept")
     drill.add_argument("--password-file", type=Path, metavar="F", help="a file with its password in its first line")
     for each in (new, rotate, drill):
@@ -39,7 +39,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
 
 def run(options: argparse.Namespace) -> int:
     """One of them."""
-    return {"new": _new, "rotate": _rotate, "drill": _drill}[options.keys_word](options)
+    return {"new": _new, "rotate": _rotate, "drill": _drill}[options.keys_command](options)
 
 
 def _new(options: argparse.Namespace) -> int:

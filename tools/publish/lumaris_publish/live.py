@@ -33,7 +33,7 @@ Take = Callable[[bytes], None]
 
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
-    """The options of the word."""
+    """The options of the command."""
     parser.add_argument("--url", metavar="U", help="ask this server in the place of the publication's host, http://127.0.0.1:8080/ for example")
     parser.add_argument("--quick", action="store_true", help="ask for the size of packages only")
     parser.add_argument("--json", action="store_true", help="for programs")

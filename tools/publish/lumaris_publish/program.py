@@ -43,7 +43,7 @@ class Program:
         for found in _LABORATORY.finditer(texts):
             before = _NAME_BEFORE.search(texts[max(0, found.start() - 253):found.start()])
             name = (before.group() if before else b"") + found.group()
-            # A word of a text is no host, and a longer number no address.
+            # A word of a text is not a host, and a longer number is not an address.
             if name == found.group() if found.group()[:1] in (b"1", b"l") else not name.startswith(b"."):
                 hosts.add(name.decode("ascii"))
         return sorted(hosts)

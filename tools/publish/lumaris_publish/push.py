@@ -10,7 +10,7 @@ from .refusal import refuse
 
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
-    """The options of the word."""
+    """The options of the command."""
     parser.add_argument("destination", metavar="DEST", help="a folder, or HOST:FOLDER as rsync takes it")
     parser.add_argument("--plain", action="store_true", help="for servers that know no links: files alone, and no switch at one stroke")
     parser.add_argument("--wait", type=float, default=30.0, metavar="SECONDS", help="how long to wait for somebody else (default: 30)")

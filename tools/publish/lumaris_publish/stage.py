@@ -15,7 +15,7 @@ from .signing import Signer
 
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
-    """The options of the word."""
+    """The options of the command."""
     parser.add_argument("package", type=Path, metavar="PACKAGE.msi", help="the installer package, with the lumaris.exe of its version")
     parser.add_argument("--variant", default="", help="the variant that it is for: --variant=-sl")
     parser.add_argument("--expect", metavar="VERSION", help="the version that it must have")

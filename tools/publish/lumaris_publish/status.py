@@ -14,7 +14,7 @@ YEAR = 366 * 86400
 
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
-    """The options of both words."""
+    """The options of both commands."""
     parser.add_argument("--json", action="store_true", help="for programs")
 
 
