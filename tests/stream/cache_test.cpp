@@ -434,6 +434,21 @@ TEST(stream_cache_write, of_whole_blocks_has_the_state_of_the_source_and_not_tha
     EXPECT_EQ(state_t::ok, stream.state());
 }
 
+TEST(stream_cache_write, of_whole_blocks_has_the_state_of_a_source_that_took_all_of_them_and_failed) {
+    class failing_late : public plain_file {
+    public:
+        std::size_t write(const void* data, std::size_t length) override {
+            const std::size_t taken = plain_file::write(data, length);
+            put(state_t::fail);
+            return taken;
+        }
+    };
+    failing_late file;
+    cache stream(file, 16);
+    EXPECT_EQ(32U, write(stream, 32, 'x'));
+    EXPECT_EQ(state_t::fail, stream.state());
+}
+
 TEST(stream_cache_write, that_cannot_write_the_block_back_tells_what_it_took_and_keeps_it) {
     for (const char* const name : {"seek", "write"}) {
         plain_file file(numbered(64));
@@ -559,6 +574,23 @@ TEST(stream_cache_destruction, throws_failed_to_flush_cache) {
             file.fail(name);
         });
     }
+}
+
+TEST(stream_cache_destruction, tries_to_write_back_once) {
+    // Writes back in its own destructor, as a stream does that owns its source; the destructor of the base comes after it.
+    class owner : public cache {
+    public:
+        using cache::cache;
+        ~owner() noexcept(false) override { detach_at_end(); }
+    };
+    plain_file file;
+    test::expect_system_error(5, "failed to flush cache", [&] {
+        owner stream(file, 16);
+        write(stream, 5, 'x');
+        file.fail("write");
+        file.made();
+    });
+    EXPECT_EQ((calls{"seek 0", "write 0+5"}), file.made());
 }
 
 TEST(stream_cache_destruction, with_nothing_to_write_back_does_not_mind_the_state_or_a_failing_seek) {

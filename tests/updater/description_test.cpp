@@ -230,6 +230,10 @@ TEST(parse_version, gives_the_bitwise_complement_for_a_minus) {
     EXPECT_EQ(0xFFFFFFEDU, parse_version("-0x12"));
     EXPECT_EQ(0xFFFFFFFFU, parse_version("-0"));
     EXPECT_EQ(0x0U, parse_version("-ffffffff"));
+    EXPECT_EQ(0xFFFFFFFEU, parse_version(" \t-1"));
+    // A "0x" without a digit behind it is the number 0 and the end of it.
+    EXPECT_EQ(0xFFFFFFFFU, parse_version("-0x"));
+    EXPECT_EQ(0xFFFFFFFFU, parse_version("-0xg"));
 }
 
 TEST(parse_version, gives_0_for_a_minus_without_digits) {
