@@ -233,6 +233,7 @@ SUITES = (
     Suite("unit-arm64", frozenset({"unit", "arm64"}), run_unit, "arm64"),
     Suite("e2e-x64", frozenset({"e2e", "x64"}), run_whole, "x64"),
     Suite("unit-x64", frozenset({"unit", "x64"}), run_unit, "x64"),
+    Suite("ubsan-arm64", frozenset({"ubsan"}), run_undefined, "arm64"),
     Suite("ubsan-x64", frozenset({"ubsan"}), run_undefined, "x64"),
     Suite("fuzz", frozenset(), run_fuzz),
     Suite("native", frozenset({"unit"}), run_native),
