@@ -226,7 +226,7 @@ def test_whatever_is_done_ends_with_what_to_do_next(staged: Kit, tmp_path: Path)
                     ("offer", "3.4.2", "--channel", "beta"), ("withdraw", "3.4.2", "--channel", "beta"), ("push", tmp_path / "there"),
                     ("keys", "drill", "--key", staged.key.secret), ("status",), ("log",), ("fleet", tmp_path / "access.log"),
                     ("keys", "new", tmp_path / "mine", "--without-password"), ("init", tmp_path / "new", "--host", "h", "--public-key", staged.key.line)):
-        said = staged.done(*command)  # type: ignore[arg-type]
+        said = staged.done(*command)
         assert "\nnext: " in said.out, command
 
 

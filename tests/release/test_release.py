@@ -101,8 +101,10 @@ def test_a_signed_release_is_shipped_signed(steps: Steps, built: Built, signer: 
 
 def test_the_same_release_is_the_same_bytes_again(steps: Steps) -> None:
     assert (steps("make"), steps("ship")) == (0, 0)
+
     def shipped() -> dict[Path, bytes]:
         return {path: path.read_bytes() for path in steps.output.rglob("*") if path.is_file()}
+
     first = shipped()
     assert (steps("make"), steps("ship")) == (0, 0)
     assert shipped() == first
