@@ -4,6 +4,7 @@
 #include "errorreport/pending_reports.h"
 #include "errorreport/report_crash.h"
 #include "errorreport/report_files.h"
+#include "platform/endable_thread.h"
 #include "platform/errors.h"
 #include "platform/last_error.h"
 #include "platform/loader_lock.h"
@@ -24,41 +25,12 @@ component* installed = nullptr;
 constexpr DWORD start_up_limit = 30000; // ms
 constexpr DWORD report_limit = 10000;
 constexpr DWORD exit_limit = 100;
+constexpr DWORD hold_limit = 5000;
 constexpr DWORD end_limit = 2000;
+constexpr DWORD forced_end_limit = 10000;
 
 bool ended(DWORD wait_result) noexcept {
     return wait_result == WAIT_OBJECT_0 || wait_result == WAIT_ABANDONED;
-}
-
-// Whether the lock of the system's loader was acquired in time. The wait has a limit: a library that is being loaded may itself wait for
-// something that a program holds while it ends, such as the run-time library's lock of the functions to be called at the exit.
-bool lock_loader(ULONG_PTR& cookie) noexcept {
-    const ULONGLONG begin = ::GetTickCount64();
-    do {
-        ULONG result = 0; // flag 2 asks without waiting, and result 1 is the lock
-        if (::LdrLockLoaderLock(2, &result, &cookie) >= 0 && result == 1) {
-            return true;
-        }
-        ::Sleep(1);
-    } while (::GetTickCount64() - begin < end_limit);
-    return false;
-}
-
-// Ends a thread while the program ends, at a moment when the thread holds neither the lock of the system's loader nor that of the heap. It
-// often holds the first, while it loads the libraries that an upload needs; nobody would release the lock, and the process would wait for it
-// for ever. The loader's lock is taken first, since loading allocates.
-void end_thread(HANDLE thread) noexcept {
-    ULONG_PTR cookie = 0;
-    const bool loader = lock_loader(cookie);
-    const bool heap = ::HeapLock(::GetProcessHeap()) != FALSE;
-    ::TerminateThread(thread, 1);
-    ::WaitForSingleObject(thread, end_limit); // it has not ended when the call returns
-    if (heap) {
-        ::HeapUnlock(::GetProcessHeap());
-    }
-    if (loader) {
-        ::LdrUnlockLoaderLock(0, cookie);
-    }
 }
 
 // Runs the work and hides its failures. An exception that left one of our threads or the filter would reach the filter again, which would
@@ -93,6 +65,7 @@ void quietly_handle_crash() noexcept {
 }
 
 DWORD WINAPI start_up_thread(void*) {
+    const pwrap::endable_thread endable; // a program may end while the reports are on their way
     run_alone(quietly_send_pending);
     return 0;
 }
@@ -160,6 +133,9 @@ void component::install() {
     const bool ours = in_main_program();
     const std::lock_guard lock(m_lock);
     installed = this;
+    if (ours) {
+        m_watchdog.start(); // first: it needs nothing that another thread may hold, once it has begun
+    }
     m_start_up_thread.reset(::CreateThread(nullptr, 0, start_up_thread, nullptr, 0, nullptr));
     if (ours) {
         take_over();
@@ -193,21 +169,49 @@ void component::give_back() noexcept {
     }
 }
 
+// It spends its time in waits, where it can be ended, but for the moments between them. When none comes, it is ended while it holds
+// neither the lock of the system's loader nor that of the heap, as far as these can be had: nobody would give them back, and the process
+// would wait for them for ever. In this order: loading allocates. For the heap's there is no wait with a limit.
+void component::end_start_up_thread() noexcept {
+    const HANDLE thread = m_start_up_thread.get();
+    if (const pwrap::endable_thread_hold hold(hold_limit); hold) {
+        ::TerminateThread(thread, 1);
+        ::WaitForSingleObject(thread, end_limit); // it has not ended when the call returns
+        return;
+    }
+    m_watchdog.sign_of_removal(forced_end_limit);
+    {
+        const pwrap::loader_lock loader(end_limit);
+        const bool heap = ::HeapLock(::GetProcessHeap()) != FALSE;
+        ::TerminateThread(thread, 1);
+        ::WaitForSingleObject(thread, end_limit);
+        if (heap) {
+            ::HeapUnlock(::GetProcessHeap());
+        }
+        pwrap::endable_thread::forget(::GetThreadId(thread));
+        if (loader) { // the end of the process needs it, too, and is watched without it
+            m_watchdog.sign_of_removal(INFINITE);
+        }
+    }
+}
+
 void component::uninstall() noexcept {
+    note_list forgotten; // freed without the lock
     const std::lock_guard lock(m_lock);
     give_back();
     if (m_start_up_thread) {
         if (!ended(::WaitForSingleObject(m_start_up_thread.get(), exit_limit))) {
-            end_thread(m_start_up_thread.get());
+            end_start_up_thread();
         }
         m_start_up_thread.free();
     }
-    m_notes.clear();
+    m_notes.swap(forgotten);
 }
 
 void component::add_note(std::wstring note) {
+    note_list::entry entry(std::move(note)); // what the list drops for it is freed without the lock, too
     const std::lock_guard lock(m_lock);
-    m_notes.add(std::move(note));
+    m_notes.exchange(entry);
 }
 
 void component::wait_for_start_up_thread() {
@@ -219,42 +223,64 @@ void component::wait_for_start_up_thread() {
 
 LONG component::filter(const EXCEPTION_POINTERS* exception) noexcept {
     if (!m_lock.held_here()) {
-        const std::lock_guard lock(m_lock);
-        if (m_start_up_thread && ended(::WaitForSingleObject(m_start_up_thread.get(), start_up_limit))) {
+        if (m_crashed.exchange(true)) {
+            ::Sleep(INFINITE); // the process ends with the first crash
+        }
+        m_watchdog.sign();
+        // Who holds the lock for long waits for the start-up thread, or cannot come to his end because of this crash.
+        const bool locked = m_lock.try_lock_for(start_up_limit);
+        if (m_start_up_thread &&
+            ended(::WaitForSingleObject(m_start_up_thread.get(), locked ? start_up_limit : 0))) {
             m_crash = {exception, ::GetCurrentThread(), ::GetCurrentProcess()};
+            m_notes_are_safe = locked;
             run_alone(quietly_handle_crash);
+        }
+        if (locked) {
+            m_lock.unlock();
         }
     }
     ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(-1));
+    m_watchdog.sign(INFINITE);
+    m_crashed = false; // a process that went on could crash again
     return EXCEPTION_EXECUTE_HANDLER;
 }
 
+// Waits without a limit for the reporting thread to end, or for the watchdog to find that it no longer will.
+bool component::reported_in_time() noexcept {
+    const HANDLE either[] = {m_reporting_thread.get(), m_watchdog.overdue()};
+    ::WaitForMultipleObjects(either[1] != nullptr ? 2 : 1, either, FALSE, INFINITE);
+    return m_reported;
+}
+
 void component::handle_crash() {
-    try {
-        m_note_units = m_notes.joined();
-    } catch (const std::bad_alloc&) { // which may be what the program crashed of
-        m_note_units.clear();
+    m_note_units.clear();
+    if (m_notes_are_safe) {
+        try {
+            m_note_units = m_notes.joined();
+        } catch (const std::bad_alloc&) { // which may be what the program crashed of
+        }
     }
     m_reported = false;
     m_reporting_thread.reset(::CreateThread(nullptr, 0, reporting_thread, nullptr, 0, nullptr));
     if (m_reporting_thread) {
+        bool reported = false;
         if (::WaitForSingleObject(m_started.get(), report_limit) == WAIT_OBJECT_0) {
-            ::WaitForSingleObject(m_reporting_thread.get(), INFINITE);
+            reported = reported_in_time();
         } else {
-            // Whatever it holds: who crashed may hold as much, and the process does not wait for it (end_thread would).
+            // Whatever it holds: who crashed may hold as much, and the process does not wait for it.
             ::TerminateThread(m_reporting_thread.get(), 1);
         }
         m_reporting_thread.free();
-        if (m_reported) {
+        if (reported) {
             return;
         }
     }
-    // No thread, or one that failed on its way: rather a report twice than none. Nobody could be asked about the notes.
+    // No thread, or one that failed or hangs on its way: rather a report twice than none. Nobody could be asked about the notes.
     write_report_files(m_crash, {});
 }
 
 void component::report() {
-    report_crash({m_crash, m_note_units, m_program_name, m_symbol_mutex, m_started.get()});
+    report_crash({m_crash, m_note_units, m_program_name, m_symbol_mutex, m_started.get(), m_watchdog});
     m_reported = true;
 }
 

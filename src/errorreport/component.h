@@ -1,13 +1,18 @@
 // The error-report component itself: what is installed in the process, and what happens when an exception reaches the top of a
 // thread. error_reporting.h has the one object of the program.
 //
-// Owns its thread handles, its event and the notes. One ordinary mutex guards installation, the filter, the notes and the removal;
-// the crashing thread holds it until the process ends, so neither of the component's threads takes it. The object must live until
-// the process has ended: its filter can be called after the removal.
+// Owns its thread handles, its event, its watchdog and the notes. One ordinary mutex guards installation, the filter, the notes and the
+// removal; the crashing thread holds it until the process ends, so neither of the component's threads takes it. Nobody allocates or frees
+// memory while he holds it, but the crashing thread. The object must live until the process has ended: its filter can be called after
+// the removal.
+//
+// A crashing thread may hold any lock of the system, and may be one that others wait for. So each wait that a crash leads to either has a
+// limit or is watched (watchdog.h), and the process always ends.
 #pragma once
 
 #include "errorreport/crash.h"
 #include "errorreport/note_list.h"
+#include "errorreport/watchdog.h"
 #include "platform/handle.h"
 
 #include <atomic>
@@ -33,6 +38,18 @@ public:
     void lock() {
         m_mutex.lock();
         m_owner = ::GetCurrentThreadId();
+    }
+    // Whether the lock could be had within `limit` milliseconds.
+    bool try_lock_for(DWORD limit) {
+        const ULONGLONG begin = ::GetTickCount64();
+        while (!m_mutex.try_lock()) {
+            if (::GetTickCount64() - begin >= limit) {
+                return false;
+            }
+            ::Sleep(1);
+        }
+        m_owner = ::GetCurrentThreadId();
+        return true;
     }
     void unlock() {
         m_owner = 0;
@@ -64,7 +81,8 @@ public:
     void wait_for_start_up_thread();
 
     // Handles a crash of the calling thread and ends the process with exit code 0xFFFFFFFF. A crash in the component itself, with
-    // the lock held, is not reported. Uses little stack, of which an overflow leaves a few kilobytes.
+    // the lock held, is not reported, nor is one beside another, whose thread stays here until the process ends. Uses little stack, of
+    // which an overflow leaves a few kilobytes.
     LONG filter(const EXCEPTION_POINTERS* exception) noexcept;
 
     // The two threads and the filter run these. A failure in them does not leave them.
@@ -74,9 +92,14 @@ public:
 private:
     void take_over();
     void give_back() noexcept;
+    void end_start_up_thread() noexcept;
+    bool reported_in_time() noexcept;
 
     component_lock m_lock;
-    pwrap::win_handle<0> m_started; // the reporting thread has begun to run
+    watchdog m_watchdog;
+    std::atomic<bool> m_crashed{false}; // a crash is being handled
+    bool m_notes_are_safe = false;      // the crashing thread holds the lock
+    pwrap::win_handle<0> m_started;     // the reporting thread has begun to run
     std::wstring m_symbol_mutex;
     std::wstring m_program_name;
     bool m_taken_over = false;

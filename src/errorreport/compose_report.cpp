@@ -2,10 +2,12 @@
 
 #include "errorreport/processor.h"
 #include "platform/errors.h"
+#include "platform/loader_lock.h"
 #include "platform/system_strings.h"
 #include "stream/zlib_writer.h"
 
 #include <dbghelp.h>
+#include <psapi.h>
 
 #include <algorithm>
 
@@ -108,11 +110,33 @@ private:
     std::size_t m_left = most_stack_memory;
 };
 
-void describe_module(stream::basic& out, report_kind kind, DWORD64 base) {
+// How long the walk waits for the lock of the system's loader, in milliseconds. Whoever holds it may wait for what the crashed thread holds, or
+// be gone.
+constexpr DWORD loader_limit = 2000;
+
+// The path of the file that a module was loaded from. Throws pwrap::win_runtime_error where it has none.
+std::wstring module_path(DWORD64 base, bool loader_is_free) {
     std::wstring path;
-    if (pwrap::GetModuleFileNameW(reinterpret_cast<HMODULE>(base), path) == 0) {
-        pwrap::throw_last<pwrap::win_runtime_error>("GetModuleFileNameW failed");
+    if (loader_is_free) {
+        if (pwrap::GetModuleFileNameW(reinterpret_cast<HMODULE>(base), path) == 0) {
+            pwrap::throw_last<pwrap::win_runtime_error>("GetModuleFileNameW failed");
+        }
+        return path;
     }
+    // The memory knows its file, too, under another path.
+    constexpr std::size_t longest_path = 1024;
+    path.resize(longest_path);
+    const DWORD length = ::K32GetMappedFileNameW(::GetCurrentProcess(), reinterpret_cast<void*>(base),
+                                                 path.data(), static_cast<DWORD>(path.size()));
+    if (length == 0) {
+        pwrap::throw_last<pwrap::win_runtime_error>("GetMappedFileNameW failed");
+    }
+    path.resize(std::min<std::size_t>(length, path.size()));
+    return path;
+}
+
+void describe_module(stream::basic& out, report_kind kind, DWORD64 base, bool loader_is_free) {
+    const std::wstring path = module_path(base, loader_is_free);
     module_description module{.file_name = {}, .time_stamp = 0, .checksum = 0, .base = base};
     const std::wstring name = path.substr(path.rfind(L'\\') + 1);
     module.file_name = as_units(name);
@@ -143,9 +167,12 @@ void walk_stack(stream::basic& out, report_kind kind, const crash& what) {
     DWORD64 written_module = 0; // none
     std::uint32_t frames = 0;
     memory_budget budget;
+    // The first walk of a process and the names of modules need the loader. Without it the faulting frame is told, and no other.
+    const bool loader_is_free{pwrap::loader_lock(loader_limit)};
     do {
-        const bool walked = ::StackWalk64(machine_type, what.process, what.thread, &frame, &context, nullptr,
-                                          ::SymFunctionTableAccess64, ::SymGetModuleBase64, nullptr) != FALSE;
+        const bool walked = loader_is_free && ::StackWalk64(machine_type, what.process, what.thread, &frame,
+                                                            &context, nullptr, ::SymFunctionTableAccess64,
+                                                            ::SymGetModuleBase64, nullptr) != FALSE;
         // The first step may fail: the faulting frame is known from the context, and is always reported.
         if (!walked && written_module != 0) {
             return;
@@ -159,7 +186,7 @@ void walk_stack(stream::basic& out, report_kind kind, const crash& what) {
             return;
         }
         if (base != written_module) {
-            describe_module(out, kind, base);
+            describe_module(out, kind, base, loader_is_free);
             written_module = base;
         }
         write_function(out, program_counter - base);

@@ -16,7 +16,7 @@ namespace corvo::errorreport {
 // `notes` are joined as note_list::joined() does; empty for none. The report goes to `target` at its position and is
 // complete when this returns.
 //
-// Throws pwrap::win_runtime_error "GetModuleFileNameW failed", std::logic_error "collection too big", and what
+// Throws pwrap::win_runtime_error "GetModuleFileNameW failed" or "GetMappedFileNameW failed", std::logic_error "collection too big", and what
 // corvo::zlib_writer throws, such as std::system_error "failed to flush compressed stream" for a target that fails.
 void compose_report(report_kind kind, const crash& what, std::span<const wchar_t> notes,
                     stream::basic& target);

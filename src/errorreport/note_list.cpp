@@ -10,12 +10,15 @@ void require_room(std::size_t count, std::size_t most) {
     }
 }
 
-void note_list::add(std::wstring note) {
-    if (m_notes.size() >= limit) {
-        m_notes.pop_front();
+void note_list::exchange(entry& note) {
+    const bool full = m_notes.size() >= limit;
+    if (!full) {
+        require_room(m_notes.size(), m_notes.max_size());
     }
-    require_room(m_notes.size(), m_notes.max_size());
-    m_notes.push_back(std::move(note));
+    m_notes.splice(m_notes.end(), note.m_notes);
+    if (full) {
+        note.m_notes.splice(note.m_notes.end(), m_notes, m_notes.begin());
+    }
 }
 
 std::vector<wchar_t> note_list::joined() const {

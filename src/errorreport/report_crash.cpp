@@ -8,10 +8,12 @@
 #include "platform/errors.h"
 #include "platform/handle.h"
 #include "platform/mutex_locker.h"
+#include "platform/progress.h"
 #include "stream/memory_file.h"
 
 #include <dbghelp.h>
 
+#include <cstdint>
 #include <exception>
 
 namespace corvo::errorreport {
@@ -40,6 +42,19 @@ private:
     bool m_initialised;
 };
 
+// Every notification of an upload asks whether to go on, and is a sign of life.
+class sign_giver final : public corvo::progress<std::uint64_t> {
+public:
+    explicit sign_giver(watchdog& watch) noexcept : m_watch(watch) {}
+    bool cancel() override {
+        m_watch.sign();
+        return false;
+    }
+
+private:
+    watchdog& m_watch;
+};
+
 // One for the process, created when it is first needed; the second report takes the place of the first.
 stream::memory_file& composed(report_kind kind, const crash& what, std::span<const wchar_t> notes) {
     // Not destroyed: another thread may bring the program to its end while the report is on its way.
@@ -57,9 +72,11 @@ bool send_report(const crash_to_report& job, HANDLE symbol_mutex, std::span<cons
                  dialog_text* text) {
     const pwrap::mutex_locker lock(symbol_mutex, INFINITE); // its failure is not a failure to send
     const symbol_engine engine(job.what.process);
+    job.watch.sign(); // the engine has looked at every module
     try {
         stream::basic& report = composed(report_kind::brief, job.what, notes);
-        upload_session server;
+        sign_giver signs(job.watch);
+        upload_session server(&signs);
         std::exception_ptr reception_failure;
         std::uint16_t status = server.send(report, reception_failure);
         if (status == full_report_wanted) {
@@ -82,6 +99,7 @@ void save_report(const crash_to_report& job, HANDLE symbol_mutex, std::span<cons
         text->add_failure();
     }
     try {
+        job.watch.sign();
         const pwrap::mutex_locker lock(symbol_mutex, INFINITE);
         const symbol_engine engine(job.what.process);
         write_report_files(job.what, notes);
@@ -109,9 +127,11 @@ void report_crash(const crash_to_report& job) {
         text->add_introduction(job.program_name);
         if (!notes.empty()) {
             text->add_question(notes);
+            job.watch.sign(INFINITE);
             if (!ask_user(text->get())) {
                 notes = {};
             }
+            job.watch.sign();
             text->clear(); // the user has read what happened: the last box begins with the result
         }
     }
@@ -126,7 +146,9 @@ void report_crash(const crash_to_report& job) {
 
     if (text != nullptr) {
         text->add_end();
+        job.watch.sign(INFINITE);
         tell_user(text->get());
+        job.watch.sign();
     }
 }
 

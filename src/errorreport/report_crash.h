@@ -5,6 +5,7 @@
 #pragma once
 
 #include "errorreport/crash.h"
+#include "errorreport/watchdog.h"
 
 #include <span>
 #include <string>
@@ -18,6 +19,7 @@ struct crash_to_report {
     const std::wstring& program_name; // file name of the program, for the dialog
     const std::wstring& symbol_mutex; // name of the process's mutex around the symbol engine
     HANDLE started;                   // event to be signalled at once: the crashing thread waits 10 s for it
+    watchdog& watch;                  // gets signs of life; what a person reads in a box is not watched
 };
 
 // Throws what is not about sending: pwrap::win_runtime_error "SetEvent failed", "LoadString(...) failed" with the string's

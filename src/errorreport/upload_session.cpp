@@ -79,8 +79,9 @@ std::wstring save_reply(const stream::memory_file& reply, stream::fsize size) {
 
 } // namespace
 
-upload_session::upload_session()
-    : m_session("Kestrane/13.0", {.resolve = 5000, .connect = 10000, .send = 30000, .receive = 30000}),
+upload_session::upload_session(corvo::progress<std::uint64_t>* progress)
+    : m_progress(progress),
+      m_session("Kestrane/13.0", {.resolve = 5000, .connect = 10000, .send = 30000, .receive = 30000}),
       m_connection(m_session, report_url()), m_headers(report_headers()) {}
 
 std::uint16_t upload_session::send(stream::basic& report, std::exception_ptr& reception_failure) {
@@ -96,7 +97,7 @@ std::uint16_t upload_session::send(stream::basic& report, std::exception_ptr& re
     std::uint16_t status = 0;
     try {
         const post_request request(m_connection, report_url(), m_headers, {"*/*"}, {}, report, header_line,
-                                   content_length, m_reply, nullptr);
+                                   content_length, m_reply, m_progress);
         status = request.status();
     } catch (const stream::limit_exceeded&) {
         // The server has the report and asks for the full one: that much is known, and its text is not needed.

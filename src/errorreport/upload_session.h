@@ -7,6 +7,7 @@
 #include "http/request/connection.h"
 #include "http/request/open_request.h"
 #include "http/request/session.h"
+#include "platform/progress.h"
 #include "stream/basic.h"
 #include "stream/bounded_memory_file.h"
 
@@ -24,8 +25,9 @@ inline constexpr stream::fsize max_reply_size = 1048576;
 
 class upload_session {
 public:
-    // Throws pwrap::http_error "WinHttpOpen failed", "WinHttpSetTimeouts failed" or "WinHttpConnect failed".
-    upload_session();
+    // `progress` may be null; it is the caller's, outlives the session, and is asked at every notification whether to go on. Throws
+    // pwrap::http_error "WinHttpOpen failed", "WinHttpSetTimeouts failed" or "WinHttpConnect failed".
+    explicit upload_session(corvo::progress<std::uint64_t>* progress = nullptr);
 
     // Sends what `report` holds from its position to its end, as it stands, and returns the HTTP status code, whatever it is.
     // The reply's text is in reply_text() then; a text that cannot be decoded makes it empty and puts the reason into
@@ -39,6 +41,7 @@ public:
     [[nodiscard]] const std::wstring& reply_text() const noexcept { return m_reply_text; }
 
 private:
+    corvo::progress<std::uint64_t>* m_progress;
     webio::session m_session;
     webio::connection m_connection;
     webio::header_list m_headers;

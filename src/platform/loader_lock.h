@@ -12,3 +12,37 @@ __declspec(dllimport) LONG NTAPI LdrLockLoaderLock(ULONG flags, ULONG* result, U
 __declspec(dllimport) LONG NTAPI LdrUnlockLoaderLock(ULONG flags, ULONG_PTR cookie);
 
 } // extern "C"
+
+namespace pwrap {
+
+// Takes the lock, if it can be had within `limit` milliseconds, for as long as the object lives. Not waited for without a limit: a library
+// that is being loaded may itself wait for what a program holds while it ends or crashes, such as the run-time library's lock of the
+// functions to be called at the exit.
+class loader_lock {
+public:
+    explicit loader_lock(DWORD limit) noexcept {
+        const ULONGLONG begin = ::GetTickCount64();
+        for (;;) {
+            ULONG result = 0;
+            m_held = ::LdrLockLoaderLock(2, &result, &m_cookie) >= 0 && result == 1;
+            if (m_held || ::GetTickCount64() - begin >= limit) {
+                return;
+            }
+            ::Sleep(1);
+        }
+    }
+    loader_lock(const loader_lock&) = delete;
+    loader_lock& operator=(const loader_lock&) = delete;
+    ~loader_lock() {
+        if (m_held) {
+            ::LdrUnlockLoaderLock(0, m_cookie);
+        }
+    }
+    explicit operator bool() const noexcept { return m_held; }
+
+private:
+    ULONG_PTR m_cookie = 0;
+    bool m_held = false;
+};
+
+} // namespace pwrap

@@ -170,9 +170,24 @@ def test_a_fast_fail_is_the_systems(crashes: CrashWorld) -> None:
     crashes.assert_nothing_left()
 
 
+def test_what_is_known_of_the_system_is_asked_for_once_before_the_entry_point(crashes: CrashWorld) -> None:
+    assert crashes.run("before_entry_point").exit_code == 0
+
+
 def test_a_program_that_does_not_crash_sends_nothing(crashes: CrashWorld) -> None:
     assert crashes.run("none", notes=["one"]).exit_code == 0
     assert crashes.server.requests == []
+    crashes.assert_nothing_left()
+
+
+def test_a_stack_overflow_in_large_frames_is_reported(crashes: CrashWorld) -> None:
+    """Such a one leaves room for the search for a handler, on every processor."""
+    crashes.server.queue = [Answer(status=449)]
+    assert crashes.run("stack_overflow_large").exit_code == CRASHED
+    assert crashes.server.kinds == ["short", "full"]
+    for received in crashes.server.requests:
+        report = crashes.read(received.body, "stack_overflow_large")
+        assert (report.code, report.frames[0].module) == (STACK_OVERFLOW, "crash_stack_overflow_large.exe")
     crashes.assert_nothing_left()
 
 
@@ -186,5 +201,5 @@ def test_a_stack_overflow_is_reported_where_any_filter_is_called(crashes: CrashW
         report = crashes.read(crashes.server.requests[0].body, "stack_overflow")
         assert (report.code, report.frames[0].function) == (STACK_OVERFLOW, "innermost")
     else:
-        assert (bare.exit_code, run.exit_code, crashes.server.requests) == (1, 1, [])
+        assert (bare.exit_code, run.exit_code, crashes.server.requests) == (1, CRASHED, [])
     crashes.assert_nothing_left()

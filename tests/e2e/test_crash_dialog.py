@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import time
 from collections.abc import Sequence
 from dataclasses import dataclass
 from pathlib import Path
@@ -55,6 +56,21 @@ def crash_before_a_user(world: CrashWorld, *, notes: Sequence[str] = (), keys: S
         seen += world.machine.boxes()
         world.screen.press(last, key)
     return Seen(tuple(seen), program.wait().exit_code)
+
+
+@QUICK
+def test_a_box_can_be_read_at_leisure(watched: CrashWorld) -> None:
+    """Longer than a report may go without a sign, which for this program is ten seconds."""
+    assert watched.screen is not None
+    program = watched.begin("hurried", notes=["a note"])
+    last = None
+    for key in ("y", "Return"):
+        last = watched.screen.wait_for(TITLE, 60, other_than=last)
+        time.sleep(12)
+        watched.screen.press(last, key)
+    assert program.wait().exit_code == CRASHED
+    assert [watched.read(each.body).notes for each in watched.server.requests] == [("a note",)]
+    watched.assert_nothing_left()
 
 
 def test_a_crash_is_reported_with_the_servers_answer(watched: CrashWorld, tmp_path: Path) -> None:

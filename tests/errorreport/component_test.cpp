@@ -1,6 +1,7 @@
 // Installation, crash handling and removal, with a platform that does what a test says: no thread starts and no process ends.
 #include "errorreport/component.h"
 
+#include "platform/endable_thread.h"
 #include "platform/errors.h"
 #include "platform/loader_lock.h"
 #include "tests/errorreport/fake_stack.h"
@@ -9,6 +10,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <functional>
@@ -64,6 +67,7 @@ protected:
     void* allocation_base = ::GetModuleHandleW(nullptr);
     SIZE_T description_size = sizeof(MEMORY_BASIC_INFORMATION);
     HANDLE event = nullptr;
+    HANDLE overdue = nullptr;
     bool runs_at_wait = false;    // waiting for the reporting thread lets it run
     bool crashes_at_wait = false; // waiting for the start-up thread crashes
     std::wstring folder;
@@ -94,15 +98,25 @@ private:
         [this](SECURITY_ATTRIBUTES* security, BOOL manual, BOOL initial, const wchar_t* name) {
             EXPECT_EQ(nullptr, security);
             EXPECT_EQ(nullptr, name);
-            EXPECT_FALSE(manual);
             EXPECT_FALSE(initial);
-            return event = support::CreateEventW.real(security, manual, initial, name);
+            // The watchdog has two; the last that is made is that of the reporting thread.
+            const HANDLE made = support::CreateEventW.real(security, manual, initial, name);
+            if (manual) {
+                overdue = overdue == nullptr ? made : overdue; // the first of them
+            } else {
+                event = made;
+            }
+            return made;
         }};
     support::script<decltype(::CreateThread)> m_create{
         support::CreateThread,
         [this](SECURITY_ATTRIBUTES* security, SIZE_T size, LPTHREAD_START_ROUTINE procedure, void* argument,
                DWORD flags, DWORD*) -> HANDLE {
             EXPECT_EQ(nullptr, security);
+            if (flags == STACK_SIZE_PARAM_IS_A_RESERVATION) {
+                calls.push_back("watch");
+                return nullptr;
+            }
             EXPECT_EQ(0U, size);
             EXPECT_EQ(nullptr, argument);
             EXPECT_EQ(0U, flags);
@@ -119,14 +133,23 @@ private:
                 return support::WaitForSingleObject.real(handle, limit);
             }
             calls.push_back("wait " + name_of(handle) + " " + std::to_string(limit));
-            if (runs_at_wait && threads.size() == 2 && handle == threads[1].handle) {
-                threads[1].procedure(nullptr);
-            }
             if (std::exchange(crashes_at_wait, false)) {
                 crash();
             }
             const auto found = wait_results.find(handle);
             return found == wait_results.end() ? WAIT_OBJECT_0 : found->second;
+        }};
+    support::script<decltype(::WaitForMultipleObjects)> m_wait_for_either{
+        support::WaitForMultipleObjects,
+        [this](DWORD count, const HANDLE* handles, BOOL all, DWORD limit) -> DWORD {
+            EXPECT_EQ(2U, count);
+            EXPECT_FALSE(all);
+            EXPECT_EQ(overdue, handles[1]);
+            calls.push_back("wait " + name_of(handles[0]) + " or overdue " + std::to_string(limit));
+            if (runs_at_wait && threads.size() == 2) {
+                threads[1].procedure(nullptr);
+            }
+            return WAIT_OBJECT_0;
         }};
     support::script<decltype(::TerminateThread)> m_terminate_thread{
         support::TerminateThread, [this](HANDLE handle, DWORD code) -> BOOL {
@@ -172,7 +195,7 @@ using strings = std::vector<std::string>;
 
 TEST_F(installing, starts_the_start_up_thread_before_the_filter_is_set) {
     subject.install();
-    EXPECT_EQ((strings{"create", "filter"}), calls);
+    EXPECT_EQ((strings{"watch", "create", "filter"}), calls);
     EXPECT_NE(current_filter, &former_filter);
 }
 
@@ -226,7 +249,7 @@ TEST_F(installing, again_does_not_take_its_own_handlers_for_the_former_ones) {
     const auto terminate = std::get_terminate();
     subject.install();
     subject.install();
-    EXPECT_EQ((strings{"create", "filter", "create"}), calls);
+    EXPECT_EQ((strings{"watch", "create", "filter", "create"}), calls);
     subject.uninstall();
     EXPECT_EQ(&former_filter, current_filter);
     EXPECT_EQ(terminate, std::get_terminate());
@@ -295,9 +318,49 @@ TEST_F(installing, removal_ends_a_start_up_thread_that_cannot_be_waited_for) {
     EXPECT_EQ((strings{"filter", "wait thread 0 100", "end thread 0 1", "wait thread 0 2000"}), calls);
 }
 
+// The start-up thread is in the midst of something: it holds the guard that it gives back where it waits.
+class busy_sender {
+public:
+    busy_sender() { m_busy.get_future().wait(); }
+    ~busy_sender() {
+        m_done.set_value();
+        m_thread.join();
+    }
+
+private:
+    std::promise<void> m_busy;
+    std::promise<void> m_done;
+    std::thread m_thread{[this] {
+        const pwrap::endable_thread guarded;
+        m_busy.set_value();
+        m_done.get_future().wait();
+    }};
+};
+
+TEST_F(installing, removal_waits_for_a_moment_at_which_the_start_up_thread_holds_nothing) {
+    subject.install();
+    wait_results[start_up_thread()] = WAIT_TIMEOUT;
+    ULONGLONG ticks = 1000;
+    const support::script time(support::GetTickCount64, [&] { return ticks += 500; });
+    {
+        std::optional<busy_sender> busy(std::in_place);
+        const support::script sleep(support::Sleep, [&](DWORD limit) {
+            EXPECT_EQ(1U, limit);
+            busy.reset(); // it comes to a wait, or to its end
+        });
+        calls.clear();
+        subject.uninstall();
+        EXPECT_FALSE(busy.has_value());
+    }
+    EXPECT_EQ((strings{"filter", "wait thread 0 100", "end thread 0 1", "wait thread 0 2000"}), calls);
+}
+
 TEST_F(installing, removal_does_not_wait_for_ever_for_a_library_that_is_being_loaded) {
     subject.install();
     wait_results[start_up_thread()] = WAIT_TIMEOUT;
+    const busy_sender busy;
+    ULONGLONG ticks = 1000;
+    const support::script time(support::GetTickCount64, [&] { return ticks += 500; });
     std::promise<void> locked;
     std::promise<void> removed;
     std::thread loading([&] {
@@ -398,8 +461,8 @@ TEST_F(crashing, is_reported_by_a_thread_and_ends_the_process) {
     subject.install();
     calls.clear();
     EXPECT_EQ(EXCEPTION_EXECUTE_HANDLER, crash());
-    EXPECT_EQ((strings{"wait thread 0 30000", "create", "wait started 10000", "wait thread 1 4294967295",
-                       "end process 4294967295"}),
+    EXPECT_EQ((strings{"wait thread 0 30000", "create", "wait started 10000",
+                       "wait thread 1 or overdue 4294967295", "end process 4294967295"}),
               calls);
 }
 
@@ -517,6 +580,139 @@ TEST_F(crashing, takes_the_processs_own_lock_of_the_symbol_engine) {
     threads.at(1).procedure(nullptr);
     EXPECT_THAT(names,
                 testing::ElementsAre(L"QeltSymInitialize-" + std::to_wstring(::GetCurrentProcessId())));
+}
+
+TEST_F(crashing, whose_thread_hangs_leaves_files_without_it) {
+    subject.install();
+    subject.add_note(L"note");
+    const support::script either(support::WaitForMultipleObjects, [](auto...) -> DWORD {
+        return WAIT_OBJECT_0 + 1; // overdue
+    });
+    calls.clear();
+    crash();
+    EXPECT_TRUE(files_written());
+    EXPECT_EQ((strings{"wait thread 0 30000", "create", "wait started 10000", "end process 4294967295"}),
+              calls)
+        << "it may hold a lock, and is not ended by force";
+}
+
+// Somebody who waits for what does not come any more has the lock.
+TEST_F(crashing, waits_half_a_minute_for_the_lock) {
+    subject.install();
+    std::promise<void> held;
+    std::promise<void> ended;
+    const HANDLE thread = start_up_thread();
+    const support::script wait(support::WaitForSingleObject, [&](HANDLE handle, DWORD limit) -> DWORD {
+        if (handle != thread) {
+            return support::WaitForSingleObject.real(handle, limit);
+        }
+        calls.push_back("wait " + std::to_string(limit));
+        if (limit == INFINITE) {
+            held.set_value();
+            ended.get_future().wait();
+        }
+        return WAIT_TIMEOUT;
+    });
+    std::thread waiting([&] { subject.wait_for_start_up_thread(); });
+    held.get_future().wait();
+    ULONGLONG ticks = 1000;
+    const support::script time(support::GetTickCount64, [&] { return ticks += 500; });
+    calls.clear();
+    crash();
+    EXPECT_EQ((strings{"wait 0", "end process 4294967295"}), calls);
+    EXPECT_GE(ticks, 31000U);
+    EXPECT_LE(ticks, 33000U);
+    ended.set_value();
+    waiting.join();
+    EXPECT_FALSE(files_written());
+}
+
+// The lock is in the hands of a thread that needs what the crashing one holds; nothing is sent any more.
+TEST_F(crashing, without_the_lock_is_reported_without_notes_when_the_start_up_thread_has_ended) {
+    subject.install();
+    subject.add_note(L"note");
+    std::promise<void> held;
+    std::promise<void> ended;
+    const HANDLE thread = start_up_thread();
+    bool first = true;
+    const support::script wait(support::WaitForSingleObject, [&](HANDLE handle, DWORD limit) -> DWORD {
+        if (handle == thread && limit == INFINITE && std::exchange(first, false)) {
+            held.set_value();
+            ended.get_future().wait();
+        }
+        return handle == thread || handle == event ? WAIT_OBJECT_0
+                                                   : support::WaitForSingleObject.real(handle, limit);
+    });
+    std::thread waiting([&] { subject.wait_for_start_up_thread(); });
+    held.get_future().wait();
+    ULONGLONG ticks = 1000;
+    const support::script time(support::GetTickCount64, [&] { return ticks += 500; });
+    crash();
+    ended.set_value();
+    waiting.join();
+    ASSERT_TRUE(files_written());
+    const std::string content = test::get_file((folder + L"0.tzo").c_str());
+    const auto report = support::inflated({content.begin(), content.end()});
+    ASSERT_TRUE(report.has_value());
+    EXPECT_THAT(std::string(report->begin(), report->end()), testing::Not(testing::HasSubstr("DOOP")));
+}
+
+// A crash under the heap's lock is one that the component must be able to report: nobody who notes something holds its lock while he
+// waits for memory.
+TEST_F(crashing, is_not_kept_waiting_by_a_note_that_waits_for_memory) {
+    threads_start = false;
+    subject.install();
+    std::promise<void> noting;
+    std::promise<void> trying;
+    std::promise<void> may_try;
+    std::promise<bool> tried;
+    std::thread noter([&, note = std::wstring(1000, L'n')]() mutable {
+        noting.set_value();
+        subject.add_note(std::move(note));
+    });
+    std::thread crasher([&] {
+        trying.set_value(); // a thread that starts needs memory, too
+        may_try.get_future().wait();
+        subject.wait_for_start_up_thread(); // takes the lock
+        tried.set_value(true);
+    });
+    trying.get_future().wait();
+    noting.get_future().wait();
+    std::future<bool> result = tried.get_future();
+    ::HeapLock(::GetProcessHeap());
+    ::Sleep(50); // the noter waits for memory, or is done
+    may_try.set_value();
+    const bool had = result.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    ::HeapUnlock(::GetProcessHeap());
+    noter.join();
+    crasher.join();
+    EXPECT_TRUE(had);
+}
+
+TEST_F(crashing, beside_another_waits_for_its_end) {
+    subject.install();
+    std::promise<void> second_waits;
+    std::promise<void> first_ended;
+    const support::script sleep(support::Sleep, [&](DWORD limit) {
+        EXPECT_EQ(INFINITE, limit);
+        second_waits.set_value();
+        first_ended.get_future().wait();
+    });
+    std::thread second;
+    const support::script either(support::WaitForMultipleObjects, [&](auto...) -> DWORD {
+        second = std::thread([&] {
+            const corvo::errorreport::crash what = stack.what();
+            subject.filter(what.exception);
+        });
+        second_waits.get_future().wait(); // while the first is being reported
+        return WAIT_OBJECT_0;
+    });
+    calls.clear();
+    crash();
+    EXPECT_EQ(1, std::count(calls.begin(), calls.end(), "create"));
+    wait_results[start_up_thread()] = WAIT_TIMEOUT; // so that it comes to its end here
+    first_ended.set_value();
+    second.join();
 }
 
 // Main holds the lock while it waits for the sending, so that nobody else gets at the component meanwhile. A crash of the thread that

@@ -2,14 +2,18 @@
 #include "errorreport/compose_report.h"
 
 #include "platform/errors.h"
+#include "platform/loader_lock.h"
 #include "tests/errorreport/fake_stack.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cwchar>
+#include <future>
 #include <numeric>
 #include <system_error>
+#include <thread>
 
 using corvo::errorreport::report_kind;
 using test::bytes;
@@ -347,6 +351,58 @@ TEST(compose_report, a_module_name_without_a_folder_is_taken_whole) {
     fake_stack stack;
     stack.modules[0x140000000].path = L"lumaris.exe";
     EXPECT_EQ(brief_module().text("FUN1").u64(0x1010).get(), stack.composed(report_kind::brief));
+}
+
+// The lock of the loader, for as long as the object lives, on another thread.
+class busy_loader {
+public:
+    busy_loader() { m_locked.get_future().wait(); }
+    ~busy_loader() {
+        m_done.set_value();
+        m_thread.join();
+    }
+
+private:
+    std::promise<void> m_locked;
+    std::promise<void> m_done;
+    std::thread m_thread{[this] {
+        ULONG_PTR cookie = 0;
+        ::LdrLockLoaderLock(0, nullptr, &cookie);
+        m_locked.set_value();
+        m_done.get_future().wait();
+        ::LdrUnlockLoaderLock(0, cookie);
+    }};
+};
+
+TEST(compose_report, the_faulting_frame_alone_is_told_where_the_loader_is_busy) {
+    fake_stack stack;
+    stack.steps = {{true, 0x140001020, 0, 0, 1}, {true, 0x140001030, 0, 0, 0}};
+    const support::script mapped(support::K32GetMappedFileNameW,
+                                 [](HANDLE process, void* address, wchar_t* path, DWORD size) -> DWORD {
+                                     EXPECT_EQ(::GetCurrentProcess(), process);
+                                     EXPECT_EQ(0x140000000U, reinterpret_cast<DWORD64>(address));
+                                     const std::wstring text = L"\\Device\\HarddiskVolume3\\lumaris.exe";
+                                     EXPECT_GT(size, text.size());
+                                     std::wmemcpy(path, text.c_str(), text.size() + 1);
+                                     return static_cast<DWORD>(text.size());
+                                 });
+    // What is substituted here looks its real function up at first, for which the loader must be free.
+    stack.composed(report_kind::brief);
+    stack.frames_seen.clear();
+    ::Sleep(0);
+    std::vector<ULONGLONG> asked;
+    const support::script time(support::GetTickCount64, [&] {
+        asked.push_back(1000 + 500 * asked.size());
+        return asked.back();
+    });
+    expected_report expected = brief_module();
+    expected.text("FUN1").u64(0x1010);
+    {
+        const busy_loader busy;
+        EXPECT_EQ(expected.get(), stack.composed(report_kind::brief));
+    }
+    EXPECT_EQ(3000U, asked.back()) << "it waits two seconds";
+    EXPECT_TRUE(stack.frames_seen.empty()) << "the first walk of a process needs the loader";
 }
 
 TEST(compose_report, a_module_that_the_engine_does_not_know_is_found_by_its_memory) {

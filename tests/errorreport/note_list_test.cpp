@@ -19,18 +19,23 @@ TEST(note_list, empty_list_joins_to_nothing) {
     EXPECT_TRUE(note_list().joined().empty());
 }
 
+void add(note_list& notes, std::wstring note) {
+    note_list::entry entry(std::move(note));
+    notes.exchange(entry);
+}
+
 TEST(note_list, notes_are_joined_oldest_first_each_with_its_zero) {
     note_list notes;
-    notes.add(L"one");
-    notes.add(L"");
-    notes.add(L"two");
+    add(notes, L"one");
+    add(notes, L"");
+    add(notes, L"two");
     EXPECT_EQ(std::wstring(L"one\0\0two\0", 9), joined(notes));
 }
 
 TEST(note_list, an_eleventh_note_drops_the_oldest) {
     note_list notes;
     for (const wchar_t* note : {L"1", L"2", L"3", L"4", L"5", L"6", L"7", L"8", L"9", L"10", L"11"}) {
-        notes.add(note);
+        add(notes, note);
     }
     EXPECT_EQ(std::wstring(L"2\0"
                            L"3\0"
@@ -49,16 +54,18 @@ TEST(note_list, an_eleventh_note_drops_the_oldest) {
 TEST(note_list, ten_notes_are_all_kept) {
     note_list notes;
     for (int i = 0; i < 10; ++i) {
-        notes.add(L"x");
+        add(notes, L"x");
     }
     EXPECT_EQ(20U, notes.joined().size());
 }
 
-TEST(note_list, cleared_list_is_empty) {
+TEST(note_list, swapped_lists_have_each_others_notes) {
     note_list notes;
-    notes.add(L"one");
-    notes.clear();
+    add(notes, L"one");
+    note_list others;
+    notes.swap(others);
     EXPECT_TRUE(notes.joined().empty());
+    EXPECT_EQ(std::wstring(L"one\0", 4), joined(others));
 }
 
 TEST(note_list, a_container_that_can_hold_no_more_is_refused) {

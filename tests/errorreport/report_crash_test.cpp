@@ -57,7 +57,8 @@ protected:
     }
 
     void report(const std::wstring& notes = {}) {
-        corvo::errorreport::report_crash({stack.what(), notes, program_name, symbol_mutex, started.get()});
+        corvo::errorreport::report_crash(
+            {stack.what(), notes, program_name, symbol_mutex, started.get(), watch});
     }
 
     void answer(const std::string& body, DWORD status = 200,
@@ -125,6 +126,7 @@ protected:
     std::wstring folder;
     std::wstring program_name = L"crashing.exe";
     std::wstring symbol_mutex = L"report_crash_test-" + std::to_wstring(::GetCurrentProcessId());
+    corvo::errorreport::watchdog watch; // watches nothing: it is not started
     pwrap::win_handle<0> started{support::CreateEventW.real(nullptr, FALSE, FALSE, nullptr)};
 
     std::vector<box> boxes;

@@ -1,7 +1,9 @@
-// Ends while the thread that sends earlier reports holds a lock of the system, which it gives back only half a second later, and does not end
-// by itself then. The program waits for the lock, ends the thread and itself.
+// Ends while the thread that sends earlier reports holds a lock of the system, which it gives back only when the program no longer waits for
+// a moment to end it (5 s), and does not end by itself then. The program waits for the lock, ends the thread and itself.
 //
-//     ends_while_locked.exe loader|heap
+//     ends_while_locked.exe loader|heap|loader-for-ever|heap-for-ever
+//
+// With the last two the lock is never given back, and nobody can end the program as it should end.
 
 #include "errorreport/error_reporting.h"
 #include "platform/loader_lock.h"
@@ -24,7 +26,7 @@ HANDLE WINAPI search_for_ever(const wchar_t*, FINDEX_INFO_LEVELS, void*, FINDEX_
         ::LdrLockLoaderLock(0, nullptr, &cookie);
     }
     locked = true;
-    ::Sleep(500);
+    ::Sleep(std::strstr(::GetCommandLineA(), "for-ever") != nullptr ? INFINITE : 5500);
     if (heap) {
         ::HeapUnlock(::GetProcessHeap());
     } else {

@@ -11,6 +11,7 @@
 #include "http/request/exchange.h"
 #include "http/request/open_request.h"
 #include "http/request/response.h"
+#include "platform/endable_thread.h"
 #include "platform/errors.h"
 #include "platform/last_error.h"
 #include "platform/progress.h"
@@ -146,7 +147,7 @@ private:
     // Without an event (its creation is not checked) the wait fails at once, and the end is waited for all the same: the callback thread
     // goes on with this object until then.
     void wait_for_end() const noexcept {
-        while (::WaitForSingleObject(m_done.get(), INFINITE) != WAIT_OBJECT_0 && !m_exchange.ended()) {
+        while (pwrap::wait_endable(m_done.get()) != WAIT_OBJECT_0 && !m_exchange.ended()) {
             ::Sleep(1);
         }
     }
