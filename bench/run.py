@@ -16,6 +16,7 @@ import subprocess
 import sys
 import tempfile
 import time
+import zlib
 from collections.abc import Callable
 from contextlib import ExitStack
 from dataclasses import dataclass
@@ -351,6 +352,28 @@ def crash_time(bench: Bench) -> list[Verdict]:
     return [Verdict("from a crash to the end of the process, report sent", f"{whole:.0f} ms", "stated", True)]
 
 
+def deep_crash(bench: Bench) -> list[Verdict]:
+    """A crash 50,000 calls deep beside a plain one, each with both reports sent."""
+    deep, plain = (bench.program(X64 / f"tests/crash/crash_{kind}.exe") for kind in ("deep_recursion", "access_violation"))
+    moment = bench.machine.folder / "moment.txt"
+    settings.set_screen_reader(bench.machine, True)
+
+    def crash(program: str) -> float:
+        bench.server.reset()
+        bench.server.queue = [FULL_WANTED, Answer()]
+        run = bench.machine.run(f'"{program}" --moment "{windows.windows_path(moment)}"')
+        if bench.server.kinds != ["short", "full"]:
+            raise SystemExit(f"the server has {bench.server.kinds} instead of a short and a full report")
+        return run.end - (int(moment.read_text(encoding="ascii")) / 1e7 - 11644473600)
+
+    ours, bare = bench.medians(lambda: crash(deep), lambda: crash(plain))
+    crash(deep)
+    full = len(zlib.decompress(bench.server.requests[1].body))
+    print(f"  50,000 calls deep {ours * 1000:.0f} ms from the crash to the end of the process, a plain crash {bare * 1000:.0f} ms")
+    return [Verdict("crash 50,000 calls deep, both reports sent: time to the end of the process", f"{ours:.2f} s", "under 2 s", ours < 2),
+            Verdict("full report of 50,000 calls, inflated", f"{full / 1048576:.2f} MiB", "under 2 MiB", full < 2 << 20)]
+
+
 def size(_: Bench) -> list[Verdict]:
     """What the product for ARM64 weighs, and what takes the room."""
     program = ARM64 / "src/updater/lumaris.exe"
@@ -387,7 +410,7 @@ def publish(bench: Bench) -> list[Verdict]:
 
 MEASUREMENTS = {"check": present_package, "download": download, "memory": memory, "url": url_parse, "compress": compress,
                 "cache": cached_read, "idle": idle_run, "machine": machine_check,
-                "report": report_size, "installation": installation, "crash": crash_time,
+                "report": report_size, "installation": installation, "crash": crash_time, "deep": deep_crash,
                 "size": size, "reports": reports, "publish": publish}
 
 

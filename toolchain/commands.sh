@@ -576,7 +576,7 @@ command_bench() {
         printf '%s\n' 'usage: ./dev bench [--only MEASUREMENT]... [--runs N] [--plot] [--from FILE] [--output FILE]' '' \
             'Builds native-release, x64-test and arm64-test, measures, and prints which numbers are reached.' '' \
             '  --only MEASUREMENT  measures only this; may be given again: check, download, memory, url, compress, cache, idle, machine,' \
-            '                      report, installation, crash, size' \
+            '                      report, installation, crash, deep, size' \
             '  --runs N            pairs a comparison (default: 5)' \
             '  --plot              keeps the numbers in bench/results.json, and puts table and plots into docs/performance.md' \
             '  --from FILE         takes the numbers from this file, and measures nothing' \

@@ -3,10 +3,11 @@
 from __future__ import annotations
 
 import struct
+import zlib
 
 import pytest
 
-from bed.report_server import Answer
+from bed.report_server import FULL_WANTED, Answer
 from bed.reports import Report
 from crash_world import CRASHED, CrashWorld
 from world import World
@@ -178,6 +179,27 @@ def test_a_program_that_does_not_crash_sends_nothing(crashes: CrashWorld) -> Non
     assert crashes.run("none", notes=["one"]).exit_code == 0
     assert crashes.server.requests == []
     crashes.assert_nothing_left()
+
+
+def test_a_crash_deep_in_a_recursion_has_reports_that_can_be_read(crashes: CrashWorld) -> None:
+    """50,000 calls deep; with a server that wants the full report, and without a server."""
+    crashes.server.queue = [FULL_WANTED, Answer()]
+    assert crashes.run("deep_recursion").exit_code == CRASHED
+    assert crashes.server.kinds == ["short", "full"]
+    sent = [each.body for each in crashes.server.requests]
+    with crashes.server.away():
+        assert crashes.run("deep_recursion").exit_code == CRASHED
+    for body in (*sent, *crashes.pair(0)):
+        report = crashes.read(body)
+        own = [each for each in report.frames if each.module == "crash_deep_recursion.exe"]
+        # The stack walk of the ARM64 Wine ends after two frames of a program.
+        assert len(own) > (50_000 if report.machine == "x86-64" else 1)
+        assert len(zlib.decompress(body)) < 2 << 20
+        stacks = [bool(each.stack) for each in own[1:]]  # the innermost function uses no stack
+        assert stacks == sorted(stacks, reverse=True), "the inner frames of a full report have their memory, those beyond have none"
+        assert any(stacks) == (report.kind == "full")
+    (crashes.temp / "0.tzo").unlink()
+    (crashes.temp / "0.tzr").unlink()
 
 
 def test_a_stack_overflow_in_large_frames_is_reported(crashes: CrashWorld) -> None:

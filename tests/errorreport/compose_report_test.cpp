@@ -405,6 +405,53 @@ TEST(compose_report, the_faulting_frame_alone_is_told_where_the_loader_is_busy) 
     EXPECT_TRUE(stack.frames_seen.empty()) << "the first walk of a process needs the loader";
 }
 
+// A stack with a frame beyond the 256th, and what helps the walk to it.
+struct deep_stack : fake_stack {
+    deep_stack() {
+        steps.assign(257, {true, 0x140001010, 0, 0, 1});
+        composed(report_kind::brief);
+        EXPECT_EQ(257U + 1, frames_seen.size());
+    }
+};
+
+TEST(compose_report, a_deep_stack_is_read_without_the_system) {
+    const deep_stack stack;
+    ASSERT_NE(nullptr, stack.deep_reader);
+    const std::string from = "memory";
+    std::string to(6, '\0');
+    DWORD read = 77;
+    EXPECT_TRUE(stack.deep_reader(nullptr, reinterpret_cast<DWORD64>(from.data()), to.data(), 6, &read));
+    EXPECT_EQ("memory", to);
+    EXPECT_EQ(6U, read);
+}
+
+TEST(compose_report, a_deep_stack_that_cannot_be_read_is_no_crash) {
+    const deep_stack stack;
+    ASSERT_NE(nullptr, stack.deep_reader);
+    // Two pages, of which the second cannot be read.
+    auto* pages = static_cast<char*>(::VirtualAlloc(nullptr, 8192, MEM_RESERVE, PAGE_NOACCESS));
+    ::VirtualAlloc(pages, 4096, MEM_COMMIT, PAGE_READWRITE);
+    std::string to(16, '\0');
+    for (const char* from : {pages + 4096, pages + 4088, static_cast<char*>(nullptr)}) {
+        DWORD read = 77;
+        EXPECT_FALSE(stack.deep_reader(nullptr, reinterpret_cast<DWORD64>(from), to.data(), 16, &read));
+        EXPECT_EQ(0U, read);
+    }
+    ::VirtualFree(pages, 0, MEM_RELEASE);
+}
+
+TEST(compose_report, a_deep_stack_is_walked_by_the_tables_of_the_process) {
+    const deep_stack stack;
+    ASSERT_NE(nullptr, stack.deep_table);
+    const auto code = reinterpret_cast<DWORD64>(&corvo::errorreport::compose_report);
+    const auto own = reinterpret_cast<DWORD64>(::GetModuleHandleW(nullptr));
+    EXPECT_EQ(own, stack.deep_base(nullptr, code));
+    const auto* entry = static_cast<const RUNTIME_FUNCTION*>(stack.deep_table(nullptr, code));
+    ASSERT_NE(nullptr, entry);
+    EXPECT_EQ(code, own + entry->BeginAddress);
+    EXPECT_EQ(0U, stack.deep_base(nullptr, 0x10)) << "no module is there";
+}
+
 TEST(compose_report, a_module_that_the_engine_does_not_know_is_found_by_its_memory) {
     fake_stack stack;
     stack.modules[0x150000000] = {L"C:\\late.dll", 0x99, 0};

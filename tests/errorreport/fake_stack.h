@@ -116,6 +116,10 @@ public:
     HANDLE process_seen = nullptr;
     HANDLE thread_seen = nullptr;
     CONTEXT first_context_seen{};
+    // What the walk got for the frames beyond the 256th.
+    PREAD_PROCESS_MEMORY_ROUTINE64 deep_reader = nullptr;
+    PFUNCTION_TABLE_ACCESS_ROUTINE64 deep_table = nullptr;
+    PGET_MODULE_BASE_ROUTINE64 deep_base = nullptr;
 
 private:
     static DWORD64 base_of(DWORD64 address) { return address & ~DWORD64{0xFFFF}; }
@@ -153,6 +157,9 @@ private:
         return system_knows_memory ? size : 15;
     }
 
+    PFUNCTION_TABLE_ACCESS_ROUTINE64 first_table = nullptr;
+    PGET_MODULE_BASE_ROUTINE64 first_base = nullptr;
+
     EXCEPTION_RECORD m_record{};
     CONTEXT m_context{};
     EXCEPTION_POINTERS m_pointers{};
@@ -161,9 +168,22 @@ private:
     support::script<decltype(::StackWalk64)> m_walk{
         support::StackWalk64, [this](DWORD machine, HANDLE process, HANDLE thread, STACKFRAME64* frame,
                                      void* context, auto reader, auto table, auto base, auto translator) {
-            EXPECT_EQ(nullptr, reader);
-            EXPECT_NE(nullptr, table); // the symbol engine's own
+            const bool deep = frames_seen.size() >= 256;
+            EXPECT_EQ(deep, reader != nullptr) << "the system reads an ordinary stack";
+            EXPECT_NE(nullptr, table); // the symbol engine's own, but for a deep stack
             EXPECT_NE(nullptr, base);
+            if (deep) {
+                EXPECT_NE(first_table, table);
+                EXPECT_NE(first_base, base);
+                deep_reader = reader;
+                deep_table = table;
+                deep_base = base;
+            } else {
+                EXPECT_TRUE(first_table == nullptr || first_table == table);
+                EXPECT_TRUE(first_base == nullptr || first_base == base);
+                first_table = table;
+                first_base = base;
+            }
             EXPECT_EQ(nullptr, translator);
             return walk(machine, process, thread, frame, context);
         }};
