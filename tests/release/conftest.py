@@ -28,10 +28,11 @@ PARTNER = "Partneri \"Provë\" 100%"
 
 @dataclass(frozen=True)
 class Built:
-    """The program and its PDB, and what they were configured with."""
+    """The program with its PDB and the linker's map, and what they were configured with."""
 
     program: bytes = field(repr=False)
     pdb: bytes = field(repr=False)
+    linker_map: str = field(repr=False)
     configuration: Configuration
     test_key: TestKey
     allowed: dict[str, frozenset[str]]
@@ -60,7 +61,7 @@ def built_fixture() -> Built:
     _run("ninja", "-C", str(folder), "lumaris")
     lines = {name: (ROOT / "tests/keys" / name).read_text(encoding="ascii").splitlines()[1] for name in ("test.pub", "test.key")}
     return Built((folder / "src/updater/lumaris.exe").read_bytes(), (folder / "src/updater/lumaris.pdb").read_bytes(),
-                 program.Configuration(str(version.OWN), key, UPDATE_HOST, REPORT_HOST, PARTNER),
+                 (folder / "src/updater/lumaris.map").read_text(encoding="utf-8"), program.Configuration(str(version.OWN), key, UPDATE_HOST, REPORT_HOST, PARTNER),
                  program.TestKey(lines["test.pub"], lines["test.key"]),
                  program.read_allowed((ROOT / "tools/release/imports.txt").read_text(encoding="utf-8")))
 

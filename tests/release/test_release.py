@@ -5,11 +5,14 @@ from __future__ import annotations
 import hashlib
 import json
 import os
+import re
+import struct
 import subprocess
 import sys
 from pathlib import Path
 from types import ModuleType
 
+import pefile
 import pytest
 from bed import version, windows
 from conftest import PARTNER, REPORT_HOST, ROOT, UPDATE_HOST, Built, Signer
@@ -29,8 +32,8 @@ def environment_fixture(built: Built, monkeypatch: pytest.MonkeyPatch) -> None:
 class Steps:
     """The steps of a release, with builds that are there already."""
 
-    def __init__(self, release: ModuleType, folder: Path, monkeypatch: pytest.MonkeyPatch, first: tuple[bytes, bytes],
-                 second: tuple[bytes, bytes] | None = None, changed: list[str] | None = None) -> None:
+    def __init__(self, release: ModuleType, folder: Path, monkeypatch: pytest.MonkeyPatch, first: tuple[bytes, bytes, str],
+                 second: tuple[bytes, bytes, str] | None = None, changed: list[str] | None = None) -> None:
         self.output, self.candidate = folder / "output", folder / "candidate"
         self._main = release.main
         builds = release.builds
@@ -53,7 +56,7 @@ class Steps:
 
 @pytest.fixture(name="steps")
 def steps_fixture(release: ModuleType, tmp_path: Path, monkeypatch: pytest.MonkeyPatch, built: Built, environment: None, reader: Path) -> Steps:
-    return Steps(release, tmp_path, monkeypatch, (built.program, built.pdb))
+    return Steps(release, tmp_path, monkeypatch, (built.program, built.pdb, built.linker_map))
 
 
 def test_an_unsigned_release_is_the_program_as_it_was_built(steps: Steps, built: Built, capsys: pytest.CaptureFixture[str]) -> None:
@@ -115,7 +118,7 @@ def test_builds_that_differ_are_refused(which: str, release: ModuleType, tmp_pat
                                         environment: None, capsys: pytest.CaptureFixture[str]) -> None:
     def other(data: bytes, wanted: str) -> bytes:
         return data[:0x3000] + bytes([data[0x3000] ^ 1]) + data[0x3001:] if which == wanted else data
-    steps = Steps(release, tmp_path, monkeypatch, (built.program, built.pdb), (other(built.program, "lumaris.exe"), other(built.pdb, "lumaris.pdb")))
+    steps = Steps(release, tmp_path, monkeypatch, (built.program, built.pdb, built.linker_map), (other(built.program, "lumaris.exe"), other(built.pdb, "lumaris.pdb"), built.linker_map))
     assert steps("make") == EXIT_REFUSED
     said = capsys.readouterr().err
     assert "release: REFUSED: two builds of the same sources are not the same bytes\n" in said
@@ -125,7 +128,7 @@ def test_builds_that_differ_are_refused(which: str, release: ModuleType, tmp_pat
 
 def test_a_program_that_fails_a_check_is_refused(release: ModuleType, tmp_path: Path, monkeypatch: pytest.MonkeyPatch, built: Built,
                                                  environment: None, capsys: pytest.CaptureFixture[str]) -> None:
-    steps = Steps(release, tmp_path, monkeypatch, (built.program + b"localhost", built.pdb[:-4096]))
+    steps = Steps(release, tmp_path, monkeypatch, (built.program + b"localhost", built.pdb[:-4096], built.linker_map))
     assert steps("make") == EXIT_REFUSED
     assert capsys.readouterr().err.splitlines() == [
         f"release: REFUSED: 9 bytes stand behind the last section, from offset 0x{len(built.program):X}",
@@ -136,11 +139,25 @@ def test_a_program_that_fails_a_check_is_refused(release: ModuleType, tmp_path: 
 def test_the_list_of_imports_of_the_release_is_the_one_in_use(release: ModuleType, built: Built) -> None:
     image = built.program.replace(b"\0TerminateThread\0", b"\0SuspendThread\0\0\0")
     assert "the program imports SuspendThread of kernel32.dll, which is not in the list of imports" in release.check_built(
-        image, built.pdb, built.configuration)
+        release.builds.Build(image, built.pdb, built.linker_map), built.configuration)
+
+
+def test_a_program_without_frame_pointers_is_refused(release: ModuleType, built: Built) -> None:
+    """Every function of it that saves its return address sets no frame pointer, as its unwind data say."""
+    headers = pefile.PE(data=built.program, fast_load=True)
+    table = headers.OPTIONAL_HEADER.DATA_DIRECTORY[3]
+    begin = headers.get_offset_from_rva(table.VirtualAddress)
+    without = b"".join(struct.pack("<II", function, 1 << 21 | 8 << 2 | 1) for function, _ in
+                       struct.iter_unpack("<II", built.program[begin:begin + table.Size]))
+    image = built.program[:begin] + without + built.program[begin + table.Size:]
+    complaint, = release.check_built(release.builds.Build(image, built.pdb, built.linker_map), built.configuration)
+    assert re.fullmatch(r"(\d+) of \1 functions keep no frame pointer, the first at 0x[0-9A-F]+: error reports would not hold the memory of their frames",
+                        complaint)
 
 
 def test_a_library_outside_of_the_bill_is_refused(release: ModuleType, built: Built) -> None:
-    complaints = release.check_built(built.program, built.pdb.replace(b"/lib/libz.a\0", b"/lib/libq.a\0"), built.configuration)
+    other = release.builds.Build(built.program, built.pdb.replace(b"/lib/libz.a\0", b"/lib/libq.a\0"), built.linker_map)
+    complaints = release.check_built(other, built.configuration)
     assert "libq.a is linked into the program, and the bill of materials does not name it" in complaints
 
 
@@ -181,14 +198,14 @@ def test_the_default_hosts_are_warned_of_where_they_are_allowed(release: ModuleT
                                                                 built: Built, environment: None, capsys: pytest.CaptureFixture[str]) -> None:
     monkeypatch.delenv("LUMARIS_UPDATE_HOST")
     image = built.program.replace(b"\0updates.halvoro.internal\0", b"\0updates.tavrin.example\0\0\0")
-    steps = Steps(release, tmp_path, monkeypatch, (image, built.pdb))
+    steps = Steps(release, tmp_path, monkeypatch, (image, built.pdb, built.linker_map))
     assert steps("make", "--allow-default-hosts") == 0
     assert "release: WARNING: the update host is updates.tavrin.example, which no machine can reach" in capsys.readouterr().out
 
 
 def test_sources_that_are_not_committed_are_refused(release: ModuleType, tmp_path: Path, monkeypatch: pytest.MonkeyPatch, built: Built,
                                                     environment: None, capsys: pytest.CaptureFixture[str]) -> None:
-    steps = Steps(release, tmp_path, monkeypatch, (built.program, built.pdb), changed=["src/updater/main.cpp"])
+    steps = Steps(release, tmp_path, monkeypatch, (built.program, built.pdb, built.linker_map), changed=["src/updater/main.cpp"])
     assert steps("make") == EXIT_REFUSED
     assert "release: REFUSED: 1 files are not as committed (src/updater/main.cpp): nobody else could build this" in capsys.readouterr().err
     assert steps("make", "--allow-changes") == 0

@@ -20,6 +20,7 @@ import asking  # noqa: E402  (the path to it is set above)
 import bill  # noqa: E402
 import builds  # noqa: E402
 import compare  # noqa: E402
+import frames  # noqa: E402
 import notices  # noqa: E402
 import program  # noqa: E402
 import signing  # noqa: E402
@@ -84,11 +85,12 @@ def check_configuration(configured: program.Configuration, allow_default_hosts: 
     return complaints
 
 
-def check_built(image: bytes, pdb: bytes, configured: program.Configuration) -> list[str]:
+def check_built(built: builds.Build, configured: program.Configuration) -> list[str]:
     """All checks of what was built."""
     allowed = program.read_allowed((Path(__file__).with_name("imports.txt")).read_text(encoding="utf-8"))
-    return [*program.check_program(image, configured, test_key(), allowed), *program.check_pdb(image, pdb),
-            *bill.check_parts(program.archives_of(pdb))]
+    sources = {each.name for each in (builds.ROOT / "src").rglob("*.cpp")}
+    return [*program.check_program(built.program, configured, test_key(), allowed), *program.check_pdb(built.program, built.pdb),
+            *frames.check(built.program, built.linker_map, sources), *bill.check_parts(program.archives_of(built.pdb))]
 
 
 def remove_shipped(folder: Path) -> None:
@@ -117,7 +119,7 @@ def make(options: argparse.Namespace) -> None:
                       *compare.differences("lumaris.pdb", first.pdb, second.pdb)]:
         raise Refusal("two builds of the same sources are not the same bytes", *complaints)
     print(f"release: both builds are the same bytes: lumaris.exe {len(first.program):,}, lumaris.pdb {len(first.pdb):,}", flush=True)
-    if complaints := check_built(first.program, first.pdb, configured):
+    if complaints := check_built(first, configured):
         raise Refusal(*complaints)
     print("release: the program is as it must be: headers, sections, guard, imports, resources, size, keys, hosts, paths", flush=True)
     named = asking.user_agent(first.program, configured.update_host)

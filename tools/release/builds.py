@@ -31,11 +31,14 @@ class Build:
 
     program: bytes
     pdb: bytes
+    linker_map: str
 
     @staticmethod
     def read(folder: Path) -> Build:
         """Reads it out of the build folder."""
-        return Build((folder / "src/updater/lumaris.exe").read_bytes(), (folder / "src/updater/lumaris.pdb").read_bytes())
+        program = folder / "src/updater/lumaris.exe"
+        return Build(program.read_bytes(), program.with_suffix(".pdb").read_bytes(),
+                     program.with_suffix(".map").read_text(encoding="utf-8"))
 
 
 @dataclass(frozen=True)
