@@ -42,7 +42,7 @@ MB = 1 << 20
 X64 = TREE / "build/x64-test"
 ARM64 = TREE / "build/arm64-test"
 NATIVE = TREE / "build/native-release"
-SIZE_LIMIT = 600 * 1024
+SIZE_LIMIT = 400 * 1024
 CHECK_LIMIT = 500 * 1024
 INSTALLER_LIMIT = 150 * 1024
 RESULTS = TREE / "bench/results.json"
@@ -380,7 +380,7 @@ def size(_: Bench) -> list[Verdict]:
     print(size_report.table(program))
     taken = program.stat().st_size
     checks = {name: (build / "tools/check/lumaris_check.exe").stat().st_size for name, build in (("ARM64", ARM64), ("x86-64", X64))}
-    return [Verdict("lumaris.exe for ARM64, stripped", f"{taken / 1024:.0f} KB", "at most 600 KB", taken <= SIZE_LIMIT),
+    return [Verdict("lumaris.exe for ARM64, stripped", f"{taken / 1024:.0f} KB", "at most 400 KB", taken <= SIZE_LIMIT),
             *(Verdict(f"lumaris_check.exe for {name}", f"{each / 1024:.0f} KB", "under 500 KB", each < CHECK_LIMIT) for name, each in checks.items()),
             _installer_size()]
 

@@ -19,7 +19,7 @@ import pefile
 
 from msf import BrokenFile, Msf
 
-SIZE_LIMIT = 600 * 1024
+SIZE_LIMIT = 400 * 1024
 
 MACHINE_ARM64 = 0xAA64
 SUBSYSTEM_GUI = 2
