@@ -226,8 +226,16 @@ def test_a_redirected_report_goes_nowhere_else_and_stays(saved: CrashWorld, faul
     """Another server's answer would count as delivery."""
     bed.server.reset()
     bed.server.answers["/elsewhere"] = faulty.answers["/elsewhere"] = Raw((THANKS.whole,))
-    suffer(saved, faulty, pair, post, Reply(b"", status, ("Content-Type: text/plain", f"Location: {location}")), {KEPT})
+    redirection = Reply(b"", status, ("Content-Type: text/plain", f"Location: {location}"))
+    before = [Raw((FULL_WANTED.whole,))] if post == "full" else []
+    next_start(saved, *before, redirection, Raw((THANKS.whole,)), server=faulty)
+    # Neither to that place, nor once more to its own, by whatever method; and once is enough.
+    asked = [(each.method, each.target, each.body) for each in faulty.requests]
+    assert asked == [("POST", PATH, body) for body in (pair if post == "full" else pair[:1])]
     assert bed.server.targets == []
+    assert saved.files() == (["0.tzr"] if post == "full" else ["0.tzo", "0.tzr"])
+    next_start(saved, Raw((THANKS.whole,)), server=faulty)
+    assert posts(faulty) == ([] if post == "full" else [pair[0]])
 
 
 def test_a_short_reply_that_asks_for_more_and_is_cut_still_asks_for_it(saved: CrashWorld, faulty: ScriptedServer, pair: Pair) -> None:
