@@ -169,7 +169,7 @@ void component::give_back() noexcept {
     }
 }
 
-// It spends its time in waits, where it can be ended, but for the moments between them. When none comes, it is ended while it holds
+// The thread spends its time in waits, in which it can be ended, but for the moments between them. If no wait comes, it is ended while it holds
 // neither the lock of the system's loader nor that of the heap, as far as these can be had: nobody would give them back, and the process
 // would wait for them for ever. In this order: loading allocates. For the heap's there is no wait with a limit.
 void component::end_start_up_thread() noexcept {
@@ -227,7 +227,7 @@ LONG component::filter(const EXCEPTION_POINTERS* exception) noexcept {
             ::Sleep(INFINITE); // the process ends with the first crash
         }
         m_watchdog.sign();
-        // Who holds the lock for long waits for the start-up thread, or cannot come to his end because of this crash.
+        // A thread that holds the lock for long waits for the start-up thread, or cannot go on because of this crash.
         const bool locked = m_lock.try_lock_for(start_up_limit);
         if (m_start_up_thread &&
             ended(::WaitForSingleObject(m_start_up_thread.get(), locked ? start_up_limit : 0))) {

@@ -2,8 +2,8 @@
 // thread. error_reporting.h has the one object of the program.
 //
 // Owns its thread handles, its event, its watchdog and the notes. One ordinary mutex guards installation, the filter, the notes and the
-// removal; the crashing thread holds it until the process ends, so neither of the component's threads takes it. Nobody allocates or frees
-// memory while he holds it, but the crashing thread. The object must live until the process has ended: its filter can be called after
+// removal; the crashing thread holds it until the process ends, so neither of the component's threads takes it. No thread but the crashing
+// one allocates or frees memory while it holds the mutex. The object must live until the process has ended: its filter can be called after
 // the removal.
 //
 // A crashing thread may hold any lock of the system, and may be one that others wait for. So each wait that a crash leads to either has a

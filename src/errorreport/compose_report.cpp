@@ -115,7 +115,7 @@ private:
 // be gone.
 constexpr DWORD loader_limit = 2000;
 
-// The path of the file that a module was loaded from. Throws pwrap::win_runtime_error where it has none.
+// The path of the file that a module was loaded from. Throws pwrap::win_runtime_error if it has none.
 std::wstring module_path(DWORD64 base, bool loader_is_free) {
     std::wstring path;
     if (loader_is_free) {
@@ -214,7 +214,7 @@ void walk_stack(stream::basic& out, report_kind kind, const crash& what) {
     DWORD64 written_module = 0; // none
     std::uint32_t frames = 0;
     memory_budget budget;
-    // The first walk of a process and the names of modules need the loader. Without it the faulting frame is told, and no other.
+    // The first walk of a process and the names of modules need the loader. Without it only the faulting frame is reported.
     const bool loader_is_free{pwrap::loader_lock(loader_limit)};
     do {
         const walk_helpers helpers = helpers_at(frames);

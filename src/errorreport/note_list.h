@@ -29,7 +29,7 @@ public:
     };
 
     // Takes the note of the entry. When there are ten, the oldest is dropped for it and is left in the entry. Throws std::length_error
-    // "list too long" where the container can hold no more.
+    // "list too long" if the container can hold no more.
     void exchange(entry& note);
 
     void swap(note_list& other) noexcept { m_notes.swap(other.m_notes); }

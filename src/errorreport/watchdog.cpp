@@ -51,12 +51,11 @@ DWORD watchdog::watch() noexcept {
         result = ::WaitForMultipleObjects(2, either, FALSE, std::min(m_limit.load(), m_removal_limit.load()));
     } while (result == WAIT_OBJECT_0);
     if (result != WAIT_TIMEOUT) {
-        return static_cast<DWORD>(
-            -1); // a failure, where this is the last thread and so its code is that of the process
+        return static_cast<DWORD>(-1); // a failure: the exit code of the last thread is that of the process
     }
     ::SetEvent(m_overdue.get());
     if (m_limit != INFINITE) {                                    // somebody saves the report of a crash
-        ::WaitForSingleObject(::GetCurrentProcess(), last_limit); // which ends when he is done
+        ::WaitForSingleObject(::GetCurrentProcess(), last_limit); // and then ends the process
     }
     ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(-1));
     return 0;

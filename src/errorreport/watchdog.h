@@ -20,7 +20,7 @@ public:
     static constexpr DWORD report_limit = 300000;
     static constexpr DWORD last_limit = 15000;
 
-    // Nothing is watched where the events cannot be made.
+    // Nothing is watched if the events cannot be made.
     watchdog() noexcept;
     watchdog(const watchdog&) = delete;
     watchdog& operator=(const watchdog&) = delete;
@@ -35,7 +35,7 @@ public:
     // The same for the removal of the component, which ends with INFINITE; the nearer of both limits counts.
     void sign_of_removal(DWORD limit) noexcept;
 
-    // Signalled once a sign is overdue, and from then on. Null where nothing is watched.
+    // Signalled once a sign is overdue, and from then on. Null if nothing is watched.
     [[nodiscard]] HANDLE overdue() const noexcept { return m_overdue.get(); }
 
 private:

@@ -21,7 +21,7 @@ public:
     static void forget(DWORD ended_thread) noexcept;
 };
 
-// Keeps an endable thread from going on, for as long as the object lives. False where that could not be had within `limit` milliseconds.
+// Keeps an endable thread from going on, for as long as the object lives. False if that could not be had within `limit` milliseconds.
 class endable_thread_hold {
 public:
     explicit endable_thread_hold(DWORD limit) noexcept;

@@ -23,7 +23,7 @@ def ended_in_time(run: FinishedRun) -> bool:
 
 
 def assert_saved(crashes: CrashWorld, kind: str) -> None:
-    """The crash is saved, whole, and told as far as it can be without the symbol engine."""
+    """The crash is saved, whole, as far as it is known without the symbol engine."""
     for body, name in zip(crashes.pair(0), ("short", "full"), strict=True):
         report = crashes.read(body, kind)
         assert (report.kind, report.code, report.notes) == (name, ACCESS_VIOLATION, ())

@@ -17,7 +17,7 @@ from msf import BrokenFile
 # address, size, alignment, object file and section
 _PIECE = re.compile(r"^([0-9a-f]{8}) ([0-9a-f]{8}) +\d+ {9}(?:\S*/)?([^/\s]+)\.obj:\(\.text", re.MULTILINE)
 
-# How long an unwind code is, by its first byte; one byte where it does not stand here.
+# How long an unwind code is, by its first byte; the others are one byte long.
 _CODE_LENGTHS = {**dict.fromkeys(range(0xC0, 0xE0), 2), 0xE0: 4, 0xE2: 2, 0xE7: 3}
 _ENDS = {0xE4, 0xE5}
 
