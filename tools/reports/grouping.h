@@ -1,6 +1,6 @@
 // Which crashes are the same one.
 //
-// Offsets differ from build to build and function names do not, so a group is told by the program, the exception code and the
+// Offsets differ from build to build and function names do not, so a group is distinguished by the program, the exception code and the
 // names of the first functions of our own, past those that only pass a failure on. Portable, no state, any thread.
 #pragma once
 

@@ -1,4 +1,4 @@
-"""One at a time: whoever changes a publication holds its lock, and the next one waits or is told who that is."""
+"""One at a time: whoever changes a publication holds its lock, and the next one waits or learns who that is."""
 
 from __future__ import annotations
 
