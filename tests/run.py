@@ -188,6 +188,16 @@ def run_whole(suite: Suite, options: argparse.Namespace) -> Result:
         reported(suite, arguments + (["-k", options.k] if options.k else []), report, (0, 1, 5))
 
 
+def run_proof(suite: Suite, options: argparse.Namespace) -> Result:
+    """The proof for a real Windows, packed and made under Wine."""
+    build = BUILD / f"{suite.architecture}-test"
+    report = RESULTS / f"{suite.name}.xml"
+    arguments = [sys.executable, "-m", "pytest", str(TREE / "tests/proof"), "--arch", str(suite.architecture), "-p", "no:cacheprovider", "-rs",
+                 f"--junit-xml={report}"]
+    return missing(build / "tools/proof/proof.exe", build / "tests/unit_tests.exe", build / "tests/bed/windows/agent.exe") or \
+        reported(suite, arguments + (["-k", options.k] if options.k else []), report, (0, 1, 5))
+
+
 def run_pytest(suite: Suite, options: argparse.Namespace) -> Result:
     """The tests of the folder that is named like the suite: of the set-up itself, of what a release must be, or of the publisher's kit."""
     report = RESULTS / f"{suite.name}.xml"
@@ -232,6 +242,8 @@ SUITES = (
     Suite("e2e-arm64", frozenset({"e2e", "arm64"}), run_whole, "arm64"),
     Suite("unit-arm64", frozenset({"unit", "arm64"}), run_unit, "arm64"),
     Suite("e2e-x64", frozenset({"e2e", "x64"}), run_whole, "x64"),
+    Suite("proof-arm64", frozenset({"proof", "arm64"}), run_proof, "arm64"),
+    Suite("proof-x64", frozenset({"proof", "x64"}), run_proof, "x64"),
     Suite("unit-x64", frozenset({"unit", "x64"}), run_unit, "x64"),
     Suite("ubsan-arm64", frozenset({"ubsan"}), run_undefined, "arm64"),
     Suite("ubsan-x64", frozenset({"ubsan"}), run_undefined, "x64"),
@@ -290,7 +302,7 @@ def main() -> int:
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--only", action="append", metavar="WHAT", default=[],
                         choices=sorted({suite.name for suite in SUITES}.union(*(suite.tags for suite in SUITES))),
-                        help="run only these: native, tsan, x64, arm64, unit, ubsan, e2e, fuzz, ground, release, publish, reports, or one suite such as e2e-x64; "
+                        help="run only these: native, tsan, x64, arm64, unit, ubsan, e2e, proof, fuzz, ground, release, publish, reports, or one suite such as e2e-x64; "
                              "may be given more than once")
     parser.add_argument("-k", metavar="NAME", help="run only the tests whose name holds this")
     parser.add_argument("--jobs", type=int, default=2, help="suites at a time (default: 2)")

@@ -16,6 +16,7 @@ below the cache folder, once) and then its job. It needs a Debian-like machine, 
   publish      publishes releases: signs packages and descriptions, and switches all of a channel at once
   publish-kit  packs the tool behind publish for Debian 12 and 13, as lumaris-publish
   reports-kit  packs the server that takes error reports for Debian 13, as lumaris-reports
+  proof-kit    packs a proof that can be run on a real Windows: one folder, one command, one verdict
   bench        measures the program, and compares the numbers with their limits
   fuzz         runs the fuzz targets
   soak         runs the long tests that ./dev test leaves out, or lists them with their times
@@ -571,6 +572,48 @@ command_reports_kit() {
     mkdir -p -- "$output" && cp -- "$here"/build/reports-kit/*.deb "$output/" || die "cannot write to $output"
 }
 
+proof_kit_help() {
+    cat <<'END'
+usage: ./dev proof-kit [--arch arm64|x64]... [--output FOLDER]
+
+Makes lumaris-proof-VERSION-arm64.zip and -x64.zip: proof.exe with the tests, the crash programs, lumaris.exe with the test key, signed files
+and packages. Unpacked on a Windows, `proof` makes all its checks there and gives one verdict. docs/on_real_windows.md says how it is read.
+
+  --arch ARCH      only the kit for this processor
+  --output FOLDER  where the kits go (default: build/proof-kit)
+
+example:
+  ./dev proof-kit --arch arm64
+END
+}
+
+command_proof_kit() {
+    local output='' archs=() arguments=() arch
+    while (($#)); do
+        case $1 in
+        --help | -h) proof_kit_help; return ;;
+        --output) [[ -n ${2:-} ]] || die "--output needs a folder"; output=$2; shift 2 ;;
+        --arch)
+            [[ ${2:-} == arm64 || ${2:-} == x64 ]] || die "--arch takes arm64 or x64"
+            archs+=("$2")
+            shift 2
+            ;;
+        *) die "unknown argument $1" "See ./dev proof-kit --help." ;;
+        esac
+    done
+    ((${#archs[@]})) || archs=(arm64 x64)
+    need "${products_arm64[@]}" "${products_x64[@]}"
+    for arch in "${archs[@]}"; do
+        arguments+=(--arch "$arch")
+        job build "$arch-test" || return
+    done
+    check_after_failure in_room python3 tools/proof "${arguments[@]}" || return
+    [[ -n $output ]] || return 0
+    for arch in "${archs[@]}"; do
+        mkdir -p -- "$output" && cp -- "$here"/build/proof-kit/lumaris-proof-*-"$arch".zip "$output/" || die "cannot write to $output"
+    done
+}
+
 command_bench() {
     if [[ ${1:-} == --help || ${1:-} == -h ]]; then
         printf '%s\n' 'usage: ./dev bench [--only MEASUREMENT]... [--runs N] [--plot] [--from FILE] [--output FILE]' '' \
@@ -713,6 +756,7 @@ main() {
     run | test | build | release | installer | publish | bench | fuzz | soak | plan | coverage | docs | lint | shell | report) "command_$chosen" "$@" ;;
     publish-kit) command_publish_kit "$@" ;;
     reports-kit) command_reports_kit "$@" ;;
+    proof-kit) command_proof_kit "$@" ;;
     --help | -h | help) help_text ;;
     '') help_text >&2; exit 2 ;;
     *) die "unknown command: $chosen" "See ./dev --help." ;;

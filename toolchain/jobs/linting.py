@@ -32,6 +32,7 @@ TYPED_FOLDERS: dict[str, tuple[str, ...]] = {
     "toolchain": (),
     "tools/demo": ("tools",),
     "tools/installer": (),
+    "tools/proof": ("tools/installer",),
     "tools/publish": (),
     "tools/release": (),
     "bench": ("tests/reports",),
@@ -41,6 +42,7 @@ TYPED_FOLDERS: dict[str, tuple[str, ...]] = {
     "tests/endurance": ("tests/e2e",),
     "tests/ground": ("tests", "bench"),  # "run" is that of tests/
     "tests/mutations": (),
+    "tests/proof": (),
     "tests/publish": ("tools/publish",),
     "tests/release": (),
     "tests/reports": (),

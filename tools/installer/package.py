@@ -122,10 +122,10 @@ def finish(package: Path, architecture: str, programs: dict[str, Path], *, subje
     _import_table(package, "MsiLockPermissionsEx",
                   ["MsiLockPermissionsEx\tLockObject\tTable\tSDDLText\tCondition", "s72\ts72\ts32\ts0\tS255", "MsiLockPermissionsEx\tMsiLockPermissionsEx"],
                   [[f"{folder}Rights", folder, "CreateFolder", rights, ""] for folder, rights in {"LumarisStore": STORE_RIGHTS, **(more or {})}.items()])
-    _stamp(package, architecture, subject)
+    stamp(package, architecture, subject)
 
 
-def _stamp(package: Path, architecture: str, subject: str) -> None:
+def stamp(package: Path, architecture: str, subject: str) -> None:
     """Gives the package its platform, and in the place of a random code and the present time what its content says."""
     zero = "{00000000-0000-0000-0000-000000000000}"
     run("msibuild", str(package), "-s", subject, "Tavrin", f"{PLATFORMS[architecture]};1033", zero)

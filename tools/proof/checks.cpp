@@ -1,0 +1,98 @@
+#include "tools/proof/checks.h"
+
+#include "tools/proof/files.h"
+
+#include "platform/errors.h"
+
+#include <array>
+#include <cstdio>
+
+namespace proof {
+
+namespace {
+
+constexpr std::array table{
+    check{"unit-tests", "The unit tests pass.", "", check_unit_tests},
+    check{
+        "crashes",
+        "Every kind of crash is reported: its code, the functions it happened in, and how the process ends.",
+        "", check_crashes},
+    check{"network-gate", "The updater heeds what the system says about the network.",
+          "names in the hosts file; port 80 of the loopback address", check_network_gate},
+    check{"updates",
+          "Whole runs of the updater: from nothing to the installer, and everything that is to stop it.",
+          "names in the hosts file; ports 80 and 8118 of the loopback address; the proxy of WinHTTP; the key "
+          "HKLM\\SOFTWARE\\Tavrin; "
+          "the folders Tavrin in Program Files and Common Files; a product that installs one file",
+          check_updates},
+    check{"tls",
+          "A package over TLS: a certificate that is trusted, and each that is not, with the text of its "
+          "failure.",
+          "names in the hosts file; ports 80 and 443 of the loopback address; the folder Tavrin in Common "
+          "Files; a key, and a certificate in "
+          "the machine's ROOT store for some seconds",
+          check_tls},
+    check{"saved-reports",
+          "Reports that cannot be sent are kept, also when the program that sends them is killed.",
+          "names in the hosts file; port 443 of the loopback address 127.0.0.2", check_saved_reports},
+    check{"installation",
+          "The installer: installation, rights of the folder, the task, a failing upgrade, an upgrade, and "
+          "removal.",
+          "names in the hosts file; port 80 of the loopback address; an installed Lumaris: the key "
+          "HKLM\\SOFTWARE\\Tavrin, the event source "
+          "HalvoroUpdate, the task Tavrin\\Halvoro update, and the folders Tavrin in Program Files and "
+          "Common Files",
+          check_installation},
+};
+
+} // namespace
+
+std::span<const check> all_checks() noexcept {
+    return table;
+}
+
+std::string context::signed_file(const char* name) const {
+    return read_file(folder + L"signed\\" + wide(name));
+}
+
+std::wstring context::fresh_temporary_folder() const {
+    const std::wstring path = changes.work_folder() + L"temp";
+    delete_tree(path);
+    ::CreateDirectoryW(path.c_str(), nullptr);
+    ::SetEnvironmentVariableW(L"TMP", path.c_str());
+    ::SetEnvironmentVariableW(L"TEMP", path.c_str());
+    return path + L"\\";
+}
+
+std::string hexadecimal(unsigned long long value) {
+    std::array<char, 24> text{};
+    std::snprintf(text.data(), text.size(), "0x%08llX", value);
+    return text.data();
+}
+
+std::string exit_text(const finished_run& run) {
+    return run.exit_code ? hexadecimal(*run.exit_code) : "ended at its time limit";
+}
+
+std::string neutral(std::string message) {
+    for (const DWORD number : {10060UL, 12002UL, 12007UL, 12029UL, 12030UL, 12152UL, 12157UL, 12175UL}) {
+        const std::string text = pwrap::http_error_message(number, 0);
+        if (message.ends_with(text)) {
+            message.replace(message.size() - text.size(), text.size(), "Error " + std::to_string(number));
+            break;
+        }
+    }
+    return message;
+}
+
+finished_run run_updater(context& around, DWORD settle, bool installs) {
+    around.fresh_temporary_folder();
+    around.events.begin();
+    run_options options;
+    options.limit = 120'000;
+    options.settle = settle;
+    options.installs = installs;
+    return run_program(L"\"" + around.program(L"src\\updater\\lumaris.exe") + L"\"", options);
+}
+
+} // namespace proof
