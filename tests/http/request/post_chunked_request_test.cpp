@@ -6,6 +6,7 @@
 #include "tests/http/request/deliveries.h"
 #include "tests/http/request/expect.h"
 #include "tests/http/request/scripted_source.h"
+#include "tests/http/request/world.h"
 #include "tests/stream/expect.h"
 #include "tests/support/chunked_body.h"
 #include "tests/support/fake_winhttp.h"
@@ -27,38 +28,17 @@ using support::fake_winhttp;
 using delivery = fake_winhttp::delivery;
 using corvo::stream::state_t;
 
-using header_line = std::function<void(const char*, std::size_t)>;
-using content_length = std::function<void(std::uint32_t)>;
+using test::content_length;
+using test::header_line;
+using test::patience;
 using post_request =
     webio::post_chunked_request<header_line, content_length, corvo::stream::basic, std::uint64_t>;
 using request_base = webio::request<header_line, content_length, corvo::stream::basic, std::uint64_t>;
 
-constexpr auto patience =
-    std::chrono::seconds(60); // far more than anything takes; only ends a test that hangs
-
-class indicator : public corvo::progress<std::uint64_t> {
-public:
-    void set_range(std::uint64_t start, std::uint64_t end) override {
-        reported.push_back("range " + std::to_string(start) + " " + std::to_string(end));
-    }
-    void set(std::uint64_t position) override { reported.push_back("set " + std::to_string(position)); }
-    bool cancel() override {
-        ++asked;
-        return cancel_at != 0 && asked >= cancel_at;
-    }
-    strings reported;
-    int asked = 0;
-    int cancel_at = 0;
-};
-
 // Everything around one upload.
-struct upload {
-    explicit upload(delivery how, std::size_t threads = 1) : http(how, threads) {
-        url.host = "host.example";
-        url.path = "/path";
-        server.emplace(session, url);
-        http.calls.clear();
-    }
+struct upload : test::exchange_world {
+    explicit upload(delivery how, std::size_t threads = 1)
+        : exchange_world(how, threads, test::logged::calls_of_the_platform) {}
 
     // Makes the request and returns its status.
     int post(corvo::progress<std::uint64_t>* watched = nullptr) {
@@ -77,29 +57,8 @@ struct upload {
         return result;
     }
 
-    std::string reply_body() const {
-        return body.size_now() == 0
-                   ? std::string()
-                   : std::string(reinterpret_cast<const char*>(body.data()), body.size_now());
-    }
-
-    struct sink : corvo::stream::memory_file {
-        ~sink() noexcept override = default; // so that a fixture can hold it
-        std::size_t size_now() const { return static_cast<std::size_t>(m_size); }
-    };
-
-    fake_winhttp http;
-    webio::session session{"Test/1", {1, 2, 3, 4}};
-    webio::url_parts url;
     webio::header_list headers;
-    std::optional<webio::connection> server;
     test::scripted_source source;
-    strings lines;
-    std::vector<std::uint32_t> lengths;
-    header_line on_line = [this](const char* line, std::size_t length) { lines.emplace_back(line, length); };
-    content_length on_length = [this](std::uint32_t length) { lengths.push_back(length); };
-    sink body;
-    indicator progress;
 };
 
 // Each test runs with every way that notifications may come.
@@ -149,7 +108,7 @@ TEST_P(post, goes_through_its_calls_in_order) {
                  "WinHttpQueryHeaders/status", "WinHttpQueryHeaders/size", "WinHttpQueryHeaders/raw",
                  "WinHttpQueryHeaders/length", "WinHttpReadData", "WinHttpReadData", "WinHttpCloseHandle"}),
         x.http.calls);
-    EXPECT_EQ("x", x.reply_body());
+    EXPECT_EQ("x", x.body.text());
 }
 
 TEST_P(post, sends_with_the_verb_and_a_total_length_of_0) {
@@ -408,7 +367,7 @@ TEST_P(post, delivers_the_response_of_any_status_with_headers_and_body) {
     EXPECT_EQ(449, x.post());
     EXPECT_EQ((strings{"HTTP/1.1 449 X\r\n", "Content-Type: text/html\r\n", "\r\n"}), x.lines);
     EXPECT_EQ((std::vector<std::uint32_t>{6}), x.lengths);
-    EXPECT_EQ("abcdef", x.reply_body());
+    EXPECT_EQ("abcdef", x.body.text());
 }
 
 TEST_P(post, works_with_the_ready_made_handlers) {
@@ -424,13 +383,13 @@ TEST_P(post, works_with_the_ready_made_handlers) {
         request(*x.server, x.url, {}, {}, {}, x.source, on_type, presize, x.body, nullptr);
     EXPECT_EQ(200, request.status());
     EXPECT_EQ("text/html", type);
-    EXPECT_EQ("abc", x.reply_body());
+    EXPECT_EQ("abc", x.body.text());
 }
 
 TEST_P(post, reports_progress_of_the_response_only) {
     x.source.add(std::string(9000, 'x'));
     x.post(&x.progress);
-    EXPECT_EQ((strings{"range 0 1", "set 1"}), x.progress.reported);
+    EXPECT_EQ((strings{"set_range 0 1", "set 1"}), x.progress.reported);
 }
 
 // Asked once at each of the three notifications of the upload; then, since it asks before it passes a

@@ -4,6 +4,7 @@
 #include "stream/memory_file.h"
 #include "tests/http/request/deliveries.h"
 #include "tests/http/request/expect.h"
+#include "tests/http/request/world.h"
 #include "tests/stream/expect.h"
 #include "tests/support/fake_winhttp.h"
 
@@ -25,97 +26,22 @@ using support::fake_winhttp;
 using delivery = fake_winhttp::delivery;
 using corvo::stream::state_t;
 
-using header_line = std::function<void(const char*, std::size_t)>;
-using content_length = std::function<void(std::uint32_t)>;
+using test::content_length;
+using test::header_line;
+using test::indicator;
+using test::patience;
 using get_request = webio::get_request<header_line, content_length, corvo::stream::basic, std::uint64_t>;
 
-constexpr auto patience =
-    std::chrono::seconds(60); // far more than anything takes; only ends a test that hangs
-
-class indicator : public corvo::progress<std::uint64_t> {
-public:
-    explicit indicator(fake_winhttp& log) : m_log(log) {}
-    void set_range(std::uint64_t start, std::uint64_t end) override {
-        m_log.note("set_range " + std::to_string(start) + " " + std::to_string(end));
-    }
-    void set(std::uint64_t position) override {
-        m_log.note("set " + std::to_string(position));
-        if (set_throws) {
-            throw std::domain_error("from set");
-        }
-    }
-    // Counts how often it is asked and answers, or throws, at the given turn.
-    bool cancel() override {
-        ++asked;
-        if (asked == throw_at) {
-            throw std::domain_error("from cancel");
-        }
-        return cancel_at != 0 && asked >= cancel_at;
-    }
-    int asked = 0;
-    int cancel_at = 0;
-    int throw_at = 0;
-    bool set_throws = false;
-
-private:
-    fake_winhttp& m_log;
-};
-
-// A body that can be refused.
-class sink : public corvo::stream::memory_file {
-public:
-    explicit sink(fake_winhttp& log) : m_log(log) {}
-    std::size_t write(const void* data, std::size_t length) override {
-        m_log.note("write " + std::to_string(length));
-        if (refuse) {
-            m_state = state_t::fail;
-            ::SetLastError(ERROR_DISK_FULL);
-            return 0;
-        }
-        return discards ? length : memory_file::write(data, length);
-    }
-    std::string text() const {
-        return m_size == 0 ? std::string() : std::string(reinterpret_cast<const char*>(data()), m_size);
-    }
-    bool refuse = false;
-    bool discards = false;
-
-private:
-    fake_winhttp& m_log;
-};
-
 // Everything around one request.
-struct exchange {
-    explicit exchange(delivery how, std::size_t threads = 1) : http(how, threads) {
-        url.host = "host.example";
-        url.path = "/path";
-        server.emplace(session, url);
-        http.calls.clear();
-    }
-    ~exchange() noexcept {} // a stream's may throw; this one's does not
+struct exchange : test::exchange_world {
+    explicit exchange(delivery how, std::size_t threads = 1)
+        : exchange_world(how, threads, test::logged::everything) {}
 
     // Makes the request and returns its status.
     int get(corvo::progress<std::uint64_t>* watched = nullptr) {
         const get_request request(*server, url, {}, {"text/plain"}, {}, on_line, on_length, body, watched);
         return request.status();
     }
-
-    fake_winhttp http;
-    webio::session session{"Test/1", {1, 2, 3, 4}};
-    webio::url_parts url;
-    std::optional<webio::connection> server;
-    strings lines;
-    std::vector<std::uint32_t> lengths;
-    header_line on_line = [this](const char* line, std::size_t length) {
-        lines.emplace_back(line, length);
-        http.note("line");
-    };
-    content_length on_length = [this](std::uint32_t length) {
-        lengths.push_back(length);
-        http.note("length " + std::to_string(length));
-    };
-    sink body{http};
-    indicator progress{http};
 };
 
 // Each test runs with every way that notifications may come.
