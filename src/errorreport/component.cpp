@@ -258,6 +258,7 @@ void component::handle_crash() {
         try {
             m_note_units = m_notes.joined();
         } catch (const std::bad_alloc&) { // which may be what the program crashed of
+            m_note_units.clear();
         }
     }
     m_reported = false;
