@@ -37,7 +37,7 @@ remove_run_folder() {
 room_variables() {
     local name
     variables=(PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root USER=root LANG=C.UTF-8 LC_ALL=C.UTF-8
-        "TERM=${TERM:-dumb}" CCACHE_DIR=/var/cache/ccache CCACHE_NOHASHDIR=1 CCACHE_MAXSIZE=2G
+        "TERM=${TERM:-dumb}" CCACHE_DIR=/var/cache/ccache CCACHE_NOHASHDIR=1 CCACHE_COMMENTS=1 CCACHE_MAXSIZE=2G
         QEMU_CPU=cortex-a72 LUMARIS_IN_ROOM=1 "LUMARIS_ARM64_FAULT=${arm64_fault:-}"
         # What a build was made with: if that changes, the build starts afresh.
         "LUMARIS_INPUTS_NATIVE=${product_hash[room-amd64]}"

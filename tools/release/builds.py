@@ -79,6 +79,12 @@ def copy_sources(folder: Path) -> None:
 def build_here() -> Build:
     """The build that ./dev build makes, in build/arm64-release, with the compiler cache."""
     begin = time.monotonic()
+    # Without CCACHE_COMMENTS the cache takes sources that differ in a comment for the same, and the PDB then holds the hash of the former
+    # one. What came into the cache like this, or was built from it, is of no use here.
+    os.environ["CCACHE_NAMESPACE"] = "release"
+    folder = ROOT / "build" / PRESET
+    if (folder / "build.ninja").exists():
+        _run(["ninja", "-C", str(folder), "-t", "clean"], ROOT, dict(os.environ))
     try:
         building.build(PRESET, "lumaris")
     except JobError as error:
