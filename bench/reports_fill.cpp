@@ -1,4 +1,4 @@
-// Fills a database with as many reports as somebody has after years, through the server's own store: crashes of a hundred groups, of
+// Fills a database with as many reports as somebody has after years, through the server's own store: crashes of ten groups, of
 // the last thirty days, from twenty builds and fifty thousand addresses.
 //
 //     reports_fill DATABASE COUNT BODY      BODY is a file with the bytes of a report
@@ -45,12 +45,12 @@ int main(int count, char** arguments) {
             report.language = "en";
             report.machine = "ARM64";
             report.code = 0xC0000005;
-            report.what = {"stored " + std::to_string(made % 100),
-                           "access violation in stored_" + std::to_string(made % 100),
+            report.what = {"stored " + std::to_string(made % 10),
+                           "access violation in stored_" + std::to_string(made % 10),
                            "/src/stored.cpp:1",
                            false,
                            "halvoro.exe",
-                           static_cast<std::uint32_t>(made / 100 % 20)};
+                           static_cast<std::uint32_t>(made / 10 % 20)};
             reports.push_back(std::move(report));
         }
         where.keep(reports);
