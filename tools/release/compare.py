@@ -44,7 +44,7 @@ def _ranges(first: bytes, second: bytes) -> list[tuple[int, int]]:
 
 
 def differences(name: str, first: bytes, second: bytes, at_most: int = 8) -> list[str]:
-    """Where two files that should be the same differ, a sentence each; nothing where they do not."""
+    """Where two files that should be the same differ, a sentence each; nothing if they do not."""
     if first == second:
         return []
     complaints = []

@@ -199,7 +199,7 @@ processor_context parse_context(cursor& in, machine_type machine) {
     processor_context context{};
     context.flags = in.u32("the context flags");
     if (machine == machine_type::x86_64 && context.flags != 0) {
-        cursor::fail(begin, "an x86-64 report with context flags, where only ARM64 has a processor context");
+        cursor::fail(begin, "an x86-64 report with context flags, which only a report of ARM64 has");
     }
     if ((context.flags & integer_bits) != 0) {
         context.integer = parse_integer(in);

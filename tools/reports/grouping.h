@@ -18,9 +18,9 @@ namespace corvo::reports {
 struct crash {
     std::string signature; // the same for the same crash in any build
     std::string title;     // "access violation in innermost"
-    std::string place;     // "file:line" of the first function of our own, where it is known
+    std::string place;     // "file:line" of the first function of our own, if it is known
     bool is_unnamed;       // symbols that are not there would tell more
-    std::string program;   // the outermost program among the modules, empty where there is none
+    std::string program;   // the outermost program among the modules, empty if there is none
     std::uint32_t stamp;   // and its time stamp, which tells the version
 };
 

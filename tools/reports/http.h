@@ -33,7 +33,7 @@ struct http_settings {
     std::size_t idle_seconds = 60;
 };
 
-// May open as many files as `most_connections` need. Serves until SIGTERM or SIGINT. `shown` and `allowed` may be null where there is no port for pages. `started` is called once the
+// May open as many files as `most_connections` need. Serves until SIGTERM or SIGINT. `shown` and `allowed` may be null if there is no port for pages. `started` is called once the
 // ports are open.
 void serve(const http_settings& settings, intake& taken, pages* shown, access* allowed, metrics& counted,
            const std::function<void()>& started);

@@ -1,7 +1,7 @@
 // Takes reports in: reads them, groups them, keeps them, and decides on the answer.
 //
 // Deliveries wait in a bounded queue for one thread, which writes those that are there in one transaction and answers each
-// once that is on the disk. deliver() may be called by any thread; the answer comes on the intake's thread, or at once where
+// once that is on the disk. deliver() may be called by any thread; the answer comes on the intake's thread, or at once if
 // nothing has to be kept. Nothing inside makes an answer in text/plain.
 #pragma once
 
@@ -45,7 +45,7 @@ using answer_function = std::function<void(const answer&)>;
 
 class intake {
 public:
-    // Throws `database_error` where the database cannot be opened.
+    // Throws `database_error` if the database cannot be opened.
     intake(intake_settings settings, metrics& counted);
     // Answers what waits.
     ~intake();

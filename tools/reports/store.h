@@ -43,7 +43,7 @@ struct kept {
     bool is_duplicate;
     std::int64_t group;
     std::int64_t full_reports; // of the group
-    std::string mended_in;     // of the group; empty where it is not mended, or not for this program
+    std::string mended_in;     // of the group; empty if it is not mended, or not for this program
 };
 
 struct group {
@@ -65,7 +65,7 @@ struct group {
 struct version_count {
     std::string program;
     std::uint32_t stamp;
-    std::string version; // empty where it is not known
+    std::string version; // empty if it is not known
     std::int64_t reports;
     milliseconds first_seen;
     milliseconds last_seen;
@@ -96,7 +96,7 @@ enum class order { newest, most };
 
 class store {
 public:
-    // Makes the tables where there are none.
+    // Creates the tables if there are none.
     explicit store(std::unique_ptr<database> where);
 
     // Within one transaction; the answers stand in the same order. Reports whose bytes are there already are not counted again.

@@ -319,7 +319,7 @@ TEST(report_reader_report, other_machines_are_refused) {
 
 TEST(report_reader_report, an_x86_64_report_has_no_processor_context) {
     expect_damage(with(x86_64_report(), 30, "0F001000"), 30,
-                  "an x86-64 report with context flags, where only ARM64 has a processor context");
+                  "an x86-64 report with context flags, which only a report of ARM64 has");
 }
 
 TEST(report_reader_report, numbers_of_records_beyond_the_report_are_refused) {

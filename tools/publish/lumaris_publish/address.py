@@ -7,7 +7,7 @@ from .refusal import Refusal, refuse
 
 
 def check(text: str, clients: judge.Judge) -> judge.Url:
-    """The address as a client understands it. Raises Refusal where it is not what was meant."""
+    """The address as a client understands it. Raises Refusal if it is not what was meant."""
     def no(what: str) -> Refusal:
         return refuse("address", f"the packages' address \"{text}\" {what}")
     if any(ord(character) <= 32 or ord(character) > 126 for character in text):

@@ -14,7 +14,7 @@ from .settings import ARCHITECTURES, Settings
 
 def check(file: Path, package: msi.Package, settings: Settings, history: History, variant: str,
           digest: Callable[[], str]) -> tuple[list[Fault], str]:
-    """What is wrong with a package, and where it installs its program. Raises Refusal where what is inside cannot even be read."""
+    """What is wrong with a package, and where it installs its program. Raises Refusal if what is inside cannot even be read."""
     own = version.parse(package.version)
     with msi.program_inside(file) as (inside, place):
         carried = program.read(inside)
@@ -98,13 +98,13 @@ def _check_past(package: msi.Package, own: version.Version, variant: str, histor
 
 
 def check_size(name: str, size: int, clients: Judge) -> None:
-    """Raises Refusal where clients would break the download off."""
+    """Raises Refusal if clients would break the download off."""
     if size > (limit := clients.limit()):
         raise refuse("too-large", f"{name} has {size:,} bytes, and clients break a download off after {limit:,}: make the package smaller")
 
 
 def check_same(known: Staged, digest: str) -> None:
-    """The same package may be staged again. Raises Refusal where it is another one under the same version."""
+    """The same package may be staged again. Raises Refusal if it is another one under the same version."""
     if known.sha256 != digest:
         raise Refusal(Fault("other-bytes", f"{known.title} was signed already, with other bytes (SHA-256 {known.sha256[:16]}..., now "
                                            f"{digest[:16]}...): raise the version"))

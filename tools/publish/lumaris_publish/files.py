@@ -61,7 +61,7 @@ def link_whole(link: Path, target: str) -> None:
 
 
 def copy(source: Path, target: Path, progress: Callable[[int], None]) -> int:
-    """Copies a file, within the system where that is possible; its size."""
+    """Copies a file, within the system if that is possible; its size."""
     done = 0
     with source.open("rb", buffering=0) as given, target.open("wb", buffering=0) as output:
         while count := os.sendfile(output.fileno(), given.fileno(), None, 16 * _BLOCK):

@@ -28,7 +28,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
 
 
 def configured(options: argparse.Namespace) -> settings.Settings:
-    """The settings that the options ask for. Raises Refusal where clients could not follow."""
+    """The settings that the options ask for. Raises Refusal if clients could not follow."""
     def split(text: str) -> tuple[str, ...]:
         return tuple(part.strip() for part in text.split(",") if part.strip())
     made = settings.Settings(

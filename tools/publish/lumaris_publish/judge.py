@@ -43,7 +43,7 @@ class Verdict:
 
 
 def program() -> Path:
-    """The judge: beside the kit where it is installed, or what LUMARIS_JUDGE names."""
+    """The judge: beside the kit if it is installed there, or what LUMARIS_JUDGE names."""
     named = os.environ.get("LUMARIS_JUDGE")
     beside = Path(__file__).resolve().parents[1] / "lumaris_judge"
     found = Path(named) if named else beside

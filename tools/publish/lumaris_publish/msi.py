@@ -55,7 +55,7 @@ class Package:
 
     @property
     def refuses_to_go_back(self) -> bool:
-        """Whether it ends, and changes nothing, where a newer version is installed.
+        """Whether it ends, and changes nothing, if a newer version is installed.
 
         That takes an Upgrade row that only detects every higher version of the same product, a launch condition that the detected product
         fails, and the two actions in this order and in every case; the property must reach the installer's service, too, and no action may set
@@ -103,7 +103,7 @@ def _export(package: Path, table: str) -> list[Row]:
 
 
 def read(package: Path) -> Package:
-    """Reads the tables. Raises Refusal where the file is no package."""
+    """Reads the tables. Raises Refusal if the file is no package."""
     with concurrent.futures.ThreadPoolExecutor(4) as pool:
         summary = pool.submit(tools.run, ["msiinfo", "suminfo", package])
         properties, upgrades, conditions, sequence, actions, files, components, links, features = pool.map(

@@ -15,7 +15,7 @@ _VARIANT = re.compile(r"[A-Za-z0-9_-]{1,32}")
 
 
 def check_channels(channels: list[str]) -> None:
-    """Raises Refusal where a client would not ask for one of them."""
+    """Raises Refusal if a client would not ask for one of them."""
     for channel in channels:
         if not _PLAIN.fullmatch(channel):
             raise refuse("channel-name", f"clients do not ask for a channel \"{channel}\": use letters, digits, \"-\" and \"_\", 32 at most")
@@ -23,7 +23,7 @@ def check_channels(channels: list[str]) -> None:
 
 
 def check_windows(windows: list[str]) -> None:
-    """Raises Refusal where no client has such a Windows."""
+    """Raises Refusal if no client has such a Windows."""
     for name in windows:
         if name not in WINDOWS:
             raise refuse("windows-name", f"no client asks for a Windows \"{name}\": there are {', '.join(WINDOWS)}")
@@ -31,7 +31,7 @@ def check_windows(windows: list[str]) -> None:
 
 
 def check_variants(variants: list[str]) -> None:
-    """Raises Refusal where a client would ignore one of them."""
+    """Raises Refusal if a client would ignore one of them."""
     for variant in variants:
         if variant and not _VARIANT.fullmatch(variant):
             raise refuse("variant-name", f"clients do not ask for a variant \"{variant}\": use letters, digits, \"-\" and \"_\", as in -sl")

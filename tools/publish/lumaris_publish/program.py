@@ -50,7 +50,7 @@ class Program:
 
 
 def read(file: Path) -> Program:
-    """Reads a program. Raises Refusal where it is none, or has no version."""
+    """Reads a program. Raises Refusal if it is none, or has no version."""
     image = file.read_bytes()
     try:
         parsed = pefile.PE(data=image, fast_load=True)

@@ -149,7 +149,7 @@ def who() -> str:
 
 
 def now(history: History) -> float:
-    """The time. Raises Refusal where the clock cannot be right."""
+    """The time. Raises Refusal if the clock cannot be right."""
     said = time.time()
     last = max((entry.time for entry in history.log), default=0.0)
     if said < _BEGINNING or said < last - 60:

@@ -32,7 +32,7 @@ def refuse(name: str, sentence: str) -> Refusal:
 
 
 def settle(faults: Sequence[Fault], reason: str | None) -> list[str]:
-    """The names of the faults that `reason` accepts. Raises Refusal where one is left."""
+    """The names of the faults that `reason` accepts. Raises Refusal if one is left."""
     left = [fault for fault in faults if reason is None or not fault.policy]
     if left:
         raise Refusal(*left)

@@ -69,7 +69,7 @@ class Settings:
         return self.bridge_host or self.host
 
     def check(self) -> None:
-        """Raises Refusal where clients could not follow."""
+        """Raises Refusal if clients could not follow."""
         check_host(self.host)
         signing.key_bytes(self.public_key)
         if not self.channels:

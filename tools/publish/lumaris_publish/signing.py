@@ -98,7 +98,7 @@ class Signing:
                 done += count
 
     def finish(self) -> bytes:
-        """The signature file. Raises Refusal where there is none."""
+        """The signature file. Raises Refusal if there is none."""
         self._feeding.join()
         with contextlib.suppress(BrokenPipeError):
             os.write(self._pipe, os.pread(self._file.fileno(), self._END, self._held_back))

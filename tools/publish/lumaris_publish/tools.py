@@ -15,7 +15,7 @@ LIMIT = 900.0
 
 
 def find(name: str) -> None:
-    """Raises Refusal where a program is missing."""
+    """Raises Refusal if a program is missing."""
     if shutil.which(name) is None:
         raise refuse("missing-program", f"{name} is missing: apt-get install {PACKAGES.get(name, name)}")
 
