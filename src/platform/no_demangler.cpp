@@ -1,6 +1,7 @@
-// What the C++ library says about an exception that nobody catches names its type as it stands in the sources. Nobody reads that: a program
-// without a window or a console has nowhere to say it, and its error report has the stack. The part of the library that spells names out would
-// be a fifth of the program, so this takes its place: it knows no name, and the library then takes the name as it is.
+// What the C++ library says about an exception that nobody catches names its type as it stands in the sources. Nobody reads that: the
+// updater and the installer's actions have nowhere to say it, the check catches what it throws, and an error report has the stack. The part of
+// the library that spells names out would be a fifth of each program, so this takes its place: it knows no name, and the library then takes
+// the name as it is.
 //
 // Belongs to a program as an object file of its own, before the library.
 
