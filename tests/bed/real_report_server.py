@@ -56,7 +56,9 @@ class RealReportServer:
         shipped = (TREE / "packaging/reports/nginx.conf").read_text(encoding="utf-8")
         for former, now in (("/etc/nginx/tls/reports.pem", str(self._certificate.path)), ("/etc/nginx/tls/reports.key", str(self._certificate.key)),
                             ("listen 443 ssl", f"listen {isolation.REPORT_ADDRESS}:443 ssl"),
-                            ("listen 8443 ssl", f"listen 127.0.0.1:{PAGES_TLS_PORT} ssl")):
+                            ("listen 8443 ssl", f"listen 127.0.0.1:{PAGES_TLS_PORT} ssl"),
+                            # All crashes of the tests come from one address, within seconds.
+                            ("burst=20 nodelay", "burst=2000 nodelay")):
             if former not in shipped:
                 raise BedError(f"nginx.conf has no {former}")
             shipped = shipped.replace(former, now)

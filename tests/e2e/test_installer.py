@@ -414,6 +414,7 @@ def test_a_package_for_another_processor_is_refused(tables: Tables) -> None:
 
 @pytest.mark.any_processor
 def test_two_packages_of_the_same_programs_are_the_same_bytes_and_smaller_than_program_and_150_kb(made: Installer) -> None:
+    shutil.copyfile(made.bed.program_file, made.programs / "lumaris.exe")
     again = made.folder / "again.msi"
     packaging.make(made.programs, made.machine.architecture, OWN, again)
     first = made.folder / "first.msi"

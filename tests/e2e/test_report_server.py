@@ -81,6 +81,8 @@ def run_version(crashes: CrashWorld, crash_bed: CrashBed, version: str, note: st
     crashes.assert_nothing_left()
 
 
+# Under the ARM64 Wine a walk along the stack ends after a frame or two, and the two builds make two groups.
+@pytest.mark.any_processor
 def test_a_crash_that_is_mended_in_a_later_version_is_one_group_through_both(
         crashes: CrashWorld, crash_bed: CrashBed, real: RealReportServer) -> None:
     before = {group["id"] for group in real.groups()}

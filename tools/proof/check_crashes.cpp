@@ -102,7 +102,7 @@ void check_stack_overflow(context& around, findings& found) {
     found.note("crash.stack_overflow.without the component", bare);
     constexpr char reported[] = "exit 0xFFFFFFFF, 0xC00000FD in innermost";
     if (found.system() != system_kind::windows &&
-        seen == (bare == "0x0000004D" ? reported : "exit 0x00000001 without a report")) {
+        seen == (bare == "0x0000004D" ? reported : "exit 0xFFFFFFFF without a report")) {
         seen = "reported if any filter is called";
     }
     found.see("crash.stack_overflow", reported, seen);

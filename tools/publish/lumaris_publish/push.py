@@ -32,8 +32,9 @@ def run(options: argparse.Namespace) -> int:
         always = ["rsync", "-a", "--no-owner", "--no-group", "--relative"]
         steps = [("packages", [*always, "--partial-dir=.rsync-partial", "--exclude=.new-*", f"{public}./packages", f"{destination}/"])]
         if options.plain:
-            # The pairs are put in their places at the very end, one right behind the other.
-            steps.append(("descriptions", ["rsync", "-rt", "--copy-links", "--delay-updates", "--chmod=F644", f"{public}Halvoro", f"{destination}/"]))
+            # The pairs are put in their places at the very end, one right behind the other. Two descriptions often have the same length, and two
+            # offers may follow each other within a second: only the bytes say what has changed.
+            steps.append(("descriptions", ["rsync", "-rt", "--checksum", "--copy-links", "--delay-updates", "--chmod=F644", f"{public}Halvoro", f"{destination}/"]))
         else:
             steps.append(("descriptions", [*always, f"{public}./sets/{name}", f"{destination}/"]))
             # rsync renames a link into its place: this is the switch.
