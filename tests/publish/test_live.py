@@ -321,6 +321,21 @@ def test_a_plain_push_holds_files_alone(offered: Kit, serve: Callable[..., str],
         assert findings(offered, f"http://127.0.0.1:{port}/") == []
 
 
+def test_a_plain_push_sees_an_offer_of_the_same_second(offered: Kit, workshop: Workshop, tmp_path: Path) -> None:
+    """The descriptions of two versions have the same length, and then the same time, too."""
+    there = tmp_path / "there"
+    there.mkdir()
+    offered.done("push", str(there), "--plain")
+    former = (there / DESCRIPTION.lstrip("/")).read_bytes()
+    offered.done("stage", workshop.package("3.4.2"))
+    offered.done("offer", "3.4.2", "--channel", "stable,beta")
+    for path in [*there.rglob("*.txt*"), *offered.root.rglob("*.txt*")]:
+        os.utime(path, (1_750_000_000, 1_750_000_000))
+    offered.done("push", str(there), "--plain")
+    offer = (there / DESCRIPTION.lstrip("/")).read_bytes()
+    assert offer == offered.served(DESCRIPTION) != former and len(offer) == len(former)
+
+
 def test_nothing_is_pushed_before_there_is_an_offer(kit: Kit, tmp_path: Path) -> None:
     kit.refused("nothing-offered", "push", str(tmp_path))
 
