@@ -7,6 +7,7 @@ import http.client
 import itertools
 import random
 import resource
+import select
 import socket
 import struct
 import subprocess
@@ -191,14 +192,22 @@ CALLS = {
 }
 
 
+def is_traced(thread: Path, tracer: int) -> bool:
+    """Whether this process traces the thread; one that has ended needs no tracer."""
+    try:
+        return f"TracerPid:\t{tracer}\n" in (thread / "status").read_text(encoding="ascii")
+    except (FileNotFoundError, ProcessLookupError):
+        return True
+
+
 @contextmanager
 def killed_at(server: Server, call: str, count: int) -> Iterator[None]:
     """Kills the server when one of its threads enters this system call for this time."""
     with subprocess.Popen(["strace", "-f", "-qq", "-o", "/dev/null", "-p", str(server.process), "-e", f"trace={call}", "-e",
                            f"inject={call}:signal=SIGKILL:when={count}"]) as tracer:
         until = time.monotonic() + 30
-        threads = list(Path(f"/proc/{server.process}/task").iterdir())
-        while not all(f"TracerPid:\t{tracer.pid}\n" in (thread / "status").read_text(encoding="ascii") for thread in threads):
+        threads = Path(f"/proc/{server.process}/task")
+        while not all(is_traced(thread, tracer.pid) for thread in threads.iterdir()):
             assert tracer.poll() is None and time.monotonic() < until, "strace does not trace the server"
             time.sleep(0.01)
         try:
@@ -346,6 +355,10 @@ def test_a_report_with_names_longer_than_an_index_takes_keeps_no_other_out(serve
     assert sum(group["reports"] for group in groups) == len(reports)
 
 
+# Of the 2,200 connections that the next test opens, those that are above the limit of 2,000 whatever the server itself has open.
+LATE = 100
+
+
 def test_a_thousand_connections_are_held_and_more_are_refused_and_counted(server: Server) -> None:
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     assert hard >= 6000, "this machine lets no process open 6000 files"
@@ -360,10 +373,20 @@ def test_a_thousand_connections_are_held_and_more_are_refused_and_counted(server
                 client.sendall(f"POST {PATH} HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nab".encode())
             assert server.send(short_report()).status == 449
             assert server.metric("lumaris_connections_refused_total") == 0
-            late = connect(1200)[1100:]
-            # They are closed, without an answer that a program could take for one.
-            for client in late:
-                assert client.recv(100) == b""
+            more = {client.fileno(): client for client in connect(1200)}
+            # As many as are above the limit are closed, without an answer that a program could take for one. Which of them is the server's
+            # choice: its threads accept them side by side.
+            waiting = select.poll()
+            for number in more:
+                waiting.register(number, select.POLLIN)
+            until = time.monotonic() + 30
+            closed = 0
+            while closed < LATE:
+                assert time.monotonic() < until
+                for number, _ in waiting.poll(1000):
+                    assert more[number].recv(100) == b""
+                    waiting.unregister(number)
+                    closed += 1
         until = time.monotonic() + 30
         while True:
             try:
@@ -371,7 +394,7 @@ def test_a_thousand_connections_are_held_and_more_are_refused_and_counted(server
                 break
             except (OSError, http.client.HTTPException):
                 assert time.monotonic() < until
-        assert server.metric("lumaris_connections_refused_total") >= len(late)
+        assert server.metric("lumaris_connections_refused_total") >= LATE
         assert server.groups()[0]["reports"] == 2
     finally:
         resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))

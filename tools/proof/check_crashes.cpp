@@ -4,7 +4,9 @@
 #include "tools/report_reader/names.h"
 #include "tools/report_reader/report.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <span>
 
 namespace proof {
 
@@ -41,8 +43,9 @@ constexpr crash_kind kinds[] = {
 
 std::vector<std::byte> bytes_of(const std::wstring& path) {
     const std::string content = read_file(path);
-    const auto* const begin = reinterpret_cast<const std::byte*>(content.data());
-    return {begin, begin + content.size()};
+    std::vector<std::byte> bytes(content.size());
+    std::ranges::copy(std::as_bytes(std::span(content)), bytes.begin());
+    return bytes;
 }
 
 // The program's own functions among the frames; one that calls itself once, and those of the runtime left out.
@@ -82,7 +85,7 @@ double seconds_since(const std::string& moment) {
 
 // Wine needs room of its own on what is left of the stack to call any filter, and has it on some processors only: there a program without
 // the component shows whether a filter is called at all.
-void check_stack_overflow(context& around, findings& found) {
+void check_stack_overflow(const context& around, findings& found) {
     const auto crash = [&](const wchar_t* program) {
         run_options options;
         options.unseen = true;
@@ -108,7 +111,7 @@ void check_stack_overflow(context& around, findings& found) {
     found.see("crash.stack_overflow", reported, seen);
 }
 
-void check_kind(context& around, findings& found, const crash_kind& kind) {
+void check_kind(const context& around, findings& found, const crash_kind& kind) {
     const std::string name = std::string("crash.") + kind.name;
     const std::string program = std::string("crash_") + kind.name + ".exe";
     const std::wstring folder = around.fresh_temporary_folder();

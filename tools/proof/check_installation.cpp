@@ -217,18 +217,18 @@ bool has_task() {
     return SUCCEEDED(setup::read_task(xml));
 }
 
-DWORD install(context& around, const wchar_t* package, const wchar_t* properties) {
+DWORD install(const context& around, const wchar_t* package, const wchar_t* properties) {
     return run_installer(L"/i \"" + around.folder + L"installers\\" + package + L"\" " + properties);
 }
 
 // The newer package brings the same program with something behind its last byte.
-const char* which_program(context& around, const std::wstring& path) {
+const char* which_program(const context& around, const std::wstring& path) {
     if (!path_exists(path)) {
         return "none";
     }
     const std::string own = read_file(around.program(L"src\\updater\\lumaris.exe"));
-    const std::string there = read_file(path);
-    return there == own ? "the first one" : there == own + "newer" ? "the newer one" : "another one";
+    const std::string installed = read_file(path);
+    return installed == own ? "the first one" : installed == own + "newer" ? "the newer one" : "another one";
 }
 
 // What is there after the installation, and after each step that is to leave it there.

@@ -6,7 +6,7 @@ namespace proof {
 
 namespace {
 
-finished_run run_crash(context& around, const wchar_t* program, DWORD limit) {
+finished_run run_crash(const context& around, const wchar_t* program, DWORD limit) {
     run_options options;
     options.unseen = true;
     options.limit = limit;

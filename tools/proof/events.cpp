@@ -125,17 +125,17 @@ std::vector<event> event_log::read() const {
     std::vector<event> found;
     std::vector<BYTE> buffer(65536);
     for (;;) {
-        DWORD read = 0;
+        DWORD length = 0;
         DWORD needed = 0;
         if (::ReadEventLogW(log.get(), EVENTLOG_SEQUENTIAL_READ | EVENTLOG_BACKWARDS_READ, 0, buffer.data(),
-                            static_cast<DWORD>(buffer.size()), &read, &needed) == 0) {
+                            static_cast<DWORD>(buffer.size()), &length, &needed) == 0) {
             if (::GetLastError() == ERROR_INSUFFICIENT_BUFFER) {
                 buffer.resize(needed);
                 continue;
             }
             return found;
         }
-        for (DWORD at = 0; at < read;) {
+        for (DWORD at = 0; at < length;) {
             EVENTLOGRECORD record{};
             std::memcpy(&record, &buffer[at], sizeof record);
             if (record.RecordNumber < m_begin) {

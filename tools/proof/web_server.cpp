@@ -188,22 +188,21 @@ answer web_server::find(const std::string& target) const {
 
 bool web_server::send_all(SOCKET connection, const char* data, std::size_t length) {
     while (length != 0) {
-        const int sent = ::send(connection, data, static_cast<int>(std::min<std::size_t>(length, 65536)), 0);
-        if (sent <= 0) {
+        const int taken = ::send(connection, data, static_cast<int>(std::min<std::size_t>(length, 65536)), 0);
+        if (taken <= 0) {
             return false;
         }
-        data += sent;
-        length -= static_cast<std::size_t>(sent);
+        data += taken;
+        length -= static_cast<std::size_t>(taken);
         const std::lock_guard lock(m_lock);
-        m_sent += static_cast<std::uint64_t>(sent);
+        m_sent += static_cast<std::uint64_t>(taken);
     }
     return true;
 }
 
 // False when the connection has come to its end.
 bool web_server::answer_one(SOCKET connection, std::string& pending) {
-    std::size_t end = std::string::npos;
-    while ((end = pending.find("\r\n\r\n")) == std::string::npos) {
+    while (pending.find("\r\n\r\n") == std::string::npos) {
         std::array<char, 4096> block{};
         const int received = ::recv(connection, block.data(), static_cast<int>(block.size()), 0);
         if (received <= 0 || pending.size() > 65536) {
@@ -211,6 +210,7 @@ bool web_server::answer_one(SOCKET connection, std::string& pending) {
         }
         pending.append(block.data(), static_cast<std::size_t>(received));
     }
+    const std::size_t end = pending.find("\r\n\r\n");
     const std::string head = pending.substr(0, end);
     pending.erase(0, end + 4);
     const std::size_t blank = head.find(' ');
@@ -238,7 +238,7 @@ bool web_server::answer_one(SOCKET connection, std::string& pending) {
     if (what.repeated != 0) {
         reply += "Connection: close\r\n\r\n";
         bool open = send_all(connection, reply.data(), reply.size());
-        for (std::uint64_t sent = 0; open && sent < what.repeated; sent += what.body.size()) {
+        for (std::uint64_t done = 0; open && done < what.repeated; done += what.body.size()) {
             open = send_all(connection, what.body.data(), what.body.size());
         }
         ::shutdown(connection, SD_SEND);
