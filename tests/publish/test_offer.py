@@ -204,7 +204,8 @@ def test_the_log_says_who_published_what_when(staged: Kit) -> None:
     assert [(entry["id"], entry["what"], entry["version"], entry["channel"], entry["note"]) for entry in entries] == [
         ("1", "stage", "3.4.1", "", ""), ("2", "stage", "3.4.2", "", ""), ("3", "offer", "3.4.1", "beta", ""),
         ("4", "promote", "3.4.1", "stable", "from beta"), ("5", "offer", "3.4.2", "stable", ""), ("6", "withdraw", "3.4.1", "stable", "instead of 3.4.2")]
-    lines = staged.done("log").out.splitlines()
+    *lines, following = staged.done("log").out.splitlines()
+    assert following.startswith("next: ")
     assert len(lines) == 6 and all("root@" in line for line in lines)
     assert lines[3].endswith("promote 3.4.1 on stable from beta")
 
