@@ -11,7 +11,7 @@ import re
 import shutil
 import subprocess
 import sys
-from collections.abc import Iterable
+from collections.abc import Set as AbstractSet, Iterable
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import TypeVar
@@ -29,7 +29,7 @@ OUT = Path("build/coverage")
 LIMIT = 1800
 
 # Percentages below which the measurement fails, a point under what it gave: lines, regions, branches.
-UNIT_FLOORS = {"portable": (97.8, 98.7, 98.2), "Windows": (97.3, 97.5, 98.3), "tools": (62.8, 61.7, 65.8)}
+UNIT_FLOORS = {"portable": (97.8, 98.7, 98.2), "Windows": (96.8, 97.0, 97.0), "tools": (62.8, 61.7, 65.8)}
 WHOLE_FLOORS = UNIT_FLOORS
 
 Position = tuple[int, ...]
@@ -102,7 +102,8 @@ def run(arguments: argparse.Namespace) -> None:
         programs += sorted((X64 / "tests/crash").glob("crash_*.exe"))
     windows = counted_in(X64, programs)
     check_all_are_there(native, NATIVE)
-    check_all_are_there(windows, X64)
+    # The proof for Windows reads reports, too; the reader's tests run natively.
+    check_all_are_there(windows, X64, elsewhere={name for name in native if name.startswith(TOOLS)})
     write_page(united(native, windows))
     everything = judge(native, windows, WHOLE_FLOORS if arguments.whole_runs else UNIT_FLOORS)
     check_explained(missed_in_product(everything), Path("docs/coverage.md").read_text(encoding="utf-8"),
@@ -232,11 +233,11 @@ def write_page(everything: dict[str, Counted]) -> None:
     print(f"\nthe sources with what ran: {OUT}/page/index.html")
 
 
-def check_all_are_there(counted: dict[str, Counted], folder: Path) -> None:
+def check_all_are_there(counted: dict[str, Counted], folder: Path, elsewhere: AbstractSet[str] = frozenset()) -> None:
     """A source that is built and of which nothing is known would look as if it had been counted."""
     entries = json.loads((folder / "compile_commands.json").read_text(encoding="utf-8"))
     built = {name for entry in entries if (name := source_of(entry["file"])) and name.endswith(".cpp")}
-    without = sorted(built - set(counted))
+    without = sorted(built - set(counted) - elsewhere)
     if without:
         raise JobError(f"nothing was counted of {', '.join(without)}")
 

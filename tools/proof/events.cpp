@@ -178,6 +178,7 @@ std::string rendered(const event& what, const std::wstring& program) {
     const pwrap::library module(::LoadLibraryExW(program.c_str(), nullptr,
                                                  LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE));
     std::vector<std::wstring> strings;
+    strings.reserve(what.strings.size());
     std::array<DWORD_PTR, 16> arguments{};
     for (const std::string& each : what.strings) {
         strings.push_back(wide(each));

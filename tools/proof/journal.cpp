@@ -89,7 +89,7 @@ std::vector<BYTE> from_hexadecimal(const std::string& text) {
 // The innermost key that is not there yet, so that removing it removes no more than what is made; empty when all are there.
 std::wstring first_missing_key(const std::wstring& key) {
     for (std::size_t end = key.find(L'\\');; end = key.find(L'\\', end + 1)) {
-        const std::wstring part = key.substr(0, end);
+        std::wstring part = key.substr(0, end);
         pwrap::reg_key opened;
         if (opened.open(HKEY_LOCAL_MACHINE, part.c_str(), KEY_READ | wide_view) == ERROR_FILE_NOT_FOUND) {
             return part;
