@@ -249,7 +249,10 @@ SOCKET connect_to(unsigned short port) {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK);
     address.sin_port = ::htons(port);
-    ::connect(made, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    if (::connect(made, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        ::closesocket(made);
+        throw std::runtime_error("no connection to the own port " + std::to_string(port));
+    }
     return made;
 }
 

@@ -34,7 +34,7 @@ std::string base64(const std::string& text) {
 
 } // namespace
 
-SOCKET listen_on(const char* where, unsigned short port) {
+SOCKET listen_on(const char* address, unsigned short port) {
     use_sockets();
     const SOCKET listener = ::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
     if (listener == INVALID_SOCKET) {
@@ -43,11 +43,11 @@ SOCKET listen_on(const char* where, unsigned short port) {
     // Nobody else may take part of the traffic, and a server of somebody else is noticed.
     const BOOL yes = TRUE;
     ::setsockopt(listener, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char*>(&yes), sizeof yes);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    ::inet_pton(AF_INET, where, &address.sin_addr);
-    address.sin_port = ::htons(port);
-    if (::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+    sockaddr_in place{};
+    place.sin_family = AF_INET;
+    ::inet_pton(AF_INET, address, &place.sin_addr);
+    place.sin_port = ::htons(port);
+    if (::bind(listener, reinterpret_cast<const sockaddr*>(&place), sizeof place) != 0 ||
         ::listen(listener, SOMAXCONN) != 0) {
         ::closesocket(listener);
         return INVALID_SOCKET;
