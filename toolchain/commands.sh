@@ -301,6 +301,16 @@ use_key() {
     export LUMARIS_PUBLIC_KEY=$key
 }
 
+# set_of_build OPTION VALUE: what a shipped program is built with, besides its version.
+set_of_build() {
+    case $1 in
+    --key) use_key "$2" ;;
+    --update-host) export LUMARIS_UPDATE_HOST=$2 ;;
+    --report-host) export LUMARIS_REPORT_HOST=$2 ;;
+    --partner) export LUMARIS_PARTNER=$2 ;;
+    esac
+}
+
 # release_file OPTION FILE: copies the file to where the room sees it, for this run alone, and adds it to release_ship. The rest of the
 # host's files remains outside.
 release_file() {
@@ -319,10 +329,7 @@ command_release() {
         [[ $1 == --* ]] || die "unknown argument $1" "See ./dev release --help."
         [[ -n ${2:-} ]] || die "unknown option $1, or nothing behind it" "See ./dev release --help."
         case $1 in
-        --key) use_key "$2" ;;
-        --update-host) export LUMARIS_UPDATE_HOST=$2 ;;
-        --report-host) export LUMARIS_REPORT_HOST=$2 ;;
-        --partner) export LUMARIS_PARTNER=$2 ;;
+        --key | --update-host | --report-host | --partner) set_of_build "$1" "$2" ;;
         --output) output=$2 ;;
         --match) match=$2 ;;
         --timestamp) online=$2 ;;
@@ -424,10 +431,7 @@ command_installer() {
         [[ $1 == --* ]] || die "unknown argument $1" "See ./dev installer --help."
         [[ -n ${2:-} ]] || die "unknown option $1, or nothing behind it" "See ./dev installer --help."
         case $1 in
-        --key) use_key "$2" ;;
-        --update-host) export LUMARIS_UPDATE_HOST=$2 ;;
-        --report-host) export LUMARIS_REPORT_HOST=$2 ;;
-        --partner) export LUMARIS_PARTNER=$2 ;;
+        --key | --update-host | --report-host | --partner) set_of_build "$1" "$2" ;;
         --output) output=$2 ;;
         --url) arguments+=(--url "$2") ;;
         --program | --certificate | --certificate-key | --pkcs12 | --password-file | --authority) files+=("$1" "$2") ;;
