@@ -193,7 +193,7 @@ CALLS = {
 
 
 def is_traced(thread: Path, tracer: int) -> bool:
-    """Whether this process traces the thread; one that has ended needs no tracer."""
+    """Whether this process traces the thread; a thread that has ended needs no tracer."""
     try:
         return f"TracerPid:\t{tracer}\n" in (thread / "status").read_text(encoding="ascii")
     except (FileNotFoundError, ProcessLookupError):
@@ -201,17 +201,20 @@ def is_traced(thread: Path, tracer: int) -> bool:
 
 
 @contextmanager
-def killed_at(server: Server, call: str, count: int) -> Iterator[None]:
-    """Kills the server when one of its threads enters this system call for this time."""
+def killed_at(server: Server, call: str, count: int) -> Iterator[bool]:
+    """Kills the server when one of its threads enters this system call for this time. False if its own upkeep has done so already."""
     with subprocess.Popen(["strace", "-f", "-qq", "-o", "/dev/null", "-p", str(server.process), "-e", f"trace={call}", "-e",
                            f"inject={call}:signal=SIGKILL:when={count}"]) as tracer:
         until = time.monotonic() + 30
         threads = Path(f"/proc/{server.process}/task")
-        while not all(is_traced(thread, tracer.pid) for thread in threads.iterdir()):
-            assert tracer.poll() is None and time.monotonic() < until, "strace does not trace the server"
+        while tracer.poll() is None and not all(is_traced(thread, tracer.pid) for thread in threads.iterdir()):
+            assert time.monotonic() < until, "strace does not trace the server"
             time.sleep(0.01)
+        # It ends with what it traces.
+        is_up = tracer.poll() is None
+        assert is_up or (tracer.returncode == 0 and server.has_ended()), "strace does not trace the server"
         try:
-            yield
+            yield is_up
         finally:
             tracer.terminate()
             tracer.wait(30)
@@ -226,11 +229,14 @@ def test_killed_at_every_call_between_accept_and_answer_loses_nothing_and_counts
         killed = 0
         while True:
             report = short_report(address=sent)
-            with killed_at(server, call, killed + 1):
+            with killed_at(server, call, killed + 1) as is_up:
                 try:
                     is_answered = server.send(report).type.startswith("text/plain")
                 except (OSError, http.client.HTTPException):
                     is_answered = False
+            if not is_up:
+                server.start()
+                continue
             sent += 1
             if not server.has_ended():
                 assert is_answered
