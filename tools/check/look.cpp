@@ -434,8 +434,8 @@ std::string account_name(const std::string& sid) {
     const std::unique_ptr<void, local_memory_deleter> owner(binary);
     std::array<wchar_t, 257> name{};
     std::array<wchar_t, 257> domain{};
-    DWORD name_size = static_cast<DWORD>(name.size());
-    DWORD domain_size = static_cast<DWORD>(domain.size());
+    auto name_size = static_cast<DWORD>(name.size());
+    auto domain_size = static_cast<DWORD>(domain.size());
     SID_NAME_USE use{};
     return ::LookupAccountSidW(nullptr, binary, name.data(), &name_size, domain.data(), &domain_size, &use) !=
                    0
