@@ -66,13 +66,8 @@ stream::memory_file& composed(report_kind kind, const crash& what, std::span<con
     return file;
 }
 
-// Sends the report, under the lock of the symbol engine; `text`, if it is not null, takes the reply. False if any step of
-// this failed: the report must then be saved.
-bool send_report(const crash_to_report& job, HANDLE symbol_mutex, std::span<const wchar_t> notes,
-                 dialog_text* text) {
-    const pwrap::mutex_locker lock(symbol_mutex, INFINITE); // its failure is not a failure to send
-    const symbol_engine engine(job.what.process);
-    job.watch.sign(); // the engine has looked at every module
+// Sends the report; `text`, if it is not null, takes the reply. False if any step of this failed: the report must then be saved.
+bool send_report(const crash_to_report& job, std::span<const wchar_t> notes, dialog_text* text) {
     try {
         stream::basic& report = composed(report_kind::brief, job.what, notes);
         sign_giver signs(job.watch);
@@ -91,17 +86,13 @@ bool send_report(const crash_to_report& job, HANDLE symbol_mutex, std::span<cons
     }
 }
 
-// Saves the report and writes the result to `text`. The symbol engine has been released by now, and is used once more: without it a
-// walk along the stack ends in the system's library that raised the exception, before it reaches the program.
-void save_report(const crash_to_report& job, HANDLE symbol_mutex, std::span<const wchar_t> notes,
-                 dialog_text* text) {
+// Saves the report and writes the result to `text`.
+void save_report(const crash_to_report& job, std::span<const wchar_t> notes, dialog_text* text) {
     if (text != nullptr) {
         text->add_failure();
     }
+    job.watch.sign();
     try {
-        job.watch.sign();
-        const pwrap::mutex_locker lock(symbol_mutex, INFINITE);
-        const symbol_engine engine(job.what.process);
         write_report_files(job.what, notes);
     } catch (const std::exception& failure) {
         if (text != nullptr) {
@@ -111,6 +102,18 @@ void save_report(const crash_to_report& job, HANDLE symbol_mutex, std::span<cons
     }
     if (text != nullptr) {
         text->add_saved();
+    }
+}
+
+// Sends the report or saves it, under the lock of the symbol engine. The engine stays for the saving: without it a walk along the stack ends
+// in the system's library that raised the exception, before it reaches the program, and to begin it again would take longer than all the rest.
+void send_or_save(const crash_to_report& job, HANDLE symbol_mutex, std::span<const wchar_t> notes,
+                  dialog_text* text) {
+    const pwrap::mutex_locker lock(symbol_mutex, INFINITE); // its failure is not a failure to send
+    const symbol_engine engine(job.what.process);
+    job.watch.sign(); // the engine has looked at every module
+    if (!send_report(job, notes, text)) {
+        save_report(job, notes, text);
     }
 }
 
@@ -140,9 +143,7 @@ void report_crash(const crash_to_report& job) {
     if (!symbol_mutex) {
         pwrap::throw_last<pwrap::win_runtime_error>("CreateMutexW failed");
     }
-    if (!send_report(job, symbol_mutex.get(), notes, text)) {
-        save_report(job, symbol_mutex.get(), notes, text);
-    }
+    send_or_save(job, symbol_mutex.get(), notes, text);
 
     if (text != nullptr) {
         text->add_end();
