@@ -14,6 +14,7 @@ OF_ONE = {
     "test_a_deleted_report_is_not_in_the_files_any_more": "PostgreSQL's files are its administrator's affair",
     "test_pages_without_anybody_to_ask_for_are_refused": "the server ends before it opens a database",
     "test_files_that_are_no_symbols_are_not_added": "the symbol store is made of files",
+    "test_a_limit_that_is_none_is_refused": "the server ends before it opens a database",
 }
 
 

@@ -19,7 +19,7 @@ from contextlib import ExitStack, contextmanager
 from pathlib import Path
 
 import pytest
-from running import PATH, TREE, Answer, Postgres, Server, full_report, locked, short_report
+from running import PATH, PROGRAM, TREE, Answer, Postgres, Server, full_report, locked, short_report
 
 PLAIN = "text/plain; charset=utf-8"
 
@@ -434,6 +434,71 @@ def test_a_slow_sender_holds_nobody_up_and_is_taken(server: Server) -> None:
         slow.sendall(b"0\r\n\r\n")
         assert slow.recv(100).startswith(b"HTTP/1.1 449 ")
     assert sorted(group["reports"] for group in server.groups()) == [1, len(range(0, len(report), 10))]
+
+
+def test_a_request_that_comes_too_slowly_is_cut_without_an_answer_and_counted(database: str, tmp_path: Path) -> None:
+    head = f"POST {PATH} HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n".encode()
+    # One in its head, one in its body, and one whose body lies in a file while it comes in; each sends on as long as it is let.
+    begun = [b"POST ", head, head + b"%x\r\n%s\r\n" % (1 << 20, bytes(1 << 20))]
+    with Server(database, tmp_path, "--request-limit", "5s") as server, ExitStack() as stack:
+        slow = [stack.enter_context(socket.create_connection(("127.0.0.1", server.port), timeout=30)) for _ in begun]
+        for client, sent in zip(slow, begun, strict=True):
+            client.sendall(sent)
+        until = time.monotonic() + 60
+        others = 0
+        got: dict[int, bytes] = {}
+        while len(got) < len(slow):
+            assert time.monotonic() < until
+            assert server.send(short_report(address=others)).status == 449
+            others += 1
+            for number, client in enumerate(slow):
+                if number in got:
+                    continue
+                try:
+                    client.sendall(b"x" if number == 0 else b"1\r\nx\r\n")
+                    if select.select([client], [], [], 0.2)[0]:
+                        got[number] = client.recv(1000)
+                except OSError:
+                    got[number] = b""
+        assert set(got.values()) == {b""}
+        assert server.metric("lumaris_requests_cut_total") == len(slow)
+        assert server.groups()[0]["reports"] == others
+        assert not [file for file in (tmp_path / "bodies").rglob("*") if file.is_file()]
+        assert server.send(short_report(address=others)).status == 449
+
+
+def test_a_request_that_is_whole_in_time_is_answered_however_long_that_takes(server: Server, tmp_path: Path) -> None:
+    (tmp_path / "other").mkdir()
+    report = short_report()
+    with Server(server.database, tmp_path / "other", "--request-limit", "5s") as hurried:
+        client = http.client.HTTPConnection("127.0.0.1", hurried.port, timeout=60)
+
+        def send() -> int:
+            client.request("POST", PATH, report)
+            got = client.getresponse()
+            got.read()
+            return got.status
+
+        # The server tries three times, and waits two seconds for the lock each time.
+        with locked(server.database):
+            begin = time.monotonic()
+            assert send() == 503
+            assert time.monotonic() - begin > 5.5
+        first = client.sock
+        # The limit of the next request begins with this answer, as the server finds when it looks for the next time.
+        time.sleep(1.5)
+        assert send() == 449
+        assert client.sock is first
+        client.close()
+        assert hurried.metric("lumaris_requests_cut_total") == 0
+    assert server.groups()[0]["reports"] == 1
+
+
+@pytest.mark.parametrize("limit", ["0s", "5", "s", "5m", "-5s", "86401s", "99999999999999999999s"])
+def test_a_limit_that_is_none_is_refused(limit: str) -> None:
+    done = subprocess.run([str(PROGRAM), "serve", "--request-limit", limit], capture_output=True, text=True, timeout=60, check=False)
+    assert (done.returncode, done.stdout) == (2, "")
+    assert done.stderr == f"lumaris-reports: {limit}: this is no number of seconds from 1s to 86400s\n"
 
 
 def test_what_the_fuzzer_begins_with_crashes_nothing(server: Server) -> None:

@@ -1,6 +1,7 @@
 #include "tools/reports/http.h"
 
 #include "tools/reports/access.h"
+#include "tools/reports/connections.h"
 #include "tools/reports/intake.h"
 #include "tools/reports/metrics.h"
 #include "tools/reports/pages.h"
@@ -8,10 +9,13 @@
 #include <drogon/HttpAppFramework.h>
 
 #include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
 #include <exception>
+#include <map>
+#include <memory>
 #include <mutex>
 #include <string_view>
 #include <sys/resource.h>
@@ -30,6 +34,7 @@ constexpr std::string_view report_path = "/KestraneSprejem/sprejem/";
 // What is a little too large is read to its end and refused; the client would take a cut connection for a reason to come again.
 constexpr std::size_t times_largest = 4;
 constexpr std::size_t most_pages_waiting = 64;
+constexpr auto between_sweeps = std::chrono::seconds(1);
 
 HttpResponsePtr respond(int status, const std::string& type, std::string body) {
     const HttpResponsePtr response = drogon::HttpResponse::newHttpResponse();
@@ -252,6 +257,27 @@ private:
     page_thread m_page_thread;
 };
 
+connection connection_of(const trantor::InetAddress& peer, const trantor::InetAddress& local) {
+    return reports::connection_of(*peer.getSockAddr(), *local.getSockAddr());
+}
+
+void cut_slow_senders(request_clocks& clocks, std::uint16_t pages_port, metrics& counted) {
+    if (clocks.size() == 0) {
+        return;
+    }
+    const auto listed = request_clocks::clock::now();
+    const std::map<connection, int> open = open_connections();
+    for (const connection& slow : clocks.take_overdue(open, listed, request_clocks::clock::now())) {
+        const int descriptor = open.at(slow);
+        if (slow.local_port == pages_port && is_being_read(descriptor)) {
+            // An export on a slow line: nothing is asked for before it has come to its end.
+            clocks.open(slow, request_clocks::clock::now());
+        } else if (cut(slow, descriptor)) {
+            counted.count_cut_request();
+        }
+    }
+}
+
 // Returns how many connections that is enough for.
 std::size_t open_files_for(std::size_t connections) {
     constexpr rlim_t others = 200; // databases, symbols, bodies while they come in
@@ -290,17 +316,33 @@ void serve(const http_settings& settings, intake& taken, pages* shown, access* a
     if (shown != nullptr) {
         app.addListener(settings.pages.address, settings.pages.port);
     }
-    app.registerPreRoutingAdvice([&all](const HttpRequestPtr& request, drogon::AdviceCallback&& reply,
-                                        drogon::AdviceChainCallback&&) { all.handle(request, reply); });
-    app.registerNewConnectionAdvice(
-        [&app, &counted, most_connections](const trantor::InetAddress&, const trantor::InetAddress&) {
-            if (app.getConnectionCount() <= most_connections) {
-                return true;
-            }
-            counted.count_refused_connection();
-            return false;
+    // Answers may come when this function has ended.
+    const auto clocks = std::make_shared<request_clocks>(settings.request_limit);
+    app.registerPreRoutingAdvice([&all, clocks](const HttpRequestPtr& request, drogon::AdviceCallback&& reply,
+                                                drogon::AdviceChainCallback&&) {
+        connection from = connection_of(request->peerAddr(), request->localAddr());
+        clocks->arrive(from);
+        all.handle(request, [clocks, from = std::move(from),
+                             reply = std::move(reply)](const HttpResponsePtr& response) {
+            clocks->answer(from, request_clocks::clock::now());
+            reply(response);
         });
-    app.registerBeginningAdvice(started);
+    });
+    app.registerNewConnectionAdvice([&app, &counted, most_connections, clocks](
+                                        const trantor::InetAddress& peer, const trantor::InetAddress& local) {
+        if (app.getConnectionCount() <= most_connections) {
+            clocks->open(connection_of(peer, local), request_clocks::clock::now());
+            return true;
+        }
+        counted.count_refused_connection();
+        return false;
+    });
+    app.registerBeginningAdvice([&app, &settings, &counted, &started, clocks] {
+        app.getLoop()->runEvery(between_sweeps, [&settings, &counted, clocks] {
+            cut_slow_senders(*clocks, settings.pages.port, counted);
+        });
+        started();
+    });
     app.run();
 }
 

@@ -3,6 +3,7 @@
 // The only part that knows Drogon. One server in a process.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -31,6 +32,9 @@ struct http_settings {
     std::size_t largest_body = std::size_t{8} * 1024 * 1024; // as it is sent
     std::size_t most_connections = 2000;
     std::size_t idle_seconds = 60;
+    // For a whole request, however often something of it comes in. The largest body needs 28 KB a second, and a full report of 100 KB, which
+    // few are, 350 bytes a second.
+    std::chrono::seconds request_limit{300};
 };
 
 // May open as many files as `most_connections` need. Serves until SIGTERM or SIGINT. `shown` and `allowed` may be null if there is no port for pages. `started` is called once the

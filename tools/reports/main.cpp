@@ -10,6 +10,7 @@
 #include <CLI/CLI.hpp>
 
 #include <charconv>
+#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -17,6 +18,7 @@
 #include <sodium.h>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace {
@@ -47,6 +49,7 @@ struct options {
     std::int64_t full_reports = 3;
     bool keep_addresses = false;
     std::size_t threads = 2;
+    std::string request_limit = "300s";
     std::vector<std::string> files;
     bool csv = false;
 };
@@ -73,15 +76,33 @@ reports::endpoint endpoint_of(const std::string& text) {
     return {address, static_cast<std::uint16_t>(port)};
 }
 
+// "90d" with the unit 'd'. Nothing if it is anything else, or less than `least` or more than `most`.
+std::optional<std::int64_t> count_of(const std::string& text, char unit, std::int64_t least,
+                                     std::int64_t most) {
+    std::int64_t count = 0;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, count);
+    const bool is_one =
+        error == std::errc() && rest + 1 == end && *rest == unit && count >= least && count <= most;
+    return is_one ? std::optional(count) : std::nullopt;
+}
+
 // "90d"; 0 is for ever.
 std::int64_t days_of(const std::string& text) {
-    std::int64_t days = 0;
-    const char* const end = text.data() + text.size();
-    const char* const rest = std::from_chars(text.data(), end, days).ptr;
-    if (rest + 1 != end || *rest != 'd' || days < 0 || days > 36500) {
+    const auto days = count_of(text, 'd', 0, 36500);
+    if (!days) {
         throw wrong_arguments(text + ": this is no number of days such as 90d");
     }
-    return days;
+    return *days;
+}
+
+// "300s".
+std::chrono::seconds seconds_of(const std::string& text) {
+    const auto seconds = count_of(text, 's', 1, 86400);
+    if (!seconds) {
+        throw wrong_arguments(text + ": this is no number of seconds from 1s to 86400s");
+    }
+    return std::chrono::seconds(*seconds);
 }
 
 int serve(const options& wanted) {
@@ -90,14 +111,15 @@ int serve(const options& wanted) {
         throw wrong_arguments(
             "the pages need --password-file or --user-header: reports hold what lay in people's memory");
     }
-    const reports::http_settings http{
-        endpoint_of(wanted.reports),
-        has_pages ? endpoint_of(wanted.pages) : reports::endpoint(),
-        wanted.folder.empty() ? (std::filesystem::temp_directory_path() / "lumaris-reports").string()
-                              : wanted.folder,
-        wanted.client_header,
-        {wanted.proxies.begin(), wanted.proxies.end()},
-        wanted.threads};
+    reports::http_settings http{endpoint_of(wanted.reports),
+                                has_pages ? endpoint_of(wanted.pages) : reports::endpoint(),
+                                wanted.folder.empty()
+                                    ? (std::filesystem::temp_directory_path() / "lumaris-reports").string()
+                                    : wanted.folder,
+                                wanted.client_header,
+                                {wanted.proxies.begin(), wanted.proxies.end()},
+                                wanted.threads};
+    http.request_limit = seconds_of(wanted.request_limit);
     const reports::page_settings shown{wanted.database,           {wanted.symbols},
                                        days_of(wanted.keep_full), days_of(wanted.keep_short),
                                        wanted.full_reports,       wanted.keep_addresses};
@@ -200,6 +222,10 @@ int main(int count, char** arguments) {
     serving->add_option("--threads", wanted.threads, "threads that serve connections")
         ->capture_default_str()
         ->check(CLI::Range(1, 64));
+    serving
+        ->add_option("--request-limit", wanted.request_limit,
+                     "how long a request may take to come in whole; after that its connection is closed")
+        ->capture_default_str();
     CLI::App* const symbols = parser.add_subcommand("symbols", "the symbol store");
     symbols->require_subcommand(1);
     CLI::App* const adding = symbols->add_subcommand(

@@ -39,6 +39,9 @@ std::string metrics::text() const {
     append(text, "lumaris_connections_refused_total", "counter",
            "Connections that were closed at once, since too many were open.");
     text += "lumaris_connections_refused_total " + std::to_string(m_refused_connections.load()) + "\n";
+    append(text, "lumaris_requests_cut_total", "counter",
+           "Requests that did not come in whole in time, and whose connections were closed.");
+    text += "lumaris_requests_cut_total " + std::to_string(m_cut_requests.load()) + "\n";
     append(text, "lumaris_reports_write_seconds", "summary", "Time of the transactions that write reports.");
     text += "lumaris_reports_write_seconds_sum " +
             std::to_string(static_cast<double>(m_write_microseconds.load()) / 1e6) + "\n";

@@ -17,6 +17,7 @@ public:
     void count_bytes(std::uint64_t bytes) noexcept { m_bytes += bytes; }
     void set_waiting(std::uint64_t deliveries) noexcept { m_waiting = deliveries; }
     void count_refused_connection() noexcept { ++m_refused_connections; }
+    void count_cut_request() noexcept { ++m_cut_requests; }
     void count_write(std::uint64_t reports, double seconds) noexcept {
         ++m_writes;
         m_written += reports;
@@ -33,6 +34,7 @@ private:
     std::atomic<std::uint64_t> m_bytes{0};
     std::atomic<std::uint64_t> m_waiting{0};
     std::atomic<std::uint64_t> m_refused_connections{0};
+    std::atomic<std::uint64_t> m_cut_requests{0};
     std::atomic<std::uint64_t> m_writes{0};
     std::atomic<std::uint64_t> m_written{0};
     std::atomic<std::uint64_t> m_write_microseconds{0};
