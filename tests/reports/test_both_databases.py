@@ -2,10 +2,16 @@
 
 from __future__ import annotations
 
+import json
+import os
 import re
 import subprocess
 import sys
 from pathlib import Path
+
+from running import TREE, Postgres
+
+UNIT_TESTS = TREE / "build/native-asan/tests/unit_tests"
 
 # Each with why it has one database or none.
 OF_ONE = {
@@ -28,3 +34,18 @@ def test_every_case_of_one_database_is_a_case_of_the_other() -> None:
     assert len(of_sqlite) > 90
     assert of_sqlite == of_postgres
     assert {name for name, case in cases if "sqlite" not in case and "postgres" not in case} == set(OF_ONE)
+
+
+def test_the_store_passes_over_postgresql_what_it_passes_over_sqlite(postgres: Postgres, tmp_path: Path) -> None:
+    report = tmp_path / "report.json"
+    done = subprocess.run([str(UNIT_TESTS), "--gtest_filter=over/reports_*", f"--gtest_output=json:{report}"], capture_output=True, text=True,
+                          timeout=300, check=False, env={**os.environ, "LUMARIS_TEST_POSTGRES": postgres.new_database()})
+    assert done.returncode == 0, done.stdout[-5000:] + done.stderr[-5000:]
+    cases: dict[str, set[str]] = {"sqlite": set(), "postgres": set()}
+    for suite in json.loads(report.read_text(encoding="utf-8"))["testsuites"]:
+        for case in suite["testsuite"]:
+            assert case["result"] == "COMPLETED", case
+            name, _, kind = case["name"].rpartition("/")
+            cases[kind].add(f"{suite['name']}.{name}")
+    assert len(cases["sqlite"]) > 20
+    assert cases["sqlite"] == cases["postgres"]

@@ -124,8 +124,9 @@ private:
             status = sqlite3_bind_text(statement, index, characters->data(),
                                        static_cast<int>(characters->size()), nullptr);
         } else if (const auto* bytes = std::get_if<blob>(&given)) {
-            status =
-                sqlite3_bind_blob(statement, index, bytes->data(), static_cast<int>(bytes->size()), nullptr);
+            // A null pointer, which an empty vector's data may be, would be taken for no value.
+            const void* const data = bytes->empty() ? static_cast<const void*>("") : bytes->data();
+            status = sqlite3_bind_blob(statement, index, data, static_cast<int>(bytes->size()), nullptr);
         } else {
             status = sqlite3_bind_null(statement, index);
         }
