@@ -530,6 +530,24 @@ TEST(memory_file_lent_block, does_not_grow) {
     EXPECT_EQ(4U, file.size());
 }
 
+// No allocator is asked here, which might leave the error by itself.
+TEST(memory_file_lent_block, that_cannot_hold_more_says_why) {
+    std::array<unsigned char, 4> block{};
+    memory_file file;
+    file.lend(block.data(), 4, 4);
+    const auto error_of = [&](auto change) {
+        corvo::set_last_error(0);
+        change();
+        return corvo::last_error();
+    };
+    file.seek(4, seek_beg);
+    EXPECT_EQ(not_enough_memory, error_of([&] { file.write("e", 1); }));
+    file.seek(5, seek_beg);
+    EXPECT_EQ(not_enough_memory, error_of([&] { file.truncate(); }));
+    EXPECT_EQ(not_enough_memory, error_of([&] { file.reserve(5, false); }));
+    EXPECT_EQ(not_enough_memory, error_of([&] { file.reserve(3, true); }));
+}
+
 TEST(memory_file_lent_block, is_not_resized) {
     std::array<unsigned char, 4> block{};
     memory_file file;
