@@ -31,13 +31,18 @@ public:
     }
 
     R real(A... arguments) {
+        find();
+        return m_real(arguments...);
+    }
+
+    // Finds the real function, once. That takes the lock of the system's loader.
+    void find() noexcept {
         if (m_real == nullptr) {
             const DWORD kept = ::GetLastError();
             m_real = reinterpret_cast<R (*)(A...)>(
                 reinterpret_cast<void*>(::GetProcAddress(::LoadLibraryExA(m_library, nullptr, 0), m_name)));
             ::SetLastError(kept);
         }
-        return m_real(arguments...);
     }
 
     const std::function<R(A...)>* exchange(const std::function<R(A...)>* script) noexcept {

@@ -1,5 +1,7 @@
 #include "tests/support/substitutes.h"
 
+#include <string_view>
+
 namespace support {
 
 #define LUMARIS_DEFINE(library, name) constinit substitute<decltype(::name)> name{library, #name};
@@ -8,6 +10,19 @@ LUMARIS_DIRECT_SUBSTITUTES(LUMARIS_DEFINE)
 #undef LUMARIS_DEFINE
 
 namespace {
+
+// Found before any test runs, and not at the first call: in some tests another thread holds the lock of the loader meanwhile. The other
+// libraries are only loaded by those tests that need them.
+[[maybe_unused]] const bool found_early = []() noexcept {
+#define LUMARIS_FIND(library, name)                                                                          \
+    if (std::string_view(library) == "kernel32.dll") {                                                       \
+        name.find();                                                                                         \
+    }
+    LUMARIS_SUBSTITUTES(LUMARIS_FIND)
+    LUMARIS_DIRECT_SUBSTITUTES(LUMARIS_FIND)
+#undef LUMARIS_FIND
+    return true;
+}();
 
 // The dispatcher has the platform's signature and finds its substitute at compile time.
 template <auto* Target, class F> struct dispatcher;
