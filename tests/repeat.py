@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs every test again and again in random order: one that fails once is a defect. `./dev soak repeat` calls it, inside the room.
 
-The unit tests run 200 times and the whole runs 10 times. Each round prints the seed of its order, which shows the same order again:
+The unit tests run 200 times, the whole runs 10 times, and the tests of the report server 20 times. Each round prints the seed of its order, which shows the same order again:
 
     ./dev shell python3 tests/repeat.py --only unit-x64 --seed 1234 --times 1
 """
@@ -47,6 +47,7 @@ SUITES = (
     Suite("unit-arm64", 200, 5, 900),
     Suite("e2e-arm64", 10, 1, 3600),
     Suite("e2e-x64", 10, 1, 3600),
+    Suite("reports", 20, 1, 3600),
     Suite("unit-x64", 200, 10, 900),
     Suite("tsan", 200, 5, 1800),
     Suite("native", 200, 20, 900),
@@ -65,10 +66,10 @@ class Outcome:
 def command_of(suite: Suite, times: int, seed: int, report: Path) -> list[str]:
     """The call that runs a suite so many times, in the order that follows from the seed."""
     kind, _, architecture = suite.name.partition("-")
+    if kind in ("e2e", "reports"):
+        return [sys.executable, "-m", "pytest", str(TREE / "tests" / kind), *(["--arch", architecture] if architecture else []), "--shuffle",
+                str(seed), "-q", "-rfE", "-p", "no:cacheprovider", f"--junit-xml={report}"]
     build = BUILD / f"{architecture or 'native'}-{'test' if architecture else SANITIZERS[kind]}"
-    if kind == "e2e":
-        return [sys.executable, "-m", "pytest", str(TREE / "tests/e2e"), "--arch", architecture, "--shuffle", str(seed), "-q", "-rfE",
-                "-p", "no:cacheprovider", f"--junit-xml={report}"]
     order = [f"--gtest_repeat={times}", "--gtest_shuffle", f"--gtest_random_seed={seed}", "--gtest_brief=1"]
     if kind == "unit":
         return [sys.executable, "-m", "bed.unit_tests", architecture, str(build / "tests/unit_tests.exe"),
@@ -125,7 +126,7 @@ def main() -> int:
     names = [suite.name for suite in SUITES]
     parser = argparse.ArgumentParser(prog="tests/repeat.py", description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--only", action="append", default=[], choices=names, help="only this suite; may be given again")
-    parser.add_argument("--times", type=int, help="so often (default: 200 for unit tests, 10 for whole runs)")
+    parser.add_argument("--times", type=int, help="so often (default: 200 for unit tests, 10 for whole runs, 20 for those of the report server)")
     parser.add_argument("--seed", type=int, help="the order of the first round (default: a random one)")
     options = parser.parse_args()
     suites = [suite for suite in SUITES if not options.only or suite.name in options.only]

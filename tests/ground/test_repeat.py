@@ -57,9 +57,11 @@ def test_every_suite_gets_its_order_from_the_seed(name: str, tmp_path: Path) -> 
     line = repeat.command_of(suite, 7, 4321, tmp_path / "report.xml")
     if name.startswith("e2e"):
         assert line[line.index("--shuffle") + 1] == "4321" and line[line.index("--arch") + 1] == name.removeprefix("e2e-")
+    elif name == "reports":
+        assert line[line.index("--shuffle") + 1] == "4321" and "--arch" not in line and str(ROOT / "tests/reports") in line
     else:
         assert {"--gtest_repeat=7", "--gtest_shuffle", "--gtest_random_seed=4321"} <= set(line)
-    assert suite.times == (10 if name.startswith("e2e") else 200)
+    assert suite.times == (10 if name.startswith("e2e") else 20 if name == "reports" else 200)
 
 
 def test_a_failure_in_any_round_fails_the_whole(monkeypatch: pytest.MonkeyPatch, tmp_path: Path, capsys: pytest.CaptureFixture[str]) -> None:

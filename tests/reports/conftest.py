@@ -2,11 +2,23 @@
 
 from __future__ import annotations
 
+import random
 from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
 from running import Postgres, Server
+
+
+def pytest_addoption(parser: pytest.Parser) -> None:
+    """The order, as the whole runs of the program take it."""
+    parser.addoption("--shuffle", metavar="SEED", help="run the tests in the random order that follows from this text")
+
+
+def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
+    """Changes the order if that is asked for."""
+    if seed := config.getoption("--shuffle"):
+        random.Random(seed).shuffle(items)
 
 
 @pytest.fixture(scope="session", name="postgres")
@@ -17,11 +29,15 @@ def postgres_fixture() -> Iterator[Postgres]:
 
 
 @pytest.fixture(name="database", params=["sqlite", "postgres"])
-def database_fixture(request: pytest.FixtureRequest, tmp_path: Path) -> str:
+def database_fixture(request: pytest.FixtureRequest, tmp_path: Path) -> Iterator[str]:
     """A new database of each kind."""
     if request.param == "sqlite":
-        return str(tmp_path / "reports.db")
-    return str(request.getfixturevalue("postgres").new_database())
+        yield str(tmp_path / "reports.db")
+        return
+    postgres: Postgres = request.getfixturevalue("postgres")
+    name = postgres.new_database()
+    yield name
+    postgres.drop_database(name)
 
 
 @pytest.fixture(name="server")

@@ -2,16 +2,19 @@
 
 from __future__ import annotations
 
+import atexit
 import base64
 import http.client
 import json
 import re
+import shutil
 import signal
 import socket
 import sqlite3
 import struct
 import subprocess
 import sys
+import tempfile
 import time
 import urllib.parse
 import zlib
@@ -31,6 +34,11 @@ __all__ = ["Postgres"]
 PROGRAM = TREE / "build/native-asan/tools/reports/lumaris-reports"
 PATH = "/KestraneSprejem/sprejem/"
 USER, PASSWORD = "ana", "čez plot"
+
+
+# Of all servers: each makes the same 256 folders in there, and hundreds of servers would fill the disk with them.
+BODIES = Path(tempfile.mkdtemp(prefix="lumaris-bodies-"))
+atexit.register(shutil.rmtree, BODIES, ignore_errors=True)
 
 
 def wait_for_port(port: int, process: subprocess.Popen[bytes]) -> bool:
@@ -110,10 +118,9 @@ class Server:
         self.port, self.pages = ports or (free_port(), free_port())
         passwords = folder / "passwords"
         subprocess.run(["htpasswd", "-cbB", "-C", "4", str(passwords), USER, PASSWORD], check=True, capture_output=True, timeout=60)
-        (folder / "bodies").mkdir(exist_ok=True)
         self.log = folder / f"server-{self.port}.log"
         self._command = [str(program), "serve", "--database", database, "--symbols", str(self.symbols), "--reports", f"127.0.0.1:{self.port}",
-                         "--pages", f"127.0.0.1:{self.pages}", "--password-file", str(passwords), "--folder", str(folder / "bodies"), *options]
+                         "--pages", f"127.0.0.1:{self.pages}", "--password-file", str(passwords), "--folder", str(BODIES), *options]
         self._process: subprocess.Popen[bytes] | None = None
 
     def __enter__(self) -> Server:

@@ -19,7 +19,7 @@ from contextlib import ExitStack, contextmanager
 from pathlib import Path
 
 import pytest
-from running import PATH, PROGRAM, TREE, Answer, Postgres, Server, full_report, locked, short_report
+from running import BODIES, PATH, PROGRAM, TREE, Answer, Postgres, Server, full_report, locked, short_report
 
 PLAIN = "text/plain; charset=utf-8"
 
@@ -120,9 +120,9 @@ def test_a_request_that_is_none_is_never_answered_as_text_but_by_refusing_its_re
     """The program would take such an answer for the delivery of its report."""
     got = b""
     with socket.create_connection(("127.0.0.1", server.port), timeout=30) as client:
-        client.sendall(sent)
-        client.shutdown(socket.SHUT_WR)
         try:
+            client.sendall(sent)
+            client.shutdown(socket.SHUT_WR)
             while piece := client.recv(65536):
                 got += piece
         except OSError:
@@ -463,7 +463,7 @@ def test_a_request_that_comes_too_slowly_is_cut_without_an_answer_and_counted(da
         assert set(got.values()) == {b""}
         assert server.metric("lumaris_requests_cut_total") == len(slow)
         assert server.groups()[0]["reports"] == others
-        assert not [file for file in (tmp_path / "bodies").rglob("*") if file.is_file()]
+        assert not [file for file in BODIES.rglob("*") if file.is_file()]
         assert server.send(short_report(address=others)).status == 449
 
 
