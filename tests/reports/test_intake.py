@@ -153,6 +153,11 @@ def test_a_body_that_never_ends_and_one_that_stops_hold_nobody_up(database: str,
                 endless.sendall(piece)
                 sent += len(piece)
         assert server.send(short_report(0x77)).status == 449
+        # These, and the one that has looked at the start whether the server listens, on each of its ports.
+        until = time.monotonic() + 30
+        while (count := server.metric("lumaris_connections_unfinished_total")) != len(stuck) + 1 + 2:
+            assert time.monotonic() < until, count
+            time.sleep(0.1)
 
 
 def test_what_was_answered_is_there_after_a_sudden_end_and_what_was_not_is_sent_again(server: Server) -> None:

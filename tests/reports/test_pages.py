@@ -348,6 +348,19 @@ def test_old_reports_are_deleted_and_their_counts_stay(database: str, tmp_path: 
         assert server.groups()[0]["reports"] == 1
 
 
+@pytest.mark.parametrize(("options", "said"), [
+    ((), ["They stay for ever.", "3 times for each crash", "stay for 90 days.", "a digest of the address"]),
+    (("--keep-full", "7d", "--keep-short", "400d", "--full-reports", "5", "--keep-addresses"),
+     ["They stay for 400 days.", "5 times for each crash", "stay for 7 days.", "the address that it came from."]),
+])
+def test_what_is_stored_is_said_for_the_settings_in_force(database: str, tmp_path: Path, options: tuple[str, ...], said: list[str]) -> None:
+    with Server(database, tmp_path, *options) as server:
+        page = server.ask("/about").text
+        for text in said:
+            assert text in page
+        assert ("digest" in page) == ("--keep-addresses" not in options)
+
+
 def test_a_copy_made_while_it_runs_is_restored_whole(database: str, postgres: Postgres, tmp_path: Path) -> None:
     """With the commands that the document names."""
     copy = tmp_path / "copy"

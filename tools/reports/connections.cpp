@@ -54,7 +54,10 @@ connection connection_of(const sockaddr& peer, const sockaddr& local) {
 
 void request_clocks::open(const connection& which, clock::time_point now) {
     const std::lock_guard lock(m_mutex);
-    m_states[which] = {now, 0};
+    state& its = m_states[which];
+    // The former connection of the same ends was closed since the last look.
+    m_unfinished += its.since != clock::time_point() && !its.has_arrived ? 1U : 0U;
+    its = {now};
 }
 
 void request_clocks::arrive(const connection& which) {
@@ -62,6 +65,7 @@ void request_clocks::arrive(const connection& which) {
     const auto found = m_states.find(which);
     if (found != m_states.end()) {
         ++found->second.answering;
+        found->second.has_arrived = true;
     }
 }
 
@@ -83,7 +87,9 @@ std::vector<connection> request_clocks::take_overdue(const std::map<connection, 
         const auto& [which, its] = each;
         if (!open.contains(which)) {
             // One that came after the list is open, although it is not in there.
-            return its.since < listed;
+            const bool has_ended = its.since < listed;
+            m_unfinished += has_ended && !its.has_arrived ? 1U : 0U;
+            return has_ended;
         }
         if (its.answering == 0 && now - its.since > m_limit) {
             overdue.push_back(which);
@@ -92,6 +98,11 @@ std::vector<connection> request_clocks::take_overdue(const std::map<connection, 
         return false;
     });
     return overdue;
+}
+
+std::size_t request_clocks::unfinished() const {
+    const std::lock_guard lock(m_mutex);
+    return m_unfinished;
 }
 
 std::size_t request_clocks::size() const {

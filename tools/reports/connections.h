@@ -39,10 +39,13 @@ public:
     void arrive(const connection& which); // a request is whole, and its answer is being made
     void answer(const connection& which, clock::time_point now);
 
-    // Returns the connections that are over the limit, and forgets them. Forgets those, too, that were not open any more at `listed`, when
-    // all that are in `open` were.
+    // Returns the connections that are over the limit, and forgets them. Forgets those, too, that were not open any more at
+    // `listed`, when all that are in `open` were.
     std::vector<connection> take_overdue(const std::map<connection, int>& open, clock::time_point listed,
                                          clock::time_point now);
+
+    // Connections that were found to have ended, other than by this limit, before their first request was whole.
+    std::size_t unfinished() const;
 
     std::size_t size() const;
 
@@ -50,11 +53,13 @@ private:
     struct state {
         clock::time_point since;
         std::size_t answering = 0; // requests that are whole and not answered yet
+        bool has_arrived = false;  // a request
     };
 
     clock::duration m_limit;
     mutable std::mutex m_mutex;
     std::map<connection, state> m_states;
+    std::size_t m_unfinished = 0;
 };
 
 // This process's TCP connections with their file descriptors.

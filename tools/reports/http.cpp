@@ -272,10 +272,13 @@ void cut_slow_senders(request_clocks& clocks, std::uint16_t pages_port, metrics&
         if (slow.local_port == pages_port && is_being_read(descriptor)) {
             // An export on a slow line: nothing is asked for before it has come to its end.
             clocks.open(slow, request_clocks::clock::now());
+            clocks.arrive(slow);
+            clocks.answer(slow, request_clocks::clock::now());
         } else if (cut(slow, descriptor)) {
             counted.count_cut_request();
         }
     }
+    counted.set_unfinished_connections(clocks.unfinished());
 }
 
 // Returns how many connections that is enough for.

@@ -42,6 +42,11 @@ std::string metrics::text() const {
     append(text, "lumaris_requests_cut_total", "counter",
            "Requests that did not come in whole in time, and whose connections were closed.");
     text += "lumaris_requests_cut_total " + std::to_string(m_cut_requests.load()) + "\n";
+    append(text, "lumaris_connections_unfinished_total", "counter",
+           "Connections that ended before their first request was whole: the sender gave up or was idle, or "
+           "the request "
+           "was larger than what is read.");
+    text += "lumaris_connections_unfinished_total " + std::to_string(m_unfinished.load()) + "\n";
     append(text, "lumaris_reports_write_seconds", "summary", "Time of the transactions that write reports.");
     text += "lumaris_reports_write_seconds_sum " +
             std::to_string(static_cast<double>(m_write_microseconds.load()) / 1e6) + "\n";

@@ -18,6 +18,7 @@ public:
     void set_waiting(std::uint64_t deliveries) noexcept { m_waiting = deliveries; }
     void count_refused_connection() noexcept { ++m_refused_connections; }
     void count_cut_request() noexcept { ++m_cut_requests; }
+    void set_unfinished_connections(std::uint64_t connections) noexcept { m_unfinished = connections; }
     void count_write(std::uint64_t reports, double seconds) noexcept {
         ++m_writes;
         m_written += reports;
@@ -35,6 +36,7 @@ private:
     std::atomic<std::uint64_t> m_waiting{0};
     std::atomic<std::uint64_t> m_refused_connections{0};
     std::atomic<std::uint64_t> m_cut_requests{0};
+    std::atomic<std::uint64_t> m_unfinished{0};
     std::atomic<std::uint64_t> m_writes{0};
     std::atomic<std::uint64_t> m_written{0};
     std::atomic<std::uint64_t> m_write_microseconds{0};

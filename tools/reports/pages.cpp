@@ -402,7 +402,8 @@ page pages::about() {
                     ? "the address that it came from."
                     : "a digest of the address that it came from, with a salt that never leaves the "
                       "database: it tells "
-                      "reports of one address from those of another, and not which address that is.") +
+                      "reports of one address from those of another. Somebody who has the database can find "
+                      "the address by trying all of them.") +
             "</p>\n<ul><li>Short reports hold the exception, the modules and offsets of the functions on the "
             "stack, and what the program has "
             "noted for its user to see. They stay " +

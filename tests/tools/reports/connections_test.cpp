@@ -75,6 +75,26 @@ TEST(reports_connections, the_answer_to_a_former_connection_of_the_same_ends_doe
     EXPECT_EQ(clocks.take_overdue(both_open, begin + 12s, begin + 12s), std::vector{one});
 }
 
+TEST(reports_connections, what_ends_before_its_first_request_is_whole_is_counted_once) {
+    request_clocks clocks(10s);
+    clocks.open(one, begin);
+    clocks.arrive(one);
+    clocks.answer(one, begin);
+    clocks.open(other, begin);
+    EXPECT_TRUE(clocks.take_overdue(both_open, begin + 1s, begin + 1s).empty());
+    EXPECT_EQ(clocks.unfinished(), 0U);
+    clocks.take_overdue({}, begin + 2s, begin + 2s);
+    clocks.take_overdue({}, begin + 3s, begin + 3s);
+    EXPECT_EQ(clocks.unfinished(), 1U);
+    // One that is replaced before anybody has looked.
+    clocks.open(one, begin + 4s);
+    clocks.open(one, begin + 5s);
+    EXPECT_EQ(clocks.unfinished(), 2U);
+    // What is cut is counted as that.
+    EXPECT_EQ(clocks.take_overdue(both_open, begin + 16s, begin + 16s), std::vector{one});
+    EXPECT_EQ(clocks.unfinished(), 2U);
+}
+
 // A descriptor of its own.
 class handle {
 public:
