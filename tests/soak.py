@@ -43,6 +43,8 @@ PARTS = (
           "--every-byte", "-p", "no:cacheprovider", "-q")),
     Part("switching", 5, "an offer and a push killed at every step while the program asks in a loop",
          (sys.executable, "-m", "pytest", "tests/e2e/test_switching.py", "--every-step", "-p", "no:cacheprovider", "-q")),
+    Part("proof", 15, "the proof for a real Windows killed at 25 random moments, and after each change that it writes down",
+         (sys.executable, "-m", "pytest", "tests/proof/test_kills.py", "--kills", "25", "--every-step", "-p", "no:cacheprovider", "-q")),
     Part("repeat", 420, "all unit tests 200 times, all whole runs 10 and those of the report server 20 times, in random order",
          (sys.executable, "tests/repeat.py")),
     Part("mutations", 40, "the product broken in one place after another, which the tests must see",

@@ -3,6 +3,8 @@
 from __future__ import annotations
 
 import importlib.util
+import random
+import shutil
 import sys
 from collections.abc import Iterator
 from pathlib import Path
@@ -12,6 +14,8 @@ import pytest
 
 TREE = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(TREE / "tests"))
+
+import proving  # noqa: E402  (it needs the path)
 
 from bed import isolation, windows  # noqa: E402  (the path to it is set above)
 
@@ -28,11 +32,28 @@ def load_kit() -> ModuleType:
 def pytest_addoption(parser: pytest.Parser) -> None:
     """The processor of the programs; a session proves one."""
     parser.addoption("--arch", choices=windows.ARCHITECTURES, default="x64", help="processor of the programs")
+    parser.addoption("--kills", type=int, default=5, help="at how many random moments the proof is killed")
+    parser.addoption("--kill-seed", type=int, default=random.randrange(1 << 32), help="which moments these are (default: others each time)")
+    parser.addoption("--every-step", action="store_true", help="kill every check after each entry of the list of changes")
 
 
 def pytest_configure(config: pytest.Config) -> None:
     """Declares our marker."""
     config.addinivalue_line("markers", "any_processor: the same for every processor; runs with the quick x86-64 programs only")
+
+
+def pytest_report_header(config: pytest.Config) -> str:
+    """What repeats the random moments of this session."""
+    return f"moments of kills: --kill-seed {config.getoption('--kill-seed')}"
+
+
+def pytest_generate_tests(metafunc: pytest.Metafunc) -> None:
+    """A test a kill, and one a check that is killed at each step."""
+    if "kill_number" in metafunc.fixturenames:
+        metafunc.parametrize("kill_number", range(metafunc.config.getoption("--kills")))
+    if "stepped_check" in metafunc.fixturenames:
+        every_step = metafunc.config.getoption("--every-step")
+        metafunc.parametrize("stepped_check", sorted(proving.CHECKS - {"unit-tests"}) if every_step else ["installation", "tls"])
 
 
 def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
@@ -47,6 +68,12 @@ def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item
 def architecture(request: pytest.FixtureRequest) -> str:
     """The processor of the programs."""
     return str(request.config.getoption("--arch"))
+
+
+@pytest.fixture(scope="session")
+def kill_seed(request: pytest.FixtureRequest) -> int:
+    """What the random moments of this session follow from."""
+    return int(request.config.getoption("--kill-seed"))
 
 
 @pytest.fixture(scope="session")
@@ -71,3 +98,15 @@ def machine(architecture: str) -> Iterator[windows.Windows]:
             yield started
     finally:
         isolation.leave(network)
+
+
+@pytest.fixture(scope="session")
+def folder(kit: Path, machine: windows.Windows) -> Path:
+    """The unpacked kit, where the Windows sees it."""
+    target = machine.folder / "kit"
+    shutil.unpack_archive(kit, target)
+    proving.elevate(target / kit.stem)
+    # At its first use Wine puts the room's certificates into its registry, and makes the keys that those of its programs lie in.
+    proving.prove(machine, target / kit.stem, "--only tls")
+    proving.remove_report(target / kit.stem)
+    return target / kit.stem

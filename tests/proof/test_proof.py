@@ -3,93 +3,23 @@
 from __future__ import annotations
 
 import json
-import re
-import shutil
 import socket
-from collections.abc import Callable, Iterator
-from contextlib import contextmanager
+from collections.abc import Callable
+from html.parser import HTMLParser
 from pathlib import Path
-from typing import Any
 
 import pytest
 from conftest import TREE, load_kit
+from proving import CHECKS, JOURNAL, NOT_BEGUN, PROVED, hosts_of, nothing_left, prove, report_of
 
 from bed import settings
-from bed.snapshot import nothing_else_changes
-from bed.windows import FinishedRun, Windows, windows_path
+from bed.windows import Windows, windows_path
 
-# Emulated, the other checks have not been tried yet.
-ARM64_CHECKS = ("unit-tests", "crashes", "network-gate")
-CHECKS = {"unit-tests", "crashes", "network-gate", "updates", "tls", "saved-reports", "installation"}
 EVENTS = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\HalvoroUpdate"
 
 # Seconds that a whole proof may take.
-# Windows Installer's own keys stay, empty. Wine starts its Task Scheduler with the first task, and counts service starts.
-KEPT = (
-    r"\[HKEY_LOCAL_MACHINE\\Software\\(Classes|Microsoft\\Windows\\CurrentVersion)\\Installer(\\[^\]]+)?\]",
-    r"\[HKEY_LOCAL_MACHINE\\System\\\w+\\Control\\ServiceCurrent\] .*",
-    r'\[HKEY_LOCAL_MACHINE\\System\\\w+\\Services\\Schedule\] "Start"=.*',
-)
-
 LIMIT = {"x64": 300, "arm64": 600}
 MOST_BYTES = 8_000_000
-PROVED, FAILED, NOT_BEGUN = 0, 1, 2
-
-
-@pytest.fixture(scope="session")
-def folder(kit: Path, machine: Windows) -> Path:
-    """The unpacked kit, where the Windows sees it."""
-    target = machine.folder / "kit"
-    shutil.unpack_archive(kit, target)
-    # At its first use Wine puts the room's certificates into its registry, and makes the keys that those of its programs lie in.
-    prove(machine, target / kit.stem, "--only tls")
-    remove_report(target / kit.stem)
-    return target / kit.stem
-
-
-def prove(machine: Windows, folder: Path, *options: str, limit: float = 900) -> FinishedRun:
-    """Runs the proof to its end."""
-    trace = windows_path(machine.folder / "trace.txt")
-    return machine.run(f'"{windows_path(folder / "proof.exe")}" --yes --wine-trace {trace} {" ".join(options)}', limit=limit)
-
-
-def report_of(folder: Path) -> Any:
-    """What the last proof reported."""
-    return json.loads((folder / "proof-report.json").read_text(encoding="utf-8"))
-
-
-def remove_report(folder: Path) -> None:
-    """Removes what a proof has reported."""
-    for name in ("proof-report.txt", "proof-report.html", "proof-report.json"):
-        (folder / name).unlink(missing_ok=True)
-
-
-def registry_of(machine: Windows) -> set[str]:
-    """Every value of the machine's part of the registry, with its key."""
-    lines = set()
-    file = machine.folder / "registry.txt"
-    assert machine.run(f'reg export HKLM "{windows_path(file)}" /y').exit_code == 0
-    key = ""
-    for line in file.read_text(encoding="utf-16").splitlines():
-        key = line if line.startswith("[") else key
-        if line:
-            lines.add(key if line == key else f"{key} {line}")
-    return lines
-
-
-@contextmanager
-def nothing_left(machine: Windows, folder: Path) -> Iterator[None]:
-    """Drive and registry are afterwards as they were, but for what Windows Installer keeps. The report stays, of course."""
-    registry = registry_of(machine)
-    installers = machine.unix_path("C:\\windows\\Installer")
-    hosts = machine.unix_path("C:\\windows\\system32\\drivers\\etc\\hosts")
-    names = hosts.read_bytes()
-    with nothing_else_changes(machine, [installers, hosts]):
-        yield
-    assert hosts.read_bytes() == names
-    assert [line for line in sorted(registry_of(machine) ^ registry) if not any(re.fullmatch(kept, line) for kept in KEPT)] == []
-    assert not installers.exists() or list(installers.iterdir()) == []
-    remove_report(folder)
 
 
 def test_the_kit_is_small_enough(kit: Path) -> None:
@@ -103,12 +33,11 @@ def test_the_same_programs_make_the_same_kit(kit: Path, architecture: str, tmp_p
 
 def test_the_proof_passes_with_the_differences_that_are_known(machine: Windows, folder: Path, architecture: str) -> None:
     with nothing_left(machine, folder):
-        chosen = ARM64_CHECKS if architecture == "arm64" else ()
-        run = prove(machine, folder, *(f"--only {each}" for each in chosen))
+        run = prove(machine, folder)
         report = report_of(folder)
         assert (run.exit_code, report["passed"]) == (PROVED, True), (folder / "proof-report.txt").read_text(encoding="utf-8")
         assert report["seconds"] < LIMIT[architecture]
-        assert {each["name"] for each in report["checks"]} == (set(chosen) or CHECKS)
+        assert {each["name"] for each in report["checks"]} == CHECKS
         assert (folder / "proof-report.html").read_text(encoding="utf-8").startswith("<!DOCTYPE html>")
 
 
@@ -163,3 +92,111 @@ def test_somebody_elses_things_are_left_alone(machine: Windows, folder: Path, ma
 def test_somebody_elses_server_is_left_alone(machine: Windows, folder: Path, port: int) -> None:
     with socket.create_server(("127.0.0.1", port)), nothing_left(machine, folder):
         assert prove(machine, folder).exit_code == NOT_BEGUN
+
+
+class Cells(HTMLParser):
+    """The rows of a page's tables, and the elements that are open at its end."""
+
+    def __init__(self) -> None:
+        super().__init__()
+        self.rows: list[list[str]] = []
+        self.open: list[str] = []
+
+    def handle_starttag(self, tag: str, attrs: list[tuple[str, str | None]]) -> None:
+        """Opens a row, a cell or something else."""
+        if tag in ("meta", "br"):
+            return
+        self.open.append(tag)
+        if tag == "tr":
+            self.rows.append([])
+        elif tag in ("td", "th"):
+            self.rows[-1].append("")
+
+    def handle_endtag(self, tag: str) -> None:
+        """Closes the element that was opened last."""
+        assert self.open.pop() == tag
+
+    def handle_data(self, data: str) -> None:
+        """Adds to the cell at hand."""
+        if self.open and self.open[-1] in ("td", "th"):
+            self.rows[-1][-1] += data
+
+
+def test_text_page_and_json_report_the_same(machine: Windows, folder: Path) -> None:
+    target = machine.folder / "reports"
+    target.mkdir()
+    with nothing_left(machine, folder):
+        run = prove(machine, folder, f'--only network-gate --output "{windows_path(target)}"')
+    text = (target / "proof-report.txt").read_text(encoding="utf-8")
+    assert run.output.endswith(text)
+    report = report_of(target)
+    page = Cells()
+    page.feed((target / "proof-report.html").read_text(encoding="utf-8"))
+    page.close()
+    assert page.open == []
+    [check] = report["checks"]
+    assert {each["name"] for each in check["seen"]} >= {"network-gate.exit", "network-gate.event"}
+    for each in check["seen"]:
+        assert f"    {each['name']}: {each['seen']}\n" in text
+        assert [each["name"], each["seen"], each["wanted"]] in page.rows
+    for name, note in check["notes"].items():
+        assert f"    {name}: {note}\n" in text
+        assert [name, note, ""] in page.rows
+    for each in report["differences"]:
+        assert f"    {each['name']}: Wine " in text
+        assert [each["name"], each["wine_x64"], each["wine_arm64"], each["windows"], each["here"] or "not looked at", each["why"]] in page.rows
+    assert text.splitlines()[-1].startswith("passed: 1 checks passed, 0 failed in ")
+
+
+def test_json_is_all_that_is_printed_when_it_is_wanted(machine: Windows, folder: Path) -> None:
+    with nothing_left(machine, folder):
+        run = prove(machine, folder, "--json --only network-gate")
+        assert (run.exit_code, json.loads(run.output)) == (PROVED, report_of(folder))
+
+
+@pytest.mark.any_processor
+def test_what_is_kept_can_be_looked_at_until_the_next_start(machine: Windows, folder: Path) -> None:
+    """Somebody has added a name meanwhile, which stays."""
+    hosts = hosts_of(machine)
+    names = hosts.read_bytes()
+    try:
+        with nothing_left(machine, folder):
+            assert prove(machine, folder, "--keep --only network-gate").exit_code == PROVED
+            changes = (machine.unix_path(JOURNAL) / "changes.txt").read_text(encoding="utf-8").splitlines()
+            assert "hosts" in changes
+            assert hosts.read_bytes().startswith(names)
+            assert b"127.0.0.1 updates.tavrin.example\r\n" in hosts.read_bytes()
+            with hosts.open("ab") as file:
+                file.write(b"10.1.1.1 printer\r\n")
+            again = prove(machine, folder, "--only network-gate")
+            assert again.exit_code == PROVED
+            assert again.output.startswith("proof: an earlier proof was ended; what it had changed is put back first\n")
+            assert hosts.read_bytes() == names + b"10.1.1.1 printer\r\n"
+            hosts.write_bytes(names)
+    finally:
+        hosts.write_bytes(names)
+
+
+@pytest.mark.any_processor
+def test_what_was_left_can_be_put_back_alone(machine: Windows, folder: Path) -> None:
+    with nothing_left(machine, folder):
+        assert prove(machine, folder, "--keep --only network-gate").exit_code == PROVED
+        run = machine.run(f'"{windows_path(folder / "proof.exe")}" --clean')
+        assert (run.exit_code, run.output) == (PROVED, "proof: an earlier proof was ended; what it had changed is put back first\n")
+        assert not machine.unix_path(JOURNAL).exists()
+
+
+@pytest.mark.any_processor
+def test_what_cannot_be_put_back_is_named_and_stays_in_the_list(machine: Windows, folder: Path) -> None:
+    with nothing_left(machine, folder):
+        assert prove(machine, folder, "--keep --only network-gate").exit_code == PROVED
+        journal = machine.unix_path(JOURNAL) / "changes.txt"
+        with journal.open("ab") as file:
+            file.write(b"nonsense\tC:\\x\nkey\tSOFTWARE\\Cut off before its en")
+        for _ in range(2):
+            run = prove(machine, folder)
+            assert run.exit_code == NOT_BEGUN
+            assert "proof: could not be undone: nonsense\tC:\\x: an unknown entry\n" in run.output
+            assert journal.read_bytes() == b"nonsense\tC:\\x\n"
+        journal.write_bytes(b"")
+        assert machine.run(f'"{windows_path(folder / "proof.exe")}" --clean').exit_code == PROVED

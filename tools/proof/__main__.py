@@ -34,10 +34,15 @@ NAMESPACE = uuid.UUID("0e3f6f0c-3c7b-4b8e-8a55-8f0f2f6f6d15")
 # Functions by which the frames of a crash are judged. Those of the runtime lie between them, and differ.
 NAMED = ("crash", "innermost", "middle", "outer", "unfinished", "wWinMain")
 
-# The programs that check_crashes.cpp and check_saved_reports.cpp start. All there are would make the kit too large.
-CRASHES = ("abort", "access_violation", "after_uninstall", "during_start_up", "exception_out_of_main", "fast_fail", "fault_in_start_up_thread",
-           "invalid_parameter", "none", "noexcept_violation", "pure_virtual_call", "second_thread", "stack_overflow", "stack_overflow_bare",
-           "terminate", "uncaught_exception", "uncaught_exception_on_thread")
+# The programs that check_crashes.cpp and check_saved_reports.cpp start.
+CRASHES = ("abort", "access_violation", "after_uninstall", "deep_recursion", "during_start_up", "exception_out_of_main", "fast_fail",
+           "fault_in_start_up_thread", "foreign_fault_during_start_up", "foreign_fault_during_upload", "in_atexit_function", "in_static_destructor",
+           "invalid_parameter", "none", "noexcept_violation", "on_thread_at_exit", "pure_virtual_call", "second_thread", "stack_overflow",
+           "stack_overflow_bare", "stack_overflow_large", "terminate", "uncaught_exception", "uncaught_exception_on_thread", "under_exit_lock",
+           "under_heap_lock", "under_loader_lock")
+
+# Of each of them so many bytes in turn, in one file: see together.h.
+BLOCK = 512
 
 # A line of a linker's map: address, size, alignment, object file and the section of one function.
 _FUNCTION = re.compile(r"^([0-9a-f]{8}) ([0-9a-f]{8}) +\d+ +tests/crash/\S+\(\.text\$\S+\)$")
@@ -95,6 +100,11 @@ def functions_of(linker_map: Path) -> list[tuple[int, int, str]]:
     return sorted(found)
 
 
+def together(contents: list[bytes]) -> bytes:
+    """Files that are almost the same in one, so that they take little room in a zip file."""
+    return b"".join(content[at:at + BLOCK] for at in range(0, max(map(len, contents)), BLOCK) for content in contents)
+
+
 def sign(file: Path, key: Path) -> None:
     """Signs a file."""
     run("minisign", "-S", "-W", "-s", str(key), "-t", "signed for a proof", "-x", f"{file}.minisig", "-m", str(file))
@@ -142,10 +152,11 @@ def fill(folder: Path, build: Path, architecture: str) -> None:
     shutil.copy(build / "tools/proof/proof.exe", folder)
     # Some unit tests look for the program where it is built, so everything lies as it does in the build folder.
     crashes = [build / f"tests/crash/crash_{kind}.exe" for kind in CRASHES]
-    for program in (build / "src/updater/lumaris.exe", build / "tests/unit_tests.exe", build / "tools/check/lumaris_check.exe", *crashes):
+    for program in (build / "src/updater/lumaris.exe", build / "tools/proof/lumaris_large.exe", build / "tests/unit_tests.exe", build / "tools/check/lumaris_check.exe"):
         target = folder / "programs" / program.relative_to(build)
         target.parent.mkdir(parents=True, exist_ok=True)
         shutil.copy(program, target)
+    (folder / "programs/crashes.bin").write_bytes(together([program.read_bytes() for program in crashes]))
 
     signed = folder / "signed"
     signed.mkdir()
@@ -165,6 +176,7 @@ def fill(folder: Path, build: Path, architecture: str) -> None:
     (folder / "kit.json").write_text(json.dumps({
         "version": version, "newer": newer, "architecture": architecture, "product": product,
         "installed": product_code(architecture, version), "upgraded": product_code(architecture, newer),
+        "crashes": [[program.name, program.stat().st_size] for program in crashes],
         "functions": {program.name: functions_of(program.with_suffix(".map")) for program in crashes},
     }, indent=1) + "\n", encoding="ascii")
     # Notepad of older Windows knows no other line ends.

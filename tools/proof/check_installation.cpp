@@ -1,5 +1,6 @@
 #include "tools/proof/checks.h"
 #include "tools/proof/files.h"
+#include "tools/proof/take_snapshot.h"
 #include "tools/proof/web_server.h"
 
 #include "packaging/installer/scheduled_task.h"
@@ -23,6 +24,27 @@ namespace {
 
 constexpr wchar_t events_key[] = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\HalvoroUpdate";
 constexpr wchar_t updater_key[] = L"SOFTWARE\\Tavrin\\Halvoro\\Lumaris";
+
+// What an installation brings, and what an upgrade then changes.
+constexpr char installed_things[] =
+    "new file %ProgramFiles%\\Tavrin\\Halvoro\\lumaris.exe, "
+    "new file %ProgramFiles%\\Tavrin\\Halvoro\\lumaris_check.exe, "
+    "new file %ProgramFiles%\\Tavrin\\Halvoro\\lumaris_notices.txt, "
+    "new folder %CommonProgramFiles%\\Tavrin, new folder %CommonProgramFiles%\\Tavrin\\Lumaris, "
+    "new folder %ProgramFiles%\\Tavrin, new folder %ProgramFiles%\\Tavrin\\Halvoro, "
+    "new key SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\(first), "
+    "new key SOFTWARE\\Tavrin, new key SOFTWARE\\Tavrin\\Halvoro, "
+    "new key SOFTWARE\\Tavrin\\Halvoro\\Lumaris, "
+    "new key SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\HalvoroUpdate, "
+    "new task Tavrin\\Halvoro update, new value SOFTWARE\\Tavrin\\Halvoro\\Lumaris Channel, "
+    "new value SOFTWARE\\Tavrin\\Halvoro\\Lumaris ProductCode, "
+    "new value SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\HalvoroUpdate EventMessageFile, "
+    "new value SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\HalvoroUpdate TypesSupported";
+constexpr char upgraded_things[] =
+    "changed file %ProgramFiles%\\Tavrin\\Halvoro\\lumaris.exe, "
+    "gone key SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\(first), "
+    "new key SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\(newer), "
+    "changed value SOFTWARE\\Tavrin\\Halvoro\\Lumaris ProductCode";
 
 struct local_deleter {
     void operator()(void* memory) const noexcept { ::LocalFree(memory); }
@@ -260,8 +282,16 @@ void check_installation(context& around, findings& found) {
     around.changes.will_install(wide(text("installed")));
     around.changes.will_install(wide(text("upgraded")));
 
+    const places where{{L"%ProgramFiles%\\Tavrin", L"%CommonProgramFiles%\\Tavrin"},
+                       {L"SOFTWARE\\Tavrin", events_key},
+                       {L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall",
+                        L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\App Paths",
+                        L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application"},
+                       {{text("installed"), "(first)"}, {text("upgraded"), "(newer)"}}};
+    const snapshot nothing = take_snapshot(where);
     found.see_number("installation.exit", ERROR_SUCCESS, install(around, L"lumaris.msi", L"CHANNEL=beta"));
     see_installed(around, found, "installation", at, "the first one");
+    found.see("installation.changes", installed_things, changes(nothing, take_snapshot(where)));
     std::wstring xml;
     setup::read_task(xml);
     found.see("task.not on battery", "false", setting(xml, L"DisallowStartIfOnBatteries"));
@@ -286,12 +316,17 @@ void check_installation(context& around, findings& found) {
     }
     see_rights(around, found, at.store);
 
+    const snapshot first = take_snapshot(where);
     found.see_number("failing upgrade.exit", ERROR_INSTALL_FAILURE,
                      install(around, L"lumaris-failing.msi", L""));
     see_installed(around, found, "failing upgrade", at, "the first one");
+    found.see("failing upgrade.changes", "none", changes(first, take_snapshot(where)));
     found.see_number("upgrade.exit", ERROR_SUCCESS, install(around, L"lumaris-next.msi", L""));
     see_installed(around, found, "upgrade", at, "the newer one");
+    const snapshot newer = take_snapshot(where);
+    found.see("upgrade.changes", upgraded_things, changes(first, newer));
     found.see_number("going back.exit", ERROR_INSTALL_FAILURE, install(around, L"lumaris.msi", L""));
+    found.see("going back.changes", "none", changes(newer, take_snapshot(where)));
 
     found.see_number("removal.exit", ERROR_SUCCESS, run_installer(L"/x " + wide(text("upgraded"))));
     found.see("removal.program", "none", there(path_exists(at.maker)));
@@ -299,6 +334,7 @@ void check_installation(context& around, findings& found) {
     found.see("removal.event source", "none", value_text(events_key, L"EventMessageFile"));
     found.see("removal.task", "none", there(has_task()));
     found.see("removal.channel", "none", value_text(updater_key, L"Channel"));
+    found.see("removal.changes", "none", changes(nothing, take_snapshot(where)));
 }
 
 } // namespace proof

@@ -6,11 +6,11 @@ namespace proof {
 
 namespace {
 
-finished_run run_crash(const context& around, const wchar_t* program, DWORD limit) {
+finished_run run_crash(const context& around, const char* program, DWORD limit) {
     run_options options;
     options.unseen = true;
     options.limit = limit;
-    return run_program(L"\"" + around.program(L"tests\\crash\\") + program + L"\"", options);
+    return run_program(L"\"" + around.crash_program(program) + L"\"", options);
 }
 
 } // namespace
@@ -25,7 +25,7 @@ void check_saved_reports(context& around, findings& found) {
         return read_file(folder + L"0.tzo") + read_file(folder + L"0.tzr");
     };
     found.see("saved reports.exit", "0xFFFFFFFF",
-              exit_text(run_crash(around, L"crash_access_violation.exe", 60'000)));
+              exit_text(run_crash(around, "crash_access_violation.exe", 60'000)));
     const std::string saved = pair();
     found.see("saved reports.first", "a pair", saved.empty() ? "none" : "a pair");
     {
@@ -34,13 +34,13 @@ void check_saved_reports(context& around, findings& found) {
         for (int turn = 1; turn <= 3; ++turn) {
             const std::string name = "saved reports.kill " + std::to_string(turn);
             found.see(name, "ended at its time limit",
-                      exit_text(run_crash(around, L"crash_access_violation.exe", 4'000)));
+                      exit_text(run_crash(around, "crash_access_violation.exe", 4'000)));
             found.see(name + " leaves", "the same pair",
                       pair() == saved ? "the same pair" : "something else");
         }
     }
     found.see("saved reports.server away", "0x00000000",
-              exit_text(run_crash(around, L"crash_none.exe", 60'000)));
+              exit_text(run_crash(around, "crash_none.exe", 60'000)));
     found.see("saved reports.last", "the same pair",
               pair() == saved && !saved.empty() ? "the same pair" : "something else");
 }

@@ -2,6 +2,8 @@
 #include "tools/proof/files.h"
 #include "tools/proof/web_server.h"
 
+#include <array>
+
 namespace proof {
 
 namespace {
@@ -78,8 +80,9 @@ public:
     const std::wstring& store() const noexcept { return m_store; }
 
     // A run that fails with this message, starts no installer, and asks for these files.
-    void fails(const std::string& name, const std::string& message, const std::string& asked) {
-        const finished_run run = run_updater(m_around);
+    finished_run fails(const std::string& name, const std::string& message, const std::string& asked,
+                       const wchar_t* program = updater) {
+        const finished_run run = run_updater(m_around, 0, false, program);
         m_found.note(name + ".memory", std::to_string(run.peak_memory / 1024) + " KB");
         see_run(name, run, "0x80000001", "error 0x80000001 [Halvoro] [" + message + "]", asked);
         const std::vector<event> events = m_around.events.since(true);
@@ -87,6 +90,7 @@ public:
                     events.empty()
                         ? "none"
                         : neutral(rendered(events[0], m_around.program(L"src\\updater\\lumaris.exe"))));
+        return run;
     }
 
     // A run that ends well and says nothing. `installs` is whether the installer is started.
@@ -137,6 +141,29 @@ std::string seconds_text(double seconds) {
     return std::to_string(static_cast<int>(seconds * 1000)) + " ms";
 }
 
+// A gigabyte needs no more memory than a megabyte. Its signature is that of another package, so that nothing is installed.
+void large_package(findings& found, scene& at) {
+    constexpr wchar_t program[] = L"tools\\proof\\lumaris_large.exe";
+    constexpr std::uint64_t gigabyte = 1ULL << 30U;
+    std::array<std::size_t, 2> memory{};
+    for (const bool large : {false, true}) {
+        at.begin();
+        answer package;
+        package.body.assign(65536, 'x');
+        package.repeated = large ? gigabyte : 1U << 20U;
+        at.server().set(at.path(), package);
+        const std::string name = large ? "large package" : "small package";
+        const finished_run run = at.fails(name, "Invalid Minisign signature", package_asked, program);
+        memory[large ? 1 : 0] = run.peak_memory;
+        found.note(name + ".time", seconds_text(run.seconds));
+    }
+    found.see("large package.sent", "a gigabyte",
+              at.server().sent() > gigabyte ? "a gigabyte" : std::to_string(at.server().sent()) + " bytes");
+    found.see("large package.more memory", "less than 8 MB",
+              memory[1] < memory[0] + (8U << 20U) ? "less than 8 MB"
+                                                  : std::to_string(memory[1] - memory[0]) + " bytes");
+}
+
 // From nothing to the installer, and again with the package that is there already.
 void install(context& around, findings& found, scene& at) {
     const std::wstring installed = environment_text(L"%ProgramFiles%\\Tavrin\\Lumaris proof\\installed.txt");
@@ -155,8 +182,7 @@ void install(context& around, findings& found, scene& at) {
     // The shell looks for a program without a folder in the current one first.
     const std::wstring planted = around.changes.work_folder() + L"planted";
     ::CreateDirectoryW(planted.c_str(), nullptr);
-    ::CopyFileW(around.program(L"tests\\crash\\crash_none.exe").c_str(), (planted + L"\\msiexec.exe").c_str(),
-                FALSE);
+    ::CopyFileW(around.crash_program("crash_none.exe").c_str(), (planted + L"\\msiexec.exe").c_str(), FALSE);
     ::SetCurrentDirectoryW(planted.c_str());
     at.begin();
     at.succeeds("planted msiexec.exe", signature_asked, true);
@@ -220,6 +246,11 @@ void check_updates(context& around, findings& found) {
     endless.repeated = 100'000'000;
     at.server().set(at.path(), endless);
     at.fails("package without an end", no_content + "package larger than 50331648 bytes", package_asked);
+
+    // Emulated, a gigabyte would take minutes.
+    if (found.system() != system_kind::wine_arm64) {
+        large_package(found, at);
+    }
 
     at.begin();
     answer cut;

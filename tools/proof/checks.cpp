@@ -1,6 +1,7 @@
 #include "tools/proof/checks.h"
 
 #include "tools/proof/files.h"
+#include "tools/proof/together.h"
 
 #include "platform/errors.h"
 
@@ -16,7 +17,7 @@ constexpr std::array table{
     check{
         "crashes",
         "Every kind of crash is reported: its code, the functions it happened in, and how the process ends.",
-        "", check_crashes},
+        "a name in the hosts file", check_crashes},
     check{"network-gate", "The updater heeds what the system says about the network.",
           "names in the hosts file; port 80 of the loopback address", check_network_gate},
     check{"updates",
@@ -55,6 +56,22 @@ std::string context::signed_file(const char* name) const {
     return read_file(folder + L"signed\\" + wide(name));
 }
 
+std::wstring context::crash_program(const std::string& name) const {
+    const std::wstring target = changes.work_folder() + L"crashes\\";
+    if (!path_exists(target)) {
+        std::vector<std::size_t> sizes;
+        for (const auto& each : kit["crashes"]) {
+            sizes.push_back(each[1].get<std::size_t>());
+        }
+        const std::vector<std::string> programs = apart(read_file(folder + L"programs\\crashes.bin"), sizes);
+        ::CreateDirectoryW(target.c_str(), nullptr);
+        for (std::size_t at = 0; at < programs.size(); ++at) {
+            write_file(target + wide(kit["crashes"][at][0].get<std::string>()), programs[at]);
+        }
+    }
+    return target + wide(name);
+}
+
 std::wstring context::fresh_temporary_folder() const {
     const std::wstring path = changes.work_folder() + L"temp";
     delete_tree(path);
@@ -85,14 +102,14 @@ std::string neutral(std::string message) {
     return message;
 }
 
-finished_run run_updater(context& around, DWORD settle, bool installs) {
+finished_run run_updater(context& around, DWORD settle, bool installs, const wchar_t* program) {
     around.fresh_temporary_folder();
     around.events.begin();
     run_options options;
     options.limit = 120'000;
     options.settle = settle;
     options.installs = installs;
-    return run_program(L"\"" + around.program(L"src\\updater\\lumaris.exe") + L"\"", options);
+    return run_program(L"\"" + around.program(program) + L"\"", options);
 }
 
 } // namespace proof

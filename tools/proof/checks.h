@@ -25,6 +25,9 @@ struct context {
     std::wstring program(const wchar_t* path) const { return folder + L"programs\\" + path; }
     std::string signed_file(const char* name) const;
 
+    // Where a crash program lies, such as "crash_none.exe". Those of the kit are in one file, and taken apart at the first use.
+    std::wstring crash_program(const std::string& name) const;
+
     // An empty folder, which is the temporary one of the programs that are started from now on. With its final backslash.
     std::wstring fresh_temporary_folder() const;
 };
@@ -53,7 +56,9 @@ std::string hexadecimal(unsigned long long value);
 // The message with "Error 12029" in the place of the system's text for a failure of WinHTTP, which is in the system's language.
 std::string neutral(std::string message);
 
-// Runs lumaris.exe of the kit.
-finished_run run_updater(context& around, DWORD settle = 0, bool installs = false);
+// Runs lumaris.exe of the kit, or another updater in it.
+inline constexpr wchar_t updater[] = L"src\\updater\\lumaris.exe";
+finished_run run_updater(context& around, DWORD settle = 0, bool installs = false,
+                         const wchar_t* program = updater);
 
 } // namespace proof

@@ -24,6 +24,30 @@ constexpr char no_table[] =
 constexpr char no_rollback[] = "Wine does not bring back what a newer package has removed before it failed";
 constexpr char no_upgrade[] =
     "Wine does not tell a package that a newer one removes it, and so its settings go with it";
+constexpr char all_gone[] =
+    "gone file %ProgramFiles%\\Tavrin\\Halvoro\\lumaris.exe, "
+    "gone file %ProgramFiles%\\Tavrin\\Halvoro\\lumaris_check.exe, "
+    "gone file %ProgramFiles%\\Tavrin\\Halvoro\\lumaris_notices.txt, "
+    "gone folder %CommonProgramFiles%\\Tavrin\\Lumaris, "
+    "gone folder %ProgramFiles%\\Tavrin, gone folder %ProgramFiles%\\Tavrin\\Halvoro, "
+    "gone key SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\(first), "
+    "gone key SOFTWARE\\Tavrin, gone key SOFTWARE\\Tavrin\\Halvoro, "
+    "gone key SOFTWARE\\Tavrin\\Halvoro\\Lumaris, "
+    "gone key SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\HalvoroUpdate, "
+    "gone task Tavrin\\Halvoro update, gone value SOFTWARE\\Tavrin\\Halvoro\\Lumaris Channel, "
+    "gone value SOFTWARE\\Tavrin\\Halvoro\\Lumaris ProductCode, "
+    "gone value SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\HalvoroUpdate EventMessageFile, "
+    "gone value SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\HalvoroUpdate TypesSupported";
+constexpr char upgraded[] = "changed file %ProgramFiles%\\Tavrin\\Halvoro\\lumaris.exe, "
+                            "gone key SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\(first), "
+                            "new key SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\(newer), "
+                            "changed value SOFTWARE\\Tavrin\\Halvoro\\Lumaris ProductCode";
+constexpr char upgraded_anew[] =
+    "changed file %ProgramFiles%\\Tavrin\\Halvoro\\lumaris.exe, "
+    "gone key SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\(first), "
+    "new key SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\(newer), "
+    "changed task Tavrin\\Halvoro update, gone value SOFTWARE\\Tavrin\\Halvoro\\Lumaris Channel, "
+    "changed value SOFTWARE\\Tavrin\\Halvoro\\Lumaris ProductCode";
 constexpr char if_called[] = "reported if any filter is called";
 
 constexpr std::array table{
@@ -45,6 +69,13 @@ constexpr std::array table{
     difference{"crash.invalid_parameter.functions", whole_way, "none", whole_way, walk},
     difference{"crash.second_thread.functions", whole_way, "innermost, middle", whole_way, walk},
     difference{"crash.during_start_up.functions", whole_way, "innermost, middle", whole_way, walk},
+    difference{"crash.in_atexit_function.functions", "innermost, middle, outer", "innermost, middle",
+               "innermost, middle, outer", walk},
+    difference{"crash.in_static_destructor.functions", "innermost, middle, outer", "innermost, middle",
+               "innermost, middle, outer", walk},
+    difference{"crash.on_thread_at_exit.functions", "innermost, middle, outer", "innermost, middle",
+               "innermost, middle, outer", walk},
+    difference{"crash.deep_recursion.functions", "innermost, outer", "innermost", "innermost, outer", walk},
     difference{"cut.event", "error 0x80000001 [Halvoro] [Invalid Minisign signature]",
                "error 0x80000001 [Halvoro] [Invalid Minisign signature]",
                "error 0x80000001 [Halvoro] [Failed to load content: WinHttpReadData failed: Error 12030]",
@@ -90,7 +121,9 @@ constexpr std::array table{
     difference{"failing upgrade.folder", "none", "none", "there", no_rollback},
     difference{"failing upgrade.task", "none", "none", "there", no_rollback},
     difference{"failing upgrade.channel", "none", "none", "beta", no_rollback},
+    difference{"failing upgrade.changes", all_gone, all_gone, "none", no_rollback},
     difference{"upgrade.channel", "none", "none", "beta", no_upgrade},
+    difference{"upgrade.changes", upgraded_anew, upgraded_anew, upgraded, no_upgrade},
 };
 
 } // namespace

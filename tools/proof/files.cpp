@@ -76,6 +76,33 @@ void append_through(const std::wstring& path, const std::string& content) {
     write(path, content, FILE_APPEND_DATA, OPEN_ALWAYS, FILE_FLAG_WRITE_THROUGH);
 }
 
+void cut_file(const std::wstring& path, std::size_t size) {
+    const pwrap::win_handle<-1> file(
+        ::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+    LARGE_INTEGER end;
+    end.QuadPart = static_cast<LONGLONG>(size);
+    if (!file || ::SetFilePointerEx(file.get(), end, nullptr, FILE_BEGIN) == 0 ||
+        ::SetEndOfFile(file.get()) == 0) {
+        fail("cannot shorten", path);
+    }
+}
+
+void replace_file(const std::wstring& path, const std::string& content) {
+    const std::wstring beside = path + L".new";
+    write(beside, content, GENERIC_WRITE, CREATE_ALWAYS, FILE_FLAG_WRITE_THROUGH);
+    if (::MoveFileExW(beside.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) ==
+        0) {
+        fail("cannot replace", path);
+    }
+}
+
+void replace_content(const std::wstring& path, const std::string& content, const std::wstring& elsewhere) {
+    write(elsewhere, content, GENERIC_WRITE, CREATE_ALWAYS, FILE_FLAG_WRITE_THROUGH);
+    if (::ReplaceFileW(path.c_str(), elsewhere.c_str(), nullptr, 0, nullptr, nullptr) == 0) {
+        fail("cannot replace", path);
+    }
+}
+
 void delete_file(const std::wstring& path) {
     remove(path, [&] { return ::DeleteFileW(path.c_str()); });
 }

@@ -5,6 +5,7 @@
 #include "platform/errors.h"
 #include "platform/handle.h"
 #include "tools/proof/files.h"
+#include "tools/proof/journal_text.h"
 #include "tools/proof/machine.h"
 #include "tools/proof/process.h"
 #include "tools/proof/web_server.h"
@@ -24,10 +25,6 @@ namespace proof {
 namespace {
 
 constexpr REGSAM wide_view = KEY_WOW64_64KEY;
-
-// The block that is added to the hosts file, apart from the names.
-constexpr char hosts_begin[] = "\r\n# Begin of the Lumaris proof\r\n";
-constexpr char hosts_end[] = "# End of the Lumaris proof\r\n";
 
 struct local_deleter {
     void operator()(void* memory) const noexcept { ::LocalFree(memory); }
@@ -141,13 +138,20 @@ void restore_value(const std::wstring& key, const std::wstring& name, const std:
     }
 }
 
-void cut_hosts() {
-    std::string text = read_file(hosts_file());
-    const std::size_t begin = text.find(hosts_begin);
-    const std::size_t end = text.find(hosts_end);
-    if (begin != std::string::npos && end != std::string::npos) {
-        text.erase(begin, end + sizeof hosts_end - 1 - begin);
-        write_file(hosts_file(), text);
+// Whoever kills the proof finds somebody's hosts file whole.
+void cut_hosts(const std::wstring& elsewhere) {
+    if (!path_exists(hosts_file())) {
+        return; // there was none, and the proof was killed before it made one
+    }
+    const std::string text = read_file(hosts_file());
+    const std::string rest = without_hosts_blocks(text);
+    if (rest == text) {
+        return;
+    }
+    if (text.starts_with(rest)) {
+        cut_file(hosts_file(), rest.size());
+    } else {
+        replace_content(hosts_file(), rest, elsewhere);
     }
 }
 
@@ -199,7 +203,8 @@ void stop_trusting(const std::string& thumbprint) {
     delete_key(L"SOFTWARE\\Microsoft\\SystemCertificates\\ROOT\\Certificates\\" + wide(thumbprint));
 }
 
-void undo_one(const std::vector<std::string>& entry) {
+// `folder` is the journal's own.
+void undo_one(const journal_entry& entry, const std::wstring& folder) {
     const std::string& what = entry[0];
     const std::wstring first = entry.size() > 1 ? wide(entry[1]) : L"";
     if (what == "folder") {
@@ -211,7 +216,7 @@ void undo_one(const std::vector<std::string>& entry) {
     } else if (what == "value") {
         restore_value(first, wide(entry[2]), entry[3], entry[4]);
     } else if (what == "hosts") {
-        cut_hosts();
+        cut_hosts(folder + L"\\hosts.txt");
     } else if (what == "product") {
         remove_product(first);
     } else if (what == "task") {
@@ -222,26 +227,6 @@ void undo_one(const std::vector<std::string>& entry) {
         stop_trusting(entry[1]);
     } else {
         throw std::runtime_error("an unknown entry");
-    }
-}
-
-std::string joined(const std::vector<std::string>& parts) {
-    std::string line;
-    for (const std::string& each : parts) {
-        line += (line.empty() ? "" : "\t") + each;
-    }
-    return line;
-}
-
-std::vector<std::string> split(const std::string& text, char separator) {
-    std::vector<std::string> parts;
-    for (std::size_t at = 0;;) {
-        const std::size_t end = text.find(separator, at);
-        parts.push_back(text.substr(at, end == std::string::npos ? end : end - at));
-        if (end == std::string::npos) {
-            return parts;
-        }
-        at = end + 1;
     }
 }
 
@@ -256,36 +241,30 @@ journal::journal()
     if (!path_exists(m_file)) {
         return;
     }
-    // A last line without its end was cut off before its change was made.
-    const std::string text = read_file(m_file);
-    for (const std::string& line : split(text.substr(0, text.rfind('\n') + 1), '\n')) {
-        if (!line.empty()) {
-            m_entries.push_back(split(line, '\t'));
-        }
-    }
+    m_entries = journal_entries(read_file(m_file));
 }
 
 bool journal::is_empty() const {
     return !path_exists(m_folder);
 }
 
-void journal::add(entry what) {
+void journal::add(journal_entry what) {
     if (m_entries.empty()) {
         make_closed_folder(m_folder);
         if (!is_ours(m_folder)) {
             throw std::runtime_error(utf8(m_folder) + " was made by somebody else");
         }
     }
-    append_through(m_file, joined(what) + "\n");
+    append_through(m_file, journal_line(what));
     m_entries.push_back(std::move(what));
 }
 
 void journal::write_all() const {
     std::string text;
-    for (const entry& each : m_entries) {
-        text += joined(each) + "\n";
+    for (const journal_entry& each : m_entries) {
+        text += journal_line(each);
     }
-    write_file(m_file, text);
+    replace_file(m_file, text);
 }
 
 const std::wstring& journal::work_folder() {
@@ -315,7 +294,7 @@ void journal::will_make_key(const std::wstring& key) {
 }
 
 void journal::will_install(const std::wstring& product_code) {
-    add({"product", utf8(product_code)});
+    add({"product", utf8(product_code), utf8(installers_job())});
 }
 
 void journal::will_make_task() {
@@ -367,21 +346,40 @@ void journal::set_text(const std::wstring& key, const std::wstring& name, const 
 void journal::add_host_names(const std::vector<std::string>& names) {
     will_make_file(hosts_file());
     add({"hosts"});
-    std::string block = hosts_begin;
+    std::vector<host_name> lines;
+    lines.reserve(names.size());
     for (const std::string& each : names) {
-        block += (each.starts_with("reports.") ? report_address : "127.0.0.1") + (" " + each) + "\r\n";
+        lines.push_back({each.starts_with("reports.") ? report_address : "127.0.0.1", each});
     }
-    append_through(hosts_file(), block + hosts_end);
+    append_through(hosts_file(), hosts_block(lines));
+}
+
+// What a killed proof has started goes on, and would be at work beside ours. When this one is killed, too, the next start waits for ours.
+void journal::end_left_installers() {
+    bool any = false;
+    for (journal_entry& each : m_entries) {
+        if (each[0] == "product" && each.at(2) != utf8(installers_job())) {
+            end_installers(wide(each[2]));
+            each[2] = utf8(installers_job());
+            any = true;
+        }
+    }
+    if (any) {
+        write_all();
+    }
 }
 
 std::vector<std::string> journal::undo(std::size_t mark) {
+    end_left_installers();
     std::vector<std::string> failures;
-    std::vector<entry> kept;
+    std::vector<journal_entry> kept;
     while (m_entries.size() > mark) {
         try {
-            undo_one(m_entries.back());
+            undo_one(m_entries.back(), m_folder);
         } catch (const std::exception& error) {
-            failures.push_back(joined(m_entries.back()) + ": " + error.what());
+            std::string line = journal_line(m_entries.back());
+            line.pop_back();
+            failures.push_back(line + ": " + error.what());
             kept.insert(kept.begin(), m_entries.back());
         }
         m_entries.pop_back();

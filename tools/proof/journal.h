@@ -5,6 +5,8 @@
 // the first. The file lies in %ProgramData%\Lumaris proof, which goes with the last entry. One proof at a time; one thread.
 #pragma once
 
+#include "tools/proof/journal_text.h"
+
 #include <windows.h>
 
 #include <string>
@@ -42,20 +44,14 @@ public:
     std::vector<std::string> undo(std::size_t mark = 0);
 
 private:
-    using entry = std::vector<std::string>;
-    void add(entry what);
+    void add(journal_entry what);
     void write_all() const;
+    void end_left_installers();
 
     std::wstring m_folder;
     std::wstring m_file;
     std::wstring m_work;
-    std::vector<entry> m_entries;
+    std::vector<journal_entry> m_entries;
 };
-
-// Job objects of the programs that checks start, by which the next start finds what a killed proof left running. Installers are waited
-// for, everything else is ended.
-inline constexpr wchar_t programs_job[] = L"LumarisProofPrograms";
-inline constexpr wchar_t installers_job[] = L"LumarisProofInstallers";
-void end_left_programs();
 
 } // namespace proof

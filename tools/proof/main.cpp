@@ -18,8 +18,10 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -34,16 +36,38 @@ struct wish {
     bool json = false;
     bool keep = false;
     bool yes = false;
-    bool pause = false;
     std::vector<std::string> only;
     std::string output;
     std::string trace;
+    std::string relay;
 };
 
-void write(const std::string& text) {
+// The pipe to the program that has started this one with more rights, which prints what comes through it; or nothing.
+pwrap::win_handle<-1> relay;
+
+// In a pipe the first byte of a message says where its text belongs.
+constexpr char to_output = 'o';
+constexpr char to_errors = 'e';
+
+BOOL WINAPI stop(DWORD) noexcept;
+
+void write(const std::string& text, char where = to_output) {
     DWORD written = 0;
-    ::WriteFile(::GetStdHandle(STD_OUTPUT_HANDLE), text.data(), static_cast<DWORD>(text.size()), &written,
-                nullptr);
+    if (relay) {
+        const std::string message = where + text;
+        if (::WriteFile(relay.get(), message.data(), static_cast<DWORD>(message.size()), &written, nullptr) ==
+            0) {
+            stop(CTRL_CLOSE_EVENT); // nobody is there any more who wants to know
+        }
+        return;
+    }
+    ::WriteFile(::GetStdHandle(where == to_errors ? STD_ERROR_HANDLE : STD_OUTPUT_HANDLE), text.data(),
+                static_cast<DWORD>(text.size()), &written, nullptr);
+}
+
+// A message, which is no part of the report.
+void say(const std::string& text) {
+    write("proof: " + text + "\n", to_errors);
 }
 
 std::atomic<bool> stopping = false;
@@ -51,7 +75,8 @@ std::atomic<bool> stopping = false;
 // Ctrl+C and the end of the session: the check at hand loses its program, and what was changed is put back.
 BOOL WINAPI stop(DWORD) noexcept {
     stopping = true;
-    const pwrap::win_handle<0> job(::OpenJobObjectW(JOB_OBJECT_TERMINATE, FALSE, proof::programs_job));
+    const pwrap::win_handle<0> job(
+        ::OpenJobObjectW(JOB_OBJECT_TERMINATE, FALSE, proof::programs_job().c_str()));
     if (job) {
         ::TerminateJobObject(job.get(), ERROR_CANCELLED);
     }
@@ -102,13 +127,43 @@ bool user_agrees(const std::vector<const proof::check*>& chosen) {
            read != 0 && (answer[0] == 'y' || answer[0] == 'Y');
 }
 
-// Starts the program again with administrator rights and waits for its end. Its exit code.
+// Prints what the program with more rights has to say, until it has ended.
+void print_relayed(HANDLE pipe) {
+    if (::ConnectNamedPipe(pipe, nullptr) == 0 && ::GetLastError() != ERROR_PIPE_CONNECTED) {
+        return;
+    }
+    std::string message;
+    std::array<char, 4096> part{};
+    for (;;) {
+        DWORD size = 0;
+        const bool whole =
+            ::ReadFile(pipe, part.data(), static_cast<DWORD>(part.size()), &size, nullptr) != 0;
+        if (!whole && ::GetLastError() != ERROR_MORE_DATA) {
+            return;
+        }
+        message.append(part.data(), size);
+        if (whole && !message.empty()) {
+            write(message.substr(1), message[0]);
+            message.clear();
+        }
+    }
+}
+
+// Starts the program again with administrator rights and waits for its end. It has no console of ours, and tells us what to print. Its
+// exit code.
 int run_elevated(int count, wchar_t** arguments) {
+    const std::wstring name = L"\\\\.\\pipe\\lumaris-proof-" + std::to_wstring(::GetCurrentProcessId());
+    const pwrap::win_handle<-1> pipe(::CreateNamedPipeW(
+        name.c_str(), PIPE_ACCESS_INBOUND | FILE_FLAG_FIRST_PIPE_INSTANCE,
+        PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_REJECT_REMOTE_CLIENTS, 1, 65536, 65536, 0, nullptr));
+    if (!pipe) {
+        throw pwrap::win_runtime_error("no pipe to a program with more rights");
+    }
     std::wstring line;
     for (int at = 1; at < count; ++at) {
         line += L"\"" + std::wstring(arguments[at]) + L"\" ";
     }
-    line += L"--yes --pause";
+    line += L"--yes --relay " + name;
     const std::wstring program = proof::own_folder() + L"proof.exe";
     SHELLEXECUTEINFOW start{};
     start.cbSize = sizeof start;
@@ -116,16 +171,30 @@ int run_elevated(int count, wchar_t** arguments) {
     start.lpVerb = L"runas";
     start.lpFile = program.c_str();
     start.lpParameters = line.c_str();
-    start.nShow = SW_SHOWNORMAL;
+    start.nShow = SW_HIDE;
     if (::ShellExecuteExW(&start) == 0 || start.hProcess == nullptr) {
-        write("proof: administrator rights are needed, and were not given\n");
+        say("administrator rights are needed, and were not given");
         return not_begun;
     }
     const pwrap::win_handle<0> process(start.hProcess);
+    std::thread printer([&] { print_relayed(pipe.get()); });
     ::WaitForSingleObject(process.get(), INFINITE);
+    // If it has ended without a word, the printer waits for one still.
+    pwrap::win_handle<-1>(::CreateFileW(name.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr))
+        .free();
+    printer.join();
     DWORD code = 0;
     ::GetExitCodeProcess(process.get(), &code);
     return static_cast<int>(code);
+}
+
+// The other side of it. Whoever made the pipe may not act with our rights.
+void open_relay(const std::string& name) {
+    relay.reset(::CreateFileW(proof::wide(name).c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                              SECURITY_SQOS_PRESENT | SECURITY_ANONYMOUS, nullptr));
+    if (!relay) {
+        throw pwrap::win_runtime_error("no pipe to the program that has started this one");
+    }
 }
 
 double seconds_since(ULONGLONG begin) noexcept {
@@ -155,17 +224,16 @@ int prove(const wish& wanted, const std::vector<const proof::check*>& chosen) {
     // One proof at a time: two would put back each other's changes.
     const pwrap::win_handle<0> one(::CreateMutexW(nullptr, TRUE, L"Global\\LumarisProof"));
     if (!one || ::GetLastError() == ERROR_ALREADY_EXISTS) {
-        write("proof: another proof is running\n");
+        say("another proof is running");
         return not_begun;
     }
     ::SetConsoleCtrlHandler(stop, TRUE);
     proof::journal changes;
     if (!changes.is_empty()) {
-        write("proof: an earlier proof was ended; what it had changed is put back first\n");
-        proof::end_left_programs();
+        say("an earlier proof was ended; what it had changed is put back first");
         const std::vector<std::string> left = changes.undo();
         for (const std::string& each : left) {
-            write("proof: could not be undone: " + each + "\n");
+            say("could not be undone: " + each);
         }
         if (!left.empty()) {
             return not_begun;
@@ -176,9 +244,9 @@ int prove(const wish& wanted, const std::vector<const proof::check*>& chosen) {
     }
     if (const std::vector<std::string> foreign = proof::foreign_things(); !foreign.empty()) {
         for (const std::string& each : foreign) {
-            write("proof: " + each + "\n");
+            say(each);
         }
-        write("proof: this belongs to somebody else, and nothing was changed\n");
+        say("this belongs to somebody else, and nothing was changed");
         return not_begun;
     }
 
@@ -193,15 +261,20 @@ int prove(const wish& wanted, const std::vector<const proof::check*>& chosen) {
     report.processor = here.processor;
     report.system = here.system;
     report.complete = chosen.size() == proof::all_checks().size();
+    const auto progress = [&](const std::string& text) {
+        if (!wanted.json) {
+            write(text);
+        }
+    };
     for (const proof::check* const each : chosen) {
         if (stopping) {
             report.complete = false;
             report.left.emplace_back("the proof was stopped before its end");
             break;
         }
-        write(std::string(each->name) + ": ");
+        progress(std::string(each->name) + ": ");
         report.checks.push_back(make(*each, around, wanted.keep));
-        write(report.checks.back().passed() ? "passed\n" : "FAILED\n");
+        progress(report.checks.back().passed() ? "passed\n" : "FAILED\n");
     }
     if (!wanted.keep) {
         for (const std::string& each : changes.undo()) {
@@ -241,38 +314,34 @@ int wmain(int count, wchar_t** arguments) {
     app.add_option("--output", wanted.output, "The folder for the report (default: that of the program)");
     app.add_option("--wine-trace", wanted.trace,
                    "Under Wine, which keeps no event log: the file that has its standard error");
-    app.add_flag("--pause", wanted.pause, "Waits for a key at the end")->group("");
+    app.add_option("--relay", wanted.relay, "The pipe for what would be printed")->group("");
     try {
         app.parse(count, arguments);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? proved : not_begun;
     }
     try {
+        if (!wanted.relay.empty()) {
+            open_relay(wanted.relay);
+        }
         const std::vector<const proof::check*> chosen = chosen_checks(wanted);
         if (wanted.list) {
             write(list_text());
             return proved;
         }
         if (chosen.size() < wanted.only.size() || chosen.empty()) {
-            write("proof: there is no such check; see proof --list\n");
+            say("there is no such check; see proof --list");
             return not_begun;
         }
         if (!wanted.yes && !wanted.clean && !user_agrees(chosen)) {
             return not_begun;
         }
-        if (!proof::look_at_machine().elevated) {
+        if (!proof::look_at_machine().elevated && wanted.relay.empty()) {
             return run_elevated(count, arguments);
         }
-        const int result = prove(wanted, chosen);
-        if (wanted.pause && proof::look_at_machine().system == proof::system_kind::windows) {
-            write("Press Enter.");
-            char key = 0;
-            DWORD read = 0;
-            ::ReadFile(::GetStdHandle(STD_INPUT_HANDLE), &key, 1, &read, nullptr);
-        }
-        return result;
+        return prove(wanted, chosen);
     } catch (const std::exception& error) {
-        write(std::string("proof: ") + error.what() + "\n");
+        say(error.what());
         return not_begun;
     }
 }

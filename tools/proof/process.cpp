@@ -9,8 +9,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cwchar>
 #include <map>
 #include <memory>
+#include <span>
 #include <stdexcept>
 
 namespace proof {
@@ -46,6 +48,56 @@ std::wstring image_of(HANDLE process) {
     return {path.data(), size};
 }
 
+// The environment of this program with another temporary folder.
+std::wstring environment_with(const std::wstring& temporary) {
+    std::wstring block;
+    wchar_t* const own = ::GetEnvironmentStringsW();
+    for (const wchar_t* each = own; *each != L'\0'; each += std::wcslen(each) + 1) {
+        if (_wcsnicmp(each, L"TMP=", 4) != 0 && _wcsnicmp(each, L"TEMP=", 5) != 0) {
+            block.append(each).push_back(L'\0');
+        }
+    }
+    ::FreeEnvironmentStringsW(own);
+    for (const wchar_t* const name : {L"TEMP=", L"TMP="}) {
+        block.append(name + temporary).push_back(L'\0');
+    }
+    return block;
+}
+
+// Not in the headers of every toolchain.
+constexpr DWORD_PTR job_list_attribute = 0x2000D;
+
+// Starts a program suspended, in these jobs from its first moment on: no kill of the proof leaves one that is in none.
+PROCESS_INFORMATION start_in_jobs(const std::wstring& command_line, std::span<HANDLE> jobs,
+                                  const STARTUPINFOW& how, const run_options& options) {
+    SIZE_T size = 0;
+    ::InitializeProcThreadAttributeList(nullptr, 1, 0, &size);
+    std::vector<std::byte> memory(size);
+    STARTUPINFOEXW start{};
+    start.StartupInfo = how;
+    start.StartupInfo.cb = sizeof start;
+    start.lpAttributeList = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(memory.data());
+    if (::InitializeProcThreadAttributeList(start.lpAttributeList, 1, 0, &size) == 0 ||
+        ::UpdateProcThreadAttribute(start.lpAttributeList, 0, job_list_attribute, jobs.data(),
+                                    jobs.size_bytes(), nullptr, nullptr) == 0) {
+        throw pwrap::win_runtime_error("no list of job objects");
+    }
+    std::wstring line = command_line;
+    std::wstring environment = options.temporary.empty() ? L"" : environment_with(options.temporary);
+    PROCESS_INFORMATION made{};
+    const BOOL started = ::CreateProcessW(
+        nullptr, line.data(), nullptr, nullptr, TRUE,
+        CREATE_SUSPENDED | CREATE_NO_WINDOW | CREATE_UNICODE_ENVIRONMENT | EXTENDED_STARTUPINFO_PRESENT,
+        environment.empty() ? nullptr : environment.data(),
+        options.folder.empty() ? nullptr : options.folder.c_str(), &start.StartupInfo, &made);
+    const DWORD error = ::GetLastError();
+    ::DeleteProcThreadAttributeList(start.lpAttributeList);
+    if (started == 0) {
+        throw pwrap::win_runtime_error(error, ("cannot start " + utf8(command_line)).c_str());
+    }
+    return made;
+}
+
 // What a program has started. Its path is asked for at once: of a process that has ended it cannot be told. The handle keeps its number
 // from being given to another one.
 struct members {
@@ -55,14 +107,20 @@ struct members {
     };
     std::map<DWORD, std::unique_ptr<member>> processes;
 
-    void note(DWORD id) {
+    // The member gets a handle of the job, if any: the name of a job is there only as long as somebody has one.
+    void note(DWORD id, HANDLE job) {
         if (processes.contains(id)) {
             return;
         }
-        if (HANDLE const opened = ::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION | SYNCHRONIZE, FALSE, id)) {
+        if (HANDLE const opened = ::OpenProcess(
+                PROCESS_QUERY_LIMITED_INFORMATION | PROCESS_DUP_HANDLE | SYNCHRONIZE, FALSE, id)) {
             auto noted = std::make_unique<member>();
             noted->process.reset(opened);
             noted->image = image_of(opened);
+            if (HANDLE given = nullptr; job != nullptr) {
+                ::DuplicateHandle(::GetCurrentProcess(), job, opened, &given, 0, FALSE,
+                                  DUPLICATE_SAME_ACCESS);
+            }
             processes[id] = std::move(noted);
         }
     }
@@ -76,12 +134,27 @@ DWORD active_processes(HANDLE job) {
                : 0;
 }
 
-void end_job(const wchar_t* name, DWORD patience) {
-    const pwrap::win_handle<0> job(::OpenJobObjectW(JOB_OBJECT_QUERY | JOB_OBJECT_TERMINATE, FALSE, name));
+std::wstring job_name(const wchar_t* kind) {
+    return std::wstring(L"LumarisProof") + kind + L"-" + std::to_wstring(::GetCurrentProcessId());
+}
+
+} // namespace
+
+std::wstring programs_job() {
+    return job_name(L"Programs");
+}
+
+std::wstring installers_job() {
+    return job_name(L"Installers");
+}
+
+void end_installers(const std::wstring& name) {
+    const pwrap::win_handle<0> job(
+        ::OpenJobObjectW(JOB_OBJECT_QUERY | JOB_OBJECT_TERMINATE, FALSE, name.c_str()));
     if (!job) {
         return;
     }
-    for (DWORD waited = 0; waited < patience && active_processes(job.get()) != 0; waited += 100) {
+    for (int turn = 0; turn < 1200 && active_processes(job.get()) != 0; ++turn) {
         ::Sleep(100);
     }
     ::TerminateJobObject(job.get(), ended_by_proof);
@@ -90,17 +163,12 @@ void end_job(const wchar_t* name, DWORD patience) {
     }
 }
 
-} // namespace
-
-void end_left_programs() {
-    end_job(programs_job, 0);
-    end_job(installers_job, 120'000);
-}
-
 finished_run run_program(const std::wstring& command_line, const run_options& options) {
-    // The outer one is found by its name after this program was killed; the inner one has the messages of this run alone.
+    // The outer one is found by its name; the inner one has the messages of this run alone.
+    SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
     const pwrap::win_handle<0> found_by_name(
-        ::CreateJobObjectW(nullptr, options.installs ? installers_job : programs_job));
+        ::CreateJobObjectW(options.installs ? &inherited : nullptr,
+                           options.installs ? installers_job().c_str() : programs_job().c_str()));
     const pwrap::win_handle<0> job(::CreateJobObjectW(nullptr, nullptr));
     const pwrap::win_handle<0> port(::CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 1));
     JOBOBJECT_ASSOCIATE_COMPLETION_PORT association{job.get(), port.get()};
@@ -114,7 +182,6 @@ finished_run run_program(const std::wstring& command_line, const run_options& op
         limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
         ::SetInformationJobObject(job.get(), JobObjectExtendedLimitInformation, &limits, sizeof limits);
     }
-    SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
     const pwrap::win_handle<-1> nothing(::CreateFileW(L"NUL", GENERIC_READ | GENERIC_WRITE,
                                                       FILE_SHARE_READ | FILE_SHARE_WRITE, &inherited,
                                                       OPEN_EXISTING, 0, nullptr));
@@ -125,29 +192,17 @@ finished_run run_program(const std::wstring& command_line, const run_options& op
                                    FILE_ATTRIBUTE_NORMAL, nullptr));
     }
     STARTUPINFOW start{};
-    start.cb = sizeof start;
     start.dwFlags = STARTF_USESTDHANDLES;
     start.hStdInput = nothing.get();
     start.hStdOutput = output ? output.get() : nothing.get();
     start.hStdError = start.hStdOutput;
     std::wstring desktop = options.unseen ? unseen_desktop() : L"";
     start.lpDesktop = options.unseen ? desktop.data() : nullptr;
-    std::wstring line = command_line;
-    PROCESS_INFORMATION made{};
+    std::array jobs{found_by_name.get(), job.get()};
     const ULONGLONG begin = ::GetTickCount64();
-    if (::CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE,
-                         CREATE_SUSPENDED | CREATE_NO_WINDOW | CREATE_UNICODE_ENVIRONMENT, nullptr,
-                         options.folder.empty() ? nullptr : options.folder.c_str(), &start, &made) == 0) {
-        throw pwrap::win_runtime_error(("cannot start " + utf8(command_line)).c_str());
-    }
+    const PROCESS_INFORMATION made = start_in_jobs(command_line, jobs, start, options);
     const pwrap::win_handle<0> process(made.hProcess);
     const pwrap::win_handle<0> thread(made.hThread);
-    if (::AssignProcessToJobObject(found_by_name.get(), process.get()) == 0 ||
-        ::AssignProcessToJobObject(job.get(), process.get()) == 0) {
-        const DWORD error = ::GetLastError();
-        ::TerminateProcess(process.get(), ended_by_proof);
-        throw pwrap::win_runtime_error(error, "a program cannot be put into a job object");
-    }
     ::ResumeThread(thread.get());
 
     finished_run result;
@@ -163,7 +218,7 @@ finished_run run_program(const std::wstring& command_line, const run_options& op
                 if (message == JOB_OBJECT_MSG_NEW_PROCESS) {
                     const auto id = static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(value));
                     if (id != made.dwProcessId) {
-                        known.note(id);
+                        known.note(id, options.installs ? found_by_name.get() : nullptr);
                     }
                 }
                 if (done() != ended) {
