@@ -1,9 +1,11 @@
 """The checks of ./dev lint find what they are there for: each runs over a small tree with a mistake in it, and over the tree without."""
 
 import json
+import os
 import re
 import shutil
 import sys
+import time
 from argparse import Namespace
 from collections.abc import Callable
 from pathlib import Path
@@ -129,6 +131,63 @@ def test_shell(complaints_of: Complaints, file: str) -> None:
 def test_tidy(complaints_of: Complaints, file: str, mistake: str, expected: str) -> None:
     said = complaints_of("tidy", **{file: within(mistake)})
     assert expected in said and file in said
+
+
+@pytest.fixture(name="memory")
+def memory_fixture(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
+    monkeypatch.setenv("CCACHE_DIR", str(tmp_path / "cache"))
+    return tmp_path / "cache/clang-tidy"
+
+
+def test_tidy_looks_at_nothing_twice(complaints_of: Complaints, memory: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    assert complaints_of("tidy") == ""
+    assert memory.is_dir() and len(list(memory.iterdir())) == 2  # one of src, and one of tools, which both presets compile the same way
+    looked = []
+    run = linting.output_of
+    monkeypatch.setattr(linting, "output_of", lambda command: (looked.append(command[-1]), run(command))[1])
+    assert complaints_of("tidy") == ""
+    assert looked == ["--version"]
+
+
+def test_tidy_looks_again_after_a_change(complaints_of: Complaints, memory: Path) -> None:
+    assert complaints_of("tidy") == "" and memory.is_dir()
+    for _ in range(2):  # and what has a complaint is not remembered
+        assert "modernize-use-nullptr" in complaints_of(
+            "tidy", **{"src/platform/planted.cpp": within("int of(const int* p) {\n    return p == 0 ? 1 : *p;\n}")})
+
+
+def test_tidy_looks_again_after_a_change_of_a_header(complaints_of: Complaints, memory: Path) -> None:
+    planted = {"src/platform/planted.cpp": within("int of(int PARAMETER) {\n    return 1;\n}"),
+               "src/platform/planted.h": HEADER + "#define PARAMETER\n"}
+    assert complaints_of("tidy", **planted) == "" and memory.is_dir()
+    planted["src/platform/planted.h"] = HEADER + "#define PARAMETER number\n"
+    assert "clang-diagnostic-unused-parameter" in complaints_of("tidy", **planted)
+
+
+def test_tidy_looks_again_when_a_comment_no_longer_excuses_a_line(complaints_of: Complaints, memory: Path) -> None:
+    line = "int of(const int* p) {\n    return p == 0 ? 1 : *p; // %s\n}"
+    assert complaints_of("tidy", **{"src/platform/planted.cpp": within(line % "NOLINT")}) == "" and memory.is_dir()
+    assert "modernize-use-nullptr" in complaints_of("tidy", **{"src/platform/planted.cpp": within(line % "nolint")})
+
+
+def test_tidy_looks_again_with_other_settings(complaints_of: Complaints, memory: Path) -> None:
+    settings = Path(".clang-tidy")
+    text = settings.read_text(encoding="utf-8")
+    planted = {"src/platform/planted.cpp": within("int of(const int* p) {\n    return p == 0 ? 1 : *p;\n}")}
+    settings.write_text("Checks: '-*,performance-*'\n", encoding="utf-8")
+    assert complaints_of("tidy", **planted) == "" and memory.is_dir()
+    settings.write_text(text, encoding="utf-8")
+    assert "modernize-use-nullptr" in complaints_of("tidy", **planted)
+
+
+def test_tidy_forgets_what_was_long_ago(complaints_of: Complaints, memory: Path) -> None:
+    memory.mkdir(parents=True)
+    old, recent = memory / "old", memory / "recent"
+    for file, days in ((old, linting.Passed.KEPT_DAYS + 1), (recent, linting.Passed.KEPT_DAYS - 1)):
+        file.touch()
+        os.utime(file, (time.time() - days * 86400,) * 2)
+    complaints_of("tidy")
+    assert not old.exists() and recent.exists()
 
 
 def test_tidy_needs_something_to_look_at(complaints_of: Complaints) -> None:
