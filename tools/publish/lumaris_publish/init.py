@@ -59,7 +59,7 @@ def run(options: argparse.Namespace) -> int:
             (root / folder).mkdir(parents=True)
         for name, text in serverconfig.everything(made, docroot).items():
             (root / "server" / name).write_text(text, encoding="utf-8")
-        # Last: without it the folder is no publication.
+        # Last: without it the folder is not a publication.
         files.write_whole(root / settings.FILE, made.text().encode("utf-8"))
     terminal.say(f"{root} is a publication for http://{made.host}/: channels {', '.join(made.channels)}; {', '.join(made.windows)} and any Windows")
     terminal.next_step(f"let a server show {docroot}, with the configuration in {root}/server",

@@ -124,7 +124,7 @@ def _drill(options: argparse.Namespace) -> int:
         with Judge(publication.settings.public_key) as clients:
             said = clients.package(text, signature_of(text))
     if said.what != ACCEPTED:
-        raise refuse("drill", f"clients would refuse what {options.key} signs ({said.message}): it is no copy of the key that publish.toml names; "
+        raise refuse("drill", f"clients would refuse what {options.key} signs ({said.message}): it is not a copy of the key that publish.toml names; "
                               "find another copy today, while there is one")
     with lock.held(options.root, "keys drill", 30), files.explained():
         history = record.load(options.root)

@@ -167,7 +167,7 @@ class Check:
         self._settings = publication.settings
         self._server = urlsplit(server)
         if self._server.scheme not in ("http", "https") or not self._server.netloc:
-            raise refuse("address", f"\"{server}\" is no address of a server: write http://HOST/")
+            raise refuse("address", f"\"{server}\" is not the address of a server: write http://HOST/")
         self._quick = quick
         self._folder = folder
         self._history = record.load(publication.root)

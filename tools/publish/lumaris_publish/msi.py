@@ -11,7 +11,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 from . import tools
-from .refusal import refuse
+from .refusal import Refusal, refuse
 
 PROGRAM = "lumaris.exe"
 
@@ -102,25 +102,42 @@ def _export(package: Path, table: str) -> list[Row]:
     return [dict(zip(columns, [*line.split("\t"), *[""] * len(columns)], strict=False)) for line in lines[3:]]
 
 
-def read(package: Path) -> Package:
-    """Reads the tables. Raises Refusal if the file is no package."""
-    with concurrent.futures.ThreadPoolExecutor(4) as pool:
-        summary = pool.submit(tools.run, ["msiinfo", "suminfo", package])
-        properties, upgrades, conditions, sequence, actions, files, components, links, features = pool.map(
-            lambda table: _export(package, table), ("Property", "Upgrade", "LaunchCondition", "InstallExecuteSequence", "CustomAction", "File",
-                                                    "Component", "FeatureComponents", "Feature"))
-        said = summary.result()
-    if said.returncode != 0 or not properties:
-        raise refuse("no-package", f"{package.name} is no installer package, or it is damaged: {tools.words_of(said)}")
-    programs = [row for row in files if row["FileName"].rpartition("|")[2].lower() == PROGRAM]
-    holders = {row["Component_"] for row in programs}
-    found = re.search(r"^Template: ([^;\n]*)", said.stdout.decode("utf-8", "replace"), re.MULTILINE)
-    return Package(platform=found[1].strip() if found else "", properties={row["Property"]: row["Value"] for row in properties},
-                   upgrades=upgrades, conditions=conditions,
-                   sequence={row["Action"]: int(row["Sequence"]) for row in sequence if row["Sequence"].isdigit()},
-                   always=frozenset(row["Action"] for row in sequence if not row["Condition"]), actions=actions, programs=programs,
-                   components=[row for row in components if row["Component"] in holders],
-                   features=[row for row in features if row["Feature"] in {link["Feature_"] for link in links if link["Component_"] in holders}])
+class Reading:
+    """A package whose tables are being read, some at a time."""
+
+    def __init__(self, package: Path) -> None:
+        self._name = package.name
+        pool = concurrent.futures.ThreadPoolExecutor(4)
+        self._properties = pool.submit(_export, package, "Property")
+        self._summary = pool.submit(tools.run, ["msiinfo", "suminfo", package])
+        self._tables = [pool.submit(_export, package, table) for table in ("Upgrade", "LaunchCondition", "InstallExecuteSequence", "CustomAction", "File",
+                                                                           "Component", "FeatureComponents", "Feature")]
+        pool.shutdown(wait=False)
+
+    def properties(self) -> Row:
+        """What the table of properties says, which is there first. Raises Refusal if the file is not a package."""
+        rows = self._properties.result()
+        if not rows:
+            raise self._refusal()
+        return {row["Property"]: row["Value"] for row in rows}
+
+    def package(self) -> Package:
+        """All that the tables say. Raises Refusal if the file is not a package."""
+        properties, summary = self.properties(), self._summary.result()
+        if summary.returncode != 0:
+            raise self._refusal()
+        upgrades, conditions, sequence, actions, files, components, links, features = (table.result() for table in self._tables)
+        programs = [row for row in files if row["FileName"].rpartition("|")[2].lower() == PROGRAM]
+        holders = {row["Component_"] for row in programs}
+        found = re.search(r"^Template: ([^;\n]*)", summary.stdout.decode("utf-8", "replace"), re.MULTILINE)
+        return Package(platform=found[1].strip() if found else "", properties=properties, upgrades=upgrades, conditions=conditions,
+                       sequence={row["Action"]: int(row["Sequence"]) for row in sequence if row["Sequence"].isdigit()},
+                       always=frozenset(row["Action"] for row in sequence if not row["Condition"]), actions=actions, programs=programs,
+                       components=[row for row in components if row["Component"] in holders],
+                       features=[row for row in features if row["Feature"] in {link["Feature_"] for link in links if link["Component_"] in holders}])
+
+    def _refusal(self) -> Refusal:
+        return refuse("no-package", f"{self._name} is not an installer package, or it is damaged: {tools.words_of(self._summary.result())}")
 
 
 @contextmanager

@@ -134,7 +134,7 @@ def _check_staged(publication: Publication, clients: Judge, history: record.Hist
         if said.what != ACCEPTED or said.size != staged.size:
             raise refuse("damaged", f"{file} is not what was signed ({said.message or 'another size'}): bring it back from a copy "
                                     f"(SHA-256 {staged.sha256})")
-        if version.parse(msi.read(file).version) != wanted:
+        if version.parse(msi.Reading(file).package().version) != wanted:
             raise refuse("offer-version", f"{file} is not {wanted}: machines would install it again at every run; stage the right package")
     return packages[0].folder
 

@@ -127,7 +127,7 @@ def cdn(settings: Settings) -> str:
 
 1. /Halvoro/* (descriptions and their signatures): never cached at the edge, or asked about with the origin every time ("no-cache",
    revalidate). Programs send "Cache-Control: no-cache"; let that not be a reason to refuse them. Cookies of /Halvoro/ pass in both directions.
-2. /packages/*: cached for a year, whatever the request says; the files never change. Cookies and queries are no part of the key.
+2. /packages/*: cached for a year, whatever the request says; the files never change. Cookies and queries are not part of the key.
 3. Port 80 without a redirect to https for {settings.host}: the programs ask over HTTP and trust the signature alone.
 4. Types: .txt and .minisig are text/plain, .msi is application/octet-stream. No compression on the fly, no rewriting of any content.
 5. An object store without links: fill it with "lumaris-publish push DEST --plain", packages first. Between the two files of a description a

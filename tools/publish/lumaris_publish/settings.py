@@ -19,7 +19,7 @@ _COMMENTS = {
     "host": "The host that the programs ask, over HTTP on port 80. One host has one key for ever.",
     "public_key": "The key that they trust.",
     "packages": "Where the packages' folders are, as clients see it. Another host is allowed.",
-    "variants": "What clients give as their first argument; \"\" is no variant.",
+    "variants": "What clients give as their first argument; \"\" is not a variant.",
     "architecture": "arm64, the product; x64 is for trying it out.",
     "authenticode": "Whether packages must carry an Authenticode signature, and the root to check it against (PEM; \"\" is any).",
     "bridge_key": "Where this host is left: what the bridge release trusts, and whom it asks (see keys rotate).",
@@ -100,7 +100,7 @@ class Settings:
 def check_host(host: str) -> None:
     """A host name or an address alone."""
     if not re.fullmatch(r"[A-Za-z0-9]([A-Za-z0-9-]*[A-Za-z0-9])?(\.[A-Za-z0-9]([A-Za-z0-9-]*[A-Za-z0-9])?)*", host) or len(host) > 253:
-        raise refuse("host", f"\"{host}\" is no host name: give it alone, without scheme, port and path")
+        raise refuse("host", f"\"{host}\" is not a host name: give it alone, without scheme, port and path")
 
 
 def load(root: Path) -> Settings:

@@ -5,6 +5,7 @@ from __future__ import annotations
 import argparse
 import concurrent.futures
 import contextlib
+import queue
 from pathlib import Path
 
 from . import address, checks, files, lock, msi, names, record, terminal, version
@@ -41,16 +42,14 @@ def run(options: argparse.Namespace, signer: Signer) -> int:
         try:
             with files.explained(), Judge(settings.public_key) as clients, concurrent.futures.ThreadPoolExecutor(2) as pool:
                 checks.check_size(given.name, given.stat().st_size, clients)
-                # What is checked must be what is signed: everything is done with our own copy. Reading it costs the most, so the judge, the
-                # digest and minisign read it while it is checked. Nothing is signed before all is: a signature cannot be called back.
+                # What is checked must be what is signed: everything is done with our own copy. Reading it costs the most, so the digest is
+                # taken while the copy is written, and the judge and minisign read it while it is checked. Nothing is signed before all is: a
+                # signature cannot be called back.
                 made.mkdir()
-                progress = terminal.Progress("copying", given.stat().st_size)
-                size = files.copy(given, made / name, progress)
-                progress.end()
-                clients.send("ahead", made / name)
-                digesting, lasting = pool.submit(files.digest, made / name), pool.submit(files.sync, made / name)
-                package = msi.read(made / name)
-                own = version.parse(package.version)
+                size, digesting = _copy(given, made / name, pool)
+                lasting = pool.submit(files.sync, made / name)
+                reading = msi.Reading(made / name)
+                own = version.parse(reading.properties().get("ProductVersion", ""))
                 if options.expect and version.parse(options.expect) != own:
                     raise refuse("version", f"the package is {own}, not {options.expect}: give the package that you mean")
                 known = history.find(str(own), options.variant)
@@ -61,6 +60,8 @@ def run(options: argparse.Namespace, signer: Signer) -> int:
                     return 0
                 folder = str(own)
                 with signer.start(made / name, f"{name}, Halvoro {own}") if not options.dry_run else contextlib.nullcontext() as signature:
+                    clients.send("ahead", made / name)
+                    package = reading.package()
                     faults, place = checks.check(made / name, package, settings, history, options.variant, digesting.result)
                     accepted = settle(faults, options.accept)
                     address.check(f"{settings.packages}{folder}/", clients)
@@ -86,3 +87,22 @@ def run(options: argparse.Namespace, signer: Signer) -> int:
     terminal.next_step(*[f"stage the variant {names.show_variant(variant)} too" for variant in lacking],
                        f"lumaris-publish offer {staged.version} --channel {settings.channels[-1]}")
     return 0
+
+
+def _copy(given: Path, copied: Path, pool: concurrent.futures.Executor) -> tuple[int, concurrent.futures.Future[str]]:
+    """Copies the package; the size of the copy, and its digest, which the pool takes meanwhile."""
+    progress = terminal.Progress("copying", given.stat().st_size)
+    lengths: queue.SimpleQueue[int | None] = queue.SimpleQueue()
+    copied.touch()
+    digesting = pool.submit(files.digest, copied, iter(lengths.get, None))
+
+    def written(done: int) -> None:
+        lengths.put(done)
+        progress(done)
+
+    try:
+        size = files.copy(given, copied, written)
+    finally:
+        lengths.put(None)
+    progress.end()
+    return size, digesting

@@ -38,7 +38,7 @@ class Version:
 def parse(text: str) -> Version:
     """Reads "3.4.1", or "3.4.1.0" as packages and programs have it."""
     if not re.fullmatch(r"\d{1,9}(\.\d{1,9}){2,3}", text, re.ASCII):
-        raise refuse("version", f"\"{text}\" is no version: write three numbers with dots between them, such as 3.4.1")
+        raise refuse("version", f"\"{text}\" is not a version: write three numbers with dots between them, such as 3.4.1")
     numbers = [int(part) for part in text.split(".")]
     if len(numbers) == 4 and numbers[3] != 0:
         raise refuse("fourth-field", f"{text} differs from {'.'.join(map(str, numbers[:3]))} in its fourth field alone, which Windows "
