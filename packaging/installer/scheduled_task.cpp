@@ -72,8 +72,8 @@ HRESULT open_task(pwrap::com_obj<IRegisteredTask>& task) {
     return result;
 }
 
-// What a scheduler has answered. One of its own success codes, such as "has not run", comes in the place of a value.
-template <class T> std::optional<T> told(HRESULT result, T value, T in_its_place) {
+// What a scheduler has answered. It may answer with a success code of its own, such as "has not run", instead of a value.
+template <class T> std::optional<T> value_of(HRESULT result, T value, T in_its_place) {
     if (FAILED(result)) {
         return std::nullopt;
     }
@@ -174,15 +174,15 @@ HRESULT read_task_state(task_state& state) {
     VARIANT_BOOL enabled = VARIANT_FALSE;
     state.enabled = SUCCEEDED(task->get_Enabled(&enabled)) && enabled != VARIANT_FALSE;
     LONG code = 0;
-    const HRESULT result_told = task->get_LastTaskResult(&code);
+    const HRESULT asked_result = task->get_LastTaskResult(&code);
     state.last_result =
-        told<std::uint32_t>(result_told, static_cast<std::uint32_t>(code), 0x41303); // has not run
+        value_of<std::uint32_t>(asked_result, static_cast<std::uint32_t>(code), 0x41303); // has not run
     double date = 0;
-    const HRESULT last_told = task->get_LastRunTime(&date);
-    state.last_run = told<double>(last_told, date, 0);
+    const HRESULT asked_last = task->get_LastRunTime(&date);
+    state.last_run = value_of<double>(asked_last, date, 0);
     date = 0;
-    const HRESULT next_told = task->get_NextRunTime(&date);
-    state.next_run = told<double>(next_told, date, 0);
+    const HRESULT asked_next = task->get_NextRunTime(&date);
+    state.next_run = value_of<double>(asked_next, date, 0);
     return S_OK;
 }
 

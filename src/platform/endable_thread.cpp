@@ -5,7 +5,7 @@
 namespace pwrap {
 namespace {
 
-// It knows no owner, so that another may give it back for a thread that is no more.
+// It knows no owner, so that another may give it back for a thread that has ended.
 SRWLOCK guard = SRWLOCK_INIT;
 std::atomic<DWORD> holder{0}; // the endable thread that holds the guard
 

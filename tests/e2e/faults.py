@@ -141,7 +141,7 @@ def chunks(good: Message) -> dict[str, Fault]:
             chunked(chunk(body, f"{size:X};name=value"), b"0\r\nTrailer: one\r\n\r\n"), (body,)),
         "a chunk too long": Fault(chunked(chunk(body, f"{size + 5:x}"), LAST_CHUNK), (body + b"\r\n0\r\n",)),
         "a chunk too short": Fault(chunked(chunk(body, f"{size - 5:x}"), LAST_CHUNK), (body[:-5],)),
-        "a size that is no number": Fault(chunked(chunk(body, "zz"), LAST_CHUNK), (b"",)),
+        "a size that is not a number": Fault(chunked(chunk(body, "zz"), LAST_CHUNK), (b"",)),
         "a negative size": Fault(chunked(chunk(body, "-5"), LAST_CHUNK), (
             "WinHttpReadData failed: Invalid pointer address.", b"")),
         "no size": Fault(chunked(chunk(body, ""), LAST_CHUNK), (b"",)),
@@ -252,7 +252,7 @@ SILENCE = 50.0
 
 
 def endless(good: Message, most: int) -> dict[str, Fault]:
-    """Replies that go on until so many bytes have gone out, and then end. What this platform hands on of what was no body is nothing."""
+    """Replies that go on until so many bytes have gone out, and then end. This platform hands on nothing of what is not a body."""
     line = b"X-Endless: " + b"x" * 1011 + b"\r\n"
     block = b"x" * 65536
     chunked = good.with_lines("Transfer-Encoding: chunked")

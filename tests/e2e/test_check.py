@@ -371,17 +371,17 @@ DATE = r"\d{4}-\d\d-\d\d \d\d:\d\d"
 
 @pytest.mark.any_processor
 @pytest.mark.parametrize("encoding", ["utf-8", "utf-16"])
-@pytest.mark.parametrize(("log", "told"), [
+@pytest.mark.parametrize(("log", "verdict"), [
     ("Action start\r\nAction ended 3:26:25: InstallFinalize. Return value 3.\r\n",
      rf"the last installation \({DATE}\) failed, at: Action ended 3:26:25: InstallFinalize\. Return value 3\."),
     ("=== started ===\r\nMSI (c) (B0:1C) [03:26:25:120]: MainEngineThread is returning 1625\r\n=== stopped ===\r\n",
      rf"the last installation \({DATE}\) ended with 1625: a policy forbids it")])
-def test_an_installation_that_failed_is_a_problem(well: World, check: Check, encoding: str, log: str, told: str) -> None:
+def test_an_installation_that_failed_is_a_problem(well: World, check: Check, encoding: str, log: str, verdict: str) -> None:
     well.store.mkdir(parents=True)
     (well.store / "Halvoro.ARM64.log").write_bytes(log.encode(encoding))
     checked = check()
     assert checked.exit_code == UNHEALTHY
-    assert re.fullmatch(rf"Not healthy: {told}\.", checked.verdict), checked.verdict
+    assert re.fullmatch(rf"Not healthy: {verdict}\.", checked.verdict), checked.verdict
     well.machine.delete_key(EVENTS)
 
 

@@ -128,8 +128,8 @@ def test_a_request_that_is_none_is_never_answered_as_text_but_by_refusing_its_re
         except OSError:
             pass  # cut
     head = got.partition(b"\r\n\r\n")[0].lower()
-    # Its body came whole, and is no report.
-    is_refused = head.startswith(b"http/1.1 400") and b"no error report that the server can read" in got
+    # Its body came whole, and is not a report.
+    is_refused = head.startswith(b"http/1.1 400") and b"not an error report that the server can read" in got
     assert b"text/plain" not in head or is_refused, got[:300]
     assert server.send(short_report()).status == 449
 
@@ -503,7 +503,7 @@ def test_a_request_that_is_whole_in_time_is_answered_however_long_that_takes(ser
 def test_a_limit_that_is_none_is_refused(limit: str) -> None:
     done = subprocess.run([str(PROGRAM), "serve", "--request-limit", limit], capture_output=True, text=True, timeout=60, check=False)
     assert (done.returncode, done.stdout) == (2, "")
-    assert done.stderr == f"lumaris-reports: {limit}: this is no number of seconds from 1s to 86400s\n"
+    assert done.stderr == f"lumaris-reports: {limit}: this is not a number of seconds from 1s to 86400s\n"
 
 
 def test_what_the_fuzzer_begins_with_crashes_nothing(server: Server) -> None:

@@ -126,7 +126,7 @@ def test_nothing_of_another_site_changes_or_deletes(server: Server, headers: dic
     server.send(short_report())
     for path, form in (("/group/1/state", {"state": "known", "mended_in": "", "note": ""}), ("/report/1/delete", {})):
         assert server.ask(path, form=form, headers=headers).status == 403
-    # A link or a picture is no form.
+    # A link or a picture is not a form.
     for path in ("/group/1/state?state=known&mended_in=&note=", "/report/1/delete"):
         for method in ("GET", "HEAD", "PUT", "DELETE"):
             assert server.ask(path, method=method).status in (404, 405)

@@ -94,7 +94,7 @@ TEST(threads, verify_with_one_signature_and_one_key) {
             const auto& key = corvo::minisign::find_trusted_key(made, &fixtures::test_key, 1);
             require(key.id == fixtures::test_key.id, "the key is the table's");
             require(verifies(fixtures::text, made), "the signature is the text's");
-            require(!verifies("another text", made), "the signature is no other text's");
+            require(!verifies("another text", made), "the signature does not fit another text");
         }
     });
 }

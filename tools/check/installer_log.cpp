@@ -100,17 +100,17 @@ finding judge_log(std::string_view text, const std::string& written, const std::
     const auto* const known = std::find_if(known_results.begin(), known_results.end(),
                                            [&](const known_result& each) { return each.code == *result; });
     const bool is_known = known != known_results.end();
-    std::string told = when + "ended with " + std::to_string(*result);
-    told += is_known ? std::string(": ") + known->meaning : "";
+    std::string outcome = when + "ended with " + std::to_string(*result);
+    outcome += is_known ? std::string(": ") + known->meaning : "";
     const state how = is_known ? known->how : state::problem;
     if (how == state::good) {
-        return {"installer log", how, told + "; the log ends with: " + last_lines(text, 3), ""};
+        return {"installer log", how, outcome + "; the log ends with: " + last_lines(text, 3), ""};
     }
     std::string advice = is_known ? known->advice : "";
     if (advice.empty() && how == state::problem) {
         advice = "Read " + path + (where.empty() ? "." : " above that line.");
     }
-    return {"installer log", how, told + where, advice};
+    return {"installer log", how, outcome + where, advice};
 }
 
 } // namespace check

@@ -144,7 +144,7 @@ private:
     std::uint64_t m_taken = 0;
 };
 
-// Whether the check itself has broken off a fetch. A server's error page, however long, is no such case.
+// Whether the check itself has broken off a fetch. A server's error page is not such a case, however long it is.
 bool was_enough(const std::exception& error) {
     try {
         std::rethrow_if_nested(error);
@@ -569,9 +569,9 @@ void look_at_task(findings& found) {
     std::wstring xml;
     const HRESULT result = setup::read_task(xml);
     if (FAILED(result)) {
-        std::wstring told;
+        std::wstring no_task;
         LSTATUS status = ERROR_SUCCESS;
-        if (read_value(updater_key, L"NoTask", told, status) && told == L"1") {
+        if (read_value(updater_key, L"NoTask", no_task, status) && no_task == L"1") {
             found.items.push_back({"task", state::note, "none, as the installer was asked", ""});
         } else if (result == HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND) ||
                    result == HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND)) {

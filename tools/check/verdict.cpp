@@ -46,7 +46,7 @@ constexpr std::array known_messages{
     known_message{"Failed to load content: package larger than",
                   "The server sends more than any package has: tell the publisher."},
     known_message{"Failed to load content: larger than",
-                  "What arrives is no update description: exempt the update server from the filter."},
+                  "What arrives is not an update description: exempt the update server from the filter."},
     known_message{"Failed to load content: ", "The rest of the message says why; an HTTP status is the "
                                               "publisher's, a lost connection is the network's."},
     known_message{"Invalid Minisign signature", "What arrives is not what was signed: try again, and tell "

@@ -81,7 +81,7 @@ std::string rights_of(const std::wstring& path) {
     return utf8(text);
 }
 
-// Does something with the rights of this user who is no administrator.
+// Does something with the rights of this user, who is not an administrator.
 template <class Act> bool as_plain_user(Act&& act) {
     HANDLE opened = nullptr;
     if (::OpenProcessToken(::GetCurrentProcess(), TOKEN_DUPLICATE | TOKEN_QUERY | TOKEN_IMPERSONATE,

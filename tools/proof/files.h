@@ -11,6 +11,7 @@ void write_file(const std::wstring& path, const std::string& content);
 // At the end of the file, and through to the disk before it returns.
 void append_through(const std::wstring& path, const std::string& content);
 
+<<<<<<< HEAD
 // Makes a file shorter, in one step.
 void cut_file(const std::wstring& path, std::size_t size);
 
@@ -21,6 +22,9 @@ void replace_file(const std::wstring& path, const std::string& content);
 void replace_content(const std::wstring& path, const std::string& content, const std::wstring& elsewhere);
 
 // What is gone already is no failure. A link is removed, not followed. A program that has just ended may hold its file for a moment: both
+=======
+// What is gone already is not a failure. A link is removed, not followed. A program that has just ended may hold its file for a moment: both
+>>>>>>> 04f9ce1 (Say in plain words what is not a report, a version or a package)
 // try again for two seconds.
 void delete_file(const std::wstring& path);
 void delete_tree(const std::wstring& path);

@@ -11,7 +11,7 @@
 namespace corvo::report_reader {
 
 // Whether the bytes begin like a chunk: one to eight hexadecimal digits, CR and LF. A report never does: it begins with
-// 0x78, the zlib header of a 32 KB window, and that is no digit.
+// 0x78, the zlib header of a 32 KB window, and that is not a digit.
 bool has_chunk_framing(std::span<const std::byte> body) noexcept;
 
 // Throws `damage`, with the offset in `body`.

@@ -14,7 +14,7 @@ namespace corvo::reports {
 class access {
 public:
     // Lines NAME:HASH as `htpasswd -B` writes them, or any other hash that crypt(5) knows. Throws std::runtime_error that names the
-    // file when it cannot be read or holds no user. An empty path is no password file; an empty header is no proxy.
+    // file when it cannot be read or holds no user. An empty path means no password file; an empty header means no proxy.
     access(const std::string& password_file, std::string user_header);
 
     const std::string& user_header() const noexcept { return m_user_header; }

@@ -19,7 +19,7 @@ constexpr texts mended{"Thank you for the report. This error has been mended in 
                        "Faleminderit për raportin. Ky gabim është rregulluar në versionin %."};
 constexpr texts wanted{"The full report is wanted.", "Prosimo za celotno poročilo.",
                        "Kërkohet raporti i plotë."};
-constexpr texts refused{"This is no error report that the server can read.",
+constexpr texts refused{"This is not an error report that the server can read.",
                         "To ni poročilo o napaki, ki bi ga strežnik lahko prebral.",
                         "Ky nuk është një raport gabimi që serveri mund ta lexojë."};
 

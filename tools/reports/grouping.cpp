@@ -26,7 +26,7 @@ std::string module_name(const report_reader::report& report, const frame& shown)
     return printable(to_utf8(report.modules[shown.module].name));
 }
 
-// Without cutting a character in two. What is longer is no name of ours, and must neither fill a page nor be too long for an index of the
+// Without cutting a character in two. What is longer is not a name of ours, and must neither fill a page nor be too long for an index of the
 // database, which would keep back all that is written together with it.
 std::string at_most(std::string text, std::size_t longest) {
     if (text.size() > longest) {

@@ -237,7 +237,7 @@ private:
         return response;
     }
 
-    // Browsers say where a form comes from; what says nothing is no browser, and has given a password of its own accord.
+    // Browsers say where a form comes from; what says nothing is not a browser, and has given a password of its own accord.
     static bool is_own_form(const HttpRequestPtr& request) {
         const std::string& site = request->getHeader("sec-fetch-site");
         if (!site.empty()) {

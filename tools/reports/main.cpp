@@ -91,7 +91,7 @@ std::optional<std::int64_t> count_of(const std::string& text, char unit, std::in
 std::int64_t days_of(const std::string& text) {
     const auto days = count_of(text, 'd', 0, 36500);
     if (!days) {
-        throw wrong_arguments(text + ": this is no number of days such as 90d");
+        throw wrong_arguments(text + ": this is not a number of days such as 90d");
     }
     return *days;
 }
@@ -100,7 +100,7 @@ std::int64_t days_of(const std::string& text) {
 std::chrono::seconds seconds_of(const std::string& text) {
     const auto seconds = count_of(text, 's', 1, 86400);
     if (!seconds) {
-        throw wrong_arguments(text + ": this is no number of seconds from 1s to 86400s");
+        throw wrong_arguments(text + ": this is not a number of seconds from 1s to 86400s");
     }
     return std::chrono::seconds(*seconds);
 }

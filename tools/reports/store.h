@@ -150,7 +150,7 @@ private:
     std::unique_ptr<database> m_database;
 };
 
-// Whether the first of two versions such as "1.2.3" is older. What is no number counts as 0.
+// Whether the first of two versions such as "1.2.3" is older. What is not a number counts as 0.
 bool is_older(const std::string& version, const std::string& than);
 
 constexpr int days_shown = 30;

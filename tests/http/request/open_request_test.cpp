@@ -438,7 +438,7 @@ TEST_F(open_request, wipes_a_very_long_expanded_proxy_password_of_the_registry) 
     expect_proxy_password_is_wiped(http, std::wstring(600, L'p'), [&] { open(); });
 }
 
-// A password in the address is no less a secret than one for the proxy.
+// A password in the address is as secret as one for the proxy.
 TEST_F(open_request, wipes_the_password_of_the_server) {
     const std::wstring password = L"a password longer than a short string";
     url.user_name = "user";

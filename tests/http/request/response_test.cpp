@@ -89,7 +89,7 @@ TEST_F(response, may_have_empty_raw_headers) {
     EXPECT_EQ("", webio::query_raw_headers(request.get()));
 }
 
-// A size that is no number of characters: the odd byte has no room in the text.
+// A size that is not a whole number of characters: the odd byte has no room in the text.
 TEST_F(response, whose_raw_header_size_is_odd_is_read_into_the_room_there_is) {
     for (const DWORD excess : {DWORD{1}, DWORD{3}}) {
         receive({.raw_headers = L"HTTP/1.1 200\r\n"});

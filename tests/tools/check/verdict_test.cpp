@@ -110,7 +110,7 @@ TEST(verdict, has_advice_for_each_message_of_the_program) {
         {"Failed to load Minisign signature: not a Minisign signature", "What arrives is not a signature"},
         {"Failed to load Minisign signature: SSL certificate was revoked.",
          "The rest of the message says why"},
-        {"Failed to load content: larger than 65536 bytes", "What arrives is no update description"},
+        {"Failed to load content: larger than 65536 bytes", "What arrives is not an update description"},
         {"Failed to load content: Disk full.", "The rest of the message says why"},
         {"Invalid Minisign signature", "What arrives is not what was signed"},
         {"Unsupported Minisign signature", "Tell the publisher"},
