@@ -40,6 +40,9 @@ public:
     }
     bool cancel() override {
         ++asked;
+        if (when_asked) {
+            when_asked();
+        }
         if (asked == throw_at) {
             throw std::domain_error("from cancel");
         }
@@ -50,6 +53,7 @@ public:
     int cancel_at = 0;
     int throw_at = 0;
     bool set_throws = false;
+    std::function<void()> when_asked; // on the thread that asks
 
 private:
     void note(const std::string& call) {
