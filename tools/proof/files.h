@@ -11,7 +11,6 @@ void write_file(const std::wstring& path, const std::string& content);
 // At the end of the file, and through to the disk before it returns.
 void append_through(const std::wstring& path, const std::string& content);
 
-<<<<<<< HEAD
 // Makes a file shorter, in one step.
 void cut_file(const std::wstring& path, std::size_t size);
 
@@ -21,10 +20,7 @@ void replace_file(const std::wstring& path, const std::string& content);
 // The same for a file whose rights and owner are to stay. It is written elsewhere on the same volume first.
 void replace_content(const std::wstring& path, const std::string& content, const std::wstring& elsewhere);
 
-// What is gone already is no failure. A link is removed, not followed. A program that has just ended may hold its file for a moment: both
-=======
 // What is gone already is not a failure. A link is removed, not followed. A program that has just ended may hold its file for a moment: both
->>>>>>> 04f9ce1 (Say in plain words what is not a report, a version or a package)
 // try again for two seconds.
 void delete_file(const std::wstring& path);
 void delete_tree(const std::wstring& path);
