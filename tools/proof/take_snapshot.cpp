@@ -95,7 +95,8 @@ void add_key(snapshot& to, const std::wstring& name, bool whole) {
         add_values(to, key.get(), name);
     }
     for (const std::wstring& each : keys_in(key.get(), name)) {
-        const std::wstring inner = name + L"\\" + each;
+        std::wstring inner = name;
+        inner.append(1, L'\\').append(each);
         if (whole) {
             add_key(to, inner, whole);
         } else {
