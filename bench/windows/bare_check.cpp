@@ -2,8 +2,8 @@
 //
 //     bare_check DESCRIPTION_PATH
 //
-// Built a second time with WITH_LIBRARIES it also loads the libraries that the error reporting needs, and does nothing with them: what a
-// start costs through them alone.
+// Built a second time with WITH_LIBRARIES it also loads every other library that the product does, and does nothing with them: what a start
+// costs through them alone.
 
 #include "updater/build_config.h"
 
@@ -15,6 +15,7 @@
 
 #ifdef WITH_LIBRARIES
 #include <dbghelp.h>
+#include <shellapi.h>
 #define SECURITY_WIN32
 #include <security.h>
 #endif
@@ -25,8 +26,10 @@ namespace {
 
 #ifdef WITH_LIBRARIES
 // The linker takes a library in for a function's sake only.
-[[gnu::used]] const void* const loaded[] = {reinterpret_cast<const void*>(&::GetUserNameExW),
-                                            reinterpret_cast<const void*>(&::SymCleanup)};
+[[gnu::used]] const void* const loaded[] = {
+    reinterpret_cast<const void*>(&::CommandLineToArgvW), reinterpret_cast<const void*>(&::GetUserNameExW),
+    reinterpret_cast<const void*>(&::MessageBoxW), reinterpret_cast<const void*>(&::RegisterEventSourceW),
+    reinterpret_cast<const void*>(&::SymCleanup)};
 #endif
 
 void get(HINTERNET server, const std::wstring& path) {
