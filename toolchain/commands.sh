@@ -367,7 +367,7 @@ command_release() {
         job_release ship "${release_ship[@]}" || return
     fi
     [[ -n $output ]] || return 0
-    # What is in a symbol store belongs to one build whatever stands beside it, so that of former releases stays.
+    # What is in a symbol store belongs to one build whatever stands beside it, so that of former releases remains.
     mkdir -p -- "$output" && cp -r -- "${release_shipped[@]/#/"$here"/build/release/}" "$here/build/release/symbols" "$output/" ||
         die "cannot write to $output"
 }

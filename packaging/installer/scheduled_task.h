@@ -23,7 +23,7 @@ bool is_time_of_day(std::wstring_view text) noexcept;
 std::wstring task_xml(std::wstring_view model, std::wstring_view time, std::wstring_view program,
                       std::wstring_view mark);
 
-// Registers the task to run as SYSTEM, unless one of this name exists: that one may have been changed by an administrator and stays. Returns
+// Registers the task to run as SYSTEM, unless one of this name exists: that one may have been changed by an administrator and remains. Returns
 // S_OK when it was made and S_FALSE when there was one.
 HRESULT create_task(const std::wstring& xml);
 

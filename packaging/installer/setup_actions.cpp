@@ -160,7 +160,7 @@ void inherit_rights_again(HKEY key) noexcept {
     }
 }
 
-// Settings go with the program: a password that nobody uses must not stay.
+// Settings go with the program: a password that nobody uses must not remain.
 void delete_settings() noexcept {
     pwrap::reg_key key;
     if (key.open(HKEY_LOCAL_MACHINE, product_key, KEY_READ | KEY_WRITE | WRITE_DAC | whole_view) !=
@@ -276,7 +276,7 @@ __declspec(dllexport) UINT __stdcall unmake_task(MSIHANDLE install) {
     });
 }
 
-// Writes the settings that were given; those that were not stay as they are, so that an upgrade, which the updater starts without any, keeps
+// Writes the settings that were given; those that were not remain as they are, so that an upgrade, which the updater starts without any, keeps
 // them. That is why no component of the package holds them. Data: NOTASK;CHANNEL;USER;PASSWORD.
 __declspec(dllexport) UINT __stdcall store_settings(MSIHANDLE install) {
     return perform(install, [&]() -> UINT {
@@ -301,7 +301,7 @@ __declspec(dllexport) UINT __stdcall store_settings(MSIHANDLE install) {
 }
 
 // What removal takes: the task, packages and logs with their folder, reports of crashes that were not sent yet, and the settings. What cannot be
-// removed stays: a removal that fails half-way would leave more. Data: the folder.
+// removed remains: a removal that fails half-way would leave more. Data: the folder.
 __declspec(dllexport) UINT __stdcall remove_everything(MSIHANDLE install) {
     return perform(install, [&]() -> UINT {
         std::wstring folder = property(install, L"CustomActionData");

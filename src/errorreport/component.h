@@ -81,7 +81,7 @@ public:
     void wait_for_start_up_thread();
 
     // Handles a crash of the calling thread and ends the process with exit code 0xFFFFFFFF. A crash in the component itself, with
-    // the lock held, is not reported, nor is one beside another, whose thread stays here until the process ends. Uses little stack, of
+    // the lock held, is not reported, nor is one beside another, whose thread remains here until the process ends. Uses little stack, of
     // which an overflow leaves a few kilobytes.
     LONG filter(const EXCEPTION_POINTERS* exception) noexcept;
 

@@ -105,7 +105,7 @@ void save_report(const crash_to_report& job, std::span<const wchar_t> notes, dia
     }
 }
 
-// Sends the report or saves it, under the lock of the symbol engine. The engine stays for the saving: without it a walk along the stack ends
+// Sends the report or saves it, under the lock of the symbol engine. The engine remains for the saving: without it a walk along the stack ends
 // in the system's library that raised the exception, before it reaches the program, and to begin it again would take longer than all the rest.
 void send_or_save(const crash_to_report& job, HANDLE symbol_mutex, std::span<const wchar_t> notes,
                   dialog_text* text) {

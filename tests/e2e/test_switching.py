@@ -187,7 +187,7 @@ def test_clients_see_the_old_set_or_the_new_when_a_push_is_killed_at_any_step(wo
                 process = push_killed(switching, there, options, call, change)
                 seen = switching.see_while(process)
                 assert set(seen) <= ({"", new, TORN} if plain else {"", new}), (call, change)
-                # On a plain copy a client may ask between the two files of a description, once; killed there, one description stays torn.
+                # On a plain copy a client may ask between the two files of a description, once; killed there, one description remains torn.
                 assert process.returncode != 0 or seen.count(TORN) <= 1
                 assert torn_pairs(there, world.bed.key.line) <= (1 if plain else 0), (call, change)
                 lasting += seen[-1] == TORN

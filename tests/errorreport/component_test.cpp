@@ -394,7 +394,7 @@ TEST_F(installing, removal_happens_once) {
     EXPECT_EQ(strings(), calls);
 }
 
-// There is nothing to put back then; without a start-up thread the filter that stays reports nothing.
+// There is nothing to put back then; without a start-up thread the filter that remains reports nothing.
 TEST_F(installing, removal_leaves_the_filter_where_there_was_none_before) {
     current_filter = nullptr;
     subject.install();

@@ -18,7 +18,7 @@ PROVED, FAILED, NOT_BEGUN = 0, 1, 2
 # Where the proof keeps the list of what it has changed, as long as it has not put that back.
 JOURNAL = "C:\\ProgramData\\Lumaris proof"
 
-# Windows Installer's own keys stay, empty. Wine starts its Task Scheduler with the first task, and counts service starts.
+# Windows Installer's own keys remain, empty. Wine starts its Task Scheduler with the first task, and counts service starts.
 KEPT = (
     r"\[HKEY_LOCAL_MACHINE\\Software\\(Classes|Microsoft\\Windows\\CurrentVersion)\\Installer(\\[^\]]+)?\]",
     r"\[HKEY_LOCAL_MACHINE\\System\\\w+\\Control\\ServiceCurrent\] .*",
@@ -86,7 +86,7 @@ def registry_of(machine: Windows) -> set[str]:
 
 @contextmanager
 def nothing_left(machine: Windows, folder: Path) -> Iterator[None]:
-    """Drive and registry are afterwards as they were, but for what Windows Installer keeps. The report stays, of course."""
+    """Drive and registry are afterwards as they were, but for what Windows Installer keeps. The report remains, of course."""
     registry = registry_of(machine)
     installers = machine.unix_path("C:\\windows\\Installer")
     hosts = hosts_of(machine)

@@ -156,7 +156,7 @@ def test_json_is_all_that_is_printed_when_it_is_wanted(machine: Windows, folder:
 
 @pytest.mark.any_processor
 def test_what_is_kept_can_be_looked_at_until_the_next_start(machine: Windows, folder: Path) -> None:
-    """Somebody has added a name meanwhile, which stays."""
+    """Somebody has added a name meanwhile, which remains."""
     hosts = hosts_of(machine)
     names = hosts.read_bytes()
     try:

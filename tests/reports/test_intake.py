@@ -169,7 +169,7 @@ def test_what_was_answered_is_there_after_a_sudden_end_and_what_was_not_is_sent_
             if server.send(reports[number]).type.startswith("text/plain"):
                 answered.add(number)
         except (OSError, http.client.HTTPException):
-            pass  # as for the program: the report stays for the next start
+            pass  # as for the program: the report remains for the next start
 
     with concurrent.futures.ThreadPoolExecutor(8) as pool:
         sent = [pool.submit(deliver, number) for number in range(len(reports))]

@@ -49,8 +49,9 @@ constexpr std::array known_messages{
                   "What arrives is not an update description: exempt the update server from the filter."},
     known_message{"Failed to load content: ", "The rest of the message says why; an HTTP status is the "
                                               "publisher's, a lost connection is the network's."},
-    known_message{"Invalid Minisign signature", "What arrives is not what was signed: try again, and tell "
-                                                "the publisher if it stays. Nothing is installed meanwhile."},
+    known_message{"Invalid Minisign signature",
+                  "What arrives is not what was signed: try again, and tell "
+                  "the publisher if it persists. Nothing is installed meanwhile."},
     known_message{"Untrusted Minisign key",
                   "Tell the publisher: it is signed with a key that this program does not trust."},
     known_message{"Unsupported Minisign signature", "Tell the publisher: it is signed in the old format."},

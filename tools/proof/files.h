@@ -17,7 +17,7 @@ void cut_file(const std::wstring& path, std::size_t size);
 // A new file in the place of one, in one step: at every moment one of them is there, whole.
 void replace_file(const std::wstring& path, const std::string& content);
 
-// The same for a file whose rights and owner are to stay. It is written elsewhere on the same volume first.
+// The same for a file whose rights and owner are to remain. It is written elsewhere on the same volume first.
 void replace_content(const std::wstring& path, const std::string& content, const std::wstring& elsewhere);
 
 // What is gone already is not a failure. A link is removed, not followed. A program that has just ended may hold its file for a moment: both

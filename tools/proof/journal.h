@@ -39,7 +39,7 @@ public:
     void set_text(const std::wstring& key, const std::wstring& name, const std::wstring& text);
     void add_host_names(const std::vector<std::string>& names);
 
-    // Undoes what was done since `mark()` said so, or everything. What could not be undone, each a sentence; it stays in the list.
+    // Undoes what was done since `mark()` said so, or everything. What could not be undone, each a sentence; it remains in the list.
     std::size_t mark() const noexcept { return m_entries.size(); }
     std::vector<std::string> undo(std::size_t mark = 0);
 

@@ -312,7 +312,7 @@ void tls_server::serve() {
         if (connection == INVALID_SOCKET) {
             return;
         }
-        // A client that stays silent does not keep the server.
+        // A client that remains silent does not keep the server.
         const DWORD limit = 10'000;
         ::setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&limit),
                      sizeof limit);

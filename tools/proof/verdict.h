@@ -76,7 +76,7 @@ struct made_check {
     bool passed() const noexcept;
 };
 
-// The whole proof. References to its checks stay good while more are added.
+// The whole proof. References to its checks remain good while more are added.
 struct proof_report {
     std::string version;   // of Lumaris
     std::string windows;   // name and build

@@ -108,7 +108,7 @@ public:
     server(const http_settings& settings, intake& taken, pages* shown, access* allowed, metrics& counted)
         : m_settings(settings), m_intake(taken), m_pages(shown), m_access(allowed), m_metrics(counted) {}
 
-    // What fails is answered here, so the reply stays with this function.
+    // What fails is answered here, so the reply remains with this function.
     void handle(const HttpRequestPtr& request, const reply_function& reply) {
         try {
             if (request->localAddr().toPort() == m_settings.reports.port) {

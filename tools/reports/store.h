@@ -127,7 +127,7 @@ public:
 
     // What passes
 
-    // Deletes what came before these moments, at most `count`; returns how many. The counts of the groups stay.
+    // Deletes what came before these moments, at most `count`; returns how many. The counts of the groups remain.
     std::int64_t remove_before(milliseconds full_reports, milliseconds short_reports, std::int64_t count);
     // Groups anew what symbols were missing for: the reports behind the number `after`, at most `count`. `describe_again` is given
     // the report's bytes. Returns the last number, or nothing when there are no more.

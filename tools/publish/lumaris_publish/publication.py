@@ -147,7 +147,7 @@ class Publication:
         name = f"{int(before or '0') + 1:06}"
         made = self.sets / f".new-{name}"
         if before:
-            # Signed files stay the same bytes: one copy of each on the disk.
+            # Signed files remain the same bytes: one copy of each on the disk.
             shutil.copytree(self.sets / before, made, copy_function=os.link)
         written = []
         for channel, offer in offers.items():

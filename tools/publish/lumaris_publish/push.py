@@ -28,7 +28,7 @@ def run(options: argparse.Namespace) -> int:
             raise refuse("nothing-offered", "nothing is offered yet: lumaris-publish offer VERSION --channel C")
         destination = options.destination.rstrip("/")
         public = f"{publication.public}/"
-        # --relative makes the folders that are missing; times and rights stay, so that nothing is copied twice.
+        # --relative makes the folders that are missing; times and rights remain, so that nothing is copied twice.
         always = ["rsync", "-a", "--no-owner", "--no-group", "--relative"]
         steps = [("packages", [*always, "--partial-dir=.rsync-partial", "--exclude=.new-*", f"{public}./packages", f"{destination}/"])]
         if options.plain:
