@@ -34,12 +34,12 @@ NAMESPACE = uuid.UUID("0e3f6f0c-3c7b-4b8e-8a55-8f0f2f6f6d15")
 # Functions by which the frames of a crash are judged. Those of the runtime lie between them, and differ.
 NAMED = ("crash", "innermost", "middle", "outer", "unfinished", "wWinMain")
 
-# The programs that check_crashes.cpp and check_saved_reports.cpp start.
+# The programs that check_crashes.cpp, check_saved_reports.cpp and check_tls.cpp start.
 CRASHES = ("abort", "access_violation", "after_uninstall", "deep_recursion", "during_start_up", "exception_out_of_main", "fast_fail",
            "fault_in_start_up_thread", "foreign_fault_during_start_up", "foreign_fault_during_upload", "in_atexit_function", "in_static_destructor",
            "invalid_parameter", "none", "noexcept_violation", "on_thread_at_exit", "pure_virtual_call", "second_thread", "stack_overflow",
            "stack_overflow_bare", "stack_overflow_large", "terminate", "uncaught_exception", "uncaught_exception_on_thread", "under_exit_lock",
-           "under_heap_lock", "under_loader_lock")
+           "under_heap_lock", "under_loader_lock", "without_tls")
 
 # Of each of them so many bytes in turn, in one file: see together.h.
 BLOCK = 512

@@ -26,13 +26,14 @@ constexpr std::array table{
           "HKLM\\SOFTWARE\\Tavrin; "
           "the folders Tavrin in Program Files and Common Files; a product that installs one file",
           check_updates},
-    check{"tls",
-          "A package over TLS: a certificate that is trusted, and each that is not, with the text of its "
-          "failure.",
-          "names in the hosts file; ports 80 and 443 of the loopback address; the folder Tavrin in Common "
-          "Files; a key, and a certificate in "
-          "the machine's ROOT store for some seconds",
-          check_tls},
+    check{
+        "tls",
+        "A package over TLS: a certificate that is trusted, one that was revoked, and each that is not "
+        "trusted, with the text of its failure. Reports over TLS.",
+        "names in the hosts file; port 80 of the loopback address, and port 443 of it and of 127.0.0.2; the "
+        "folder Tavrin in Common Files; keys, and certificates in the machine's ROOT store for some "
+        "seconds each",
+        check_tls},
     check{"saved-reports",
           "Reports that cannot be sent are kept, also when the program that sends them is killed.",
           "names in the hosts file; port 443 of the loopback address 127.0.0.2", check_saved_reports},

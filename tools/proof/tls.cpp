@@ -1,129 +1,25 @@
 #include "tools/proof/tls.h"
 
-#include "tools/proof/machine.h"
-
 #include "platform/errors.h"
 
 #include <windows.h>
-
-#include <wincrypt.h>
 
 #define SECURITY_WIN32
 #include <schannel.h>
 #include <security.h>
 
 #include <array>
-#include <cstdio>
 #include <cstring>
+#include <span>
+#include <stdexcept>
+#include <string>
 
 namespace proof {
 
 namespace {
 
-constexpr wchar_t container[] = L"LumarisProof";
 constexpr DWORD request = ASC_REQ_STREAM | ASC_REQ_ALLOCATE_MEMORY | ASC_REQ_CONFIDENTIALITY |
                           ASC_REQ_REPLAY_DETECT | ASC_REQ_SEQUENCE_DETECT;
-
-void check(BOOL good, const char* failure) {
-    if (good == 0) {
-        throw pwrap::win_runtime_error(failure);
-    }
-}
-
-// Makes the key, and writes it into its container: a provider does that no later than when it is let go.
-void make_key() {
-    HCRYPTPROV provider = 0;
-    check(::CryptAcquireContextW(&provider, container, MS_ENH_RSA_AES_PROV_W, PROV_RSA_AES,
-                                 CRYPT_NEWKEYSET | CRYPT_MACHINE_KEYSET),
-          "no container for a key");
-    HCRYPTKEY key = 0;
-    const BOOL made = ::CryptGenKey(provider, AT_KEYEXCHANGE, 2048U << 16U, &key);
-    ::CryptDestroyKey(key);
-    ::CryptReleaseContext(provider, 0);
-    check(made, "no key");
-}
-
-SYSTEMTIME days_from_now(int days) {
-    FILETIME now;
-    ::GetSystemTimeAsFileTime(&now);
-    ULARGE_INTEGER ticks{{now.dwLowDateTime, now.dwHighDateTime}};
-    ticks.QuadPart += static_cast<ULONGLONG>(static_cast<LONGLONG>(days) * 864'000'000'000);
-    const FILETIME moved{ticks.LowPart, ticks.HighPart};
-    SYSTEMTIME result;
-    ::FileTimeToSystemTime(&moved, &result);
-    return result;
-}
-
-// Certificate and key belong together by the name of the container.
-PCCERT_CONTEXT make_certificate(const certificate_kind& kind) {
-    std::array<BYTE, 512> name{};
-    auto name_size = static_cast<DWORD>(name.size());
-    check(::CertStrToNameW(X509_ASN_ENCODING, (L"CN=" + wide(kind.host)).c_str(), CERT_X500_NAME_STR, nullptr,
-                           name.data(), &name_size, nullptr),
-          "no name for a certificate");
-    CERT_NAME_BLOB subject{name_size, name.data()};
-    std::wstring host = wide(kind.host);
-    CERT_ALT_NAME_ENTRY dns{};
-    dns.dwAltNameChoice = CERT_ALT_NAME_DNS_NAME;
-    dns.pwszDNSName = host.data();
-    CERT_ALT_NAME_INFO names{1, &dns};
-    std::array<BYTE, 512> encoded{};
-    auto encoded_size = static_cast<DWORD>(encoded.size());
-    check(::CryptEncodeObject(X509_ASN_ENCODING, X509_ALTERNATE_NAME, &names, encoded.data(), &encoded_size),
-          "no names for a certificate");
-    std::string identifier = szOID_SUBJECT_ALT_NAME2;
-    CERT_EXTENSION extension{identifier.data(), FALSE, {encoded_size, encoded.data()}};
-    CERT_EXTENSIONS extensions{1, &extension};
-    std::wstring container_name = container;
-    std::wstring provider_name = MS_ENH_RSA_AES_PROV_W;
-    CRYPT_KEY_PROV_INFO key{
-        container_name.data(), provider_name.data(), PROV_RSA_AES, CRYPT_MACHINE_KEYSET, 0, nullptr,
-        AT_KEYEXCHANGE};
-    std::string algorithm_name = szOID_RSA_SHA256RSA;
-    CRYPT_ALGORITHM_IDENTIFIER algorithm{algorithm_name.data(), {0, nullptr}};
-    SYSTEMTIME begin = days_from_now(kind.expired ? -30 : -1);
-    SYSTEMTIME end = days_from_now(kind.expired ? -2 : 2);
-    HCRYPTPROV provider = 0;
-    check(::CryptAcquireContextW(&provider, container, MS_ENH_RSA_AES_PROV_W, PROV_RSA_AES,
-                                 CRYPT_MACHINE_KEYSET),
-          "the key is gone");
-    const CERT_CONTEXT* const made =
-        ::CertCreateSelfSignCertificate(provider, &subject, 0, &key, &algorithm, &begin, &end, &extensions);
-    const DWORD error = ::GetLastError();
-    ::CryptReleaseContext(provider, 0);
-    if (made == nullptr) {
-        throw pwrap::win_runtime_error(error, "no certificate");
-    }
-    // Not the provider that was just let go.
-    ::CertSetCertificateContextProperty(made, CERT_KEY_CONTEXT_PROP_ID, 0, nullptr);
-    return made;
-}
-
-std::wstring thumbprint_of(PCCERT_CONTEXT certificate) {
-    std::array<BYTE, 20> hash{};
-    auto size = static_cast<DWORD>(hash.size());
-    check(::CertGetCertificateContextProperty(certificate, CERT_SHA1_HASH_PROP_ID, hash.data(), &size),
-          "no thumbprint");
-    std::wstring text;
-    for (const BYTE each : hash) {
-        std::array<wchar_t, 3> digits{};
-        std::swprintf(digits.data(), digits.size(), L"%02x", static_cast<unsigned int>(each));
-        text += digits.data();
-    }
-    return text;
-}
-
-void trust(PCCERT_CONTEXT certificate) {
-    const HCERTSTORE store =
-        ::CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_LOCAL_MACHINE, L"ROOT");
-    check(store != nullptr ? TRUE : FALSE, "the store of certificates cannot be opened");
-    // Only the certificate: the store is not to know about the key.
-    const BOOL added = ::CertAddEncodedCertificateToStore(
-        store, X509_ASN_ENCODING, certificate->pbCertEncoded, certificate->cbCertEncoded,
-        CERT_STORE_ADD_REPLACE_EXISTING, nullptr);
-    ::CertCloseStore(store, 0);
-    check(added, "a certificate cannot be trusted");
-}
 
 bool send_all(SOCKET to, const char* data, std::size_t size) {
     while (size != 0) {
@@ -135,15 +31,6 @@ bool send_all(SOCKET to, const char* data, std::size_t size) {
         size -= static_cast<std::size_t>(sent);
     }
     return true;
-}
-
-bool receive_more(SOCKET from, std::string& into) {
-    std::array<char, 16384> block{};
-    const int received = ::recv(from, block.data(), static_cast<int>(block.size()), 0);
-    if (received > 0) {
-        into.append(block.data(), static_cast<std::size_t>(received));
-    }
-    return received > 0;
 }
 
 // What SChannel has not used of its input is kept.
@@ -259,13 +146,9 @@ SOCKET connect_to(unsigned short port) {
 } // namespace
 
 struct tls_server::identity {
-    PCCERT_CONTEXT certificate = nullptr;
     CredHandle credentials{};
 
-    identity(journal& changes, const certificate_kind& kind) {
-        changes.will_make_key_container(container);
-        make_key();
-        certificate = make_certificate(kind);
+    explicit identity(PCCERT_CONTEXT certificate) {
         SCHANNEL_CRED wanted{};
         wanted.dwVersion = SCHANNEL_CRED_VERSION;
         wanted.cCreds = 1;
@@ -277,23 +160,15 @@ struct tls_server::identity {
         if (status != SEC_E_OK) {
             throw pwrap::win_runtime_error(static_cast<DWORD>(status), "no credentials for TLS");
         }
-        // Last, so that nothing is trusted for a server that does not come to be.
-        if (kind.trusted) {
-            changes.will_trust(thumbprint_of(certificate));
-            trust(certificate);
-        }
     }
     identity(const identity&) = delete;
     identity& operator=(const identity&) = delete;
-    ~identity() {
-        ::FreeCredentialsHandle(&credentials);
-        ::CertFreeCertificateContext(certificate);
-    }
+    ~identity() { ::FreeCredentialsHandle(&credentials); }
 };
 
-tls_server::tls_server(journal& changes, const certificate_kind* kind, unsigned short plain_port)
-    : m_identity(kind != nullptr ? std::make_unique<identity>(changes, *kind) : nullptr),
-      m_listener(listen_on("127.0.0.1", 443)), m_plain_port(plain_port) {
+tls_server::tls_server(const own_certificate* shown, const char* address, unsigned short plain_port)
+    : m_identity(shown != nullptr ? std::make_unique<identity>(shown->get()) : nullptr),
+      m_listener(listen_on(address, 443)), m_plain_port(plain_port) {
     if (m_listener == INVALID_SOCKET) {
         throw std::runtime_error("port 443 cannot be had");
     }
@@ -305,7 +180,7 @@ tls_server::~tls_server() {
     m_thread.join();
 }
 
-// One connection after the other: the updater has one.
+// One connection after the other: updater and reports have one.
 void tls_server::serve() {
     for (;;) {
         const SOCKET connection = ::accept(m_listener, nullptr, nullptr);

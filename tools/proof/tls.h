@@ -1,28 +1,19 @@
 // A TLS server on SChannel, for names that only the proof knows. What it decrypts it hands on to the plain web server, and back.
-//
-// The key lies in a container of its own, and a certificate that is to be trusted in the machine's ROOT store, as long as the proof
-// needs them; both stand in the journal before they are made. Throws pwrap::win_runtime_error. One thread makes and destroys both classes.
+// Throws pwrap::win_runtime_error when there are no credentials for it. One thread makes and destroys it.
 #pragma once
 
-#include "tools/proof/journal.h"
+#include "tools/proof/certificate.h"
 #include "tools/proof/web_server.h"
 
-#include <string>
+#include <memory>
 #include <thread>
 
 namespace proof {
 
-// Which certificate the server shows.
-struct certificate_kind {
-    std::string host;
-    bool trusted = true;
-    bool expired = false;
-};
-
 class tls_server {
 public:
-    // What arrives on 443 of the loopback address goes to `plain_port`. Without a certificate every handshake is cut.
-    tls_server(journal& changes, const certificate_kind* kind, unsigned short plain_port);
+    // What arrives on 443 of this loopback address goes to `plain_port` of 127.0.0.1. Without a certificate every handshake is cut.
+    tls_server(const own_certificate* shown, const char* address, unsigned short plain_port);
     tls_server(const tls_server&) = delete;
     tls_server& operator=(const tls_server&) = delete;
     ~tls_server();

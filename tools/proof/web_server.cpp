@@ -1,5 +1,8 @@
 #include "tools/proof/web_server.h"
 
+#include "tools/report_reader/chunk_framing.h"
+#include "tools/report_reader/damage.h"
+
 #include <windows.h>
 
 #include <wincrypt.h>
@@ -7,6 +10,8 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
+#include <span>
 #include <stdexcept>
 
 namespace proof {
@@ -30,6 +35,18 @@ std::string base64(const std::string& text) {
     ::CryptBinaryToStringA(reinterpret_cast<const BYTE*>(text.data()), static_cast<DWORD>(text.size()),
                            CRYPT_STRING_BASE64 | CRYPT_STRING_NOCRLF, result.data(), &size);
     return {result.data(), size};
+}
+
+// Nothing as long as the last chunk has not come.
+std::optional<std::vector<std::byte>> without_framing(const std::string& body) {
+    if (!body.ends_with("0\r\n\r\n")) {
+        return std::nullopt;
+    }
+    try {
+        return corvo::report_reader::remove_chunk_framing(std::as_bytes(std::span(body)));
+    } catch (const corvo::report_reader::damage&) {
+        return std::nullopt; // these bytes were data
+    }
 }
 
 } // namespace
@@ -62,6 +79,15 @@ bool can_listen(unsigned short port) {
     }
     ::closesocket(listener);
     return true;
+}
+
+bool receive_more(SOCKET from, std::string& into) {
+    std::array<char, 16384> block{};
+    const int received = ::recv(from, block.data(), static_cast<int>(block.size()), 0);
+    if (received > 0) {
+        into.append(block.data(), static_cast<std::size_t>(received));
+    }
+    return received > 0;
 }
 
 silent_server::silent_server(const char* address, unsigned short port)
@@ -116,6 +142,7 @@ void web_server::reset() {
     m_description = {};
     m_description_signature = {};
     m_targets.clear();
+    m_bodies.clear();
     m_credentials.clear();
     m_sent = 0;
 }
@@ -128,6 +155,11 @@ void web_server::ask_for(const std::string& credentials) {
 std::vector<std::string> web_server::targets() const {
     const std::lock_guard lock(m_lock);
     return m_targets;
+}
+
+std::vector<std::vector<std::byte>> web_server::bodies() const {
+    const std::lock_guard lock(m_lock);
+    return m_bodies;
 }
 
 std::uint64_t web_server::sent() const {
@@ -200,15 +232,26 @@ bool web_server::send_all(SOCKET connection, const char* data, std::size_t lengt
     return true;
 }
 
+// A client sends nothing behind a body before it has the answer.
+bool web_server::take_body(SOCKET connection, std::string& pending) {
+    std::optional<std::vector<std::byte>> body;
+    while (!(body = without_framing(pending))) {
+        if (pending.size() > 1'048'576 || !receive_more(connection, pending)) {
+            return false;
+        }
+    }
+    pending.clear();
+    const std::lock_guard lock(m_lock);
+    m_bodies.push_back(std::move(*body));
+    return true;
+}
+
 // False when the connection has come to its end.
 bool web_server::answer_one(SOCKET connection, std::string& pending) {
     while (pending.find("\r\n\r\n") == std::string::npos) {
-        std::array<char, 4096> block{};
-        const int received = ::recv(connection, block.data(), static_cast<int>(block.size()), 0);
-        if (received <= 0 || pending.size() > 65536) {
+        if (pending.size() > 65536 || !receive_more(connection, pending)) {
             return false;
         }
-        pending.append(block.data(), static_cast<std::size_t>(received));
     }
     const std::size_t end = pending.find("\r\n\r\n");
     const std::string head = pending.substr(0, end);
@@ -229,6 +272,9 @@ bool web_server::answer_one(SOCKET connection, std::string& pending) {
             "HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic realm=\"proof\"\r\n"
             "Content-Length: 0\r\n\r\n";
         return send_all(connection, refusal.data(), refusal.size());
+    }
+    if (head.find("\r\nTransfer-Encoding: chunked") != std::string::npos && !take_body(connection, pending)) {
+        return false;
     }
     const answer what = find(target);
     if (what.wait != 0) {

@@ -6,6 +6,7 @@
 
 #include <winsock2.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -24,6 +25,9 @@ SOCKET listen_on(const char* address, unsigned short port);
 
 // Whether nobody listens on this port of the loopback address, or of all addresses.
 bool can_listen(unsigned short port);
+
+// Adds what has come meanwhile, and waits for it. False at the end of the connection.
+bool receive_more(SOCKET from, std::string& into);
 
 // Takes connections and says nothing. Throws std::runtime_error when the port cannot be had.
 class silent_server {
@@ -64,11 +68,14 @@ public:
     void ask_for(const std::string& credentials);
 
     std::vector<std::string> targets() const;
+    // What was sent in chunks and came to its end, without its framing.
+    std::vector<std::vector<std::byte>> bodies() const;
     std::uint64_t sent() const;
 
 private:
     void accept_connections();
     void serve(SOCKET connection);
+    bool take_body(SOCKET connection, std::string& pending);
     bool answer_one(SOCKET connection, std::string& pending);
     answer find(const std::string& target) const;
     bool send_all(SOCKET connection, const char* data, std::size_t length);
@@ -80,6 +87,7 @@ private:
     answer m_description_signature;
     std::string m_credentials;
     std::vector<std::string> m_targets;
+    std::vector<std::vector<std::byte>> m_bodies;
     std::vector<SOCKET> m_open;
     std::uint64_t m_sent = 0;
     bool m_stopping = false;
