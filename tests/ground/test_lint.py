@@ -142,9 +142,14 @@ def memory_fixture(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
 def test_tidy_looks_at_nothing_twice(complaints_of: Complaints, memory: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     assert complaints_of("tidy") == ""
     assert memory.is_dir() and len(list(memory.iterdir())) == 2  # one of src, and one of tools, which both presets compile the same way
-    looked = []
+    looked: list[str] = []
     run = linting.output_of
-    monkeypatch.setattr(linting, "output_of", lambda command: (looked.append(command[-1]), run(command))[1])
+
+    def noted(command: list[str]) -> tuple[int, str]:
+        looked.append(command[-1])
+        return run(command)
+
+    monkeypatch.setattr(linting, "output_of", noted)
     assert complaints_of("tidy") == ""
     assert looked == ["--version"]
 
