@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import hashlib
 import json
 import os
 import resource
@@ -18,7 +19,7 @@ import pytest
 from bed.signing import KeyPair
 from conftest import TREE, Workshop
 from kit import HOST, Kit
-from lumaris_publish import program, signing
+from lumaris_publish import files, program, signing
 
 PACKAGE = "public/packages/3.4.1/Halvoro.ARM64.msi"
 
@@ -39,12 +40,32 @@ def test_a_package_is_copied_signed_and_recorded(kit: Kit, workshop: Workshop) -
     package = workshop.package()
     said = kit.done("stage", package)
     assert "3.4.1 is signed: " in said.out and "next: lumaris-publish offer 3.4.1 --channel beta" in said.out
+    assert f"SHA-256 {hashlib.sha256(package.read_bytes()).hexdigest()}\n" in said.out
     assert (kit.root / PACKAGE).read_bytes() == package.read_bytes()
     assert os.stat(kit.root / PACKAGE).st_mode & 0o222 == 0
     done = subprocess.run(["minisign", "-V", "-P", kit.key.line, "-m", str(kit.root / PACKAGE)], capture_output=True, timeout=30, check=False)
     assert done.returncode == 0
     assert sorted(kit.tree()) == sorted([PACKAGE, f"{PACKAGE}.minisig", "log.jsonl", "publish.toml", "server/apache.conf", "server/cdn.txt",
                                          "server/nginx.conf", "server/web.config", "state/packages/3.4.1.json"])
+
+
+def test_the_digest_follows_a_file_that_is_being_written(tmp_path: Path) -> None:
+    content, file = os.urandom(1_000_000), tmp_path / "growing"
+
+    def lengths() -> Iterator[int]:
+        for length in (0, 1, 1, 300_000, len(content)):
+            file.write_bytes(content[:length])
+            yield length
+
+    file.touch()
+    assert files.digest(file, lengths()) == hashlib.sha256(content).hexdigest()
+
+
+def test_a_copy_that_became_shorter_has_no_digest(tmp_path: Path) -> None:
+    file = tmp_path / "shorter"
+    file.write_bytes(b"12345")
+    with pytest.raises(OSError, match="became shorter"):
+        files.digest(file, iter([6]))
 
 
 def test_nothing_is_offered_by_staging(kit: Kit, workshop: Workshop) -> None:

@@ -183,7 +183,7 @@ def check_tidy(_fix: bool) -> Iterable[str]:
 class Passed:
     """Which sources have passed clang-tidy: a file in the compiler's cache for each, named by the digest of everything that it looked at.
 
-    clang-tidy takes ten seconds for a source, and reading it with all that it includes half a second. What had a complaint is not kept.
+    clang-tidy takes ten seconds for a source; to read it with its headers takes half a second. A source with a complaint is not remembered.
     """
 
     KEPT_DAYS = 30

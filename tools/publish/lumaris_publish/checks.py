@@ -116,7 +116,7 @@ def _check_authenticode(file: Path, settings: Settings) -> list[Fault]:
     root = ["-CAfile", settings.authenticode_root] if settings.authenticode_root else []
     done = tools.run(["osslsigncode", "verify", *root, "-in", file])
     said = (done.stdout + done.stderr).decode("utf-8", "replace")
-    # Without a root of ours only the signature itself is looked at; whose it is remains open then.
+    # Without a root of ours only the signature itself is checked, not who made it.
     good = "Signature verification: ok" in said if root else "No signature found" not in said and "Calculated DigitalSignature" in said
     if good:
         return []
